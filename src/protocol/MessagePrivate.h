@@ -1,0 +1,58 @@
+#pragma once
+
+#include <cstdint>
+#include <map>
+#include <string>
+
+#include "protocol/Message.h"
+
+namespace pbs {
+
+/// What a Message holds, and the incremental parser that fills it.
+class MessagePrivate {
+  public:
+    /// Positions of the parser, in the order in which a frame passes them.
+    enum State : std::uint32_t {
+        WAIT_S = 1,  ///< at rest
+        WAIT_M,
+        WAIT_X,
+        WAIT_START_CR,
+        WAIT_START_LF,
+        HEADER_TEXT,  ///< head text up to a CR
+        HEADER_LF,    ///< the LF behind a CR of the head
+        BODY_BYTES,
+        NO_BODY  ///< a frame that ended with its head; seen only in `lastState`
+    };
+
+    MessagePrivate(const std::string& code, const std::string& source);
+    /// Copies all but `headText`, which starts empty.
+    MessagePrivate(const MessagePrivate& other);
+    MessagePrivate& operator=(const MessagePrivate&) = delete;
+
+    /// Takes up to `length` bytes at `data`, as Message::parse tells; `data` is not null.
+    Message::ParserState parse(const char* data, unsigned long length, unsigned long* consumed);
+    /// Turns `headText` into `headerMap`. True when the head is acceptable; code, source and `contentSize`
+    /// are then those of the head. A refused head leaves them alone.
+    bool processHeaders();
+    /// Whether the body, as received, matches the header `edc-word`.
+    bool bodyIntegrityIsOk();
+
+    std::uint32_t parserState = WAIT_S;
+    std::uint32_t lastState = 0;  ///< state in which the last attempt ended
+    std::string code;
+    std::string sourceId;
+    std::uint64_t headSize = 0;     ///< bytes of the current head so far
+    std::uint32_t lineEnds = 0;     ///< CR LF pairs in a row so far
+    std::uint64_t contentSize = 0;  ///< body bytes that the parser awaits
+    std::string body;
+    std::map<std::string, std::string> headerMap;
+    std::string headText;      ///< raw bytes of the head being parsed
+    std::string lastHeadText;  ///< raw bytes of the last attempt
+
+  private:
+    Message::ParserState parseHeadByte(char byte);
+    Message::ParserState headComplete();
+    void endAttempt();
+};
+
+}  // namespace pbs
