@@ -1,0 +1,120 @@
+#include "diagnostics/logdebug.h"
+
+#include <err.h>
+#include <fts.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <array>
+#include <cstdio>
+#include <cstdlib>
+#include <fstream>
+#include <iostream>
+#include <vector>
+
+#include "local_time.h"
+#include "version.h"
+
+namespace {
+
+constexpr char DIRECTORY[] = "logsDrs";
+constexpr mode_t DIRECTORY_MODE = 0775;
+constexpr char NAME_PREFIX[] = "/logDrs";
+constexpr char NAME_SUFFIX[] = ".log";
+constexpr char ARCHIVE_SUFFIX[] = ".tar.gz";
+
+/// Where NAME_SUFFIX stands in a day's path: behind logsDrs/logDrsYYYYMMDD.
+constexpr std::size_t NAME_SUFFIX_POSITION = 22;
+
+/// As many files as the directory may hold when a day begins; the oldest of them goes.
+constexpr std::size_t MAX_FILES = 8;
+
+bool exists(const std::string& path) { return std::fstream(path, std::ios::in | std::ios::out).is_open(); }
+
+}  // namespace
+
+LogDebug* LogDebug::m_log = nullptr;
+
+LogDebug* LogDebug::obtemReferencia() {
+    // Never destroyed: exchanges of the application's own static destructors may still write.
+    if (m_log == nullptr) m_log = new LogDebug();
+    return m_log;
+}
+
+LogDebug::LogDebug() : m_pathLog(DIRECTORY) { mkdir(m_pathLog.c_str(), DIRECTORY_MODE); }
+
+std::string LogDebug::currentDate() { return localTimeText("%Y%m%d"); }
+std::string LogDebug::currentDateTime() { return localTimeText("%Y-%m-%d.%X"); }
+
+std::string LogDebug::getFileNameLog() {
+    const std::string date = currentDate();
+    if (date == m_currentDate) return m_fileNameLog;
+    compress(m_fileNameLog);
+    m_fileNameLog = m_pathLog + NAME_PREFIX + date + NAME_SUFFIX;
+    m_currentDate = date;
+    return m_fileNameLog;
+}
+
+void LogDebug::saveLog(const std::string& level, const std::string& text) {
+    const std::string fileName = getFileNameLog();
+    std::ofstream file;
+    if (exists(fileName)) {
+        file.open(fileName, std::ios::app);
+    } else {
+        file.open(fileName, std::ios::trunc);
+        file << "DRS Version: " << DRIVER_VERSION << std::endl;
+        removeLastDays(m_pathLog.data());
+    }
+    if (!file.is_open()) return;
+
+    std::array<char, 512> line{};
+    std::snprintf(line.data(), line.size(), "[%s] - [%s, %s]", currentDateTime().c_str(), level.c_str(),
+                  text.c_str());
+    file << line.data() << std::endl;
+}
+
+void LogDebug::compress(const std::string& fileName) {
+    if (!exists(fileName)) return;
+    const std::string archive = fileName + ARCHIVE_SUFFIX;
+    std::cout << "[removeLastDays] file to zip " << fileName << std::endl;
+    sync();
+    const std::string command = "tar -zcvf " + archive + " " + fileName;
+    std::cout << "[removeLastDays] cmd to zip " << command << std::endl;
+    const bool archived = system(command.c_str()) == 0;
+    // What a failed tar has left must not take the place of an earlier archive of that day.
+    if (!archived) remove(archive.c_str());
+    sync();
+    std::string finalName = archive;
+    finalName.erase(NAME_SUFFIX_POSITION, sizeof NAME_SUFFIX - 1);
+    std::cout << "[removeLastDays] erase " << finalName << std::endl;
+    if (rename(archive.c_str(), finalName.c_str()) == 0)
+        puts("File successfully renamed");
+    else
+        perror("Error renaming file");
+    sync();
+    if (archived) remove(fileName.c_str());
+    sync();
+}
+
+void LogDebug::removeLastDays(char* path) {
+    std::array<char*, 2> roots = {path, nullptr};
+    FTS* const walk = fts_open(roots.data(), FTS_COMFOLLOW | FTS_LOGICAL | FTS_NOCHDIR, nullptr);
+    if (walk == nullptr) {
+        warn("fts_open");
+        return;
+    }
+    const std::string wanted = std::string(path) + NAME_PREFIX;
+    std::vector<std::string> files;
+    if (fts_children(walk, 0) != nullptr) {
+        while (const FTSENT* entry = fts_read(walk))
+            if (entry->fts_info == FTS_F && std::string(entry->fts_path).find(wanted) != std::string::npos)
+                files.emplace_back(entry->fts_path);
+    }
+    fts_close(walk);
+
+    if (files.size() < MAX_FILES) return;
+    std::sort(files.begin(), files.end());
+    remove(files.front().c_str());
+    sync();
+}
