@@ -1,0 +1,247 @@
+#include "link/SerialCommChannel.h"
+
+#include <fcntl.h>
+#include <sys/ioctl.h>
+#include <termios.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <array>
+#include <cerrno>
+
+#include "diagnostics/logdebug.h"
+#include "fiscora.h"
+#include "local_time.h"
+#include "protocol/Message.h"
+
+namespace serial {
+
+namespace {
+
+/// One transfer of the line, in either direction.
+constexpr unsigned long PIECE_BYTES = 8192;
+
+constexpr std::uint32_t MAX_FAILURES = 500;
+constexpr int MAX_RESTARTS = 5;
+
+constexpr useconds_t CLOSED_PAUSE_US = 1'000'000;
+constexpr useconds_t AFTER_SEND_PAUSE_US = 100'000;
+constexpr useconds_t TRANSMISSION_POLL_US = 1'000;
+constexpr long MAX_TRANSMISSION_WAIT_US = 5'000'000;
+
+constexpr cc_t READ_TIMEOUT_TENTHS = 1;
+
+long microsecondsSince(const timeval& start) {
+    timeval now;
+    gettimeofday(&now, nullptr);
+    return (now.tv_sec - start.tv_sec) * 1'000'000 + (now.tv_usec - start.tv_usec);
+}
+
+void info(const std::string& text) { LogDebug::obtemReferencia()->saveLog("info", text); }
+void error(const std::string& text) { LogDebug::obtemReferencia()->saveLog("error", text); }
+
+}  // namespace
+
+/// What one call of receive_data works with.
+struct SerialCommChannel::Reception {
+    pbs::Message& answer;
+    pbs::Message message{};  ///< the parser's target: a frame may span many chunks
+    pbs::Message::ParserState lastResult = pbs::Message::PARSER_IN_PROGRESS;
+    int status = FISCORA_STATUS_NO_ANSWER;
+    int wrongAnswers = 0;
+};
+
+SerialCommChannel::SerialCommChannel() : fdSerial(-1), failCount(0), transmissionWaitUs(0) {}
+
+SerialCommChannel::~SerialCommChannel() { disconnect_client(); }
+
+int SerialCommChannel::connect_client() {
+    const std::string path = findUsbDevice();
+    if (path.empty()) return -1;
+    return openSerial(path);
+}
+
+int SerialCommChannel::openSerial(const std::string& path) {
+    if (path.empty()) return -1;
+    fdSerial = open(path.c_str(), O_RDWR | O_NOCTTY);
+    transmissionWaitUs = MAX_TRANSMISSION_WAIT_US;
+    if (isatty(fdSerial) == 0) return errno;
+    if (const int status = statusErro(); status != PORT_OPEN) return status;
+
+    termios settings;
+    tcgetattr(fdSerial, &settings);
+    settings.c_cflag = B38400 | CREAD | CLOCAL;
+    settings.c_lflag &= ~static_cast<tcflag_t>(ICANON | ECHO | ECHOE | ECHOK | ECHONL | ECHOCTL | ECHOPRT);
+    settings.c_iflag = 0;
+    settings.c_oflag = 0;
+    cfmakeraw(&settings);                        // also sets CS8
+    settings.c_cc[VTIME] = READ_TIMEOUT_TENTHS;  // after cfmakeraw, which sets both
+    settings.c_cc[VMIN] = 0;
+    tcflush(fdSerial, TCIOFLUSH);
+    tcsetattr(fdSerial, TCSANOW, &settings);
+    return 0;
+}
+
+bool SerialCommChannel::serialIsValid() {
+    if (fdSerial != -1) return true;
+    usleep(CLOSED_PAUSE_US);
+    return false;
+}
+
+void SerialCommChannel::disconnect_client() {
+    if (!serialIsValid()) return;
+    flushSerialIn();
+    flushSerialOut();
+    close(fdSerial);
+    fdSerial = -1;
+}
+
+void SerialCommChannel::flushSerialIn() { tcflush(fdSerial, TCIFLUSH); }
+void SerialCommChannel::flushSerialOut() { tcflush(fdSerial, TCOFLUSH); }
+
+int SerialCommChannel::send(const char* data, std::uint32_t length) {
+    const int result = fdSerial == -1 ? -1 : static_cast<int>(write(fdSerial, data, length));
+    if (result > 0)
+        failCount = 0;
+    else if (tooManyFailures())
+        usleep(CLOSED_PAUSE_US);
+    awaitTransmission();
+    flushSerialOut();
+    return result;
+}
+
+int SerialCommChannel::receive(char* buffer, unsigned long capacity) {
+    const int result = fdSerial == -1 ? -1 : static_cast<int>(read(fdSerial, buffer, capacity));
+    if (result > 0)
+        failCount = 0;
+    else
+        tooManyFailures();
+    return result;
+}
+
+/// Counts a transfer that moved nothing; true when it was one too many and has closed the port.
+bool SerialCommChannel::tooManyFailures() {
+    if (++failCount < MAX_FAILURES) return false;
+    disconnect_client();
+    failCount = 0;
+    return true;
+}
+
+/// Waits until the kernel has handed over what was written, or the connection's time for that is used up.
+/// Drivers of current kernels cancel transfers in flight when their output is discarded, and the request
+/// would never arrive.
+void SerialCommChannel::awaitTransmission() {
+    int queued = 0;
+    while (transmissionWaitUs > 0 && ioctl(fdSerial, TIOCOUTQ, &queued) == 0 && queued > 0) {
+        timeval start;
+        gettimeofday(&start, nullptr);
+        usleep(TRANSMISSION_POLL_US);
+        // A clock that was set back must not stretch the wait.
+        transmissionWaitUs -= std::max<long>(microsecondsSince(start), TRANSMISSION_POLL_US);
+    }
+}
+
+int SerialCommChannel::statusErro() {
+    if (fdSerial >= 0) return PORT_OPEN;
+    switch (errno) {
+        case ENODEV: return PORT_NO_DEVICE;
+        case EFAULT:
+        case ETXTBSY: return PORT_BAD_ADDRESS_OR_BUSY;
+        default: return PORT_FAILED;
+    }
+}
+
+std::string SerialCommChannel::getTimer() { return localTimeText("%Y%d%m%H%M%S "); }
+
+int SerialCommChannel::send_data(pbs::Message& message) {
+    gettimeofday(&startTime, nullptr);
+    const std::string text = message.toString();
+    const unsigned long size = text.size();
+    unsigned long offset = 0;
+    int result = 0;
+    while (offset < size) {
+        unsigned long pending = size - offset;
+        result = send(&text.at(offset), static_cast<std::uint32_t>(std::min(pending, PIECE_BYTES)));
+        // What the log shows: after a full piece what is left behind it, at the last piece its own length.
+        if (pending >= PIECE_BYTES) pending -= static_cast<unsigned long>(result);
+        info("[SerialCommChannel::send_data] Bytes enviados: " + std::to_string(pending) +
+             "Bytes Totais: " + std::to_string(size));
+        if (result < 0) break;
+        offset += static_cast<unsigned long>(result);
+    }
+    usleep(AFTER_SEND_PAUSE_US);
+    info(offset < size ? "[SerialCommChannel::send_data] Falha no envio."
+                       : "[SerialCommChannel::send_data] Enviado com sucesso");
+    return result;
+}
+
+int SerialCommChannel::receive_data(const char* code, pbs::Message& answer, int timeoutMs) {
+    Reception reception{answer};
+    std::array<char, PIECE_BYTES> chunk{};
+    int bytesRead = 0;
+    int elapsed = 0;
+    do {
+        bytesRead = receive(chunk.data(), chunk.size());
+        if (bytesRead > 0) parseChunk(code, chunk.data(), static_cast<unsigned long>(bytesRead), reception);
+        elapsed = elapsedMs();
+    } while (reception.lastResult == pbs::Message::PARSER_IN_PROGRESS && elapsed <= timeoutMs &&
+             bytesRead >= 0);
+
+    if (bytesRead < 0) {
+        error(" [SerialCommChannel::receive_data] __READERROR__");
+        reception.status = FISCORA_STATUS_READ_ERROR;
+    } else if (elapsed >= timeoutMs) {
+        error(" [SerialCommChannel::receive_data] __TIMEOUT__");
+        reception.status = FISCORA_STATUS_TIMEOUT;
+    }
+    tcflush(fdSerial, TCIOFLUSH);
+    return reception.status;
+}
+
+void SerialCommChannel::parseChunk(const char* code, const char* chunk, unsigned long size,
+                                   Reception& reception) {
+    unsigned long consumed = 0;
+    while (consumed < size) {
+        reception.lastResult = reception.message.parse(chunk + consumed, size - consumed, &consumed);
+        switch (reception.lastResult) {
+            case pbs::Message::PARSER_SYNTAX_ERROR:
+                error("[SerialCommChannel::receive_data] PARSER_SYNTAX_ERROR");
+                break;
+            case pbs::Message::PARSER_CHECKSUM_ERROR:
+                error("[SerialCommChannel::receive_data] PARSER_CHECKSUM_ERROR");
+                break;
+            case pbs::Message::PARSER_MESSAGE_READY: judge(code, reception); break;
+            case pbs::Message::PARSER_IN_PROGRESS: break;
+        }
+    }
+}
+
+/// Accepts the complete message as the answer, or refuses it and, the first five times, starts the clock
+/// anew.
+void SerialCommChannel::judge(const char* code, Reception& reception) {
+    pbs::Message& message = reception.message;
+    if (message.isCompressed()) message.uncompress();
+    if (message.bodySize() <= FISCORA_ANSWER_MAX_BYTES && message.code() == code) {
+        reception.answer = message;
+        info("[SerialCommChannel::receive_data] __NOERROR__");
+        reception.status = FISCORA_STATUS_OK;
+        return;
+    }
+    info("Comando invalido");
+    if (reception.wrongAnswers < MAX_RESTARTS) {
+        info("Reinicio do timeout");
+        gettimeofday(&startTime, nullptr);
+        reception.lastResult = pbs::Message::PARSER_IN_PROGRESS;
+    }
+    ++reception.wrongAnswers;
+    reception.status = FISCORA_STATUS_REFUSED;
+}
+
+int SerialCommChannel::elapsedMs() const {
+    timeval now;
+    gettimeofday(&now, nullptr);
+    return static_cast<int>((now.tv_sec - startTime.tv_sec) * 1000 +
+                            (now.tv_usec - startTime.tv_usec) / 1000);
+}
+
+}  // namespace serial

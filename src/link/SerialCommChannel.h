@@ -1,0 +1,95 @@
+#pragma once
+
+#include <sys/time.h>
+
+#include <cstdint>
+#include <string>
+
+namespace pbs {
+class Message;
+}
+
+namespace serial {
+
+/// USB vendor and product of the fiscal device, as the files below /sys/bus/usb/devices spell them.
+extern const std::string SERIAL_VENDOR_ID;
+extern const std::string SERIAL_PRODUCT_ID;
+
+/// What `SerialCommChannel::statusErro` makes of `errno`. Not statuses of an exchange.
+enum PortStatus {
+    PORT_OPEN = 0,
+    PORT_FAILED = 5,  ///< any reason that has no value of its own
+    PORT_NO_DEVICE = 6,
+    PORT_BAD_ADDRESS_OR_BUSY = 7
+};
+
+/// The connection to the fiscal device: one open terminal on a USB serial line, for the length of one
+/// exchange. The line runs at 38400 baud, 8 data bits, no parity, 1 stop bit, raw, without flow control.
+///
+/// Not copyable in any useful sense: it owns its descriptor. For one thread at a time.
+class SerialCommChannel {
+  public:
+    SerialCommChannel();
+    SerialCommChannel(const SerialCommChannel&) = delete;
+    SerialCommChannel& operator=(const SerialCommChannel&) = delete;
+    /// Disconnects; takes one second where the port is closed already.
+    virtual ~SerialCommChannel();
+
+    /// Finds the device and opens it. 0 when the port is open and configured, else not 0.
+    int connect_client();
+    /// Flushes both directions and closes the port; takes one second where it is closed already.
+    void disconnect_client();
+
+    /// Starts the exchange's clock and writes the whole frame of `message` in pieces of at most 8192 bytes,
+    /// then pauses 100 ms. Returns what the last `send` did: above 0 when the whole frame went out, below 0
+    /// when it did not.
+    int send_data(pbs::Message& message);
+    /// Waits for the answer that bears `code`, at most `timeoutMs` ms from the exchange's start; each of up
+    /// to five refused messages starts that clock anew. `answer` is assigned when a message is accepted, else
+    /// untouched. Returns the status of the exchange (the FISCORA_... constants of fiscora.h).
+    int receive_data(const char* code, pbs::Message& answer, int timeoutMs);
+
+    /// Path of the fiscal device's node by its name in /dev/serial/by-id, such as /dev/ttyACM0; empty where
+    /// there is none. Only the first character of the node's number is seen.
+    std::string findUsbDevice();
+    /// Path of the first terminal of the first USB device with the fiscal device's vendor, in memory of
+    /// malloc that the caller frees; null where there is none. The library itself does not search this way.
+    char* findUsbDeviceByVendorId();
+    /// Opens and configures `path`. 0, or a value that is not 0: -1 for an empty path, else the `errno` of
+    /// the test for a terminal. A file that is no terminal stays open until the channel is disconnected.
+    int openSerial(const std::string& path);
+
+    /// Whether the port is open; takes one second where it is not.
+    bool serialIsValid();
+    /// Discards what was received and not yet read.
+    void flushSerialIn();
+    /// Discards what was written and not yet transmitted.
+    void flushSerialOut();
+    /// One write of up to `length` bytes. Returns the bytes accepted, which may be fewer, or 0 or -1. The
+    /// 500th call of `send` and `receive` in a row that moves nothing closes the port.
+    int send(const char* data, std::uint32_t length);
+    /// One read of up to `capacity` bytes, for at most 0.1 s. Returns the bytes read, or 0 or -1. Counts
+    /// failures together with `send`.
+    int receive(char* buffer, unsigned long capacity);
+    /// PORT_OPEN where the port is open, else what `errno` stands for as a PortStatus.
+    int statusErro();
+    /// Local time as year, day, month, hour, minute, second in 14 digits (the day before the month), then a
+    /// blank.
+    std::string getTimer();
+
+  private:
+    struct Reception;
+
+    bool tooManyFailures();
+    void awaitTransmission();
+    void parseChunk(const char* code, const char* chunk, unsigned long size, Reception& reception);
+    void judge(const char* code, Reception& reception);
+    int elapsedMs() const;
+
+    int fdSerial = -1;            ///< -1 when closed
+    std::uint32_t failCount = 0;  ///< calls of send and receive in a row that moved no byte
+    timeval startTime;            ///< the exchange's clock; unset until send_data
+    long transmissionWaitUs = 0;  ///< what is left of the connection's time to wait for transmission
+};
+
+}  // namespace serial
