@@ -1,0 +1,100 @@
+#include "transaction/DoTransaction.h"
+
+#include <array>
+#include <cstdio>
+#include <cstring>
+#include <memory>
+#include <string_view>
+
+#include "diagnostics/logdebug.h"
+#include "fiscora.h"
+#include "local_time.h"
+#include "protocol/Message.h"
+#include "version.h"
+
+namespace {
+
+/// Names this side of the line to the device.
+constexpr int SOURCE_ID = 3;
+
+/// Stands in the log for a field that the answer does not have.
+constexpr char MISSING_FIELD[] = " ";
+
+const char* fieldOr(const std::vector<std::string>& fields, std::size_t index, const char* missing) {
+    return index < fields.size() ? fields[index].c_str() : missing;
+}
+
+}  // namespace
+
+DoTransaction::DoTransaction() = default;
+DoTransaction::~DoTransaction() = default;
+
+int DoTransaction::run(int timeoutMs, const char* command, const std::string& request, pbs::Message& answer) {
+    std::array<char, 100> sent{};
+    std::snprintf(sent.data(), sent.size(), "txCode: %s txSessao:%s txBufferSize:%d", command,
+                  fieldOr(split(request, '|'), 0, ""), static_cast<int>(request.size()));
+    LogDebug::obtemReferencia()->saveLog("info", sent.data());
+
+    int status = FISCORA_STATUS_NO_ANSWER;
+    if (m_channel.connect_client() == 0) {
+        // A failed sending shows as the silence that follows it.
+        WriteMessageCommand(command, request);
+        status = ReadMessageAnswer(command, answer, timeoutMs);
+        m_channel.disconnect_client();
+    }
+
+    const auto fields = split(answer.body(), '|');
+    std::array<char, 512> received{};
+    std::snprintf(received.data(), received.size(),
+                  "rxCode: %s rxSessao: %s rxEEEEE: %s rxCCCC: %s rxMessage: %s rxBufferSize: %d status: %d",
+                  answer.code().c_str(), fieldOr(fields, 0, MISSING_FIELD), fieldOr(fields, 1, MISSING_FIELD),
+                  fieldOr(fields, 2, MISSING_FIELD), fieldOr(fields, 3, MISSING_FIELD),
+                  static_cast<int>(answer.bodySize()), status);
+    LogDebug::obtemReferencia()->saveLog("info", received.data());
+    return status;
+}
+
+int DoTransaction::WriteMessageCommand(const char* command, const std::string& request) {
+    pbs::Message message;
+    message.setSourceId(SOURCE_ID);
+    message.setCode(command);
+    message.addHeader("drs-version", DRIVER_VERSION);
+    message.setBody(request);
+    message.compress();
+    return m_channel.send_data(message) <= 0 ? 1 : 0;
+}
+
+int DoTransaction::ReadMessageAnswer(const char* command, pbs::Message& answer, int timeoutMs) {
+    return m_channel.receive_data(command, answer, timeoutMs);
+}
+
+void DoTransaction::fileDump(const char* code, const char* tx, std::uint32_t txSize, const char* rx,
+                             std::uint32_t rxSize) {
+    const std::string time = localTimeText("%Y%d%m%H%M%S");
+    const auto write = [&](const char* suffix, const char* data, std::uint32_t size) {
+        std::array<char, 256> name{};
+        std::snprintf(name.data(), name.size(), "%s_%s_%s", time.c_str(), code, suffix);
+        const std::unique_ptr<FILE, int (*)(FILE*)> file(std::fopen(name.data(), "wb+"), std::fclose);
+        if (file && size > 0) std::fwrite(data, 1, size, file.get());
+    };
+    std::array<char, 256> description{};
+    std::snprintf(description.data(), description.size(),
+                  "DRS Version:%s\r\nDebug msg code: %s\r\ntxBufferSize:%d\r\nrxBufferSize:%d\r\n",
+                  DRIVER_VERSION, code, static_cast<int>(txSize), static_cast<int>(rxSize));
+
+    write("tx.bin", tx, txSize);
+    write("debug.txt", description.data(), static_cast<std::uint32_t>(std::strlen(description.data())));
+    if (rxSize != 0) write("rx.bin", rx, rxSize);
+}
+
+std::vector<std::string> split(const std::string& text, char delimiter) {
+    std::vector<std::string> pieces;
+    std::string_view rest = text.c_str();
+    while (!rest.empty()) {
+        const auto end = rest.find(delimiter);
+        pieces.emplace_back(rest.substr(0, end));
+        if (end == std::string_view::npos) break;
+        rest.remove_prefix(end + 1);
+    }
+    return pieces;
+}
