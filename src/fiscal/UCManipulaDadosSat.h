@@ -1,0 +1,123 @@
+#pragma once
+
+#include <cstddef>
+#include <optional>
+#include <string>
+#include <vector>
+
+#include "fiscora.h"
+
+namespace pbs {
+class Message;
+}
+
+/// Body of the last answer, filled up with zeros: what every operation returns. One more zero byte, which
+/// nothing writes, stands right behind it.
+extern char g_resp[FISCORA_ANSWER_MAX_BYTES];
+
+/// Where the three document operations build their requests: a document of an answer's size, and what else
+/// the request holds. Each keeps its last request.
+extern char g_bufferVenda[FISCORA_ANSWER_MAX_BYTES + 40];
+extern char g_bufferCancela[FISCORA_ANSWER_MAX_BYTES + 88];
+extern char g_bufferFimAFim[FISCORA_ANSWER_MAX_BYTES + 40];
+
+namespace manipulaDados {
+
+// Each command's name is the name of its operation, and the code of the message that carries it.
+inline constexpr char CMD_ATIVAR_SAT[] = "AtivarSAT";
+inline constexpr char CMD_COMUNICAR_ICP_BRASIL[] = "ComunicarCertificadoICPBRASIL";
+inline constexpr char CMD_ENVIAR_DADOS_VENDA[] = "EnviarDadosVenda";
+inline constexpr char CMD_CANCELA_ULTIMA_VENDA[] = "CancelarUltimaVenda";
+inline constexpr char CMD_CONSULTA_SAT[] = "ConsultarSAT";
+inline constexpr char CMD_TESTE_FIM_A_FIM[] = "TesteFimAFim";
+inline constexpr char CMD_CONSULTA_STATUS_OP[] = "ConsultarStatusOperacional";
+inline constexpr char CMD_CONSULTA_ULTIMA_SESSAO_FISCAL[] = "ConsultarUltimaSessaoFiscal";
+inline constexpr char CMD_CONSULTA_STATUS_OP_MFE[] = "ConsultarStatusOperacionalMFE";
+inline constexpr char CMD_CONSULTAR_NUM_SESSAO[] = "ConsultarNumeroSessao";
+inline constexpr char CMD_CONFIG_REDE[] = "ConfigurarInterfaceDeRede";
+inline constexpr char CMD_CONFIG_REDE_MFE[] = "ConfigurarInterfaceDeRedeMFE";
+inline constexpr char CMD_ASSOCIAR_ASSINATURA[] = "AssociarAssinatura";
+inline constexpr char CMD_ATUALIZAR_SOFTWARE[] = "AtualizarSoftwareSAT";
+inline constexpr char CMD_EXTRAIR_LOG[] = "ExtrairLogs";
+inline constexpr char CMD_BLOQUEAR_SAT[] = "BloquearSAT";
+inline constexpr char CMD_DESBLOQUEAR_SAT[] = "DesbloquearSAT";
+inline constexpr char CMD_TROCA_COD_ATIVACAO[] = "TrocarCodigoDeAtivacao";
+inline constexpr char CMD_REINICIAR_MFE[] = "ReiniciarMFE";
+inline constexpr char CMD_ENVIAR_STATUS_AC[] = "EnviarStatusAC";
+
+/// The fiscal operations. Each turns its arguments into one request, exchanges it with the device and returns
+/// the address of `g_resp`; fiscora.h documents those that have a flat function, and what they all have in
+/// common.
+class ManipulaDadosSat {
+  public:
+    ManipulaDadosSat();
+    virtual ~ManipulaDadosSat();
+
+    char* AtivarSAT(int numeroSessao, int subComando, const char* codigoDeAtivacao, const char* cnpj,
+                    int cUF);
+    char* ComunicarCertificadoICPBRASIL(int numeroSessao, const char* codigoDeAtivacao,
+                                        const char* certificado);
+    char* EnviarDadosVenda(int numeroSessao, const char* codigoDeAtivacao, const char* dadosVenda);
+    char* CancelarUltimaVenda(int numeroSessao, const char* codigoDeAtivacao, const char* chave,
+                              const char* dadosCancelamento);
+    char* ConsultarSAT(int numeroSessao);
+    char* TesteFimAFim(int numeroSessao, const char* codigoDeAtivacao, const char* dadosVenda);
+    char* ConsultarStatusOperacional(int numeroSessao, const char* codigoDeAtivacao);
+    /// The answer to the last fiscal document, whatever its session. Text: 40 bytes. Timeout: 22 s.
+    char* ConsultarUltimaSessaoFiscal(int numeroSessao, const char* codigoDeAtivacao);
+    /// As ConsultarStatusOperacional, with an MFE's fields. Text: 40 bytes. Timeout: 20 s.
+    char* ConsultarStatusOperacionalMFE(int numeroSessao, const char* codigoDeAtivacao);
+    char* ConsultarNumeroSessao(int numeroSessao, const char* codigoDeAtivacao, int cNumeroDeSessao);
+    char* ConfigurarInterfaceDeRede(int numeroSessao, const char* codigoDeAtivacao,
+                                    const char* dadosConfiguracao);
+    /// As ConfigurarInterfaceDeRede, for an MFE. Texts: 1063 bytes together. Timeout: 22 s.
+    char* ConfigurarInterfaceDeRedeMFE(int numeroSessao, const char* codigoDeAtivacao,
+                                       const char* dadosConfiguracao);
+    char* AssociarAssinatura(int numeroSessao, const char* codigoDeAtivacao, const char* cnpjValue,
+                             const char* assinaturaCNPJs);
+    char* AtualizarSoftwareSAT(int numeroSessao, const char* codigoDeAtivacao);
+    char* ExtrairLogs(int numeroSessao, const char* codigoDeAtivacao);
+    char* BloquearSAT(int numeroSessao, const char* codigoDeAtivacao);
+    char* DesbloquearSAT(int numeroSessao, const char* codigoDeAtivacao);
+    char* TrocarCodigoDeAtivacao(int numeroSessao, const char* codigoDeAtivacao, int opcao,
+                                 const char* novoCodigo, const char* confNovoCodigo);
+    /// Restarts an MFE. Text: 40 bytes. Timeout: 17 s.
+    char* ReiniciarMFE(int numeroSessao, const char* codigoDeAtivacao);
+    /// Tells an MFE the state of the commercial application. Texts: 70 bytes together. Timeout: 7 s.
+    char* EnviarStatusAC(int numeroSessao, const char* campoA, const char* campoB, const char* campoC);
+
+    /// Status of the last operation, a FiscoraStatus; 0 before the first.
+    int CodigoErro();
+    /// The document inside the last answer; see fiscora.h.
+    char* Base64ToAscii();
+    /// Does nothing: every exchange opens the port and closes it again. Returns 0.
+    int AbreSerialSAT(const char* porta);
+    /// Does nothing.
+    void closePortSerial();
+
+    /// Cuts `text` at its first NUL.
+    void cleanEmptyFields(std::string& text);
+    /// Replaces the first "<CNPJ/>" by "<CNPJ></CNPJ>", then the first "<CPF/>" by "<CPF></CPF>".
+    void replaceTag(std::string& text);
+    /// The pieces that the free function of this name gives, each also printed on a line of the standard
+    /// output.
+    std::vector<std::string> split(const std::string& text, char delimiter);
+
+    /// Appends a row with the answer's timing headers, and the differences between neighbouring stages, to
+    /// teste_desempenho.csv in the working directory; a new file gets a heading first. Nothing happens where
+    /// the file cannot be opened.
+    void gravaArquivoDesempenho(pbs::Message& answer);
+    /// The same with `text` as the only cell behind the time.
+    void gravaArquivoDesempenho(std::string text);
+
+  private:
+    char* exchange(const char* command, int timeoutMs, const std::optional<std::string>& request);
+
+    std::string m_lastCommand;  ///< name of the last operation's command, however it ended
+    int m_status = FISCORA_STATUS_OK;
+};
+
+}  // namespace manipulaDados
+
+/// The object behind the flat functions.
+extern manipulaDados::ManipulaDadosSat objManipulaDadosSat;
