@@ -38,52 +38,10 @@ namespace manipulaDados {
 
 namespace {
 
-constexpr char F1[] = "%06d|%01d|%s|%s|%02d";
-constexpr char F2[] = "%06d|%s|%s";
-constexpr char F3[] = "%06d|%s|%s|%s";
-constexpr char F4[] = "%06d";
-constexpr char F5[] = "%06d|%s";
-constexpr char F6[] = "%06d|%s|%06d";
-constexpr char F7[] = "%06d|%s|%01d|%s|%s";
-
-using Request = std::optional<std::string>;
-
-bool isGiven(int) { return true; }
-bool isGiven(const char* text) { return text != nullptr; }
-
-/// Builds a request in `buffer`. None where a text is null, or where the request and its terminating zero do
-/// not fit: a shortened document or activation code must never reach the device.
-template <const char* Format, std::size_t Size, typename... Arguments>
-Request requestIn(char (&buffer)[Size], Arguments... arguments) {
-    std::memset(buffer, 0, Size);
-    if (!(isGiven(arguments) && ...)) return std::nullopt;
-    const int length = std::snprintf(buffer, Size, Format, arguments...);
-    if (length < 0 || static_cast<std::size_t>(length) >= Size) return std::nullopt;
-    return buffer;
-}
-
-/// The same in a buffer of the operation's own.
-template <const char* Format, std::size_t Size, typename... Arguments>
-Request request(Arguments... arguments) {
-    char buffer[Size];
-    return requestIn<Format>(buffer, arguments...);
-}
-
 void replaceFirst(std::string& text, std::string_view wanted, std::string_view replacement) {
     const auto position = text.find(wanted);
     if (position != std::string::npos) text.replace(position, wanted.size(), replacement);
 }
-
-/// Which field of its answer holds a command's document.
-struct DocumentField {
-    const char* command;
-    std::size_t field;
-};
-constexpr DocumentField DOCUMENT_FIELDS[] = {
-    {CMD_ENVIAR_DADOS_VENDA, 6},
-    {CMD_CANCELA_ULTIMA_VENDA, 6},
-    {CMD_EXTRAIR_LOG, 5},
-};
 
 /// The headers in which an answer tells when it passed each stage, from the outermost to the innermost, each
 /// with the name of the record's column for the step from it to the next.
@@ -120,120 +78,132 @@ ManipulaDadosSat::~ManipulaDadosSat() = default;
 
 char* ManipulaDadosSat::AtivarSAT(int numeroSessao, int subComando, const char* codigoDeAtivacao,
                                   const char* cnpj, int cUF) {
-    return exchange(CMD_ATIVAR_SAT, 302000,
-                    request<F1, 64>(numeroSessao, subComando, codigoDeAtivacao, cnpj, cUF));
+    return run(CMD_ATIVAR_SAT, {numeroSessao, subComando, codigoDeAtivacao, cnpj, cUF});
 }
 
 char* ManipulaDadosSat::ComunicarCertificadoICPBRASIL(int numeroSessao, const char* codigoDeAtivacao,
                                                       const char* certificado) {
-    return exchange(CMD_COMUNICAR_ICP_BRASIL, 302000,
-                    request<F2, 2096>(numeroSessao, codigoDeAtivacao, certificado));
+    return run(CMD_COMUNICAR_ICP_BRASIL, {numeroSessao, codigoDeAtivacao, certificado});
 }
 
 char* ManipulaDadosSat::EnviarDadosVenda(int numeroSessao, const char* codigoDeAtivacao,
                                          const char* dadosVenda) {
-    auto request = requestIn<F2>(g_bufferVenda, numeroSessao, codigoDeAtivacao, dadosVenda);
-    if (request) cleanEmptyFields(*request);
-    return exchange(CMD_ENVIAR_DADOS_VENDA, 10000, request);
+    return run(CMD_ENVIAR_DADOS_VENDA, {numeroSessao, codigoDeAtivacao, dadosVenda});
 }
 
 char* ManipulaDadosSat::CancelarUltimaVenda(int numeroSessao, const char* codigoDeAtivacao, const char* chave,
                                             const char* dadosCancelamento) {
-    auto request = requestIn<F3>(g_bufferCancela, numeroSessao, codigoDeAtivacao, chave, dadosCancelamento);
-    if (request) {
-        replaceTag(*request);
-        cleanEmptyFields(*request);
-    }
-    return exchange(CMD_CANCELA_ULTIMA_VENDA, 7000, request);
+    return run(CMD_CANCELA_ULTIMA_VENDA, {numeroSessao, codigoDeAtivacao, chave, dadosCancelamento});
 }
 
-char* ManipulaDadosSat::ConsultarSAT(int numeroSessao) {
-    return exchange(CMD_CONSULTA_SAT, 6000, request<F4, 16>(numeroSessao));
-}
+char* ManipulaDadosSat::ConsultarSAT(int numeroSessao) { return run(CMD_CONSULTA_SAT, {numeroSessao}); }
 
 char* ManipulaDadosSat::TesteFimAFim(int numeroSessao, const char* codigoDeAtivacao, const char* dadosVenda) {
-    return exchange(CMD_TESTE_FIM_A_FIM, 22000,
-                    requestIn<F2>(g_bufferFimAFim, numeroSessao, codigoDeAtivacao, dadosVenda));
+    return run(CMD_TESTE_FIM_A_FIM, {numeroSessao, codigoDeAtivacao, dadosVenda});
 }
 
 char* ManipulaDadosSat::ConsultarStatusOperacional(int numeroSessao, const char* codigoDeAtivacao) {
-    return exchange(CMD_CONSULTA_STATUS_OP, 20000, request<F5, 48>(numeroSessao, codigoDeAtivacao));
+    return run(CMD_CONSULTA_STATUS_OP, {numeroSessao, codigoDeAtivacao});
 }
 
 char* ManipulaDadosSat::ConsultarUltimaSessaoFiscal(int numeroSessao, const char* codigoDeAtivacao) {
-    return exchange(CMD_CONSULTA_ULTIMA_SESSAO_FISCAL, 22000,
-                    request<F5, 48>(numeroSessao, codigoDeAtivacao));
+    return run(CMD_CONSULTA_ULTIMA_SESSAO_FISCAL, {numeroSessao, codigoDeAtivacao});
 }
 
 char* ManipulaDadosSat::ConsultarStatusOperacionalMFE(int numeroSessao, const char* codigoDeAtivacao) {
-    return exchange(CMD_CONSULTA_STATUS_OP_MFE, 20000, request<F5, 48>(numeroSessao, codigoDeAtivacao));
+    return run(CMD_CONSULTA_STATUS_OP_MFE, {numeroSessao, codigoDeAtivacao});
 }
 
 char* ManipulaDadosSat::ConsultarNumeroSessao(int numeroSessao, const char* codigoDeAtivacao,
                                               int cNumeroDeSessao) {
-    return exchange(CMD_CONSULTAR_NUM_SESSAO, 22000,
-                    request<F6, 48>(numeroSessao, codigoDeAtivacao, cNumeroDeSessao));
+    return run(CMD_CONSULTAR_NUM_SESSAO, {numeroSessao, codigoDeAtivacao, cNumeroDeSessao});
 }
 
 char* ManipulaDadosSat::ConfigurarInterfaceDeRede(int numeroSessao, const char* codigoDeAtivacao,
                                                   const char* dadosConfiguracao) {
-    return exchange(CMD_CONFIG_REDE, 22000,
-                    request<F2, 1072>(numeroSessao, codigoDeAtivacao, dadosConfiguracao));
+    return run(CMD_CONFIG_REDE, {numeroSessao, codigoDeAtivacao, dadosConfiguracao});
 }
 
 char* ManipulaDadosSat::ConfigurarInterfaceDeRedeMFE(int numeroSessao, const char* codigoDeAtivacao,
                                                      const char* dadosConfiguracao) {
-    return exchange(CMD_CONFIG_REDE_MFE, 22000,
-                    request<F2, 1072>(numeroSessao, codigoDeAtivacao, dadosConfiguracao));
+    return run(CMD_CONFIG_REDE_MFE, {numeroSessao, codigoDeAtivacao, dadosConfiguracao});
 }
 
 char* ManipulaDadosSat::AssociarAssinatura(int numeroSessao, const char* codigoDeAtivacao,
                                            const char* cnpjValue, const char* assinaturaCNPJs) {
-    return exchange(CMD_ASSOCIAR_ASSINATURA, 900000,
-                    request<F3, 2128>(numeroSessao, codigoDeAtivacao, cnpjValue, assinaturaCNPJs));
+    return run(CMD_ASSOCIAR_ASSINATURA, {numeroSessao, codigoDeAtivacao, cnpjValue, assinaturaCNPJs});
 }
 
 char* ManipulaDadosSat::AtualizarSoftwareSAT(int numeroSessao, const char* codigoDeAtivacao) {
-    return exchange(CMD_ATUALIZAR_SOFTWARE, 1800000, request<F5, 48>(numeroSessao, codigoDeAtivacao));
+    return run(CMD_ATUALIZAR_SOFTWARE, {numeroSessao, codigoDeAtivacao});
 }
 
 char* ManipulaDadosSat::ExtrairLogs(int numeroSessao, const char* codigoDeAtivacao) {
-    return exchange(CMD_EXTRAIR_LOG, 22000, request<F5, 48>(numeroSessao, codigoDeAtivacao));
+    return run(CMD_EXTRAIR_LOG, {numeroSessao, codigoDeAtivacao});
 }
 
 char* ManipulaDadosSat::BloquearSAT(int numeroSessao, const char* codigoDeAtivacao) {
-    return exchange(CMD_BLOQUEAR_SAT, 302000, request<F5, 48>(numeroSessao, codigoDeAtivacao));
+    return run(CMD_BLOQUEAR_SAT, {numeroSessao, codigoDeAtivacao});
 }
 
 char* ManipulaDadosSat::DesbloquearSAT(int numeroSessao, const char* codigoDeAtivacao) {
-    return exchange(CMD_DESBLOQUEAR_SAT, 22000, request<F5, 48>(numeroSessao, codigoDeAtivacao));
+    return run(CMD_DESBLOQUEAR_SAT, {numeroSessao, codigoDeAtivacao});
 }
 
 char* ManipulaDadosSat::TrocarCodigoDeAtivacao(int numeroSessao, const char* codigoDeAtivacao, int opcao,
                                                const char* novoCodigo, const char* confNovoCodigo) {
-    return exchange(CMD_TROCA_COD_ATIVACAO, 22000,
-                    request<F7, 112>(numeroSessao, codigoDeAtivacao, opcao, novoCodigo, confNovoCodigo));
+    return run(CMD_TROCA_COD_ATIVACAO, {numeroSessao, codigoDeAtivacao, opcao, novoCodigo, confNovoCodigo});
 }
 
 char* ManipulaDadosSat::ReiniciarMFE(int numeroSessao, const char* codigoDeAtivacao) {
-    return exchange(CMD_REINICIAR_MFE, 17000, request<F5, 48>(numeroSessao, codigoDeAtivacao));
+    return run(CMD_REINICIAR_MFE, {numeroSessao, codigoDeAtivacao});
 }
 
 char* ManipulaDadosSat::EnviarStatusAC(int numeroSessao, const char* campoA, const char* campoB,
                                        const char* campoC) {
-    return exchange(CMD_ENVIAR_STATUS_AC, 7000, request<F3, 80>(numeroSessao, campoA, campoB, campoC));
+    return run(CMD_ENVIAR_STATUS_AC, {numeroSessao, campoA, campoB, campoC});
 }
 
-char* ManipulaDadosSat::exchange(const char* command, int timeoutMs, const Request& request) {
-    m_lastCommand = command;
+char* ManipulaDadosSat::run(const char* command, const std::vector<Argument>& arguments) {
+    const Operation& operation = *findOperation(command);
+    pbs::Message answer;
+    return exchange(operation, makeRequest(operation, arguments), answer);
+}
+
+Request ManipulaDadosSat::makeRequest(const Operation& operation, const std::vector<Argument>& arguments) {
+    std::vector<char> own(operation.buffer == nullptr ? operation.bufferBytes : 0);
+    char* const buffer = operation.buffer == nullptr ? own.data() : operation.buffer;
+    std::memset(buffer, 0, operation.bufferBytes);
+
+    std::size_t used = 0;
+    auto argument = arguments.begin();
+    for (std::string conversion : ::split(operation.format, '|')) {
+        if (*argument == Argument(nullptr)) return std::nullopt;
+        if (used > 0) conversion.insert(0, 1, '|');
+        const std::size_t left = operation.bufferBytes - used;
+        const int length = std::visit(
+            [&](auto value) { return std::snprintf(buffer + used, left, conversion.c_str(), value); },
+            *argument);
+        if (length < 0 || static_cast<std::size_t>(length) >= left) return std::nullopt;
+        used += static_cast<std::size_t>(length);
+        ++argument;
+    }
+
+    std::string request = buffer;
+    if (operation.replacesTags) replaceTag(request);
+    if (operation.cleansEmptyFields) cleanEmptyFields(request);
+    return request;
+}
+
+char* ManipulaDadosSat::exchange(const Operation& operation, const Request& request, pbs::Message& answer) {
+    m_lastCommand = operation.command;
     if (!request) {
         m_status = FISCORA_STATUS_BAD_REQUEST;
         std::memset(g_resp, 0, sizeof g_resp);
         return g_resp;
     }
     DoTransaction transaction;
-    pbs::Message answer;
-    m_status = transaction.run(timeoutMs, command, *request, answer);
+    m_status = transaction.run(operation.timeoutMs, operation.command, *request, answer);
     std::memset(g_resp, 0, sizeof g_resp);
     std::memcpy(g_resp, answer.body().data(), std::min<std::size_t>(answer.bodySize(), sizeof g_resp));
     return g_resp;
@@ -245,8 +215,10 @@ char* ManipulaDadosSat::Base64ToAscii() {
     static std::string document;
     document.clear();
     const auto fields = split(std::string(g_resp, strnlen(g_resp, sizeof g_resp)), '|');
-    for (const auto& [command, field] : DOCUMENT_FIELDS)
-        if (m_lastCommand == command && field < fields.size()) document = Base64::decode(fields[field]);
+    const Operation* const operation = findOperation(m_lastCommand);
+    if (operation == nullptr || operation->documentField == Operation::NO_DOCUMENT) return document.data();
+    const auto field = static_cast<std::size_t>(operation->documentField);
+    if (field < fields.size()) document = Base64::decode(fields[field]);
     return document.data();
 }
 

@@ -1,10 +1,11 @@
 #pragma once
 
-#include <cstddef>
 #include <optional>
 #include <string>
+#include <variant>
 #include <vector>
 
+#include "fiscal/operations.h"
 #include "fiscora.h"
 
 namespace pbs {
@@ -15,35 +16,13 @@ class Message;
 /// nothing writes, stands right behind it.
 extern char g_resp[FISCORA_ANSWER_MAX_BYTES];
 
-/// Where the three document operations build their requests: a document of an answer's size, and what else
-/// the request holds. Each keeps its last request.
-extern char g_bufferVenda[FISCORA_ANSWER_MAX_BYTES + 40];
-extern char g_bufferCancela[FISCORA_ANSWER_MAX_BYTES + 88];
-extern char g_bufferFimAFim[FISCORA_ANSWER_MAX_BYTES + 40];
-
 namespace manipulaDados {
 
-// Each command's name is the name of its operation, and the code of the message that carries it.
-inline constexpr char CMD_ATIVAR_SAT[] = "AtivarSAT";
-inline constexpr char CMD_COMUNICAR_ICP_BRASIL[] = "ComunicarCertificadoICPBRASIL";
-inline constexpr char CMD_ENVIAR_DADOS_VENDA[] = "EnviarDadosVenda";
-inline constexpr char CMD_CANCELA_ULTIMA_VENDA[] = "CancelarUltimaVenda";
-inline constexpr char CMD_CONSULTA_SAT[] = "ConsultarSAT";
-inline constexpr char CMD_TESTE_FIM_A_FIM[] = "TesteFimAFim";
-inline constexpr char CMD_CONSULTA_STATUS_OP[] = "ConsultarStatusOperacional";
-inline constexpr char CMD_CONSULTA_ULTIMA_SESSAO_FISCAL[] = "ConsultarUltimaSessaoFiscal";
-inline constexpr char CMD_CONSULTA_STATUS_OP_MFE[] = "ConsultarStatusOperacionalMFE";
-inline constexpr char CMD_CONSULTAR_NUM_SESSAO[] = "ConsultarNumeroSessao";
-inline constexpr char CMD_CONFIG_REDE[] = "ConfigurarInterfaceDeRede";
-inline constexpr char CMD_CONFIG_REDE_MFE[] = "ConfigurarInterfaceDeRedeMFE";
-inline constexpr char CMD_ASSOCIAR_ASSINATURA[] = "AssociarAssinatura";
-inline constexpr char CMD_ATUALIZAR_SOFTWARE[] = "AtualizarSoftwareSAT";
-inline constexpr char CMD_EXTRAIR_LOG[] = "ExtrairLogs";
-inline constexpr char CMD_BLOQUEAR_SAT[] = "BloquearSAT";
-inline constexpr char CMD_DESBLOQUEAR_SAT[] = "DesbloquearSAT";
-inline constexpr char CMD_TROCA_COD_ATIVACAO[] = "TrocarCodigoDeAtivacao";
-inline constexpr char CMD_REINICIAR_MFE[] = "ReiniciarMFE";
-inline constexpr char CMD_ENVIAR_STATUS_AC[] = "EnviarStatusAC";
+/// One argument of an operation.
+using Argument = std::variant<int, const char*>;
+
+/// A request's text; none where it can't be made.
+using Request = std::optional<std::string>;
 
 /// The fiscal operations. Each turns its arguments into one request, exchanges it with the device and returns
 /// the address of `g_resp`; fiscora.h documents those that have a flat function, and what they all have in
@@ -110,8 +89,17 @@ class ManipulaDadosSat {
     /// The same with `text` as the only cell behind the time.
     void gravaArquivoDesempenho(std::string text);
 
+    /// The request text of any operation from its arguments, numeroSessao first, as many as its format has
+    /// and of their kinds. None where a text is null, or where the request and its terminating zero do not
+    /// fit the operation's buffer: a shortened document or activation code must never reach the device.
+    Request makeRequest(const Operation& operation, const std::vector<Argument>& arguments);
+    /// Exchanges a request of that operation with the device; what each of the operations above does.
+    /// `answer`, a fresh message, is left as the exchange left it, with its headers. Without a request
+    /// nothing is sent, and the status is FISCORA_STATUS_BAD_REQUEST.
+    char* exchange(const Operation& operation, const Request& request, pbs::Message& answer);
+
   private:
-    char* exchange(const char* command, int timeoutMs, const std::optional<std::string>& request);
+    char* run(const char* command, const std::vector<Argument>& arguments);
 
     std::string m_lastCommand;  ///< name of the last operation's command, however it ended
     int m_status = FISCORA_STATUS_OK;
