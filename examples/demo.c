@@ -118,7 +118,6 @@ int main(void) {
 
     snprintf(cancellation, sizeof cancellation, CANCELLATION, key);
     free(expect("CancelarUltimaVenda", CancelarUltimaVenda(3, ACTIVATION_CODE, key, cancellation), "07000"));
-    save_document("cancelamento.xml");
 
     free(expect("ExtrairLogs", ExtrairLogs(4, ACTIVATION_CODE), "15000"));
     save_document("sat.log");
