@@ -51,7 +51,7 @@ struct SerialCommChannel::Reception {
     int wrongAnswers = 0;
 };
 
-SerialCommChannel::SerialCommChannel() : fdSerial(-1), failCount(0), transmissionWaitUs(0) {}
+SerialCommChannel::SerialCommChannel() = default;
 
 SerialCommChannel::~SerialCommChannel() { disconnect_client(); }
 
@@ -162,7 +162,8 @@ int SerialCommChannel::send_data(pbs::Message& message) {
     while (offset < size) {
         unsigned long pending = size - offset;
         result = send(&text.at(offset), static_cast<std::uint32_t>(std::min(pending, PIECE_BYTES)));
-        // What the log shows: after a full piece what is left behind it, at the last piece its own length.
+        // What the log shows: after a full piece what is left behind it (one more than before, where it
+        // failed with -1), at the last piece its own length.
         if (pending >= PIECE_BYTES) pending -= static_cast<unsigned long>(result);
         info("[SerialCommChannel::send_data] Bytes enviados: " + std::to_string(pending) +
              "Bytes Totais: " + std::to_string(size));

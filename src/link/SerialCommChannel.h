@@ -88,7 +88,7 @@ class SerialCommChannel {
 
     int fdSerial = -1;            ///< -1 when closed
     std::uint32_t failCount = 0;  ///< calls of send and receive in a row that moved no byte
-    timeval startTime;            ///< the exchange's clock; unset until send_data
+    timeval startTime{};          ///< the exchange's clock; started by send_data
     long transmissionWaitUs = 0;  ///< what is left of the connection's time to wait for transmission
 };
 

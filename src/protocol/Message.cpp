@@ -3,6 +3,7 @@
 #include <zlib.h>
 
 #include <new>
+#include <utility>
 
 #include "protocol/MessagePrivate.h"
 #include "protocol/pbs.h"

@@ -35,7 +35,7 @@ class MessagePrivate;
 class Message {
   public:
     /// Result of `parse`.
-    enum ParserState {
+    enum ParserState : int {
         PARSER_IN_PROGRESS = 0,    ///< all bytes were taken, no frame has ended
         PARSER_MESSAGE_READY = 1,  ///< a sound frame has ended; the message holds it
         PARSER_SYNTAX_ERROR = 2,   ///< a head was refused, or `data` was null

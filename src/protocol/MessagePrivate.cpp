@@ -45,8 +45,10 @@ Message::ParserState MessagePrivate::parse(const char* data, unsigned long lengt
             result = parseHeadByte(data[taken++]);
             continue;
         }
-        // A body is opaque, so all that belongs to it is taken in one run.
-        const auto run = std::min<std::uint64_t>(length - taken, contentSize - body.size());
+        // A body is opaque, so all that belongs to it is taken in one run; at least a byte, where setBody
+        // came between.
+        const std::uint64_t missing = contentSize > body.size() ? contentSize - body.size() : 1;
+        const auto run = std::min<std::uint64_t>(length - taken, missing);
         body.append(data + taken, run);
         taken += run;
         if (body.size() >= contentSize) {

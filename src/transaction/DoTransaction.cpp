@@ -30,9 +30,10 @@ DoTransaction::DoTransaction() = default;
 DoTransaction::~DoTransaction() = default;
 
 int DoTransaction::run(int timeoutMs, const char* command, const std::string& request, pbs::Message& answer) {
+    const auto requestFields = split(request, '|');
     std::array<char, 100> sent{};
     std::snprintf(sent.data(), sent.size(), "txCode: %s txSessao:%s txBufferSize:%d", command,
-                  fieldOr(split(request, '|'), 0, ""), static_cast<int>(request.size()));
+                  fieldOr(requestFields, 0, ""), static_cast<int>(request.size()));
     LogDebug::obtemReferencia()->saveLog("info", sent.data());
 
     int status = FISCORA_STATUS_NO_ANSWER;

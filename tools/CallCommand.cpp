@@ -1,0 +1,320 @@
+#include "CallCommand.h"
+
+#include <unistd.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <chrono>
+#include <cstdint>
+#include <cstdio>
+#include <cstdlib>
+#include <fstream>
+#include <iomanip>
+#include <iostream>
+#include <iterator>
+#include <limits>
+#include <optional>
+#include <sstream>
+#include <string_view>
+
+#include "Progress.h"
+#include "encoding/Base64.h"
+#include "fiscal/UCManipulaDadosSat.h"
+#include "protocol/Message.h"
+#include "transaction/DoTransaction.h"
+
+namespace tool {
+namespace {
+
+using manipulaDados::Argument;
+using manipulaDados::Operation;
+
+/// What an operation's row in the library does not tell: the names of its arguments behind numeroSessao, the
+/// first two digits of its EEEEE, and the names of its answer's fields behind that, as the tax authority's
+/// "Especificação de Requisitos do SAT-CF-e" has them. Operations without fields of their own give an earlier
+/// answer again.
+struct Names {
+    std::string_view command;
+    std::string_view arguments;
+    std::string_view prefix;
+    std::string_view fields;
+};
+
+constexpr std::string_view PLAIN = "mensagem cod mensagemSEFAZ";
+constexpr std::string_view DEVICE_STATUS =
+    "mensagem cod mensagemSEFAZ NSERIE TIPO_LAN LAN_IP LAN_MAC LAN_MASK LAN_GW LAN_DNS_1 LAN_DNS_2 "
+    "STATUS_LAN "
+    "NIVEL_BATERIA MT_TOTAL MT_USADA DH_ATUAL VER_SB VER_LAYOUT ULTIMO_CF_E_SAT LISTA_INICIAL LISTA_FINAL "
+    "DH_CFE "
+    "DH_ULTIMA CERT_EMISSAO CERT_VENCIMENTO ESTADO_OPERACAO";
+constexpr std::string_view DOCUMENT =
+    "CCCC mensagem cod mensagemSEFAZ arquivoCFeBase64 timeStamp chaveConsulta valorTotalCFe CPFCNPJValue "
+    "assinaturaQRCODE";
+constexpr std::string_view TEST_DOCUMENT =
+    "mensagem cod mensagemSEFAZ arquivoCFeBase64 timeStamp numDocFiscal chaveConsulta";
+
+/// The field that --out decodes bears a name that ends so.
+constexpr std::string_view DOCUMENT_SUFFIX = "Base64";
+
+constexpr Names NAMES[] = {
+    {"AtivarSAT", "subComando codigoDeAtivacao cnpj cUF", "04", "mensagem cod mensagemSEFAZ CSR"},
+    {"ComunicarCertificadoICPBRASIL", "codigoDeAtivacao certificado", "05", PLAIN},
+    {"EnviarDadosVenda", "codigoDeAtivacao dadosVenda", "06", DOCUMENT},
+    {"CancelarUltimaVenda", "codigoDeAtivacao chave dadosCancelamento", "07", DOCUMENT},
+    {"ConsultarSAT", "", "08", PLAIN},
+    {"TesteFimAFim", "codigoDeAtivacao dadosVenda", "09", TEST_DOCUMENT},
+    {"ConsultarStatusOperacional", "codigoDeAtivacao", "10", DEVICE_STATUS},
+    {"ConsultarUltimaSessaoFiscal", "codigoDeAtivacao", "19", ""},
+    {"ConsultarStatusOperacionalMFE", "codigoDeAtivacao", "10", DEVICE_STATUS},
+    {"ConsultarNumeroSessao", "codigoDeAtivacao cNumeroDeSessao", "11", ""},
+    {"ConfigurarInterfaceDeRede", "codigoDeAtivacao dadosConfiguracao", "12", PLAIN},
+    {"ConfigurarInterfaceDeRedeMFE", "codigoDeAtivacao dadosConfiguracao", "12", PLAIN},
+    {"AssociarAssinatura", "codigoDeAtivacao cnpjValue assinaturaCNPJs", "13", PLAIN},
+    {"AtualizarSoftwareSAT", "codigoDeAtivacao", "14", PLAIN},
+    {"ExtrairLogs", "codigoDeAtivacao", "15", "mensagem cod mensagemSEFAZ logBase64"},
+    {"BloquearSAT", "codigoDeAtivacao", "16", PLAIN},
+    {"DesbloquearSAT", "codigoDeAtivacao", "17", PLAIN},
+    {"TrocarCodigoDeAtivacao", "codigoDeAtivacao opcao novoCodigo confNovoCodigo", "18", PLAIN},
+    {"ReiniciarMFE", "codigoDeAtivacao", "20", PLAIN},
+    {"EnviarStatusAC", "campoA campoB campoC", "21", PLAIN},
+};
+
+/// Conversions of a request's format.
+constexpr std::string_view TEXT = "%s";
+constexpr std::string_view SESSION_NUMBER = "%06d";
+
+std::vector<std::string> words(std::string_view text) {
+    std::istringstream stream{std::string(text)};
+    return {std::istream_iterator<std::string>(stream), std::istream_iterator<std::string>()};
+}
+
+const Names& namesOf(std::string_view command) {
+    return *std::find_if(std::begin(NAMES), std::end(NAMES),
+                         [&](const Names& row) { return row.command == command; });
+}
+
+std::vector<std::string> argumentNames(const Operation& operation) {
+    auto names = words(namesOf(operation.command).arguments);
+    names.insert(names.begin(), "numeroSessao");
+    return names;
+}
+
+/// Names of the fields of an answer to `command`.
+std::vector<std::string> fieldNames(std::string_view command, const std::vector<std::string>& answer) {
+    std::string_view fields = namesOf(command).fields;
+    if (fields.empty()) {
+        fields = PLAIN;
+        for (const Names& row : NAMES)
+            if (answer.size() > 1 && answer[1].compare(0, 2, row.prefix) == 0 && !row.fields.empty())
+                fields = row.fields;
+    }
+    auto names = words(fields);
+    names.insert(names.begin(), {"numeroSessao", "EEEEE"});
+    return names;
+}
+
+std::string joined(const std::vector<std::string>& parts, const char* separator) {
+    std::string text;
+    for (const auto& part : parts) text += (text.empty() ? "" : separator) + part;
+    return text;
+}
+
+const Operation& chosenOperation(const std::string& name) {
+    if (const Operation* operation = manipulaDados::findOperation(name)) return *operation;
+    std::vector<std::string> known;
+    for (const Operation& operation : manipulaDados::OPERATIONS) known.emplace_back(operation.command);
+    throw CLI::ValidationError("there is no operation \"" + name + "\"; expected one of " +
+                               joined(known, ", "));
+}
+
+/// An argument @FILE stands for the content of that file, or of the standard input where it is @-.
+std::string content(const std::string& argument) {
+    if (argument.empty() || argument.front() != '@') return argument;
+    const std::string path = argument.substr(1);
+    std::ifstream file;
+    if (path != "-") file.open(path, std::ios::binary);
+    std::istream& source = path == "-" ? std::cin : file;
+    std::ostringstream text;
+    if (source) text << source.rdbuf();
+    if (!source || source.bad()) throw CLI::ValidationError("cannot read " + path);
+    if (text.str().find('\0') != std::string::npos)
+        throw CLI::ValidationError(path + " holds a zero byte and cannot be sent");
+    return text.str();
+}
+
+int number(const std::string& name, const std::string& text, std::string_view conversion) {
+    // Session numbers have 32 bits, all others 16.
+    const bool session = conversion == SESSION_NUMBER;
+    const long least = session ? std::numeric_limits<int>::min() : 0;
+    const long most = session ? std::numeric_limits<int>::max() : std::numeric_limits<std::uint16_t>::max();
+    char* end = nullptr;
+    errno = 0;
+    const long value = std::strtol(text.c_str(), &end, 10);
+    if (text.empty() || *end != '\0' || errno != 0 || value < least || value > most)
+        throw CLI::ValidationError(name + " is a number from " + std::to_string(least) + " to " +
+                                   std::to_string(most) + ", not \"" + text + "\"");
+    return static_cast<int>(value);
+}
+
+/// What `given`, the words behind the operation's name, are to the library. `texts` keeps the texts.
+std::vector<Argument> argumentsFrom(const Operation& operation, const std::vector<std::string>& given,
+                                    std::vector<std::string>& texts) {
+    const auto names = argumentNames(operation);
+    if (given.size() != names.size())
+        throw CLI::ValidationError(std::string(operation.command) + " takes " + joined(names, " ") + ", " +
+                                   std::to_string(names.size()) + " arguments and not " +
+                                   std::to_string(given.size()));
+    const auto conversions = split(operation.format, '|');
+    texts.resize(given.size());
+    std::vector<Argument> arguments;
+    for (std::size_t i = 0; i < given.size(); ++i) {
+        texts[i] = content(given[i]);
+        if (conversions[i] == TEXT)
+            arguments.emplace_back(texts[i].c_str());
+        else
+            arguments.emplace_back(number(names[i], texts[i], conversions[i]));
+    }
+    return arguments;
+}
+
+std::string_view meaning(int status) {
+    switch (status) {
+        case FISCORA_STATUS_OK: return "FISCORA_STATUS_OK: the device answered";
+        case FISCORA_STATUS_NO_ANSWER:
+            return "FISCORA_STATUS_NO_ANSWER: no device was found, or its answer was damaged";
+        case FISCORA_STATUS_READ_ERROR:
+            return "FISCORA_STATUS_READ_ERROR: the line failed, or was silent for 50 s";
+        case FISCORA_STATUS_REFUSED:
+            return "FISCORA_STATUS_REFUSED: the device answered something else, or too much";
+        case FISCORA_STATUS_BAD_REQUEST:
+            return "FISCORA_STATUS_BAD_REQUEST: the request is too long, nothing was sent";
+        case FISCORA_STATUS_TIMEOUT: return "FISCORA_STATUS_TIMEOUT: no answer in time";
+        default: return "not a status of this version";
+    }
+}
+
+void print(const std::string& name, std::string_view value) {
+    constexpr int WIDTH = 18;
+    std::cout << std::left << std::setw(WIDTH) << name << ' ' << value << '\n';
+}
+
+/// A file that takes its place only when it is complete: an earlier one stays until then.
+class NewFile {
+  public:
+    explicit NewFile(const std::string& path)
+        : m_path(path), m_part(path + ".part"), m_file(m_part, std::ios::binary) {
+        if (!m_file) throw CLI::ValidationError("cannot write " + m_part);
+    }
+    NewFile(const NewFile&) = delete;
+    NewFile& operator=(const NewFile&) = delete;
+    ~NewFile() {
+        if (!m_complete) std::remove(m_part.c_str());
+    }
+
+    bool save(const std::string& content) {
+        m_file << content;
+        m_file.close();
+        m_complete = m_file.good() && std::rename(m_part.c_str(), m_path.c_str()) == 0;
+        return m_complete;
+    }
+
+  private:
+    std::string m_path;
+    std::string m_part;
+    std::ofstream m_file;
+    bool m_complete = false;
+};
+
+/// Position of the answer's document among its fields; as many as there are names where it has none.
+std::size_t documentField(const std::vector<std::string>& names) {
+    const auto found = std::find_if(names.begin(), names.end(), [](const std::string& name) {
+        return name.size() > DOCUMENT_SUFFIX.size() &&
+               name.compare(name.size() - DOCUMENT_SUFFIX.size(), DOCUMENT_SUFFIX.size(), DOCUMENT_SUFFIX) ==
+                   0;
+    });
+    return static_cast<std::size_t>(found - names.begin());
+}
+
+bool mayHoldDocument(std::string_view command) {
+    const std::string_view fields = namesOf(command).fields;
+    return fields.empty() || documentField(words(fields)) < words(fields).size();
+}
+
+}  // namespace
+
+CallCommand::CallCommand(CLI::App& application)
+    : Subcommand(application, "call", "Make one call to the fiscal device and print its answer",
+                 "fiscora call [OPTIONS] OPERATION NUMERO_SESSAO [ARGUMENT...]") {
+    m_options->add_option("OPERATION", m_words, "Operation of the library, then its arguments in their order")
+        ->type_name("");
+    m_options->add_option("--out", m_documentPath, "Decode the document in the answer to FILE")
+        ->type_name("FILE");
+    m_options->add_flag(
+        "--dump", m_dump,
+        "Write request, answer and a description to three files here; they hold the activation code");
+    m_options->add_flag("--record", m_record,
+                        "Add a row of the answer's timing headers to teste_desempenho.csv here");
+    std::string footer =
+        "An argument @FILE is the content of that file, @- of the standard input. Words that begin with a "
+        "dash go behind "
+        "\"--\".\nExit status: 0 when the device answered (look at EEEEE for what it said), 1 when it did "
+        "not, 2 when "
+        "the command line was wrong and nothing was sent.\n\nOperations:\n";
+    for (const Operation& operation : manipulaDados::OPERATIONS)
+        footer += "  " + std::string(operation.command) + " " + joined(argumentNames(operation), " ") + "\n";
+    m_options->footer(footer);
+}
+
+int CallCommand::run(const std::vector<std::string>& operands) {
+    auto given = m_words;
+    given.insert(given.end(), operands.begin(), operands.end());
+    if (given.empty()) throw CLI::RequiredError("OPERATION");
+    const Operation& operation = chosenOperation(given.front());
+    given.erase(given.begin());
+
+    // All that can be wrong is found out before anything is sent.
+    std::vector<std::string> texts;
+    const auto arguments = argumentsFrom(operation, given, texts);
+    const auto request = objManipulaDadosSat.makeRequest(operation, arguments);
+    if (!m_documentPath.empty() && !mayHoldDocument(operation.command))
+        throw CLI::ValidationError("--out: the answer to " + std::string(operation.command) +
+                                   " holds no document");
+    if ((m_dump || m_record) && access(".", W_OK) != 0)
+        throw CLI::ValidationError(
+            "--dump and --record write to the working directory, which is not writable");
+    std::optional<NewFile> document;
+    if (!m_documentPath.empty()) document.emplace(m_documentPath);
+
+    pbs::Message answer;
+    {
+        const Progress progress(operation.command, std::chrono::milliseconds(operation.timeoutMs));
+        objManipulaDadosSat.exchange(operation, request, answer);
+    }
+
+    const int status = objManipulaDadosSat.CodigoErro();
+    print("status", std::to_string(status) + " (" + std::string(meaning(status)) + ")");
+    const auto fields = split(answer.body(), '|');
+    const auto names = fieldNames(operation.command, fields);
+    for (std::size_t i = 0; i < fields.size(); ++i)
+        print(i < names.size() ? names[i] : "field " + std::to_string(i), fields[i]);
+
+    if (m_dump && request)
+        DoTransaction().fileDump(operation.command, request->data(),
+                                 static_cast<std::uint32_t>(request->size()), answer.body().data(),
+                                 static_cast<std::uint32_t>(answer.bodySize()));
+    if (m_record) objManipulaDadosSat.gravaArquivoDesempenho(answer);
+    if (document) {
+        const std::size_t field = documentField(names);
+        if (field >= fields.size() || fields[field].empty())
+            std::cerr << "fiscora call: the answer holds no document, " << m_documentPath
+                      << " was not written\n";
+        else if (!document->save(Base64::decode(fields[field]))) {
+            std::cerr << "fiscora call: cannot write " << m_documentPath
+                      << "; the document stands above in Base64\n";
+            return EXIT_FAILURE;
+        }
+    }
+    return status == FISCORA_STATUS_OK ? EXIT_SUCCESS : EXIT_FAILURE;
+}
+
+}  // namespace tool

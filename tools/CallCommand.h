@@ -1,0 +1,21 @@
+#pragma once
+
+#include "Subcommand.h"
+
+namespace tool {
+
+/// `fiscora call`: makes one call through the library and prints what came of it.
+class CallCommand : public Subcommand {
+  public:
+    explicit CallCommand(CLI::App& application);
+
+    int run(const std::vector<std::string>& operands) override;
+
+  private:
+    std::vector<std::string> m_words;  ///< the operation and its arguments
+    std::string m_documentPath;        ///< where the answer's document goes; empty: nowhere
+    bool m_dump = false;
+    bool m_record = false;
+};
+
+}  // namespace tool

@@ -1,0 +1,62 @@
+#include <fiscora.h>
+
+#include <algorithm>
+#include <cstdlib>
+#include <exception>
+#include <iostream>
+#include <memory>
+
+#include "CallCommand.h"
+#include "SimCommand.h"
+
+namespace {
+
+constexpr int USAGE_STATUS = 2;
+
+int refuse(const std::string& name, const std::string& reason, const std::string& usage) {
+    // CLI11 explains some errors on several lines; the first one says it.
+    std::cerr << name << ": " << reason.substr(0, reason.find('\n')) << " (usage: " << usage << ")\n";
+    return USAGE_STATUS;
+}
+
+int runTool(int argc, char** argv) {
+    CLI::App application("Tools for the fiscal device library libfiscora.", "fiscora");
+    application.set_version_flag("--version", std::string("fiscora ") + getVersion());
+    application.require_subcommand(1);
+    std::vector<std::unique_ptr<tool::Subcommand>> subcommands;
+    subcommands.push_back(std::make_unique<tool::SimCommand>(application));
+    subcommands.push_back(std::make_unique<tool::CallCommand>(application));
+    const auto chosen = [&]() -> tool::Subcommand* {
+        for (const auto& subcommand : subcommands) {
+            if (subcommand->options().parsed()) return subcommand.get();
+        }
+        return nullptr;
+    };
+
+    // The words behind "--" belong to the subcommand untouched: CLI11 would take some of them apart.
+    char** const end = argv + argc;
+    char** const marker = std::find(argv, end, std::string("--"));
+    const std::vector<std::string> operands(marker == end ? end : marker + 1, end);
+    try {
+        application.parse(static_cast<int>(marker - argv), argv);
+        return chosen()->run(operands);
+    } catch (const CLI::Success& help) {
+        return application.exit(help);
+    } catch (const CLI::ParseError& error) {
+        const tool::Subcommand* subcommand = chosen();
+        if (subcommand == nullptr)
+            return refuse("fiscora", error.what(), "fiscora SUBCOMMAND ..., see fiscora --help");
+        return refuse("fiscora " + subcommand->options().get_name(), error.what(), subcommand->usage());
+    }
+}
+
+}  // namespace
+
+int main(int argc, char** argv) {
+    try {
+        return runTool(argc, argv);
+    } catch (const std::exception& error) {
+        std::cerr << "fiscora: " << error.what() << "\n";
+        return EXIT_FAILURE;
+    }
+}

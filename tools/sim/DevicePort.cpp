@@ -1,0 +1,168 @@
+#include "sim/DevicePort.h"
+
+#include <fcntl.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <array>
+#include <cerrno>
+
+#include "sim/FrameTrace.h"
+#include "sim/SimulatedDevice.h"
+
+namespace sim {
+namespace {
+
+using std::chrono::milliseconds;
+
+constexpr std::size_t CHUNK = 16384;
+constexpr int BITS_PER_BYTE = 10;
+/// A paced line moves bytes in slices of this length, and makes up for this much time lost by a late wake-up.
+constexpr milliseconds SLICE{10};
+constexpr milliseconds LONGEST_LAG{50};
+/// A request that stops half-way is forgotten after this silence, so that it cannot swallow the next one.
+constexpr milliseconds REQUEST_TIMEOUT{2000};
+/// Between an answer's last byte and a hang-up, which would discard what the application has not read yet.
+constexpr milliseconds BEFORE_HANG_UP{100};
+
+bool wouldBlock() { return errno == EAGAIN || errno == EINTR; }
+
+}  // namespace
+
+std::size_t DevicePort::Pace::allowance(Clock::time_point now) {
+    if (m_baud == 0) return CHUNK;
+    m_idleSince = std::max(m_idleSince, now - std::max<Clock::duration>(LONGEST_LAG, duration(1)));
+    if (now < m_idleSince) return 0;
+    const auto us = std::chrono::duration_cast<std::chrono::microseconds>(now - m_idleSince).count();
+    return std::min<std::size_t>(CHUNK, static_cast<std::size_t>(us * m_baud / BITS_PER_BYTE / 1000000));
+}
+
+void DevicePort::Pace::moved(std::size_t bytes) {
+    if (m_baud != 0) m_idleSince += duration(bytes);
+}
+
+DevicePort::Clock::time_point DevicePort::Pace::next() const {
+    return m_baud == 0 ? m_idleSince : m_idleSince + std::max<Clock::duration>(SLICE, duration(1));
+}
+
+DevicePort::Clock::duration DevicePort::Pace::duration(std::size_t bytes) const {
+    const std::chrono::duration<double> seconds(static_cast<double>(bytes) * BITS_PER_BYTE / m_baud);
+    return std::chrono::duration_cast<Clock::duration>(seconds) + Clock::duration(1);
+}
+
+DevicePort::DevicePort(SimulatedDevice& device, PortSettings settings)
+    : m_device(device),
+      m_settings(std::move(settings)),
+      m_inward(m_settings.baud),
+      m_outward(m_settings.baud) {}
+
+void DevicePort::attach(int fd) {
+    m_fd = fd;
+    m_request = pbs::Message();
+    m_out = {};
+    m_sent = 0;
+    fcntl(fd, F_SETFL, fcntl(fd, F_GETFL) | O_NONBLOCK);
+}
+
+pollfd DevicePort::interest() const {
+    const Clock::time_point now = Clock::now();
+    short events = 0;
+    if (m_inward.next() <= now) events |= POLLIN;
+    if (sending() && m_due <= now && m_outward.next() <= now) events |= POLLOUT;
+    // A line that has hung up would wake the poll also where nothing is to be read or written yet.
+    return {events == 0 ? -1 : m_fd, events, 0};
+}
+
+int DevicePort::timeoutMs() const {
+    const Clock::time_point now = Clock::now();
+    Clock::time_point wake = Clock::time_point::max();
+    const auto wakeAt = [&](Clock::time_point time) {
+        if (time > now) wake = std::min(wake, time);
+    };
+    wakeAt(m_inward.next());
+    if (sending()) wakeAt(std::max(m_due, m_outward.next()));
+    if (!sending() && m_out.hangUp) wake = std::min(wake, std::max(m_due, now));
+    if (wake == Clock::time_point::max()) return -1;
+    return static_cast<int>(std::chrono::ceil<milliseconds>(wake - now).count());
+}
+
+bool DevicePort::step() {
+    const Clock::time_point now = Clock::now();
+    if (!receive(now) || !transmit(now)) return false;
+    return !(m_out.hangUp && !sending() && m_due <= now);
+}
+
+void DevicePort::run(int fd) {
+    attach(fd);
+    do {
+        pollfd line = interest();
+        poll(&line, 1, timeoutMs());
+    } while (step());
+}
+
+bool DevicePort::receive(Clock::time_point now) {
+    const std::size_t allowed = m_inward.allowance(now);
+    if (allowed == 0) return true;
+    std::string bytes(std::min(allowed, CHUNK), '\0');
+    const ssize_t count = read(m_fd, bytes.data(), bytes.size());
+    if (count < 0) return wouldBlock();
+    if (count == 0) return false;
+    m_inward.moved(static_cast<std::size_t>(count));
+    bytes.resize(static_cast<std::size_t>(count));
+
+    if (now - m_lastInput > REQUEST_TIMEOUT) m_request = pbs::Message();
+    m_lastInput = now;
+    take(bytes);
+    return true;
+}
+
+void DevicePort::take(const std::string& bytes) {
+    unsigned long taken = 0;
+    while (taken < bytes.size()) {
+        const auto state = m_request.parse(bytes.data() + taken, bytes.size() - taken, &taken);
+        if (state == pbs::Message::PARSER_IN_PROGRESS) return;
+        if (state == pbs::Message::PARSER_MESSAGE_READY) {
+            exchange();
+        } else if (m_settings.trace != nullptr) {
+            m_settings.trace->note("--> damaged request, not answered: " +
+                                   pbs::Message::parserStateName(state));
+        }
+    }
+}
+
+void DevicePort::exchange() {
+    ++m_exchanges;
+    FrameTrace* trace = m_settings.trace;
+    if (trace != nullptr) trace->request(m_request);
+    pbs::Message request(m_request);
+    if (request.isCompressed()) request.uncompress();
+
+    m_answer = pbs::Message(request.code(), request.sourceId());
+    m_answer.setBody(m_device.answer(request.code(), request.body()));
+    m_answer.compress();
+    m_out = {m_answer.toString()};
+    m_sent = 0;
+    m_due = Clock::now() + m_settings.latency;
+
+    for (const FaultPlan& plan : m_settings.faults) {
+        if (plan.exchange != 0 && plan.exchange != m_exchanges) continue;
+        plan.fault->spoil(m_out);
+        if (trace != nullptr) trace->note("fault: " + std::string(plan.fault->name));
+        break;
+    }
+}
+
+bool DevicePort::transmit(Clock::time_point now) {
+    if (!sending() || now < m_due) return true;
+    const std::size_t allowed = std::min(m_outward.allowance(now), m_out.bytes.size() - m_sent);
+    if (allowed == 0) return true;
+    const ssize_t count = write(m_fd, m_out.bytes.data() + m_sent, allowed);
+    if (count < 0) return wouldBlock();
+    if (m_sent == 0 && m_settings.trace != nullptr) m_settings.trace->answer(m_answer);
+    m_outward.moved(static_cast<std::size_t>(count));
+    m_sent += static_cast<std::size_t>(count);
+    if (!sending()) m_due = now + BEFORE_HANG_UP;
+    return true;
+}
+
+}  // namespace sim

@@ -1,0 +1,88 @@
+#pragma once
+
+#include <poll.h>
+
+#include <chrono>
+#include <cstddef>
+#include <optional>
+#include <string>
+#include <vector>
+
+#include "protocol/Message.h"
+#include "sim/Fault.h"
+
+namespace sim {
+
+class FrameTrace;
+class SimulatedDevice;
+
+struct PortSettings {
+    int baud = 0;  ///< speed of the line in both directions, 10 bits a byte; 0: no limit
+    std::chrono::milliseconds latency{0};  ///< between a request's last byte and its answer's first
+    std::vector<FaultPlan> faults;         ///< the first one that names the exchange strikes
+    FrameTrace* trace = nullptr;           ///< where frames are printed; outlives the port
+};
+
+/// Plays a SimulatedDevice on the device's end of a serial line: reads requests, writes answers. The line is
+/// any terminal in raw mode (VMIN 1), such as the master of a pty or a gadget's serial port.
+///
+/// One exchange at a time, as a device: a request that arrives puts an end to an answer that is still going
+/// out.
+class DevicePort {
+  public:
+    /// `device` outlives the port.
+    DevicePort(SimulatedDevice& device, PortSettings settings);
+
+    /// Begins on a fresh line, which stays the caller's and is made non-blocking. What was under way is
+    /// dropped; exchanges are counted on.
+    void attach(int fd);
+
+    /// What to poll for, and for how many milliseconds at most (-1: no limit), before the next `step`.
+    pollfd interest() const;
+    int timeoutMs() const;
+    /// Reads and writes what the line takes now, without waiting. False when the line has ended: a fault
+    /// hangs it up (the caller then does), or the other end did.
+    bool step();
+
+    /// Plays on `fd` until the line has ended.
+    void run(int fd);
+
+  private:
+    using Clock = std::chrono::steady_clock;
+
+    /// How many bytes one direction of the line has moved, and may move by now.
+    class Pace {
+      public:
+        explicit Pace(int baud) : m_baud(baud) {}
+        std::size_t allowance(Clock::time_point now);
+        void moved(std::size_t bytes);
+        Clock::time_point next() const;
+
+      private:
+        Clock::duration duration(std::size_t bytes) const;
+
+        int m_baud;
+        Clock::time_point m_idleSince;  ///< when the last byte moved had passed
+    };
+
+    bool receive(Clock::time_point now);
+    bool transmit(Clock::time_point now);
+    void take(const std::string& bytes);
+    void exchange();
+    bool sending() const { return m_sent < m_out.bytes.size(); }
+
+    SimulatedDevice& m_device;
+    PortSettings m_settings;
+    int m_fd = -1;
+    unsigned m_exchanges = 0;
+    Pace m_inward;
+    Pace m_outward;
+    pbs::Message m_request;  ///< the parser's target
+    Clock::time_point m_lastInput;
+    pbs::Message m_answer;  ///< what is being sent, as the trace shows it
+    Transmission m_out;
+    std::size_t m_sent = 0;
+    Clock::time_point m_due;  ///< when the answer may start, and behind its end when the line hangs up
+};
+
+}  // namespace sim

@@ -1,0 +1,68 @@
+#include "sim/PtyLine.h"
+
+#include <fcntl.h>
+#include <termios.h>
+#include <unistd.h>
+
+#include <array>
+#include <cerrno>
+#include <cstdio>
+#include <cstdlib>
+#include <filesystem>
+#include <system_error>
+
+namespace sim {
+namespace {
+
+void require(bool done, const char* what) {
+    if (!done) throw std::system_error(errno, std::generic_category(), what);
+}
+
+void removeFolder(const std::string& folder) {
+    std::error_code ignored;
+    std::filesystem::remove_all(folder, ignored);
+}
+
+}  // namespace
+
+PtyLine::PtyLine() : m_folder(std::filesystem::temp_directory_path() / "fiscora-sim-XXXXXX") {
+    require(mkdtemp(m_folder.data()) != nullptr, "cannot make a temporary folder");
+    try {
+        openPty();
+    } catch (...) {
+        removeFolder(m_folder);
+        throw;
+    }
+}
+
+PtyLine::~PtyLine() { removeFolder(m_folder); }
+
+void PtyLine::renew() {
+    m_device = Descriptor();
+    m_application = Descriptor();
+    openPty();
+}
+
+void PtyLine::openPty() {
+    Descriptor device(posix_openpt(O_RDWR | O_NOCTTY | O_CLOEXEC));
+    require(device.get() >= 0, "cannot open a pseudo terminal");
+    require(grantpt(device.get()) == 0 && unlockpt(device.get()) == 0, "cannot unlock a pseudo terminal");
+    std::array<char, 64> name{};
+    require(ptsname_r(device.get(), name.data(), name.size()) == 0, "cannot name a pseudo terminal");
+    Descriptor application(open(name.data(), O_RDWR | O_NOCTTY | O_CLOEXEC));
+    require(application.get() >= 0, "cannot open a pseudo terminal");
+
+    termios settings{};  // raw from the start: no echo of what arrives before the application sets it
+    require(tcgetattr(application.get(), &settings) == 0, "cannot set up a pseudo terminal");
+    cfmakeraw(&settings);
+    require(tcsetattr(application.get(), TCSANOW, &settings) == 0, "cannot set up a pseudo terminal");
+
+    const std::string fresh = path() + ".new";
+    const bool linked =
+        symlink(name.data(), fresh.c_str()) == 0 && std::rename(fresh.c_str(), path().c_str()) == 0;
+    require(linked, "cannot link the simulated line");
+    m_device = std::move(device);
+    m_application = std::move(application);
+}
+
+}  // namespace sim

@@ -1,0 +1,106 @@
+#pragma once
+
+#include <cstddef>
+#include <ctime>
+#include <deque>
+#include <functional>
+#include <optional>
+#include <set>
+#include <string>
+#include <string_view>
+#include <utility>
+#include <vector>
+
+#include "sim/FiscalDocument.h"
+
+namespace sim {
+
+enum class DeviceState { NotActivated, Active, Blocked };
+
+struct DeviceSettings {
+    DeviceState state = DeviceState::Active;
+    /// 8 to 32 characters. Of no effect on a device that is not activated: AtivarSAT sets it.
+    std::string activationCode = "12345678";
+    /// The device's clock; its dates and times are local time.
+    std::function<std::time_t()> clock = [] { return std::time(nullptr); };
+};
+
+/// The fiscal device as an application meets it: the text of a request goes in, the text of the answer comes
+/// out. It keeps the state that later requests depend on, and does no input or output.
+///
+/// Answer layouts, codes and texts are those of the tax authority's public "Especificação de Requisitos do
+/// SAT-CF-e", as far as a device without a tax authority behind it can give them; nothing here has fiscal
+/// value.
+class SimulatedDevice {
+  public:
+    /// Largest answer text, in bytes: what the application's library takes.
+    static constexpr std::size_t MAX_ANSWER = 1572864;
+    /// Sessions whose answers can be asked for again; older ones are forgotten.
+    static constexpr std::size_t KEPT_SESSIONS = 32;
+    /// How long after its sale a cancellation is taken.
+    static constexpr std::time_t CANCELLATION_SECONDS = 30 * 60;
+
+    explicit SimulatedDevice(DeviceSettings settings = {});
+
+    /// The answer's text (UTF-8, fields separated by "|") to `request`, the text of a request for
+    /// `operation`. Every request is answered: one that is unknown or malformed by a refusal.
+    std::string answer(const std::string& operation, const std::string& request);
+
+    /// Whether field `field` (from 0) of a request for `operation` holds an activation code, present or new.
+    static bool isSecret(std::string_view operation, std::size_t field);
+    /// Whether `code` may be an activation code: 8 to 32 characters, no "|".
+    static bool isActivationCode(std::string_view code);
+
+  private:
+    struct Operation;
+    struct Request {
+        const Operation& operation;
+        std::vector<std::string> fields;
+    };
+    using Handler = std::string (SimulatedDevice::*)(const Request&);
+
+    static const Operation* find(std::string_view name);
+
+    std::string judge(const Request& request);
+    std::string reply(const Request& request, int code, std::string_view text,
+                      const std::vector<std::string>& more = {}) const;
+    void remember(const Request& request, const std::string& answer);
+    std::string replay(const Request& request, const std::string& answer) const;
+
+    std::string activate(const Request& request);
+    std::string communicateCertificate(const Request& request);
+    std::string sell(const Request& request);
+    std::string cancel(const Request& request);
+    std::string testEndToEnd(const Request& request);
+    std::string status(const Request& request);
+    std::string answerOfSession(const Request& request);
+    std::string answerOfLastFiscalSession(const Request& request);
+    std::string configureNetwork(const Request& request);
+    std::string associateSignature(const Request& request);
+    std::string extractLog(const Request& request);
+    std::string block(const Request& request);
+    std::string unblock(const Request& request);
+    std::string changeCode(const Request& request);
+    std::string confirm(const Request& request);
+
+    std::string refusalOfDocument(const Request& request, int blockedCode) const;
+    std::string book(const Request& request, const SignedDocument& document);
+    Issuer issuer() const;
+
+    DeviceState m_state;
+    std::string m_activationCode;
+    std::function<std::time_t()> m_clock;
+    std::string m_taxpayer = "11222333000181";  ///< CNPJ, for sales that name none
+    std::string m_stateCode = "35";             ///< IBGE code of the federal unit
+    int m_documents = 0;                        ///< issued so far
+
+    std::optional<SignedDocument> m_lastSale;  ///< the one that may still be cancelled
+    std::string m_lastKey;                     ///< of the last document, as are the next two
+    std::time_t m_lastTime = 0;
+    std::string m_lastFiscalAnswer;
+    std::set<std::string> m_booked;                              ///< sessions that have issued a document
+    std::deque<std::pair<std::string, std::string>> m_sessions;  ///< session and answer, oldest first
+    std::deque<std::string> m_log;
+};
+
+}  // namespace sim
