@@ -1,0 +1,229 @@
+#include "platform.h"
+
+#include <dlfcn.h>
+#include <fcntl.h>
+#include <sys/ioctl.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <cstdarg>
+#include <cstdlib>
+#include <cstring>
+#include <filesystem>
+#include <fstream>
+#include <stdexcept>
+
+Platform platform;
+
+namespace {
+
+/// The platform's own function.
+template <typename Function>
+Function* next(const char* name) {
+    return reinterpret_cast<Function*>(dlsym(RTLD_NEXT, name));
+}
+
+}  // namespace
+
+FILE* realPopen(const char* command) { return next<FILE*(const char*, const char*)>("popen")(command, "r"); }
+
+extern "C" {
+
+int gettimeofday(timeval* now, void* zone) noexcept {
+    return platform.gettimeofday ? platform.gettimeofday(now)
+                                 : next<int(timeval*, void*)>(__func__)(now, zone);
+}
+int usleep(useconds_t us) {
+    return platform.usleep ? platform.usleep(us) : next<int(useconds_t)>(__func__)(us);
+}
+std::time_t time(std::time_t* result) noexcept {
+    const std::time_t now =
+        platform.time ? platform.time() : next<std::time_t(std::time_t*)>(__func__)(nullptr);
+    if (result != nullptr) *result = now;
+    return now;
+}
+FILE* popen(const char* command, const char* mode) {
+    return platform.popen ? platform.popen(command)
+                          : next<FILE*(const char*, const char*)>(__func__)(command, mode);
+}
+int open(const char* path, int flags, ...) {
+    va_list rest;
+    va_start(rest, flags);
+    const auto mode = (flags & (O_CREAT | O_TMPFILE)) != 0 ? va_arg(rest, mode_t) : 0;
+    va_end(rest);
+    return platform.open ? platform.open(path, flags)
+                         : next<int(const char*, int, ...)>(__func__)(path, flags, mode);
+}
+int isatty(int fd) noexcept { return platform.isatty ? platform.isatty(fd) : next<int(int)>(__func__)(fd); }
+int tcgetattr(int fd, termios* settings) noexcept {
+    return platform.tcgetattr ? platform.tcgetattr(fd, settings)
+                              : next<int(int, termios*)>(__func__)(fd, settings);
+}
+int tcsetattr(int fd, int when, const termios* settings) noexcept {
+    return platform.tcsetattr ? platform.tcsetattr(fd, when, settings)
+                              : next<int(int, int, const termios*)>(__func__)(fd, when, settings);
+}
+int tcflush(int fd, int queue) noexcept {
+    return platform.tcflush ? platform.tcflush(fd, queue) : next<int(int, int)>(__func__)(fd, queue);
+}
+int ioctl(int fd, unsigned long request, ...) noexcept {
+    va_list rest;
+    va_start(rest, request);
+    void* const argument = va_arg(rest, void*);
+    va_end(rest);
+    return platform.ioctl ? platform.ioctl(fd, request, argument)
+                          : next<int(int, unsigned long, ...)>(__func__)(fd, request, argument);
+}
+ssize_t read(int fd, void* buffer, size_t capacity) {
+    return platform.read ? platform.read(fd, buffer, capacity)
+                         : next<ssize_t(int, void*, size_t)>(__func__)(fd, buffer, capacity);
+}
+ssize_t write(int fd, const void* bytes, size_t length) {
+    return platform.write ? platform.write(fd, bytes, length)
+                          : next<ssize_t(int, const void*, size_t)>(__func__)(fd, bytes, length);
+}
+int close(int fd) { return platform.close ? platform.close(fd) : next<int(int)>(__func__)(fd); }
+int rename(const char* from, const char* to) noexcept {
+    return platform.rename ? platform.rename(from, to)
+                           : next<int(const char*, const char*)>(__func__)(from, to);
+}
+int remove(const char* path) noexcept {
+    return platform.remove ? platform.remove(path) : next<int(const char*)>(__func__)(path);
+}
+int system(const char* command) {
+    return platform.system ? platform.system(command) : next<int(const char*)>(__func__)(command);
+}
+void sync() noexcept {
+    if (platform.sync) platform.sync();  // the disk of the machine that runs the tests is left alone
+}
+
+}  // extern "C"
+
+FakeLine::FakeLine() {
+    std::memset(&settings, 0xff, sizeof settings);
+    platform.gettimeofday = [this](timeval* now) {
+        now->tv_sec = 1'000'000 + m_nowUs / 1'000'000;
+        now->tv_usec = m_nowUs % 1'000'000;
+        return 0;
+    };
+    platform.usleep = [this](useconds_t us) {
+        m_nowUs += us;
+        return note("usleep " + std::to_string(us));
+    };
+    platform.popen = [this](const char* command) {
+        note("popen " + std::string(command));
+        return realPopen(listing.empty() ? ":" : ("echo '" + listing + "'").c_str());
+    };
+    platform.open = [this](const char* path, int flags) {
+        note("open " + std::string(path) + " " + std::to_string(flags));
+        open = true;
+        return DESCRIPTOR;
+    };
+    platform.isatty = [this](int fd) {
+        note("isatty " + std::to_string(fd));
+        errno = ENOTTY;
+        return isTerminal ? 1 : 0;
+    };
+    platform.tcgetattr = [this](int, termios* present) {
+        *present = settings;
+        return note("tcgetattr");
+    };
+    platform.tcsetattr = [this](int, int when, const termios* wanted) {
+        settings = *wanted;
+        return note("tcsetattr " + std::to_string(when));
+    };
+    platform.tcflush = [this](int fd, int queue) {
+        return note("tcflush " + std::to_string(fd) + " " + std::to_string(queue));
+    };
+    platform.ioctl = [this](int fd, unsigned long request, void* argument) {
+        if (fd != DESCRIPTOR || request != TIOCOUTQ || queued < 0) return -1;
+        note("TIOCOUTQ");
+        *static_cast<int*>(argument) = queued;
+        return 0;
+    };
+    platform.read = [this](int fd, void* buffer, size_t capacity) {
+        if (fd == DESCRIPTOR) return give(buffer, capacity);
+        return next<ssize_t(int, void*, size_t)>("read")(fd, buffer, capacity);
+    };
+    platform.write = [this](int fd, const void* bytes, size_t length) {
+        if (fd == DESCRIPTOR) return take(bytes, length);
+        return next<ssize_t(int, const void*, size_t)>("write")(fd, bytes, length);
+    };
+    platform.close = [this](int fd) {
+        if (fd != DESCRIPTOR) return next<int(int)>("close")(fd);
+        open = false;
+        return note("close");
+    };
+}
+
+FakeLine::~FakeLine() { platform = Platform(); }
+
+int FakeLine::note(const std::string& call) {
+    calls.push_back(call);
+    return 0;
+}
+
+ssize_t FakeLine::give(void* buffer, size_t capacity) {
+    note("read " + std::to_string(capacity));
+    if (readings.empty()) {
+        advanceMs(100);
+        return 0;
+    }
+    Reading& reading = readings.front();
+    advanceMs(reading.afterMs);
+    reading.afterMs = 0;
+    const size_t length = std::min(capacity, reading.bytes.size());
+    std::memcpy(buffer, reading.bytes.data(), length);
+    reading.bytes.erase(0, length);
+    const ssize_t result = length > 0 ? static_cast<ssize_t>(length) : reading.result;
+    if (reading.bytes.empty()) readings.pop_front();
+    return result;
+}
+
+ssize_t FakeLine::take(const void* bytes, size_t length) {
+    note("write " + std::to_string(length));
+    if (writeResult) {
+        const ssize_t result = writeResult(length);
+        if (result <= 0) return result;
+        length = static_cast<size_t>(result);
+    }
+    written.append(static_cast<const char*>(bytes), length);
+    unsigned long consumed = 0;
+    const auto state = m_command.parse(static_cast<const char*>(bytes), length, &consumed);
+    if (answers && state == pbs::Message::PARSER_MESSAGE_READY) {
+        m_command.uncompress();
+        for (const auto& answer : answers(m_command)) readings.push_back({answer.toString()});
+    }
+    return static_cast<ssize_t>(length);
+}
+
+WorkingDirectory::WorkingDirectory() : m_before(std::filesystem::current_path()) {
+    std::string path = std::filesystem::temp_directory_path() / "fiscora-test.XXXXXX";
+    if (mkdtemp(path.data()) == nullptr) throw std::runtime_error("no temporary folder");
+    m_path = path;
+    std::filesystem::current_path(m_path);
+}
+
+WorkingDirectory::~WorkingDirectory() {
+    std::filesystem::current_path(m_before);
+    std::filesystem::remove_all(m_path);
+}
+
+std::vector<std::string> WorkingDirectory::logLines() const {
+    std::vector<std::filesystem::path> files;
+    if (std::filesystem::exists("logsDrs"))
+        for (const auto& entry : std::filesystem::recursive_directory_iterator("logsDrs"))
+            files.push_back(entry);
+    std::sort(files.begin(), files.end());
+    std::vector<std::string> lines;
+    for (const auto& path : files) {
+        std::ifstream file(path);
+        for (std::string line; std::getline(file, line);) {
+            const auto start = line.find("] - [");
+            lines.push_back(start == std::string::npos ? line
+                                                       : line.substr(start + 5, line.size() - start - 6));
+        }
+    }
+    return lines;
+}

@@ -1,0 +1,210 @@
+#include "sim/SimulatedDevice.h"
+
+#include <gtest/gtest.h>
+
+#include "encoding/Base64.h"
+#include "transaction/DoTransaction.h"
+
+namespace {
+
+using sim::DeviceState;
+using sim::SimulatedDevice;
+
+constexpr char CODE[] = "12345678";
+constexpr char CANCELLATION[] = "<CFeCanc><infCFe><ide/><emit/><dest/><total/></infCFe></CFeCanc>";
+
+std::string item(const std::string& quantity, const std::string& price, const std::string& more = "") {
+    return "<det><prod><xProd>p</xProd><qCom>" + quantity + "</qCom><vUnCom>" + price + "</vUnCom>" + more +
+           "</prod></det>";
+}
+
+std::string sale(const std::string& items, const std::string& total = "<total/>") {
+    return "<CFe><infCFe><ide/><emit><CNPJ>14200166000166</CNPJ></emit><dest><CPF>12345678909</CPF></dest>" +
+           items + total + "<pgto><MP><cMP>01</cMP><vMP>50.00</vMP></MP></pgto></infCFe></CFe>";
+}
+
+/// A device on 18 November 2026 whose clock stands still until a test moves it.
+struct Device {
+    std::time_t now = 1795000000;
+    SimulatedDevice device;
+
+    explicit Device(DeviceState state = DeviceState::Active)
+        : device({state, CODE, [this] { return now; }}) {}
+
+    std::vector<std::string> ask(const std::string& operation, const std::string& request) {
+        return split(device.answer(operation, request), '|');
+    }
+    std::string code(const std::string& operation, const std::string& request) {
+        return ask(operation, request).at(1);
+    }
+    std::vector<std::string> sell(const std::string& session, const std::string& document) {
+        return ask("EnviarDadosVenda", session + "|" + CODE + "|" + document);
+    }
+    std::string cancel(const std::string& session, const std::string& key, const std::string& document) {
+        return code("CancelarUltimaVenda", session + "|" + CODE + "|" + key + "|" + document);
+    }
+};
+
+struct Layout {
+    const char* operation;
+    std::string arguments;  ///< behind session and activation code
+    const char* code;
+    std::size_t fields;  ///< of the answer; `split` does not count empty ones at the end
+};
+
+TEST(SimulatedDevice, EveryOperationAnswersInItsLayoutAndRefusesAWrongActivationCode) {
+    Device fixture;
+    const std::string key = fixture.sell("000900", sale(item("1", "1"))).at(8);
+    const Layout layouts[] = {
+        {"ComunicarCertificadoICPBRASIL", "|-----BEGIN CERTIFICATE-----", "05000", 4},
+        {"CancelarUltimaVenda", "|" + key + "|" + CANCELLATION, "07000", 12},
+        {"EnviarDadosVenda", "|" + sale(item("1", "1")), "06000", 12},
+        {"TesteFimAFim", "|" + sale(item("1", "1")), "09000", 9},
+        {"ConsultarStatusOperacional", "", "10000", 28},
+        {"ConsultarStatusOperacionalMFE", "", "10000", 28},
+        {"ConsultarNumeroSessao", "|000900", "06000", 12},
+        {"ConsultarUltimaSessaoFiscal", "", "06000", 12},
+        {"ConfigurarInterfaceDeRede", "|<config/>", "12000", 4},
+        {"ConfigurarInterfaceDeRedeMFE", "|<config/>", "12000", 4},
+        {"AssociarAssinatura", "|1111|assinatura", "13000", 4},
+        {"AtualizarSoftwareSAT", "", "14000", 4},
+        {"ExtrairLogs", "", "15000", 6},
+        {"BloquearSAT", "", "16000", 4},
+        {"DesbloquearSAT", "", "17000", 4},
+        {"TrocarCodigoDeAtivacao", std::string("|1|") + CODE + "|" + CODE, "18000", 4},
+        {"ReiniciarMFE", "", "20000", 4},
+    };
+    int session = 100;
+    for (const Layout& row : layouts) {
+        SCOPED_TRACE(row.operation);
+        const std::string number = "000" + std::to_string(session++);
+        const std::string wrong = fixture.code(row.operation, number + "|87654321" + row.arguments);
+        EXPECT_EQ(wrong.substr(2), "001");
+        const auto answer = fixture.ask(row.operation, number + "|" + CODE + row.arguments);
+        EXPECT_EQ(answer.at(0), number);
+        EXPECT_EQ(answer.at(1), row.code);
+        EXPECT_EQ(answer.size(), row.fields);
+        EXPECT_EQ(fixture.code(row.operation, number).substr(2), "099") << "too few fields";
+    }
+    EXPECT_EQ(fixture.device.answer("ConsultarSAT", "000123"), "000123|08000|SAT em Operação||");
+    EXPECT_EQ(fixture.code("EnviarStatusAC", "000123|a|b|c"), "21000");
+    EXPECT_EQ(fixture.device.answer("Fritar", "000123|x").substr(0, 13), "000123|99099|");
+}
+
+TEST(SimulatedDevice, StateDecidesWhatIsRefused) {
+    Device fixture(DeviceState::NotActivated);
+    const std::string activation = "000001|1|segredo123|11222333000181|23";
+    const std::string request = std::string("000002|segredo123|") + sale(item("1", "1"));
+    EXPECT_EQ(fixture.code("EnviarDadosVenda", request), "06002");
+    EXPECT_EQ(fixture.code("ExtrairLogs", std::string("000003|") + CODE), "15001");
+    EXPECT_EQ(fixture.code("AtivarSAT", activation), "04000");
+    EXPECT_EQ(fixture.code("AtivarSAT", activation), "04003");
+    EXPECT_EQ(fixture.code("BloquearSAT", "000004|segredo123"), "16000");
+    EXPECT_EQ(fixture.code("BloquearSAT", "000005|segredo123"), "16002");
+    EXPECT_EQ(fixture.code("EnviarDadosVenda", request), "06006");
+    EXPECT_EQ(fixture.code("CancelarUltimaVenda", "000006|segredo123|CFe|<a/>"), "07003");
+    EXPECT_EQ(fixture.code("DesbloquearSAT", "000007|segredo123"), "17000");
+    EXPECT_EQ(fixture.code("TrocarCodigoDeAtivacao", "000008|segredo123|1|outrocodigo|outrocodigO"), "18099");
+    EXPECT_EQ(fixture.code("TrocarCodigoDeAtivacao", "000009|segredo123|1|outrocodigo|outrocodigo"), "18000");
+    EXPECT_EQ(fixture.code("EnviarDadosVenda", request), "06001");
+    EXPECT_EQ(fixture.ask("EnviarDadosVenda", "000002|outrocodigo|<CFe/>").at(8).substr(0, 5), "CFe23");
+}
+
+TEST(SimulatedDevice, TotalsAreExactToTheCent) {
+    const struct {
+        std::string items;
+        const char* total;
+    } cases[] = {
+        {item("1.5000", "3.33"), "5.00"},                            // half a cent goes to the even one
+        {item("0.5000", "0.01") + item("1.5000", "0.01"), "0.02"},   // 0.00 + 0.02
+        {item("1.5000", "3.33", "<indRegra>T</indRegra>"), "4.99"},  // truncated
+        {item("3", "0.1") + item("1", "0.70"), "1.00"},
+        {item("2", "10.00", "<vDesc>0.50</vDesc><vOutro>1.25</vOutro>"), "20.75"},
+        {item("1", "1.015"), "1.02"},  // 101.4999... in binary
+        {item("12345678.9012", "7654.321"), "94497789272.71"},
+        {"", "0.00"},
+    };
+    for (const auto& row : cases)
+        EXPECT_EQ(Device().sell("000001", sale(row.items)).at(9), row.total) << row.items;
+
+    const std::string discount = "<total><DescAcrEntr><vDescSubtot>0.25</vDescSubtot></DescAcrEntr></total>";
+    EXPECT_EQ(Device().sell("000001", sale(item("1", "2"), discount)).at(9), "1.75");
+    for (const char* bad : {"1,5", "", "-1", "1.00001", "99999999999999999999"}) {
+        EXPECT_EQ(Device().sell("000001", sale(item(bad, "1"))).at(1), "06010") << bad;
+    }
+}
+
+TEST(SimulatedDevice, AccessKeyIsWhatItsPartsSay) {
+    // Worked out by hand: 5*2 + 4*3 + 3*4 + 2*5 + 1*6 = 50, 50 mod 11 = 6; the weights start again behind 9.
+    EXPECT_EQ(sim::checkDigit("12345"), '5');
+    EXPECT_EQ(sim::checkDigit("14"), '0') << "remainder 0";
+    EXPECT_EQ(sim::checkDigit("6"), '0') << "remainder 1";
+    EXPECT_EQ(sim::checkDigit("3523081122233300018159900004019000123000045"), '9');
+
+    const auto answer = Device().sell("000001", sale(item("1", "1")));
+    const std::string key = answer.at(8);
+    ASSERT_EQ(key.size(), 47U);
+    EXPECT_EQ(key.substr(0, 40), "CFe3526111420016600016659900004019000001");
+    EXPECT_EQ(key.back(), sim::checkDigit(key.substr(3, 43)));
+    EXPECT_NE(Base64::decode(answer.at(6)).find("<infCFe Id=\"" + key + "\""), std::string::npos);
+    EXPECT_EQ(answer.at(10), "12345678909");
+}
+
+TEST(SimulatedDevice, OnlyTheLastSaleIsCancelledOnceAndInTime) {
+    Device fixture;
+    const std::string first = fixture.sell("000001", sale(item("1", "1"))).at(8);
+    const std::string second = fixture.sell("000002", sale(item("1", "2"))).at(8);
+    EXPECT_NE(first, second);
+    EXPECT_EQ(fixture.cancel("000003", first, CANCELLATION), "07002");
+    EXPECT_EQ(fixture.cancel("000002", second, CANCELLATION), "07099") << "session of the sale";
+    EXPECT_EQ(fixture.cancel("000003", second, "<CFeCanc>"), "07007");
+    EXPECT_EQ(fixture.cancel("000003", second, "<CFeCanc><infCFe chCanc=\"" + first + "\"/></CFeCanc>"),
+              "07007");
+    fixture.now += SimulatedDevice::CANCELLATION_SECONDS;
+    const auto answer =
+        fixture.ask("CancelarUltimaVenda", std::string("000003|") + CODE + "|" + second + "|" + CANCELLATION);
+    EXPECT_EQ(answer.at(1), "07000");
+    EXPECT_NE(Base64::decode(answer.at(6)).find("chCanc=\"" + second + "\""), std::string::npos);
+    EXPECT_EQ(fixture.cancel("000004", second, CANCELLATION), "07002") << "twice";
+
+    const std::string late = fixture.sell("000005", sale(item("1", "1"))).at(8);
+    fixture.now += SimulatedDevice::CANCELLATION_SECONDS + 1;
+    EXPECT_EQ(fixture.cancel("000006", late, CANCELLATION), "07002");
+}
+
+TEST(SimulatedDevice, ASessionBooksOnceAndItsAnswerStaysToBeAskedFor) {
+    Device fixture;
+    const std::string query = std::string("000050|") + CODE;
+    EXPECT_EQ(fixture.code("ConsultarUltimaSessaoFiscal", query), "19003");
+    EXPECT_EQ(fixture.sell("000001", "<CFe><broken>").at(1), "06010");
+    const auto booked = fixture.sell("000001", sale(item("1", "1")));
+    EXPECT_EQ(booked.at(1), "06000") << "a refused sale leaves its session free";
+    EXPECT_EQ(fixture.sell("000001", sale(item("1", "1"))).at(1), "06099");
+    fixture.ask("ConsultarSAT", "000001");
+
+    const auto again = fixture.ask("ConsultarNumeroSessao", query + "|000001");
+    EXPECT_EQ(again.at(0), "000050");
+    EXPECT_EQ(std::vector(again.begin() + 1, again.end()), std::vector(booked.begin() + 1, booked.end()));
+    EXPECT_EQ(fixture.code("ConsultarNumeroSessao", query + "|000077"), "11003");
+    EXPECT_EQ(fixture.ask("ConsultarUltimaSessaoFiscal", query).at(8), booked.at(8));
+}
+
+TEST(SimulatedDevice, ALargeSaleFitsItsAnswerWithTheTotalOfAllItems) {
+    std::string items;
+    const std::string one = item("1", "1.01", "<cProd>" + std::string(400, 'c') + "</cProd>");
+    const std::size_t count = (SimulatedDevice::MAX_ANSWER - sale("").size()) / one.size();
+    for (std::size_t i = 0; i < count; ++i) items += one;
+    const std::string request = std::string("000001|") + CODE + "|" + sale(items);
+    Device fixture;
+    const std::string text = fixture.device.answer("EnviarDadosVenda", request);
+    EXPECT_LE(text.size(), SimulatedDevice::MAX_ANSWER);
+    EXPECT_GT(text.size(), SimulatedDevice::MAX_ANSWER - 6000);
+    const auto answer = split(text, '|');
+    const std::size_t cents = count * 101;
+    EXPECT_EQ(answer.at(9), std::to_string(cents / 100) + "." + std::to_string(cents % 100 + 100).substr(1));
+    const std::string document = Base64::decode(answer.at(6));
+    EXPECT_NE(document.find(one + "<det>"), std::string::npos) << "items as the sale has them";
+    EXPECT_NE(document.find("elementos omitidos"), std::string::npos);
+}
+
+}  // namespace
