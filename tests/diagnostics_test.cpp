@@ -1,0 +1,202 @@
+#include <fcntl.h>
+#include <gtest/gtest.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <csignal>
+#include <cstdlib>
+#include <filesystem>
+#include <fstream>
+#include <map>
+
+#include "diagnostics/logdebug.h"
+#include "fiscal/UCManipulaDadosSat.h"
+#include "platform.h"
+#include "transaction/DoTransaction.h"
+
+namespace {
+
+namespace fs = std::filesystem;
+using Files = std::map<std::string, std::string>;  ///< contents by path
+
+const std::string VERSION_LINE = "DRS Version: 01.00.01.001\n", LOG = "./logsDrs/logDrs20310228.log";
+
+void write(const std::string& path, const std::string& content) { std::ofstream(path) << content; }
+
+/// All files below the working directory.
+Files files() {
+    Files result;
+    for (const auto& entry : fs::recursive_directory_iterator(".")) {
+        if (!entry.is_regular_file()) continue;
+        std::ifstream file(entry.path());
+        result[entry.path()] = {std::istreambuf_iterator<char>(file), {}};
+    }
+    return result;
+}
+
+void setClock(const std::string& localTime) {
+    tm fields = {};
+    fields.tm_isdst = -1;
+    strptime(localTime.c_str(), "%Y-%m-%d %T", &fields);
+    platform.time = [now = std::mktime(&fields)] { return now; };
+}
+
+/// Logs `text` at that time; returns the line to be found.
+std::string logged(const std::string& localTime, const std::string& text) {
+    setClock(localTime);
+    LogDebug::obtemReferencia()->saveLog("info", text);
+    return "[" + localTime.substr(0, 10) + "." + localTime.substr(11) + "] - [info, " + text + "]\n";
+}
+
+class Diagnostics : public testing::Test {
+  protected:
+    Diagnostics() { fs::create_directory("logsDrs"); }
+    ~Diagnostics() override { platform = Platform(); }
+
+    WorkingDirectory m_folder;
+};
+
+TEST_F(Diagnostics, TheFirstLineEverLacksItsDirectory) {
+    testing::FLAGS_gtest_death_test_style = "threadsafe";  // a new process, whose log has not begun
+    const auto isWritten = [] {
+        fs::remove("logsDrs");
+        umask(0);
+        const Files expected = {{LOG, VERSION_LINE + logged("2031-02-28 14:05:09", "x")}};
+        const bool result = files() == expected && fs::status("logsDrs").permissions() == fs::perms(0775);
+        fs::remove_all(fs::current_path());
+        return result;
+    };
+    EXPECT_EXIT(std::_Exit(isWritten() ? 0 : 1), testing::ExitedWithCode(0), "");
+}
+
+TEST_F(Diagnostics, ANewDaysStepsAreOutOfOrderOrPrintOtherLines) {
+    for (const char* day : {"1", "2", "3", "4", "5", "6"})
+        write(std::string("./logsDrs/logDrs2030010") + day + ".log", "");
+    const std::string day = VERSION_LINE + logged("2031-02-28 23:59:59", "old");
+    std::string steps;
+    const auto note = [&steps](const std::string& step) {  // with the number of files, and how today's begins
+        const std::string today = files()["./logsDrs/logDrs20310301.log"].substr(0, 3);
+        steps += step + " " + std::to_string(files().size()) + today + ", ";
+        return AT_FDCWD;
+    };
+    platform.sync = [&] { note("sync"); };
+    platform.rename = [&](auto* from, auto* to) { return renameat(note("rename"), from, AT_FDCWD, to); };
+    platform.remove = [&](auto* path) { return unlinkat(note(std::string("remove ") + path), path, 0); };
+    testing::internal::CaptureStdout();
+    logged("2031-03-01 00:00:01", "new");
+    platform = Platform();
+    EXPECT_EQ(
+        testing::internal::GetCapturedStdout(),
+        "[removeLastDays] file to zip logsDrs/logDrs20310228.log\n"
+        "[removeLastDays] cmd to zip tar -zcvf logsDrs/logDrs20310228.log.tar.gz logsDrs/logDrs20310228.log\n"
+        "logsDrs/logDrs20310228.log\n"
+        "[removeLastDays] erase logsDrs/logDrs20310228.tar.gz\n"
+        "File successfully renamed\n");
+    EXPECT_EQ(steps,
+              "sync 7, sync 8, rename 8, sync 8, remove logsDrs/logDrs20310228.log 8, sync 7, "
+              "remove logsDrs/logDrs20300101.log 8DRS, sync 7DRS, ");
+    EXPECT_EQ(std::system("tar -xzf logsDrs/logDrs20310228.tar.gz"), 0);
+    EXPECT_EQ(files()[LOG], day);
+}
+
+TEST_F(Diagnostics, AFailedArchiveTakesTheLogOrAnEarlierArchiveWithIt) {
+    const std::string half = LOG + ".tar.gz", archive = "./logsDrs/logDrs20310228.tar.gz";
+    const auto archived = [&](int tarResult) {
+        platform.system = [&](auto*) { return write(half, "new"), tarResult; };
+        write(LOG, "log");
+        write(archive, "earlier");
+        testing::internal::CaptureStderr();
+        LogDebug::obtemReferencia()->compress(LOG.substr(2));
+        auto result = files();
+        result["stderr"] = testing::internal::GetCapturedStderr();
+        return result;
+    };
+    const std::string absent = "Error renaming file: No such file or directory\n";
+    for (const int failure : {-1, SIGKILL, 2 << 8, 127 << 8})
+        EXPECT_EQ(archived(failure), Files({{LOG, "log"}, {archive, "earlier"}, {"stderr", absent}}))
+            << failure;
+    EXPECT_EQ(archived(0), Files({{archive, "new"}, {"stderr", ""}}));
+    platform.rename = [](auto*, auto*) { return errno = ENOENT, -1; };
+    EXPECT_EQ(archived(0), Files({{archive, "earlier"}, {half, "new"}, {"stderr", absent}}));
+}
+
+TEST_F(Diagnostics, RetentionCountsOrRemovesTheWrongFile) {
+    const std::tuple<int, std::string, bool> cases[] = {
+        {7, "notes.txt", false},           {8, "notes.txt", true},     {13, "notes.txt", true},
+        {7, "old/logDrs1.log", false},     {7, "xlogDrs1.log", false}, {7, "logDrsX/any", true},
+        {7, "logDrs20300101.tar.gz", true}};
+    for (const auto& [logs, other, removes] : cases) {
+        fs::remove_all("logsDrs");
+        for (const auto* directory : {"logsDrs/old", "logsDrs/logDrsX"}) fs::create_directories(directory);
+        for (int day = 0; day < logs; ++day)
+            write("logsDrs/logDrs" + std::to_string(20300101 + day) + ".log", "");
+        write("logsDrs/" + other, "");
+        auto expected = files();
+        if (removes) expected.erase("./logsDrs/logDrs20300101.log");
+        LogDebug::obtemReferencia()->removeLastDays(std::string("logsDrs").data());
+        EXPECT_EQ(files(), expected) << logs << other;
+    }
+}
+
+TEST_F(Diagnostics, ALineIsLostOrCutOrItsFileBegunWrongly) {
+    const std::string time = "2031-02-28 12:00:00";
+    write(LOG, "of an earlier process\n");
+    const std::string fits = logged(time, std::string(479, 'x')), cut = logged(time, std::string(480, 'x'));
+    EXPECT_EQ(files(), Files({{LOG, "of an earlier process\n" + fits + cut.substr(0, 511) + "\n"}}));
+    fs::remove(LOG);
+    const std::string first = logged(time, "50%s"), second = logged(time, "y");
+    EXPECT_EQ(files(), Files({{LOG, VERSION_LINE + first + second}}));
+    fs::create_directories("elsewhere/logsDrs");
+    fs::current_path("elsewhere");
+    const std::string moved = logged(time, "moved");
+    EXPECT_EQ(files(), Files({{LOG, VERSION_LINE + moved}}));
+    fs::remove_all("logsDrs");
+    logged(time, "dropped");
+    EXPECT_TRUE(files().empty());
+}
+
+TEST_F(Diagnostics, ADumpHasAnotherNameOrContent) {
+    platform.usleep = [](useconds_t) { return 0; };
+    setClock("2026-02-03 14:05:09");
+    const std::string name = "./20260302140509_",
+                      version = "DRS Version:01.00.01.001\r\nDebug msg code: ", code(300, 'c');
+    DoTransaction transaction;
+    transaction.fileDump("A", "longer", 6, "r\0", 2);
+    transaction.fileDump("A", "t\0x", 3, nullptr, 0);  // leaves the earlier rx file
+    fs::create_directory(name + "B_tx.bin");           // can't be opened
+    transaction.fileDump("B", nullptr, 0, "rx", 2);
+    transaction.fileDump(code.c_str(), "tx", 2, nullptr, 0);
+    const Files expected = {{name + "A_tx.bin", std::string("t\0x", 3)},
+                            {name + "A_debug.txt", version + "A\r\ntxBufferSize:3\r\nrxBufferSize:0\r\n"},
+                            {name + "A_rx.bin", std::string("r\0", 2)},
+                            {name + "B_debug.txt", version + "B\r\ntxBufferSize:0\r\nrxBufferSize:2\r\n"},
+                            {name + "B_rx.bin", "rx"},
+                            {(name + code).substr(0, 257), (version + code).substr(0, 255)}};
+    EXPECT_EQ(files(), expected);
+}
+
+TEST_F(Diagnostics, ARecordMixesUpItsStagesOrItsDate) {
+    setClock("2015-06-30 14:05:09");
+    pbs::Message answer("C", "1");
+    answer.addHeader("DELTA_DRS", "120");
+    answer.addHeader("DELTA_DRS_CCO", "150");
+    answer.addHeader("DELTA_CCO", "4294967297");
+    answer.addHeader("DELTA_CSE_COM", "12;a");
+    answer.addHeader("DELTA_SWB", "-2147483648");
+    const std::string rows[] = {
+        R"("DATA_HORA";"CODE";"DELTA_DRS";"PROC_DRS";"DELTA_DRS_CCO";"TRANS_DRS_CCO";"DELTA_CCO";"PROC_CCO";)"
+        R"("DELTA_CSE_COM";"TRANS_CCO_CSE";"DELTA_CSE";"PROC_CSE";"DELTA_SWB";)"
+        "\n",
+        "2015/30/06/14:05:09;C;120;-30;150;149;4294967297;-11;12;a;12;;-2147483648;-2147483648;\n",
+        "\"DATA_HORA\";\"DELTA_DRS\";\n", "2015/30/06/14:05:09;text;\n"};
+    objManipulaDadosSat.gravaArquivoDesempenho(answer);
+    objManipulaDadosSat.gravaArquivoDesempenho("text");
+    EXPECT_EQ(files(), Files({{"./teste_desempenho.csv", rows[0] + rows[1] + rows[3]}}));
+    fs::remove("teste_desempenho.csv");
+    objManipulaDadosSat.gravaArquivoDesempenho("text");
+    objManipulaDadosSat.gravaArquivoDesempenho(answer);
+    EXPECT_EQ(files(), Files({{"./teste_desempenho.csv", rows[2] + rows[3] + rows[1]}}));
+}
+
+}  // namespace

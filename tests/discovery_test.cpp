@@ -1,0 +1,101 @@
+#include <gtest/gtest.h>
+
+#include <cstdlib>
+#include <filesystem>
+#include <fstream>
+#include <memory>
+
+#include "link/SerialCommChannel.h"
+#include "platform.h"
+
+namespace {
+
+namespace fs = std::filesystem;
+
+/// Whether /dev/serial and /sys/bus/usb/devices are folders of the working directory. A test writes to these
+/// alone.
+bool devicesArePrivate() {
+    std::error_code absent;
+    return fs::equivalent("serial", "/dev/serial", absent) &&
+           fs::equivalent("devices", "/sys/bus/usb/devices", absent);
+}
+
+/// Runs the present test once more, by bubblewrap, where they are.
+void repeatWithPrivateDevices() {
+    WorkingDirectory folder;
+    for (const auto* root : {"serial", "devices"}) fs::create_directory(root);
+    const std::string bubble =
+        "bwrap --bind / / --dev /dev --bind \"$PWD/serial\" /dev/serial"
+        " --tmpfs /sys --bind \"$PWD/devices\" /sys/bus/usb/devices ";
+    if (std::system((bubble + "true").c_str()) != 0) GTEST_SKIP() << "bubblewrap makes no namespace here";
+    const std::string test = testing::UnitTest::GetInstance()->current_test_info()->name();
+    const std::string self = fs::read_symlink("/proc/self/exe");
+    EXPECT_EQ(std::system((bubble + "'" + self + "' --gtest_filter=*." + test).c_str()), 0);
+}
+
+/// Makes what "link -> target", "file=content" or "folder" says.
+void make(const std::string& entry) {
+    const auto mark = entry.find_first_of(" =");
+    const fs::path path = entry.substr(0, mark);
+    fs::create_directories(mark == std::string::npos ? path : path.parent_path());
+    if (mark != std::string::npos && entry[mark] == '=') std::ofstream(path) << entry.substr(mark + 1);
+    if (mark != std::string::npos && entry[mark] == ' ') fs::create_symlink(entry.substr(mark + 4), path);
+}
+
+long openFiles() { return std::distance(fs::directory_iterator("/proc/self/fd"), {}); }
+
+TEST(Discovery, TheDeviceIsMissedOrAnotherTaken) {
+    if (!devicesArePrivate()) return repeatWithPrivateDevices();
+    const std::string usb = "serial/by-id/usb", mark = "-mfc+_with_musb-if00 -> ../../tty";
+    const std::string device = "devices/1-1", vendor = device + "/idVendor=0525\n",
+                      tty = "/1-1:1.0/tty/ttyACM";
+    const std::string later = "devices/2-1", laterVendor = later + "/idVendor=0525\n";
+    const struct {
+        std::vector<std::string> entries;
+        std::string byName, byVendor;
+    } cases[] = {
+        {{}, "", ""},
+        {{"serial/by-id", vendor}, "", ""},
+        {{usb + mark + "ACM0", vendor, device + tty + "3"}, "/dev/ttyACM0", "/dev/ttyACM3"},
+        {{usb + "b" + mark + "ACM2", usb + "a" + mark + "ACM5"}, "/dev/ttyACM2", ""},
+        {{usb + mark + "ACM12", vendor, device + tty + "12"}, "/dev/ttyACM1", "/dev/ttyACM12"},
+        {{usb + "a" + mark + "ACM0", usb + "b" + mark + "USB0"}, "", ""},
+        {{usb + "-mfc_with_musb -> ../../ttyACM0", usb + "-mfcc_with_musb -> ../../ttyACM1"}, "", ""},
+        {{device + "/idVendor=0525", device + "/idProduct=ffff", device + tty + "3"}, "", "/dev/ttyACM3"},
+        {{device + "/idVendor=05250\n", device + tty + "3"}, "", ""},
+        {{device + "/idVendor=", "devices/1-2/idVendor=1d6b\n", laterVendor, later + tty + "7"},
+         "",
+         "/dev/ttyACM7"},
+        {{"devices/1-0/idVendor -> nowhere", vendor, device + tty + "3"}, "", ""},
+        {{vendor, device + "/a/ttys/S0", device + "/b/tty/ttyS4", device + "/c/tty/ttyS5"}, "", "/dev/ttyS4"},
+        {{vendor, laterVendor, later + tty + "7"}, "", ""},
+        {{vendor, device + "/a/tty/.hidden"}, "", ""},
+    };
+    platform.usleep = [](useconds_t) { return 0; };
+    serial::SerialCommChannel channel;
+    const long before = openFiles();
+    for (const auto& one : cases) {
+        for (const auto& entry : one.entries) make(entry);
+        testing::internal::CaptureStderr();
+        EXPECT_EQ(channel.findUsbDevice(), one.byName) << testing::PrintToString(one.entries);
+        EXPECT_EQ(testing::internal::GetCapturedStderr(), "");
+        const std::unique_ptr<char, decltype(&std::free)> path(channel.findUsbDeviceByVendorId(), &std::free);
+        EXPECT_EQ(path ? path.get() : "", one.byVendor) << testing::PrintToString(one.entries);
+        for (const auto* root : {"serial", "devices"})
+            for (const auto& entry : fs::directory_iterator(root)) fs::remove_all(entry);
+    }
+    EXPECT_EQ(openFiles(), before);
+}
+
+TEST(Discovery, ALineIsReadBeyondOrShortOfItsBuffer) {
+    FakeLine line;
+    serial::SerialCommChannel channel;
+    line.listing = std::string(248, 'x') + "ttyACM12";
+    EXPECT_EQ(channel.findUsbDevice(), "/dev/ttyACM1");
+    line.listing.insert(0, 2, 'x');
+    EXPECT_EQ(channel.findUsbDevice(), "");
+    platform.popen = [](const char*) { return nullptr; };
+    EXPECT_EQ(channel.findUsbDevice(), "");
+}
+
+}  // namespace
