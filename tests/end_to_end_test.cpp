@@ -10,7 +10,6 @@
 #include <filesystem>
 #include <fstream>
 #include <iterator>
-#include <regex>
 #include <string>
 #include <vector>
 
@@ -38,6 +37,10 @@ Result run(const std::string& line) {
     return {WIFEXITED(status) ? WEXITSTATUS(status) : -1, output, duration.count()};
 }
 
+bool matches(const std::string& text, const std::string& expression) {
+    return testing::Matcher<std::string>(testing::MatchesRegex(expression)).Matches(text);
+}
+
 const std::string SIM = FISCORA_TOOL " sim ";
 const std::string TILL = FISCORA_TILL;
 
@@ -45,33 +48,33 @@ struct Case {
     const char* fault;  ///< that the case would catch
     std::string line;
     int exitStatus;
-    std::string output;  ///< a regular expression
+    std::string output;  ///< a POSIX extended regular expression
     double leastSeconds = 0;
     double mostSeconds = 60;
 };
 
 TEST(EndToEnd, ProgramsUnderTheSimulatedDevice) {
-    const std::string good = R"( \d+ 00000\d\|08000\|SAT em Operação\|\|\n)";
+    const std::string good = " [0-9]+ 00000[0-9]\\|08000\\|SAT em Operação\\|\\|\n";
     const Case cases[] = {
         {"an answer is lost, or a descriptor", SIM + "-- " + TILL + " 2", 0, "0" + good + "0" + good, 2.2},
         {"silence is no timeout, or spoils the next call", SIM + "--fault silence@1 -- " + TILL + " 2", 0,
-         "32768 [678]\\d\\d\\d \n0" + good, 7},
+         "32768 [678][0-9]{3} \n0" + good, 7},
         {"a lost line is not noticed, or not found again",
-         SIM + "--fault hang-up-in-answer@1 -- " + TILL + " 2", 0, R"(2 \d+ \n0)" + good, 2},
-        {"a call without a device takes its timeout", "PATH=/nonexistent " + TILL + " 1", 0,
-         R"(1 1\d\d\d \n)", 1},
+         SIM + "--fault hang-up-in-answer@1 -- " + TILL + " 2", 0, "2 [0-9]+ \n0" + good, 2},
+        {"a call without a device takes its timeout", "PATH=/nonexistent " + TILL + " 1", 0, "1 1[0-9]{3} \n",
+         1},
         {"the exit status is lost", SIM + "-- sh -c 'exit 7'", 7, ""},
         {"the death of the command is not told", SIM + "-- sh -c 'kill -TERM $$'", 128 + 15, ""},
         {"a command that is not there passes", SIM + "-- /nonexistent/command", 127,
-         "(.|\n)*/nonexistent/command.*\n"},
-        {"a call without a command does something", SIM, 2, "(.|\n)+"},
+         ".*/nonexistent/command.*\n"},
+        {"a call without a command does something", SIM, 2, "fiscora sim: .+\n"},
     };
     for (const auto& [fault, line, exitStatus, output, leastSeconds, mostSeconds] : cases) {
         SCOPED_TRACE(fault);
         const WorkingDirectory folder;
         const Result result = run(line);
         EXPECT_EQ(result.exitStatus, exitStatus);
-        EXPECT_TRUE(std::regex_match(result.output, std::regex(output))) << result.output;
+        EXPECT_TRUE(matches(result.output, output)) << result.output;
         EXPECT_GE(result.seconds, leastSeconds);
         EXPECT_LE(result.seconds, mostSeconds);
     }
@@ -142,9 +145,9 @@ TEST(CallCommand, AnswerDumpAndRecord) {
     const WorkingDirectory folder;
     const Result result = run(SIM + "-- " FISCORA_TOOL " call --dump --record ConsultarSAT 7");
     EXPECT_EQ(result.exitStatus, 0);
-    EXPECT_TRUE(std::regex_match(result.output, std::regex("status +0 \\(FISCORA_STATUS_OK.*\\)\n"
-                                                           "numeroSessao +000007\nEEEEE +08000\n"
-                                                           "mensagem +SAT em Operação\ncod +\n")))
+    EXPECT_TRUE(matches(result.output,
+                        "status +0 \\(FISCORA_STATUS_OK.*\\)\nnumeroSessao +000007\nEEEEE +08000\n"
+                        "mensagem +SAT em Operação\ncod +\n"))
         << result.output;
     const auto names = files();
     ASSERT_EQ(names.size(), 4U);
@@ -174,10 +177,11 @@ TEST(CallCommand, FullSizeSaleAndItsDocumentTravelWhole) {
         run(SIM + "--activation-code " + code +
             " -- " FISCORA_TOOL " call --out document.xml EnviarDadosVenda 1 " + code + " @sale.xml");
     EXPECT_EQ(result.exitStatus, 0);
-    std::smatch match;
-    ASSERT_TRUE(std::regex_search(result.output, match, std::regex("timeStamp +(\\d{14})\n")));
+    const std::string timeField = "timeStamp          ";
+    const auto place = result.output.find(timeField);
+    ASSERT_NE(place, std::string::npos) << result.output.substr(0, 1000);
     std::tm time{};
-    strptime(match[1].str().c_str(), "%Y%m%d%H%M%S", &time);
+    strptime(result.output.substr(place + timeField.size(), 14).c_str(), "%Y%m%d%H%M%S", &time);
     time.tm_isdst = -1;
 
     // What another such device makes of the same sale at the same moment.

@@ -189,22 +189,4 @@ TEST(SimulatedDevice, ASessionBooksOnceAndItsAnswerStaysToBeAskedFor) {
     EXPECT_EQ(fixture.ask("ConsultarUltimaSessaoFiscal", query).at(8), booked.at(8));
 }
 
-TEST(SimulatedDevice, ALargeSaleFitsItsAnswerWithTheTotalOfAllItems) {
-    std::string items;
-    const std::string one = item("1", "1.01", "<cProd>" + std::string(400, 'c') + "</cProd>");
-    const std::size_t count = (SimulatedDevice::MAX_ANSWER - sale("").size()) / one.size();
-    for (std::size_t i = 0; i < count; ++i) items += one;
-    const std::string request = std::string("000001|") + CODE + "|" + sale(items);
-    Device fixture;
-    const std::string text = fixture.device.answer("EnviarDadosVenda", request);
-    EXPECT_LE(text.size(), SimulatedDevice::MAX_ANSWER);
-    EXPECT_GT(text.size(), SimulatedDevice::MAX_ANSWER - 6000);
-    const auto answer = split(text, '|');
-    const std::size_t cents = count * 101;
-    EXPECT_EQ(answer.at(9), std::to_string(cents / 100) + "." + std::to_string(cents % 100 + 100).substr(1));
-    const std::string document = Base64::decode(answer.at(6));
-    EXPECT_NE(document.find(one + "<det>"), std::string::npos) << "items as the sale has them";
-    EXPECT_NE(document.find("elementos omitidos"), std::string::npos);
-}
-
 }  // namespace

@@ -11,6 +11,7 @@
 #include <cstdlib>
 #include <fstream>
 #include <iostream>
+#include <memory>
 #include <vector>
 
 #include "local_time.h"
@@ -99,19 +100,19 @@ void LogDebug::compress(const std::string& fileName) {
 
 void LogDebug::removeLastDays(char* path) {
     std::array<char*, 2> roots = {path, nullptr};
-    FTS* const walk = fts_open(roots.data(), FTS_COMFOLLOW | FTS_LOGICAL | FTS_NOCHDIR, nullptr);
-    if (walk == nullptr) {
+    const std::unique_ptr<FTS, int (*)(FTS*)> walk(
+        fts_open(roots.data(), FTS_COMFOLLOW | FTS_LOGICAL | FTS_NOCHDIR, nullptr), fts_close);
+    if (!walk) {
         warn("fts_open");
         return;
     }
+    if (fts_children(walk.get(), 0) == nullptr) return;
+
     const std::string wanted = std::string(path) + NAME_PREFIX;
     std::vector<std::string> files;
-    if (fts_children(walk, 0) != nullptr) {
-        while (const FTSENT* entry = fts_read(walk))
-            if (entry->fts_info == FTS_F && std::string(entry->fts_path).find(wanted) != std::string::npos)
-                files.emplace_back(entry->fts_path);
-    }
-    fts_close(walk);
+    while (const FTSENT* entry = fts_read(walk.get()))
+        if (entry->fts_info == FTS_F && std::string(entry->fts_path).find(wanted) != std::string::npos)
+            files.emplace_back(entry->fts_path);
 
     if (files.size() < MAX_FILES) return;
     std::sort(files.begin(), files.end());

@@ -19,14 +19,14 @@
 // size, and an answer that fills the buffer is still a zero-terminated text. The size is
 // FISCORA_ANSWER_MAX_BYTES.
 asm(R"(
-    .bss
+    .pushsection .bss
     .balign 64
     .globl g_resp
     .type g_resp, STT_OBJECT
     .size g_resp, 1572864
 g_resp:
     .zero 1572864 + 1
-    .text
+    .popsection
 )");
 static_assert(sizeof g_resp == 1572864);
 
@@ -175,9 +175,11 @@ Request ManipulaDadosSat::makeRequest(const Operation& operation, const std::vec
     char* const buffer = operation.buffer == nullptr ? own.data() : operation.buffer;
     std::memset(buffer, 0, operation.bufferBytes);
 
+    const auto conversions = ::split(operation.format, '|');
+    if (arguments.size() != conversions.size()) return std::nullopt;
     std::size_t used = 0;
     auto argument = arguments.begin();
-    for (std::string conversion : ::split(operation.format, '|')) {
+    for (std::string conversion : conversions) {
         if (*argument == Argument(nullptr)) return std::nullopt;
         if (used > 0) conversion.insert(0, 1, '|');
         const std::size_t left = operation.bufferBytes - used;

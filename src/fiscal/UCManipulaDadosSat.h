@@ -13,7 +13,8 @@ class Message;
 }
 
 /// Body of the last answer, filled up with zeros: what every operation returns. One more zero byte, which
-/// nothing writes, stands right behind it.
+/// nothing writes, stands right behind it. Read it by the pointer that an operation returns: a program that
+/// names this symbol may get a copy of its own, without that byte.
 extern char g_resp[FISCORA_ANSWER_MAX_BYTES];
 
 namespace manipulaDados {
@@ -89,9 +90,10 @@ class ManipulaDadosSat {
     /// The same with `text` as the only cell behind the time.
     void gravaArquivoDesempenho(std::string text);
 
-    /// The request text of any operation from its arguments, numeroSessao first, as many as its format has
-    /// and of their kinds. None where a text is null, or where the request and its terminating zero do not
-    /// fit the operation's buffer: a shortened document or activation code must never reach the device.
+    /// The request text of any operation from its arguments, numeroSessao first, of the kinds that its
+    /// format has. None where their number differs, where a text is null, or where the request and its
+    /// terminating zero do not fit the operation's buffer: a shortened document or activation code must never
+    /// reach the device.
     Request makeRequest(const Operation& operation, const std::vector<Argument>& arguments);
     /// Exchanges a request of that operation with the device; what each of the operations above does.
     /// `answer`, a fresh message, is left as the exchange left it, with its headers. Without a request
