@@ -9,25 +9,32 @@
  *
  * A fiscal function sends one command to the device over its USB serial line and waits for the answer:
  *
- * - Result: the device's answer, fields separated by "|", field 0 the session number, field 1 the five-digit code
- *   EEEEE of the fiscal standard. Zero-terminated, at most FISCORA_ANSWER_MAX_BYTES bytes, never null. The memory
- *   is the library's: never free it, and copy what you keep, since the next fiscal function overwrites it.
- * - Failure: the result is an empty text, as a rule, and CodigoErro() says why. Ask it after every call. An answer
- *   that came too late (FISCORA_STATUS_TIMEOUT) or before a failure of the line can still stand in the result.
- *   Status FISCORA_STATUS_OK says that the device answered, not that it agreed: look at EEEEE.
- * - Duration: the function blocks until the answer is there or the operation's timeout has run out, plus a second's
- *   pause for the device. Each answer of a wrong kind starts the timeout anew, at most five times. A device that stays
- *   silent for 50 seconds ends every call. With no device a call takes a second.
- * - Nothing is repeated by the library. After a failure ask the device what it did before you send a document again
- *   (ConsultarNumeroSessao with the session number of the failed call).
- * - Arguments: texts are zero-terminated bytes and are sent as they stand; a "|" inside one makes one more field.
- *   A text must not be null. Each function tells how many bytes its texts may have together, without their zeros, for a
- *   session number of at most six digits; a longer number takes from that. A null text or a request that is too
- *   long is refused with FISCORA_STATUS_BAD_REQUEST: nothing is sent, and the function returns at once.
- *   `numeroSessao` is the application's own number of the call, 0 to 999999, printed with six digits. Other numbers,
- *   ranges and contents are judged by the device, not here.
- * - Threads: one call at a time in the process.
- * - Files: a debug log, logsDrs/logDrsYYYYMMDD.log below the working directory, written where it can be.
+ * Result: the device's answer, fields separated by "|", field 0 the session number, field 1 the five-digit
+ * code EEEEE of the fiscal standard. Zero-terminated, at most FISCORA_ANSWER_MAX_BYTES bytes, never null. The
+ * memory is the library's: never free it, and copy what you keep, since the next fiscal function overwrites
+ * it.
+ *
+ * Failure: the result is an empty text, as a rule, and CodigoErro() says why. Ask it after every call. An
+ * answer that came too late (FISCORA_STATUS_TIMEOUT) or before a failure of the line can still stand in the
+ * result. Status FISCORA_STATUS_OK says that the device answered, not that it agreed: look at EEEEE.
+ *
+ * Duration: the function blocks until the answer is there or the operation's timeout has run out, plus a
+ * second's pause for the device. Each answer of a wrong kind starts the timeout anew, at most five times. A
+ * device that stays silent for 50 seconds ends every call. With no device a call takes a second.
+ *
+ * Nothing is repeated by the library. After a failure ask the device what it did before you send a document
+ * again (ConsultarNumeroSessao with the session number of the failed call).
+ *
+ * Arguments: texts are zero-terminated bytes and are sent as they stand; a "|" inside one makes one more
+ * field. A text must not be null. Each function tells how many bytes its texts may have together, without
+ * their zeros, for a session number of at most six digits; a longer number takes from that. A null text or a
+ * request that is too long is refused with FISCORA_STATUS_BAD_REQUEST: nothing is sent, and the function
+ * returns at once. `numeroSessao` is the application's own number of the call, 0 to 999999, printed with six
+ * digits. Other numbers, ranges and contents are judged by the device, not here.
+ *
+ * Threads: one call at a time in the process.
+ *
+ * Files: a debug log, logsDrs/logDrsYYYYMMDD.log below the working directory, written where it can be.
  */
 #ifndef FISCORA_H
 #define FISCORA_H
@@ -57,9 +64,9 @@ enum { FISCORA_ANSWER_MAX_BYTES = 1572864 };
 
 /**
  * Activates the device for a taxpayer.
- * subComando: kind of activation, 1 to 3 in the fiscal standard; its low 16 bits count. codigoDeAtivacao: the code
- * to set, 8 to 32 characters. cnpj: the taxpayer's number, 14 digits. cUF: code of the federal unit (IBGE); its
- * low 16 bits count. Texts: 50 bytes together. Timeout: 302 s.
+ * subComando: kind of activation, 1 to 3 in the fiscal standard; its low 16 bits count. codigoDeAtivacao: the
+ * code to set, 8 to 32 characters. cnpj: the taxpayer's number, 14 digits. cUF: code of the federal unit
+ * (IBGE); its low 16 bits count. Texts: 50 bytes together. Timeout: 302 s.
  */
 char* AtivarSAT(int numeroSessao, int subComando, const char* codigoDeAtivacao, const char* cnpj, int cUF);
 
@@ -69,15 +76,16 @@ char* AtivarSAT(int numeroSessao, int subComando, const char* codigoDeAtivacao, 
 char* ComunicarCertificadoICPBRASIL(int numeroSessao, const char* codigoDeAtivacao, const char* certificado);
 
 /**
- * Sends a sale, the CF-e document in XML, to be signed and booked. The answer's field 6 is the signed document in
- * Base64: see Base64ToAscii. Texts: 1,572,895 bytes together. Timeout: 10 s.
+ * Sends a sale, the CF-e document in XML, to be signed and booked. The answer's field 6 is the signed
+ * document in Base64: see Base64ToAscii. Texts: 1,572,895 bytes together. Timeout: 10 s.
  */
 char* EnviarDadosVenda(int numeroSessao, const char* codigoDeAtivacao, const char* dadosVenda);
 
 /**
- * Cancels the last sale. chave: its access key, "CFe" and 44 digits. dadosCancelamento: the cancellation document in
- * XML; the first empty element <CNPJ/> and the first <CPF/> of the request are sent in their long form. The answer's
- * field 6 is the signed document in Base64: see Base64ToAscii. Texts: 1,572,942 bytes together. Timeout: 7 s.
+ * Cancels the last sale. chave: its access key, "CFe" and 44 digits. dadosCancelamento: the cancellation
+ * document in XML; the first empty element <CNPJ/> and the first <CPF/> of the request are sent in their long
+ * form. The answer's field 6 is the signed document in Base64: see Base64ToAscii. Texts: 1,572,942 bytes
+ * together. Timeout: 7 s.
  */
 char* CancelarUltimaVenda(int numeroSessao, const char* codigoDeAtivacao, const char* chave,
                           const char* dadosCancelamento);
@@ -91,17 +99,19 @@ char* ConsultarSAT(int numeroSessao);
  */
 char* TesteFimAFim(int numeroSessao, const char* codigoDeAtivacao, const char* dadosVenda);
 
-/** Asks for the device's state: network, battery, memory, versions, last document. Text: 40 bytes. Timeout: 20 s. */
+/** Asks for the device's state: network, battery, memory, versions, last document. Text: 40 bytes. Timeout:
+ * 20 s. */
 char* ConsultarStatusOperacional(int numeroSessao, const char* codigoDeAtivacao);
 
 /**
- * Asks for the answer that the device gave, or would have given, under another session number: the way to learn what
- * became of a call that failed. cNumeroDeSessao: that number. Text: 33 bytes. Timeout: 22 s.
+ * Asks for the answer that the device gave, or would have given, under another session number: the way to
+ * learn what became of a call that failed. cNumeroDeSessao: that number. Text: 33 bytes. Timeout: 22 s.
  */
 char* ConsultarNumeroSessao(int numeroSessao, const char* codigoDeAtivacao, int cNumeroDeSessao);
 
 /** Configures the device's network, from an XML document. Texts: 1063 bytes together. Timeout: 22 s. */
-char* ConfigurarInterfaceDeRede(int numeroSessao, const char* codigoDeAtivacao, const char* dadosConfiguracao);
+char* ConfigurarInterfaceDeRede(int numeroSessao, const char* codigoDeAtivacao,
+                                const char* dadosConfiguracao);
 
 /**
  * Registers the signature of the commercial application. cnpjValue: both taxpayers' numbers, 28 digits.
@@ -113,7 +123,8 @@ char* AssociarAssinatura(int numeroSessao, const char* codigoDeAtivacao, const c
 /** Has the device update its software. Text: 40 bytes. Timeout: 1800 s. */
 char* AtualizarSoftwareSAT(int numeroSessao, const char* codigoDeAtivacao);
 
-/** Fetches the device's log, in Base64 in the answer's field 5: see Base64ToAscii. Text: 40 bytes. Timeout: 22 s. */
+/** Fetches the device's log, in Base64 in the answer's field 5: see Base64ToAscii. Text: 40 bytes. Timeout:
+ * 22 s. */
 char* ExtrairLogs(int numeroSessao, const char* codigoDeAtivacao);
 
 /** Blocks the device. Text: 40 bytes. Timeout: 302 s. */
@@ -123,18 +134,18 @@ char* BloquearSAT(int numeroSessao, const char* codigoDeAtivacao);
 char* DesbloquearSAT(int numeroSessao, const char* codigoDeAtivacao);
 
 /**
- * Changes the activation code. opcao: 1 where codigoDeAtivacao is the present code, 2 where it is the emergency
- * code; its low 16 bits count. novoCodigo and confNovoCodigo: the new code, twice. Texts: 100 bytes together.
- * Timeout: 22 s.
+ * Changes the activation code. opcao: 1 where codigoDeAtivacao is the present code, 2 where it is the
+ * emergency code; its low 16 bits count. novoCodigo and confNovoCodigo: the new code, twice. Texts: 100 bytes
+ * together. Timeout: 22 s.
  */
-char* TrocarCodigoDeAtivacao(int numeroSessao, const char* codigoDeAtivacao, int opcao, const char* novoCodigo,
-                             const char* confNovoCodigo);
+char* TrocarCodigoDeAtivacao(int numeroSessao, const char* codigoDeAtivacao, int opcao,
+                             const char* novoCodigo, const char* confNovoCodigo);
 
 /**
- * The document inside the last answer, decoded from Base64: after EnviarDadosVenda and CancelarUltimaVenda field 6,
- * after ExtrairLogs field 5. The empty text after any other function, or where the answer has no such field. Also
- * prints the answer on the standard output, a line a field. Needs no device, changes neither answer nor status.
- * The text is the library's and stays until the next call of this function. Never null.
+ * The document inside the last answer, decoded from Base64: after EnviarDadosVenda and CancelarUltimaVenda
+ * field 6, after ExtrairLogs field 5. The empty text after any other function, or where the answer has no
+ * such field. Also prints the answer on the standard output, a line a field. Needs no device, changes neither
+ * answer nor status. The text is the library's and stays until the next call of this function. Never null.
  */
 char* Base64ToAscii(void);
 
