@@ -108,10 +108,11 @@ SimulatedDevice::SimulatedDevice(DeviceSettings settings)
 
 std::string SimulatedDevice::answer(const std::string& operation, const std::string& request) {
     const Operation* row = find(operation);
-    if (row == nullptr) return fieldsOf(request, 2).front() + "|99099|Comando desconhecido||";
-    Request parsed{*row, fieldsOf(request, row->fields)};
-    std::string& session = parsed.fields.front();
+    std::vector<std::string> fields = fieldsOf(request, row == nullptr ? 2 : row->fields);
+    std::string& session = fields.front();
     session.resize(std::min(session.size(), LONGEST_SESSION + 1));  // a longer one is refused, not echoed
+    if (row == nullptr) return session + "|99099|Comando desconhecido||";
+    const Request parsed{*row, std::move(fields)};
     std::string text = judge(parsed);
     remember(parsed, text);
     return text;
