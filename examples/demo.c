@@ -17,14 +17,14 @@ static const char SALE[] =
     "<det nItem=\"1\"><prod><cProd>116</cProd><xProd>Cafe 500 g</xProd><NCM>09012100</NCM><CFOP>5102</CFOP>"
     "<uCom>UN</uCom><qCom>2.0000</qCom><vUnCom>14.90</vUnCom><indRegra>A</indRegra></prod>"
     "<imposto><ICMS><ICMSSN102><Orig>0</Orig><CSOSN>500</CSOSN></ICMSSN102></ICMS>"
-    "<PIS><PISSN><CST>49</CST></PISSN></PIS><COFINS><COFINSSN><CST>49</CST></COFINSSN></COFINS></imposto></"
-    "det>"
-    "<det nItem=\"2\"><prod><cProd>230</cProd><xProd>Pao de "
-    "queijo</xProd><NCM>19059090</NCM><CFOP>5102</CFOP>"
+    "<PIS><PISSN><CST>49</CST></PISSN></PIS><COFINS><COFINSSN><CST>49</CST></COFINSSN></COFINS></imposto>"
+    "</det>"
+    "<det nItem=\"2\"><prod><cProd>230</cProd><xProd>Pao de queijo</xProd>"
+    "<NCM>19059090</NCM><CFOP>5102</CFOP>"
     "<uCom>KG</uCom><qCom>0.3500</qCom><vUnCom>39.80</vUnCom><indRegra>A</indRegra></prod>"
     "<imposto><ICMS><ICMSSN102><Orig>0</Orig><CSOSN>500</CSOSN></ICMSSN102></ICMS>"
-    "<PIS><PISSN><CST>49</CST></PISSN></PIS><COFINS><COFINSSN><CST>49</CST></COFINSSN></COFINS></imposto></"
-    "det>"
+    "<PIS><PISSN><CST>49</CST></PISSN></PIS><COFINS><COFINSSN><CST>49</CST></COFINSSN></COFINS></imposto>"
+    "</det>"
     "<total/><pgto><MP><cMP>01</cMP><vMP>50.00</vMP></MP></pgto></infCFe></CFe>";
 
 static const char CANCELLATION[] =

@@ -3,7 +3,7 @@
  *
  * Link with -lfiscora. There is nothing to set up or tear down: any function may be the first.
  *
- *     char answer[FISCORA_ANSWER_MAX_BYTES + 1];
+ *     static char answer[FISCORA_ANSWER_MAX_BYTES + 1];
  *     strcpy(answer, ConsultarSAT(123456));
  *     if (CodigoErro() == FISCORA_STATUS_OK) puts(answer);        // 123456|08000|SAT em Operação||
  *
@@ -20,7 +20,9 @@
  *
  * Duration: the function blocks until the answer is there or the operation's timeout has run out, plus a
  * second's pause for the device. Each answer of a wrong kind starts the timeout anew, at most five times. A
- * device that stays silent for 50 seconds ends every call. With no device a call takes a second.
+ * device that stays silent for 50 seconds ends every call. With no device a call takes a second. A device
+ * that stops taking data in the middle of a large request can hold the call until it takes data again or is
+ * unplugged, on kernels whose USB serial driver discards no output (6.1).
  *
  * Nothing is repeated by the library. After a failure ask the device what it did before you send a document
  * again (ConsultarNumeroSessao with the session number of the failed call).
@@ -32,7 +34,10 @@
  * returns at once. `numeroSessao` is the application's own number of the call, 0 to 999999, printed with six
  * digits. Other numbers, ranges and contents are judged by the device, not here.
  *
- * Threads: one call at a time in the process.
+ * Threads: one call at a time in the process. No call from a static destructor or an atexit handler.
+ *
+ * Signals: a handler that runs during a call and was installed without SA_RESTART can end it with
+ * FISCORA_STATUS_READ_ERROR, whatever the device then does with the request.
  *
  * Files: a debug log, logsDrs/logDrsYYYYMMDD.log below the working directory, written where it can be.
  */
@@ -51,7 +56,8 @@ enum FiscoraStatus {
     FISCORA_STATUS_NO_ANSWER = 1,
     /** The line failed, such as a device that was unplugged, or one that was silent for 50 seconds. */
     FISCORA_STATUS_READ_ERROR = 2,
-    /** The device answered something else, six times, or with a body that is too large. */
+    /** What the device sent was the answer to something else, or too large, and nothing better came after it.
+     */
     FISCORA_STATUS_REFUSED = 4,
     /** A text was null or the request too long: nothing was sent. */
     FISCORA_STATUS_BAD_REQUEST = 8,

@@ -1,11 +1,9 @@
 #include "local_time.h"
 
 #include <array>
-#include <ctime>
 
-std::string localTimeText(const char* format) {
-    const std::time_t now = time(nullptr);
+std::string localTimeText(const char* format, std::time_t when) {
     std::array<char, 80> text{};
-    strftime(text.data(), text.size(), format, localtime(&now));
+    strftime(text.data(), text.size(), format, localtime(&when));
     return text.data();
 }

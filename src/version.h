@@ -1,4 +1,4 @@
 #pragma once
 
 /// The driver's version: what getVersion returns, every command carries and the log names.
-inline constexpr char DRIVER_VERSION[] = "01.00.01.001";
+constexpr char DRIVER_VERSION[] = "01.00.01.001";

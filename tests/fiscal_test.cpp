@@ -87,6 +87,24 @@ TEST_F(Fiscal, AnOperationHasAnothersNameFormatOrTimeout) {
     }
 }
 
+TEST_F(Fiscal, ADocumentsBufferKeepsAnEarlierRequestOrAnothersOperation) {
+    for (const auto* document : {"longer", "x"}) {
+        EnviarDadosVenda(1, "venda", document);
+        CancelarUltimaVenda(1, "cancela", "k", document);
+        TesteFimAFim(1, "fim", document);
+        const auto holds = [](const char* buffer, size_t size, const std::string& text) {
+            return std::string(buffer, size) == text + std::string(size - text.size(), '\0');
+        };
+        EXPECT_TRUE(holds(g_bufferVenda, sizeof g_bufferVenda, "000001|venda|"s + document));
+        EXPECT_TRUE(holds(g_bufferCancela, sizeof g_bufferCancela, "000001|cancela|k|"s + document));
+        EXPECT_TRUE(holds(g_bufferFimAFim, sizeof g_bufferFimAFim, "000001|fim|"s + document));
+    }
+    const auto calls = m_line.calls;
+    CloseSerial();
+    EXPECT_STREQ(getVersion(), "01.00.01.001");
+    EXPECT_EQ(m_line.calls, calls) << "a function that needs no device uses it";
+}
+
 TEST_F(Fiscal, ARequestIsCutOrOverrunsItsBuffer) {
     for (const auto& operation : OPERATIONS) {
         for (const size_t i : {0, 1, 2}) {

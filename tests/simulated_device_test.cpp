@@ -176,7 +176,11 @@ TEST(SimulatedDevice, ASessionBooksOnceAndItsAnswerStaysToBeAskedFor) {
     Device fixture;
     const std::string query = std::string("000050|") + CODE;
     EXPECT_EQ(fixture.code("ConsultarUltimaSessaoFiscal", query), "19003");
-    EXPECT_EQ(fixture.sell("000001", "<CFe><broken>").at(1), "06010");
+    std::string deep;
+    for (int i = 0; i < 200'000; ++i) deep += "<a>";
+    for (const auto& malformed :
+         {std::string("<CFe><broken>"), std::string("<CFe>a & b</CFe>"), std::string("<CFe/>x"), deep})
+        EXPECT_EQ(fixture.sell("000001", malformed).at(1), "06010") << malformed.substr(0, 20);
     const auto booked = fixture.sell("000001", sale(item("1", "1")));
     EXPECT_EQ(booked.at(1), "06000") << "a refused sale leaves its session free";
     EXPECT_EQ(fixture.sell("000001", sale(item("1", "1"))).at(1), "06099");

@@ -3,11 +3,14 @@
 #include <unistd.h>
 
 #include <algorithm>
+#include <array>
+#include <cctype>
 #include <cerrno>
 #include <chrono>
 #include <cstdint>
 #include <cstdio>
 #include <cstdlib>
+#include <filesystem>
 #include <fstream>
 #include <iomanip>
 #include <iostream>
@@ -15,6 +18,7 @@
 #include <limits>
 #include <optional>
 #include <sstream>
+#include <stdexcept>
 #include <string_view>
 
 #include "Progress.h"
@@ -43,10 +47,8 @@ struct Names {
 constexpr std::string_view PLAIN = "mensagem cod mensagemSEFAZ";
 constexpr std::string_view DEVICE_STATUS =
     "mensagem cod mensagemSEFAZ NSERIE TIPO_LAN LAN_IP LAN_MAC LAN_MASK LAN_GW LAN_DNS_1 LAN_DNS_2 "
-    "STATUS_LAN "
-    "NIVEL_BATERIA MT_TOTAL MT_USADA DH_ATUAL VER_SB VER_LAYOUT ULTIMO_CF_E_SAT LISTA_INICIAL LISTA_FINAL "
-    "DH_CFE "
-    "DH_ULTIMA CERT_EMISSAO CERT_VENCIMENTO ESTADO_OPERACAO";
+    "STATUS_LAN NIVEL_BATERIA MT_TOTAL MT_USADA DH_ATUAL VER_SB VER_LAYOUT ULTIMO_CF_E_SAT LISTA_INICIAL "
+    "LISTA_FINAL DH_CFE DH_ULTIMA CERT_EMISSAO CERT_VENCIMENTO ESTADO_OPERACAO";
 constexpr std::string_view DOCUMENT =
     "CCCC mensagem cod mensagemSEFAZ arquivoCFeBase64 timeStamp chaveConsulta valorTotalCFe CPFCNPJValue "
     "assinaturaQRCODE";
@@ -89,8 +91,10 @@ std::vector<std::string> words(std::string_view text) {
 }
 
 const Names& namesOf(std::string_view command) {
-    return *std::find_if(std::begin(NAMES), std::end(NAMES),
-                         [&](const Names& row) { return row.command == command; });
+    const auto* row = std::find_if(std::begin(NAMES), std::end(NAMES),
+                                   [&](const Names& names) { return names.command == command; });
+    if (row == std::end(NAMES)) throw std::logic_error("no names for " + std::string(command));
+    return *row;
 }
 
 std::vector<std::string> argumentNames(const Operation& operation) {
@@ -134,12 +138,14 @@ std::string content(const std::string& argument) {
     std::ifstream file;
     if (path != "-") file.open(path, std::ios::binary);
     std::istream& source = path == "-" ? std::cin : file;
-    std::ostringstream text;
-    if (source) text << source.rdbuf();
-    if (!source || source.bad()) throw CLI::ValidationError("cannot read " + path);
-    if (text.str().find('\0') != std::string::npos)
+    std::string text;
+    std::array<char, 65536> chunk;
+    while (source.read(chunk.data(), chunk.size()), source.gcount() > 0)
+        text.append(chunk.data(), static_cast<std::size_t>(source.gcount()));
+    if (!source.eof()) throw CLI::ValidationError("cannot read " + path);
+    if (text.find('\0') != std::string::npos)
         throw CLI::ValidationError(path + " holds a zero byte and cannot be sent");
-    return text.str();
+    return text;
 }
 
 int number(const std::string& name, const std::string& text, std::string_view conversion) {
@@ -161,14 +167,19 @@ std::vector<Argument> argumentsFrom(const Operation& operation, const std::vecto
                                     std::vector<std::string>& texts) {
     const auto names = argumentNames(operation);
     if (given.size() != names.size())
-        throw CLI::ValidationError(std::string(operation.command) + " takes " + joined(names, " ") + ", " +
-                                   std::to_string(names.size()) + " arguments and not " +
+        throw CLI::ValidationError(std::string(operation.command) + " takes " + joined(names, " ") +
+                                   " (arguments: " + std::to_string(names.size()) + "), and got " +
                                    std::to_string(given.size()));
     const auto conversions = split(operation.format, '|');
+    if (std::count(given.begin(), given.end(), "@-") > 1)
+        throw CLI::ValidationError("the standard input, @-, can be one argument only");
     texts.resize(given.size());
     std::vector<Argument> arguments;
     for (std::size_t i = 0; i < given.size(); ++i) {
         texts[i] = content(given[i]);
+        if (names[i].find("odigo") != std::string::npos &&
+            texts[i].find_first_of("\r\n") != std::string::npos)
+            throw CLI::ValidationError(names[i] + " holds a line break");
         if (conversions[i] == TEXT)
             arguments.emplace_back(texts[i].c_str());
         else
@@ -185,7 +196,7 @@ std::string_view meaning(int status) {
         case FISCORA_STATUS_READ_ERROR:
             return "FISCORA_STATUS_READ_ERROR: the line failed, or was silent for 50 s";
         case FISCORA_STATUS_REFUSED:
-            return "FISCORA_STATUS_REFUSED: the device answered something else, or too much";
+            return "FISCORA_STATUS_REFUSED: the device kept answering something else, or too much";
         case FISCORA_STATUS_BAD_REQUEST:
             return "FISCORA_STATUS_BAD_REQUEST: the request is too long, nothing was sent";
         case FISCORA_STATUS_TIMEOUT: return "FISCORA_STATUS_TIMEOUT: no answer in time";
@@ -195,34 +206,36 @@ std::string_view meaning(int status) {
 
 void print(const std::string& name, std::string_view value) {
     constexpr int WIDTH = 18;
-    std::cout << std::left << std::setw(WIDTH) << name << ' ' << value << '\n';
+    if (value.empty())
+        std::cout << name << '\n';
+    else
+        std::cout << std::left << std::setw(WIDTH) << name << ' ' << value << '\n';
 }
 
-/// A file that takes its place only when it is complete: an earlier one stays until then.
-class NewFile {
+/// Where a document goes. Made before the call, so that what is wrong with the path shows before anything is
+/// sent; the file keeps its content until there is another.
+class DocumentFile {
   public:
-    explicit NewFile(const std::string& path)
-        : m_path(path), m_part(path + ".part"), m_file(m_part, std::ios::binary) {
-        if (!m_file) throw CLI::ValidationError("cannot write " + m_part);
+    explicit DocumentFile(const std::string& path) : m_path(path), m_isNew(!std::filesystem::exists(path)) {
+        if (!std::ofstream(path, std::ios::app)) throw CLI::ValidationError("cannot write " + path);
     }
-    NewFile(const NewFile&) = delete;
-    NewFile& operator=(const NewFile&) = delete;
-    ~NewFile() {
-        if (!m_complete) std::remove(m_part.c_str());
+    DocumentFile(const DocumentFile&) = delete;
+    DocumentFile& operator=(const DocumentFile&) = delete;
+    ~DocumentFile() {
+        if (m_isNew) std::remove(m_path.c_str());
     }
 
     bool save(const std::string& content) {
-        m_file << content;
-        m_file.close();
-        m_complete = m_file.good() && std::rename(m_part.c_str(), m_path.c_str()) == 0;
-        return m_complete;
+        m_isNew = false;
+        std::ofstream file(m_path, std::ios::binary | std::ios::trunc);
+        file << content;
+        file.close();
+        return file.good();
     }
 
   private:
     std::string m_path;
-    std::string m_part;
-    std::ofstream m_file;
-    bool m_complete = false;
+    bool m_isNew;  ///< and to be removed again, where there is no document
 };
 
 /// Position of the answer's document among its fields; as many as there are names where it has none.
@@ -235,6 +248,21 @@ std::size_t documentField(const std::vector<std::string>& names) {
     return static_cast<std::size_t>(found - names.begin());
 }
 
+/// All fields of an answer, an empty one at the end included, which `split` leaves out.
+std::vector<std::string> fieldsOf(const pbs::Message& answer) {
+    return answer.bodySize() == 0 ? std::vector<std::string>() : split(answer.body() + "|", '|');
+}
+
+/// Saves the answer's document; returns what went wrong, or the empty text.
+std::string save(DocumentFile& file, const std::vector<std::string>& names,
+                 const std::vector<std::string>& fields) {
+    const std::size_t field = documentField(names);
+    if (field >= fields.size() || fields[field].empty()) return "the answer holds no document";
+    if (!file.save(Base64::decode(fields[field])))
+        return "cannot write the document, which stands above in Base64";
+    return "";
+}
+
 bool mayHoldDocument(std::string_view command) {
     const std::string_view fields = namesOf(command).fields;
     return fields.empty() || documentField(words(fields)) < words(fields).size();
@@ -245,8 +273,8 @@ bool mayHoldDocument(std::string_view command) {
 CallCommand::CallCommand(CLI::App& application)
     : Subcommand(application, "call", "Make one call to the fiscal device and print its answer",
                  "fiscora call [OPTIONS] OPERATION NUMERO_SESSAO [ARGUMENT...]") {
-    m_options->add_option("OPERATION", m_words, "Operation of the library, then its arguments in their order")
-        ->type_name("");
+    // Not an option of CLI11's, which would take words such as [a,b] apart.
+    m_options->allow_extras();
     m_options->add_option("--out", m_documentPath, "Decode the document in the answer to FILE")
         ->type_name("FILE");
     m_options->add_flag(
@@ -256,17 +284,20 @@ CallCommand::CallCommand(CLI::App& application)
                         "Add a row of the answer's timing headers to teste_desempenho.csv here");
     std::string footer =
         "An argument @FILE is the content of that file, @- of the standard input. Words that begin with a "
-        "dash go behind "
-        "\"--\".\nExit status: 0 when the device answered (look at EEEEE for what it said), 1 when it did "
-        "not, 2 when "
-        "the command line was wrong and nothing was sent.\n\nOperations:\n";
+        "dash go behind \"--\".\n"
+        "Exit status: 0 when the device answered (look at EEEEE for what it said), 1 when it did not, 2 when "
+        "the command line was wrong and nothing was sent.\n\n"
+        "Operations:\n";
     for (const Operation& operation : manipulaDados::OPERATIONS)
         footer += "  " + std::string(operation.command) + " " + joined(argumentNames(operation), " ") + "\n";
     m_options->footer(footer);
 }
 
 int CallCommand::run(const std::vector<std::string>& operands) {
-    auto given = m_words;
+    auto given = m_options->remaining();
+    for (const auto& word : given)
+        if (word.size() > 1 && word[0] == '-' && std::isdigit(static_cast<unsigned char>(word[1])) == 0)
+            throw CLI::ValidationError("there is no option " + word);
     given.insert(given.end(), operands.begin(), operands.end());
     if (given.empty()) throw CLI::RequiredError("OPERATION");
     const Operation& operation = chosenOperation(given.front());
@@ -276,14 +307,15 @@ int CallCommand::run(const std::vector<std::string>& operands) {
     std::vector<std::string> texts;
     const auto arguments = argumentsFrom(operation, given, texts);
     const auto request = objManipulaDadosSat.makeRequest(operation, arguments);
-    if (!m_documentPath.empty() && !mayHoldDocument(operation.command))
+    const bool saves = m_options->count("--out") > 0;
+    if (saves && !mayHoldDocument(operation.command))
         throw CLI::ValidationError("--out: the answer to " + std::string(operation.command) +
                                    " holds no document");
     if ((m_dump || m_record) && access(".", W_OK) != 0)
         throw CLI::ValidationError(
             "--dump and --record write to the working directory, which is not writable");
-    std::optional<NewFile> document;
-    if (!m_documentPath.empty()) document.emplace(m_documentPath);
+    std::optional<DocumentFile> document;
+    if (saves) document.emplace(m_documentPath);
 
     pbs::Message answer;
     {
@@ -292,29 +324,21 @@ int CallCommand::run(const std::vector<std::string>& operands) {
     }
 
     const int status = objManipulaDadosSat.CodigoErro();
-    print("status", std::to_string(status) + " (" + std::string(meaning(status)) + ")");
-    const auto fields = split(answer.body(), '|');
+    const auto fields = fieldsOf(answer);
     const auto names = fieldNames(operation.command, fields);
-    for (std::size_t i = 0; i < fields.size(); ++i)
-        print(i < names.size() ? names[i] : "field " + std::to_string(i), fields[i]);
-
+    // What goes to files comes first: a reader of the output that leaves early must not cost the document.
     if (m_dump && request)
         DoTransaction().fileDump(operation.command, request->data(),
                                  static_cast<std::uint32_t>(request->size()), answer.body().data(),
                                  static_cast<std::uint32_t>(answer.bodySize()));
-    if (m_record) objManipulaDadosSat.gravaArquivoDesempenho(answer);
-    if (document) {
-        const std::size_t field = documentField(names);
-        if (field >= fields.size() || fields[field].empty())
-            std::cerr << "fiscora call: the answer holds no document, " << m_documentPath
-                      << " was not written\n";
-        else if (!document->save(Base64::decode(fields[field]))) {
-            std::cerr << "fiscora call: cannot write " << m_documentPath
-                      << "; the document stands above in Base64\n";
-            return EXIT_FAILURE;
-        }
-    }
-    return status == FISCORA_STATUS_OK ? EXIT_SUCCESS : EXIT_FAILURE;
+    if (m_record && status == FISCORA_STATUS_OK) objManipulaDadosSat.gravaArquivoDesempenho(answer);
+    const std::string complaint = document ? save(*document, names, fields) : "";
+
+    print("status", std::to_string(status) + " (" + std::string(meaning(status)) + ")");
+    for (std::size_t i = 0; i < fields.size(); ++i)
+        print(i < names.size() ? names[i] : "field " + std::to_string(i), fields[i]);
+    if (!complaint.empty()) std::cerr << "fiscora call: " << complaint << '\n';
+    return status == FISCORA_STATUS_OK && complaint.empty() ? EXIT_SUCCESS : EXIT_FAILURE;
 }
 
 }  // namespace tool

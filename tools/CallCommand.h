@@ -12,8 +12,7 @@ class CallCommand : public Subcommand {
     int run(const std::vector<std::string>& operands) override;
 
   private:
-    std::vector<std::string> m_words;  ///< the operation and its arguments
-    std::string m_documentPath;        ///< where the answer's document goes; empty: nowhere
+    std::string m_documentPath;  ///< where the answer's document goes
     bool m_dump = false;
     bool m_record = false;
 };

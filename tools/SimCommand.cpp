@@ -2,9 +2,11 @@
 
 #include <fcntl.h>
 #include <poll.h>
+#include <sys/prctl.h>
 #include <sys/signalfd.h>
 #include <sys/stat.h>
 #include <sys/wait.h>
+#include <sys/xattr.h>
 #include <unistd.h>
 
 #include <array>
@@ -67,7 +69,8 @@ bool raisesPrivileges(const fs::path& program) {
     struct stat file {};
     if (stat(program.c_str(), &file) != 0) return false;
     return ((file.st_mode & S_ISUID) != 0 && file.st_uid != geteuid()) ||
-           ((file.st_mode & S_ISGID) != 0 && file.st_gid != getegid());
+           ((file.st_mode & S_ISGID) != 0 && file.st_gid != getegid()) ||
+           getxattr(program.c_str(), "security.capability", nullptr, 0) > 0;
 }
 
 /// The preloaded library, beside this program in a build tree or below lib/ where it is installed.
@@ -138,6 +141,7 @@ class Child {
         if (m_pid < 0) throw std::system_error(errno, std::generic_category(), "cannot start the command");
         if (m_pid > 0) return;
         signals.restore();
+        prctl(PR_SET_PDEATHSIG, SIGTERM);  // a line that nobody plays would end in another's pty
         setenv("LD_PRELOAD", preload.c_str(), 1);
         setenv(sim::LINE_VARIABLE, path.c_str(), 1);
         execvp(program.c_str(), arguments.data());  // runs a script without "#!" as a shell would
@@ -186,8 +190,9 @@ std::optional<int> handleSignals(const Signals& signals, Child& child) {
 int play(sim::DevicePort& port, sim::PtyLine& line, const Signals& signals, Child& child) {
     port.attach(line.fd());
     for (;;) {
-        std::array<pollfd, 2> ends{port.interest(), {signals.fd(), POLLIN, 0}};
-        poll(ends.data(), ends.size(), port.timeoutMs());
+        const auto [devicesEnd, timeoutMs] = port.interest();
+        std::array<pollfd, 2> ends{devicesEnd, {signals.fd(), POLLIN, 0}};
+        poll(ends.data(), ends.size(), timeoutMs);
         if (const auto status = handleSignals(signals, child)) return *status;
         if (port.step()) continue;
         line.renew();
@@ -267,7 +272,9 @@ SimCommand::SimCommand(CLI::App& application)
     m_options->footer(
         "COMMAND and the programs that it starts find the simulated device; a real one is out of their "
         "reach.\n"
-        "Programs that raise their privileges (sudo) or are linked statically leave the simulation.\n"
+        "Programs that raise their privileges (sudo), clear their environment (env -i) or are linked "
+        "statically leave the simulation, and would find a real device.\n"
+        "Programs built with gcc's address sanitizer want ASAN_OPTIONS=verify_asan_link_order=0.\n"
         "The exit status is COMMAND's, 128 and the signal's number where a signal ended it.");
 }
 

@@ -54,9 +54,11 @@ int runTool(int argc, char** argv) {
 
 int main(int argc, char** argv) {
     try {
-        return runTool(argc, argv);
+        const int status = runTool(argc, argv);
+        if (std::cout.flush()) return status;
+        std::cerr << "fiscora: cannot write to the standard output\n";
     } catch (const std::exception& error) {
         std::cerr << "fiscora: " << error.what() << "\n";
-        return EXIT_FAILURE;
     }
+    return EXIT_FAILURE;
 }

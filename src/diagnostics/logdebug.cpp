@@ -28,7 +28,7 @@ constexpr char ARCHIVE_SUFFIX[] = ".tar.gz";
 /// Where NAME_SUFFIX stands in a day's path: behind logsDrs/logDrsYYYYMMDD.
 constexpr std::size_t NAME_SUFFIX_POSITION = 22;
 
-/// As many files as the directory may hold when a day begins; the oldest of them goes.
+/// With so many files or more when a day begins, the oldest of them goes.
 constexpr std::size_t MAX_FILES = 8;
 
 bool exists(const std::string& path) { return std::fstream(path, std::ios::in | std::ios::out).is_open(); }
@@ -38,7 +38,7 @@ bool exists(const std::string& path) { return std::fstream(path, std::ios::in | 
 LogDebug* LogDebug::m_log = nullptr;
 
 LogDebug* LogDebug::obtemReferencia() {
-    // Never destroyed: exchanges of the application's own static destructors may still write.
+    // Never destroyed: it serves to the end of the process, whatever has ended before.
     if (m_log == nullptr) m_log = new LogDebug();
     return m_log;
 }

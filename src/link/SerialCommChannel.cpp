@@ -27,14 +27,14 @@ constexpr int MAX_RESTARTS = 5;
 constexpr useconds_t CLOSED_PAUSE_US = 1'000'000;
 constexpr useconds_t AFTER_SEND_PAUSE_US = 100'000;
 constexpr useconds_t TRANSMISSION_POLL_US = 1'000;
-constexpr long MAX_TRANSMISSION_WAIT_US = 5'000'000;
+constexpr std::int64_t MAX_TRANSMISSION_WAIT_US = 5'000'000;
 
 constexpr cc_t READ_TIMEOUT_TENTHS = 1;
 
-long microsecondsSince(const timeval& start) {
+std::int64_t microsecondsSince(const timeval& start) {
     timeval now;
     gettimeofday(&now, nullptr);
-    return (now.tv_sec - start.tv_sec) * 1'000'000 + (now.tv_usec - start.tv_usec);
+    return std::int64_t{now.tv_sec - start.tv_sec} * 1'000'000 + (now.tv_usec - start.tv_usec);
 }
 
 void info(const std::string& text) { LogDebug::obtemReferencia()->saveLog("info", text); }
@@ -68,7 +68,7 @@ int SerialCommChannel::openSerial(const std::string& path) {
     if (isatty(fdSerial) == 0) return errno;
     if (const int status = statusErro(); status != PORT_OPEN) return status;
 
-    termios settings;
+    termios settings{};
     tcgetattr(fdSerial, &settings);
     settings.c_cflag = B38400 | CREAD | CLOCAL;
     settings.c_lflag &= ~static_cast<tcflag_t>(ICANON | ECHO | ECHOE | ECHOK | ECHONL | ECHOCTL | ECHOPRT);
@@ -137,7 +137,7 @@ void SerialCommChannel::awaitTransmission() {
         gettimeofday(&start, nullptr);
         usleep(TRANSMISSION_POLL_US);
         // A clock that was set back must not stretch the wait.
-        transmissionWaitUs -= std::max<long>(microsecondsSince(start), TRANSMISSION_POLL_US);
+        transmissionWaitUs -= std::max<std::int64_t>(microsecondsSince(start), TRANSMISSION_POLL_US);
     }
 }
 
@@ -241,7 +241,7 @@ void SerialCommChannel::judge(const char* code, Reception& reception) {
 int SerialCommChannel::elapsedMs() const {
     timeval now;
     gettimeofday(&now, nullptr);
-    return static_cast<int>((now.tv_sec - startTime.tv_sec) * 1000 +
+    return static_cast<int>(std::int64_t{now.tv_sec - startTime.tv_sec} * 1000 +
                             (now.tv_usec - startTime.tv_usec) / 1000);
 }
 

@@ -26,7 +26,7 @@ enum PortStatus {
 /// The connection to the fiscal device: one open terminal on a USB serial line, for the length of one
 /// exchange. The line runs at 38400 baud, 8 data bits, no parity, 1 stop bit, raw, without flow control.
 ///
-/// Not copyable in any useful sense: it owns its descriptor. For one thread at a time.
+/// Owns its descriptor. For one thread at a time.
 class SerialCommChannel {
   public:
     SerialCommChannel();
@@ -86,10 +86,10 @@ class SerialCommChannel {
     void judge(const char* code, Reception& reception);
     int elapsedMs() const;
 
-    int fdSerial = -1;            ///< -1 when closed
-    std::uint32_t failCount = 0;  ///< calls of send and receive in a row that moved no byte
-    timeval startTime{};          ///< the exchange's clock; started by send_data
-    long transmissionWaitUs = 0;  ///< what is left of the connection's time to wait for transmission
+    int fdSerial = -1;                    ///< -1 when closed
+    std::uint32_t failCount = 0;          ///< calls of send and receive in a row that moved no byte
+    timeval startTime{};                  ///< the exchange's clock; started by send_data
+    std::int64_t transmissionWaitUs = 0;  ///< what is left of the connection's time to wait for transmission
 };
 
 }  // namespace serial

@@ -1,3 +1,5 @@
+#include "link/discovery.h"
+
 #include <dirent.h>
 #include <glob.h>
 #include <regex.h>
@@ -17,11 +19,6 @@ const std::string SERIAL_VENDOR_ID = "0525";
 const std::string SERIAL_PRODUCT_ID = "a4a6";
 
 namespace {
-
-/// The first ls hides the error of a directory that is not there. The links' targets name the nodes; of
-/// several devices the last name wins.
-constexpr char DISCOVERY_COMMAND[] =
-    R"(ls -l /dev/serial/by-id > /dev/null 2>&1 && ls -l /dev/serial/by-id | grep "\-mfc+_with_musb" | tail -1)";
 
 constexpr std::string_view NODE_PREFIX = "ttyACM";
 

@@ -39,7 +39,7 @@ std::uint16_t crc16_ccitt(const void* data, int length) {
 std::string to_string(int value) { return std::to_string(value); }
 
 int readNumber(const std::string& text) {
-    return static_cast<std::int32_t>(std::strtol(text.c_str(), nullptr, 10));
+    return static_cast<std::int32_t>(std::strtoll(text.c_str(), nullptr, 10));
 }
 
 }  // namespace pbs

@@ -20,7 +20,7 @@ std::uint16_t crc16_ccitt(const void* data, int length);
 /// of a negative one.
 std::string to_string(int value);
 
-/// Reads a number as strtol does in base 10 (leading blanks, one sign, stops at the first foreign byte, no
+/// Reads a number as strtoll does in base 10 (leading blanks, one sign, stops at the first foreign byte, no
 /// digits read as 0) and keeps its low 32 bits.
 int readNumber(const std::string& text);
 

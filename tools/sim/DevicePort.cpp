@@ -4,7 +4,6 @@
 #include <unistd.h>
 
 #include <algorithm>
-#include <array>
 #include <cerrno>
 
 #include "sim/FrameTrace.h"
@@ -31,10 +30,11 @@ bool wouldBlock() { return errno == EAGAIN || errno == EINTR; }
 
 std::size_t DevicePort::Pace::allowance(Clock::time_point now) {
     if (m_baud == 0) return CHUNK;
-    m_idleSince = std::max(m_idleSince, now - std::max<Clock::duration>(LONGEST_LAG, duration(1)));
+    if (now - m_idleSince > LONGEST_LAG) m_idleSince = now - duration(1);  // an idle line earns one byte
     if (now < m_idleSince) return 0;
-    const auto us = std::chrono::duration_cast<std::chrono::microseconds>(now - m_idleSince).count();
-    return std::min<std::size_t>(CHUNK, static_cast<std::size_t>(us * m_baud / BITS_PER_BYTE / 1000000));
+    const auto ns = std::chrono::duration_cast<std::chrono::nanoseconds>(now - m_idleSince).count();
+    return std::min<std::size_t>(CHUNK,
+                                 static_cast<std::size_t>(ns * m_baud / BITS_PER_BYTE / 1'000'000'000));
 }
 
 void DevicePort::Pace::moved(std::size_t bytes) {
@@ -64,17 +64,12 @@ void DevicePort::attach(int fd) {
     fcntl(fd, F_SETFL, fcntl(fd, F_GETFL) | O_NONBLOCK);
 }
 
-pollfd DevicePort::interest() const {
+DevicePort::Interest DevicePort::interest() const {
     const Clock::time_point now = Clock::now();
     short events = 0;
     if (m_inward.next() <= now) events |= POLLIN;
     if (sending() && m_due <= now && m_outward.next() <= now) events |= POLLOUT;
-    // A line that has hung up would wake the poll also where nothing is to be read or written yet.
-    return {events == 0 ? -1 : m_fd, events, 0};
-}
 
-int DevicePort::timeoutMs() const {
-    const Clock::time_point now = Clock::now();
     Clock::time_point wake = Clock::time_point::max();
     const auto wakeAt = [&](Clock::time_point time) {
         if (time > now) wake = std::min(wake, time);
@@ -82,8 +77,11 @@ int DevicePort::timeoutMs() const {
     wakeAt(m_inward.next());
     if (sending()) wakeAt(std::max(m_due, m_outward.next()));
     if (!sending() && m_out.hangUp) wake = std::min(wake, std::max(m_due, now));
-    if (wake == Clock::time_point::max()) return -1;
-    return static_cast<int>(std::chrono::ceil<milliseconds>(wake - now).count());
+    const int timeoutMs = wake == Clock::time_point::max()
+                              ? -1
+                              : static_cast<int>(std::chrono::ceil<milliseconds>(wake - now).count());
+    // A line that has hung up would wake the poll also where nothing is to be read or written yet.
+    return {{events == 0 ? -1 : m_fd, events, 0}, timeoutMs};
 }
 
 bool DevicePort::step() {
@@ -95,8 +93,8 @@ bool DevicePort::step() {
 void DevicePort::run(int fd) {
     attach(fd);
     do {
-        pollfd line = interest();
-        poll(&line, 1, timeoutMs());
+        auto [line, timeoutMs] = interest();
+        poll(&line, 1, timeoutMs);
     } while (step());
 }
 

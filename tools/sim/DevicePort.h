@@ -4,7 +4,6 @@
 
 #include <chrono>
 #include <cstddef>
-#include <optional>
 #include <string>
 #include <vector>
 
@@ -38,8 +37,11 @@ class DevicePort {
     void attach(int fd);
 
     /// What to poll for, and for how many milliseconds at most (-1: no limit), before the next `step`.
-    pollfd interest() const;
-    int timeoutMs() const;
+    struct Interest {
+        pollfd line;
+        int timeoutMs;
+    };
+    Interest interest() const;
     /// Reads and writes what the line takes now, without waiting. False when the line has ended: a fault
     /// hangs it up (the caller then does), or the other end did.
     bool step();

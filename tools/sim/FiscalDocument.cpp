@@ -1,11 +1,15 @@
 #include "sim/FiscalDocument.h"
 
+#include <expat.h>
+
 #include <array>
 #include <cstdint>
 #include <cstdio>
+#include <memory>
 #include <pugixml.hpp>
 
 #include "encoding/Base64.h"
+#include "local_time.h"
 
 namespace sim {
 namespace {
@@ -44,19 +48,39 @@ std::string serialized(const pugi::xml_node& node) {
     return writer.text;
 }
 
+/// Elements may stand in each other so deep; what walks a document's tree calls itself for each level.
+constexpr int MAX_DEPTH = 100;
+
+/// Well-formedness by the book, for which pugixml is too lenient: references, characters, attributes given
+/// twice, text behind the root.
+void requireWellFormedText(const std::string& xml) {
+    const std::unique_ptr<XML_ParserStruct, void (*)(XML_Parser)> parser(XML_ParserCreate(nullptr),
+                                                                         XML_ParserFree);
+    struct Depth {
+        XML_Parser parser;
+        int now = 0;
+    } depth{parser.get()};
+    XML_SetUserData(parser.get(), &depth);
+    XML_SetElementHandler(
+        parser.get(),
+        [](void* data, const XML_Char*, const XML_Char**) {
+            auto& open = *static_cast<Depth*>(data);
+            if (++open.now > MAX_DEPTH) XML_StopParser(open.parser, XML_FALSE);
+        },
+        [](void* data, const XML_Char*) { --static_cast<Depth*>(data)->now; });
+    if (XML_Parse(parser.get(), xml.data(), static_cast<int>(xml.size()), XML_TRUE) == XML_STATUS_OK) return;
+    throw InvalidDocument((depth.now > MAX_DEPTH ? "XML aninhado demais" : "XML malformado") +
+                          std::string(" na linha ") + std::to_string(XML_GetCurrentLineNumber(parser.get())) +
+                          ", coluna " + std::to_string(XML_GetCurrentColumnNumber(parser.get()) + 1));
+}
+
 pugi::xml_node parse(pugi::xml_document& document, const std::string& xml) {
+    requireWellFormedText(xml);
     // The bytes are kept as they are, whatever encoding the document declares.
     const auto result =
         document.load_buffer(xml.data(), xml.size(), pugi::parse_default, pugi::encoding_utf8);
-    if (!result) {
-        throw InvalidDocument("XML malformado no byte " + std::to_string(result.offset) + ": " +
-                              result.description());
-    }
-    const pugi::xml_node root = document.document_element();
-    for (pugi::xml_node next = root.next_sibling(); next; next = next.next_sibling()) {
-        if (next.type() == pugi::node_element) throw InvalidDocument("XML com mais de um elemento raiz");
-    }
-    return root;
+    if (!result) throw InvalidDocument("XML malformado no byte " + std::to_string(result.offset));
+    return document.document_element();
 }
 
 pugi::xml_node body(const pugi::xml_node& root) {
@@ -152,7 +176,7 @@ Numbering number(const Issuer& issuer, const pugi::xml_node& emitter) {
     result.taxpayer = onlyDigits(emitter.child_value("CNPJ"));
     if (result.taxpayer.size() != 14) result.taxpayer = issuer.taxpayer;
     result.cNF = padded(static_cast<int>((issuer.number * 7919LL + 104729) % 1000000), 6);
-    const std::string digits = issuer.stateCode + formatTime("%y%m", issuer.time) + result.taxpayer +
+    const std::string digits = issuer.stateCode + localTimeText("%y%m", issuer.time) + result.taxpayer +
                                std::string(MODEL) + std::string(SERIAL_NUMBER) + padded(issuer.number, 6) +
                                result.cNF;
     result.key = "CFe" + digits + checkDigit(digits);
@@ -167,8 +191,8 @@ void appendIdentification(pugi::xml_node information, const pugi::xml_node& give
     append(ide, "mod", std::string(MODEL));
     append(ide, "nserieSAT", std::string(SERIAL_NUMBER));
     append(ide, "nCFe", padded(issuer.number, 6));
-    append(ide, "dEmi", formatTime("%Y%m%d", issuer.time));
-    append(ide, "hEmi", formatTime("%H%M%S", issuer.time));
+    append(ide, "dEmi", localTimeText("%Y%m%d", issuer.time));
+    append(ide, "hEmi", localTimeText("%H%M%S", issuer.time));
     append(ide, "cDV", numbering.key.substr(numbering.key.size() - 1));
     append(ide, "tpAmb", "2");  // the tax authority's test environment
     appendCopy(ide, given.child("CNPJ"));
@@ -302,14 +326,6 @@ std::string base64(std::string_view bytes) {
                           static_cast<std::uint32_t>(bytes.size()));
 }
 
-std::string formatTime(const char* format, std::time_t time) {
-    std::tm local{};
-    localtime_r(&time, &local);
-    std::array<char, 64> text{};
-    std::strftime(text.data(), text.size(), format, &local);
-    return text.data();
-}
-
 char checkDigit(std::string_view digits) {
     int sum = 0;
     int weight = 2;
@@ -358,8 +374,8 @@ SignedDocument signCancellation(const std::string& request, const SignedDocument
     information.append_attribute("Id") = numbering.key.c_str();
     information.append_attribute("chCanc") = sale.key.c_str();
     information.append_attribute("versao") = LAYOUT_VERSION;
-    append(information, "dEmi", formatTime("%Y%m%d", sale.time));
-    append(information, "hEmi", formatTime("%H%M%S", sale.time));
+    append(information, "dEmi", localTimeText("%Y%m%d", sale.time));
+    append(information, "hEmi", localTimeText("%H%M%S", sale.time));
     appendIdentification(information, given.child("ide"), issuer, numbering);
     appendCopy(information, sold.child("emit"));
     appendCopy(information, sold.child("dest"));

@@ -40,9 +40,6 @@ std::string padded(int number, int width);
 
 std::string base64(std::string_view bytes);
 
-/// Local time of `time` by a strftime format.
-std::string formatTime(const char* format, std::time_t time);
-
 /// The digit that ends an access key: modulo 11 of `digits`, with the weights 2 to 9 from the right.
 char checkDigit(std::string_view digits);
 

@@ -2,13 +2,14 @@
 
 #include <sys/time.h>
 
+#include <algorithm>
 #include <array>
 #include <cstdio>
 #include <ostream>
 #include <string>
 
+#include "local_time.h"
 #include "protocol/Message.h"
-#include "sim/FiscalDocument.h"
 #include "sim/SimulatedDevice.h"
 
 namespace sim {
@@ -22,15 +23,18 @@ std::string timeOfDay() {
     gettimeofday(&now, nullptr);
     std::array<char, 16> milliseconds{};
     std::snprintf(milliseconds.data(), milliseconds.size(), ".%03d", static_cast<int>(now.tv_usec / 1000));
-    return formatTime("%H:%M:%S", now.tv_sec) + milliseconds.data();
+    return localTimeText("%H:%M:%S", now.tv_sec) + milliseconds.data();
 }
 
 /// `text` with its control characters as \xHH, so that no frame can play tricks on the terminal.
 std::string visible(std::string_view text) {
     std::string result;
+    bool afterC2 = false;  // which begins the UTF-8 of the control characters U+0080 to U+009F
     for (const char c : text) {
         const auto byte = static_cast<unsigned char>(c);
-        if (byte >= 0x20 && byte != 0x7f) {
+        const bool control = byte < 0x20 || byte == 0x7f || (afterC2 && byte < 0xa0);
+        afterC2 = byte == 0xc2;
+        if (!control) {
             result += c;
             continue;
         }

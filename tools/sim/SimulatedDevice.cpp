@@ -3,6 +3,8 @@
 #include <algorithm>
 #include <array>
 
+#include "local_time.h"
+
 namespace sim {
 namespace {
 
@@ -162,7 +164,7 @@ std::string SimulatedDevice::reply(const Request& request, int code, std::string
 void SimulatedDevice::remember(const Request& request, const std::string& answer) {
     const std::string& session = request.fields[0];
     const std::string code = fieldsOf(answer, 3)[1];
-    m_log.push_back(formatTime("%Y%m%d%H%M%S ", m_clock()) + std::string(request.operation.name) +
+    m_log.push_back(localTimeText("%Y%m%d%H%M%S ", m_clock()) + std::string(request.operation.name) +
                     " sessao " + session + " retorno " + code);
     if (m_log.size() > KEPT_LOG_LINES) m_log.pop_front();
 
@@ -228,8 +230,8 @@ std::string SimulatedDevice::book(const Request& request, const SignedDocument& 
     m_lastTime = document.time;
     m_booked.insert(request.fields[0]);
     m_lastFiscalAnswer = reply(request, DONE, request.operation.confirmation,
-                               {base64(document.xml), formatTime("%Y%m%d%H%M%S", document.time), document.key,
-                                document.total, document.customer, qrCodeSignature()});
+                               {base64(document.xml), localTimeText("%Y%m%d%H%M%S", document.time),
+                                document.key, document.total, document.customer, qrCodeSignature()});
     return m_lastFiscalAnswer;
 }
 
@@ -265,7 +267,7 @@ std::string SimulatedDevice::testEndToEnd(const Request& request) {
         const Issuer tester = issuer();
         const SignedDocument document = signSale(request.fields[2], tester, MAX_DOCUMENT);
         return reply(request, DONE, request.operation.confirmation,
-                     {base64(document.xml), formatTime("%Y%m%d%H%M%S", document.time),
+                     {base64(document.xml), localTimeText("%Y%m%d%H%M%S", document.time),
                       padded(tester.number, 6), document.key});
     } catch (const InvalidDocument& problem) {
         return reply(request, UNKNOWN_ERROR, fieldText(std::string(CONTENT_TEXT) + ": " + problem.what()));
@@ -273,9 +275,9 @@ std::string SimulatedDevice::testEndToEnd(const Request& request) {
 }
 
 std::string SimulatedDevice::status(const Request& request) {
-    const std::string now = formatTime("%Y%m%d%H%M%S", m_clock());
+    const std::string now = localTimeText("%Y%m%d%H%M%S", m_clock());
     const std::string key = m_lastKey.empty() ? "" : m_lastKey.substr(3);
-    const std::string issued = m_lastKey.empty() ? "" : formatTime("%Y%m%d%H%M%S", m_lastTime);
+    const std::string issued = m_lastKey.empty() ? "" : localTimeText("%Y%m%d%H%M%S", m_lastTime);
     return reply(request, DONE, request.operation.confirmation,
                  {std::string(SERIAL_NUMBER),
                   "DHCP",

@@ -11,6 +11,7 @@
 #include <utility>
 #include <vector>
 
+#include "fiscora.h"
 #include "sim/FiscalDocument.h"
 
 namespace sim {
@@ -34,7 +35,7 @@ struct DeviceSettings {
 class SimulatedDevice {
   public:
     /// Largest answer text, in bytes: what the application's library takes.
-    static constexpr std::size_t MAX_ANSWER = 1572864;
+    static constexpr std::size_t MAX_ANSWER = FISCORA_ANSWER_MAX_BYTES;
     /// Sessions whose answers can be asked for again; older ones are forgotten.
     static constexpr std::size_t KEPT_SESSIONS = 32;
     /// How long after its sale a cancellation is taken.

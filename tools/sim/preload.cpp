@@ -13,13 +13,10 @@
 #include <cstdlib>
 #include <cstring>
 
+#include "link/discovery.h"
 #include "sim/LineContract.h"
 
 namespace {
-
-/// The command line by which libfiscora looks for the device, byte for byte.
-constexpr char DISCOVERY_COMMAND[] =
-    R"(ls -l /dev/serial/by-id > /dev/null 2>&1 && ls -l /dev/serial/by-id | grep "\-mfc+_with_musb" | tail -1)";
 
 /// One line as the real search prints it. The node ends in a letter, where a real one has a digit: without
 /// the simulated line its opening fails, and a device that is plugged in is out of reach.
@@ -69,7 +66,7 @@ int openBy(const char* name, const char* path, int flags, std::va_list arguments
 extern "C" {
 
 FILE* popen(const char* command, const char* mode) {
-    const bool searching = command != nullptr && std::strcmp(command, DISCOVERY_COMMAND) == 0;
+    const bool searching = command != nullptr && std::strcmp(command, serial::DISCOVERY_COMMAND) == 0;
     return next<decltype(&popen)>("popen")(searching ? DISCOVERY_ANSWER : command, mode);
 }
 
