@@ -39,7 +39,11 @@
  * Signals: a handler that runs during a call and was installed without SA_RESTART can end it with
  * FISCORA_STATUS_READ_ERROR, whatever the device then does with the request.
  *
- * Files: a debug log, logsDrs/logDrsYYYYMMDD.log below the working directory, written where it can be.
+ * Texts: bytes, passed on as they are in both directions. Documents are UTF-8, as they say themselves.
+ *
+ * Files: a debug log, logsDrs/logDrsYYYYMMDD.log below the working directory, written where it can be. In a
+ * process that runs past midnight the day's first call makes an archive of the log before, by tar, with some
+ * lines on the standard output; with eight files or more the oldest goes.
  */
 #ifndef FISCORA_H
 #define FISCORA_H
@@ -56,8 +60,8 @@ enum FiscoraStatus {
     FISCORA_STATUS_NO_ANSWER = 1,
     /** The line failed, such as a device that was unplugged, or one that was silent for 50 seconds. */
     FISCORA_STATUS_READ_ERROR = 2,
-    /** What the device sent was the answer to something else, or too large, and nothing better came after it.
-     */
+    /** The device kept sending answers to something else or too large ones: six, or fewer and then a damaged
+       one. */
     FISCORA_STATUS_REFUSED = 4,
     /** A text was null or the request too long: nothing was sent. */
     FISCORA_STATUS_BAD_REQUEST = 8,
@@ -72,18 +76,20 @@ enum { FISCORA_ANSWER_MAX_BYTES = 1572864 };
  * Activates the device for a taxpayer.
  * subComando: kind of activation, 1 to 3 in the fiscal standard; its low 16 bits count. codigoDeAtivacao: the
  * code to set, 8 to 32 characters. cnpj: the taxpayer's number, 14 digits. cUF: code of the federal unit
- * (IBGE); its low 16 bits count. Texts: 50 bytes together. Timeout: 302 s.
+ * (IBGE); its low 16 bits count. Texts: 50 bytes together. EEEEE of success: 04000. Timeout: 302 s.
  */
 char* AtivarSAT(int numeroSessao, int subComando, const char* codigoDeAtivacao, const char* cnpj, int cUF);
 
 /**
- * Hands the device its ICP-Brasil certificate (PEM). Texts: 2087 bytes together. Timeout: 302 s.
+ * Hands the device its ICP-Brasil certificate (PEM). Texts: 2087 bytes together. EEEEE of success: 05000.
+ * Timeout: 302 s.
  */
 char* ComunicarCertificadoICPBRASIL(int numeroSessao, const char* codigoDeAtivacao, const char* certificado);
 
 /**
  * Sends a sale, the CF-e document in XML, to be signed and booked. The answer's field 6 is the signed
- * document in Base64: see Base64ToAscii. Texts: 1,572,895 bytes together. Timeout: 10 s.
+ * document in Base64: see Base64ToAscii. Texts: 1,572,895 bytes together. EEEEE of success: 06000. Timeout:
+ * 10 s.
  */
 char* EnviarDadosVenda(int numeroSessao, const char* codigoDeAtivacao, const char* dadosVenda);
 
@@ -91,58 +97,69 @@ char* EnviarDadosVenda(int numeroSessao, const char* codigoDeAtivacao, const cha
  * Cancels the last sale. chave: its access key, "CFe" and 44 digits. dadosCancelamento: the cancellation
  * document in XML; the first empty element <CNPJ/> and the first <CPF/> of the request are sent in their long
  * form. The answer's field 6 is the signed document in Base64: see Base64ToAscii. Texts: 1,572,942 bytes
- * together. Timeout: 7 s.
+ * together. EEEEE of success: 07000. Timeout: 7 s.
  */
 char* CancelarUltimaVenda(int numeroSessao, const char* codigoDeAtivacao, const char* chave,
                           const char* dadosCancelamento);
 
-/** Asks whether the device is in operation; needs no activation code. Timeout: 6 s. */
+/**
+ * Asks whether the device is in operation; needs no activation code. EEEEE of success: 08000. Timeout: 6 s.
+ */
 char* ConsultarSAT(int numeroSessao);
 
 /**
  * Tests the device and its network with a sample sale, which is not booked. Texts: 1,572,895 bytes together.
- * Timeout: 22 s.
+ * EEEEE of success: 09000. Timeout: 22 s.
  */
 char* TesteFimAFim(int numeroSessao, const char* codigoDeAtivacao, const char* dadosVenda);
 
-/** Asks for the device's state: network, battery, memory, versions, last document. Text: 40 bytes. Timeout:
- * 20 s. */
+/**
+ * Asks for the device's state: network, battery, memory, versions, last document. Text: 40 bytes. EEEEE of
+ * success: 10000. Timeout: 20 s.
+ */
 char* ConsultarStatusOperacional(int numeroSessao, const char* codigoDeAtivacao);
 
 /**
- * Asks for the answer that the device gave, or would have given, under another session number: the way to
- * learn what became of a call that failed. cNumeroDeSessao: that number. Text: 33 bytes. Timeout: 22 s.
+ * Asks for the answer that the device gave under another session number, which the result then holds behind
+ * its own session number: the way to learn what became of a call that failed. cNumeroDeSessao: that number.
+ * Text: 33 bytes. EEEEE is that answer's. Timeout: 22 s.
  */
 char* ConsultarNumeroSessao(int numeroSessao, const char* codigoDeAtivacao, int cNumeroDeSessao);
 
-/** Configures the device's network, from an XML document. Texts: 1063 bytes together. Timeout: 22 s. */
+/**
+ * Configures the device's network, from an XML document. Texts: 1063 bytes together. EEEEE of success: 12000.
+ * Timeout: 22 s.
+ */
 char* ConfigurarInterfaceDeRede(int numeroSessao, const char* codigoDeAtivacao,
                                 const char* dadosConfiguracao);
 
 /**
  * Registers the signature of the commercial application. cnpjValue: both taxpayers' numbers, 28 digits.
- * assinaturaCNPJs: the signature of them in Base64. Texts: 2118 bytes together. Timeout: 900 s.
+ * assinaturaCNPJs: the signature of them in Base64. Texts: 2118 bytes together. EEEEE of success: 13000.
+ * Timeout: 900 s.
  */
 char* AssociarAssinatura(int numeroSessao, const char* codigoDeAtivacao, const char* cnpjValue,
                          const char* assinaturaCNPJs);
 
-/** Has the device update its software. Text: 40 bytes. Timeout: 1800 s. */
+/** Has the device update its software. Text: 40 bytes. EEEEE of success: 14000. Timeout: 1800 s. */
 char* AtualizarSoftwareSAT(int numeroSessao, const char* codigoDeAtivacao);
 
-/** Fetches the device's log, in Base64 in the answer's field 5: see Base64ToAscii. Text: 40 bytes. Timeout:
- * 22 s. */
+/**
+ * Fetches the device's log, in Base64 in the answer's field 5: see Base64ToAscii. Text: 40 bytes. EEEEE of
+ * success: 15000. Timeout: 22 s.
+ */
 char* ExtrairLogs(int numeroSessao, const char* codigoDeAtivacao);
 
-/** Blocks the device. Text: 40 bytes. Timeout: 302 s. */
+/** Blocks the device. Text: 40 bytes. EEEEE of success: 16000. Timeout: 302 s. */
 char* BloquearSAT(int numeroSessao, const char* codigoDeAtivacao);
 
-/** Unblocks the device. Text: 40 bytes. Timeout: 22 s. */
+/** Unblocks the device. Text: 40 bytes. EEEEE of success: 17000. Timeout: 22 s. */
 char* DesbloquearSAT(int numeroSessao, const char* codigoDeAtivacao);
 
 /**
  * Changes the activation code. opcao: 1 where codigoDeAtivacao is the present code, 2 where it is the
  * emergency code; its low 16 bits count. novoCodigo and confNovoCodigo: the new code, twice. Texts: 100 bytes
- * together. Timeout: 22 s.
+ * together. EEEEE of success: 18000. Timeout: 22 s.
  */
 char* TrocarCodigoDeAtivacao(int numeroSessao, const char* codigoDeAtivacao, int opcao,
                              const char* novoCodigo, const char* confNovoCodigo);

@@ -1,5 +1,6 @@
 #include "Progress.h"
 
+#include <sys/ioctl.h>
 #include <unistd.h>
 
 #include <iomanip>
@@ -17,6 +18,13 @@ std::string minutes(std::chrono::seconds time) {
     std::ostringstream text;
     text << time.count() / 60 << ':' << std::setw(2) << std::setfill('0') << time.count() % 60;
     return text.str();
+}
+
+/// As much of `text` as one line of the terminal takes.
+std::string fitted(const std::string& text) {
+    winsize size{};
+    const bool known = ioctl(STDERR_FILENO, TIOCGWINSZ, &size) == 0 && size.ws_col > 0;
+    return known ? text.substr(0, size.ws_col - 1U) : text;
 }
 
 }  // namespace
@@ -42,7 +50,7 @@ void Progress::show() {
     const std::string limit = minutes(std::chrono::duration_cast<std::chrono::seconds>(m_limit));
     std::unique_lock<std::mutex> lock(m_mutex);
     for (auto run = FIRST_SHOWN; !m_ending.wait_until(lock, start + run, [this] { return m_ended; }); ++run)
-        std::cerr << ERASE_LINE << m_name << ": waiting for " << minutes(run) << " of at most " << limit
+        std::cerr << ERASE_LINE << fitted(m_name + ": waiting for " + minutes(run) + " of at most " + limit)
                   << std::flush;
 }
 
