@@ -67,7 +67,7 @@ TEST(EndToEnd, ProgramsUnderTheSimulatedDevice) {
          1},
         {"the exit status is lost", SIM + "-- sh -c 'exit 7'", 7, ""},
         {"the death of the command is not told", SIM + "-- sh -c 'kill -TERM $$'", 128 + 15, ""},
-        {"a signal is not passed on", SIM + "-- sh -c 'kill -TERM $PPID; sleep 30'", 128 + 15, "", 0, 20},
+        {"a signal is not passed on", SIM + "-- sh -c 'kill -TERM $PPID; exec sleep 30'", 128 + 15, "", 0, 20},
         {"a command that is not there passes", SIM + "-- /nonexistent/command", 127,
          ".*/nonexistent/command.*\n"},
         {"a call without a command does something", SIM, 2, "fiscora sim: .+\n"},
