@@ -14,8 +14,8 @@
 /// before it was taken, and what it gave.
 ///
 /// Sources of the numbers: the Linux kernel's document usbip_protocol (messages of the host controller),
-/// Universal Serial Bus Specification 2.0, chapter 9 (control requests, descriptors), and the USB subclass
-/// specification for PSTN devices 1.2 (requests and descriptors of the serial line).
+/// USB 2.0, chapter 9 (control requests, descriptors), and the USB communications class's subclass for PSTN
+/// devices 1.2 (requests and descriptors of the serial line).
 
 #include <arpa/inet.h>
 #include <fcntl.h>
