@@ -14,6 +14,7 @@
 #include <memory>
 #include <vector>
 
+#include "file_probe.h"
 #include "local_time.h"
 #include "version.h"
 
@@ -30,8 +31,6 @@ constexpr std::size_t NAME_SUFFIX_POSITION = 22;
 
 /// With so many files or more when a day begins, the oldest of them goes.
 constexpr std::size_t MAX_FILES = 8;
-
-bool exists(const std::string& path) { return std::fstream(path, std::ios::in | std::ios::out).is_open(); }
 
 }  // namespace
 
@@ -60,7 +59,7 @@ std::string LogDebug::getFileNameLog() {
 void LogDebug::saveLog(const std::string& level, const std::string& text) {
     const std::string fileName = getFileNameLog();
     std::ofstream file;
-    if (exists(fileName)) {
+    if (opensForUpdate(fileName)) {
         file.open(fileName, std::ios::app);
     } else {
         file.open(fileName, std::ios::trunc);
@@ -76,7 +75,7 @@ void LogDebug::saveLog(const std::string& level, const std::string& text) {
 }
 
 void LogDebug::compress(const std::string& fileName) {
-    if (!exists(fileName)) return;
+    if (!opensForUpdate(fileName)) return;
     const std::string archive = fileName + ARCHIVE_SUFFIX;
     std::cout << "[removeLastDays] file to zip " << fileName << std::endl;
     sync();

@@ -10,6 +10,7 @@
 #include <string_view>
 
 #include "encoding/Base64.h"
+#include "file_probe.h"
 #include "local_time.h"
 #include "protocol/Message.h"
 #include "protocol/pbs.h"
@@ -57,7 +58,7 @@ constexpr Stage STAGES[] = {
 /// Opens the performance record to append a row; a new file gets its heading first.
 std::ofstream openPerformanceRecord(const std::vector<std::string>& columns) {
     constexpr char NAME[] = "teste_desempenho.csv";
-    if (std::fstream(NAME, std::ios::in | std::ios::out).is_open()) return std::ofstream(NAME, std::ios::app);
+    if (opensForUpdate(NAME)) return std::ofstream(NAME, std::ios::app);
     std::ofstream file(NAME, std::ios::trunc);
     for (const auto& column : columns) file << '"' << column << "\";";
     file << std::endl;
