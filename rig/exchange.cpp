@@ -23,6 +23,7 @@
 #include <vector>
 
 #include "encoding/Base64.h"
+#include "transaction/DoTransaction.h"
 
 namespace {
 
@@ -100,26 +101,14 @@ class SaleWriter {
     std::mt19937 m_random;
 };
 
-std::vector<std::string> fieldsOf(const std::string& answer) {
-    std::vector<std::string> fields(1);
-    for (const char character : answer) {
-        if (character == '|') {
-            fields.emplace_back();
-        } else {
-            fields.back() += character;
-        }
-    }
-    return fields;
-}
-
 /// What is wrong with the answer's status, session number or code; empty where nothing is.
 std::string faultInHead(int session, const std::string& code, const std::vector<std::string>& fields) {
     if (CodigoErro() != FISCORA_STATUS_OK) return "status " + std::to_string(CodigoErro());
+    if (fields.size() < 2) return "no answer";
     std::ostringstream number;
     number << std::setw(6) << std::setfill('0') << session;
     if (fields[0] != number.str()) return "session number " + fields[0] + " for " + number.str();
-    if (fields.size() < 2 || fields[1] != code)
-        return "code " + (fields.size() < 2 ? "" : fields[1]) + " for " + code;
+    if (fields[1] != code) return "code " + fields[1] + " for " + code;
     return {};
 }
 
@@ -148,7 +137,7 @@ struct Tally {
         const auto elapsed = std::chrono::steady_clock::now() - start;
         worst = std::max(worst, std::chrono::duration_cast<std::chrono::milliseconds>(elapsed));
         ++calls;
-        return fieldsOf(answer);
+        return split(answer, '|');
     }
 
     void note(int session, const std::string& fault) {

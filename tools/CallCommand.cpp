@@ -264,8 +264,8 @@ std::string save(DocumentFile& file, const std::vector<std::string>& names,
 }
 
 bool mayHoldDocument(std::string_view command) {
-    const std::string_view fields = namesOf(command).fields;
-    return fields.empty() || documentField(words(fields)) < words(fields).size();
+    const auto fields = words(namesOf(command).fields);
+    return fields.empty() || documentField(fields) < fields.size();
 }
 
 }  // namespace

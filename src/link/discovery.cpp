@@ -107,10 +107,7 @@ char* SerialCommChannel::findUsbDeviceByVendorId() {
     const std::string name = firstEntry(terminals[0]);
     if (name.empty()) return nullptr;
 
-    constexpr std::string_view DIRECTORY = "/dev/";
-    auto* path = static_cast<char*>(std::malloc(DIRECTORY.size() + name.size() + 1));
-    if (path != nullptr) std::strcpy(path, (std::string(DIRECTORY) + name).c_str());
-    return path;
+    return strdup(("/dev/" + name).c_str());
 }
 
 }  // namespace serial
