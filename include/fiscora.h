@@ -21,8 +21,8 @@
  * Duration: the function blocks until the answer is there or the operation's timeout has run out, plus a
  * second's pause for the device. Each answer of a wrong kind starts the timeout anew, at most five times. A
  * device that stays silent for 50 seconds ends every call. With no device a call takes a second. A device
- * that stops taking data in the middle of a large request can hold the call until it takes data again or is
- * unplugged, on kernels whose USB serial driver discards no output (6.1).
+ * that takes no data ends the call by its timeout as well; kernels whose USB serial driver discards no output
+ * (6.1) then hold it for up to 30 seconds more, when the port is closed.
  *
  * Nothing is repeated by the library. After a failure ask the device what it did before you send a document
  * again (ConsultarNumeroSessao with the session number of the failed call).
@@ -36,8 +36,9 @@
  *
  * Threads: one call at a time in the process. No call from a static destructor or an atexit handler.
  *
- * Signals: a handler that runs during a call and was installed without SA_RESTART can end it with
- * FISCORA_STATUS_READ_ERROR, whatever the device then does with the request.
+ * Signals: held back from the calling thread while it waits for the answer, a tenth of a second at a time. A
+ * handler that was installed without SA_RESTART and runs while the device is looked for can end the call with
+ * FISCORA_STATUS_NO_ANSWER.
  *
  * Texts: bytes, passed on as they are in both directions. Documents are UTF-8, as they say themselves.
  *
@@ -56,7 +57,8 @@ extern "C" {
 enum FiscoraStatus {
     /** The device answered in time. */
     FISCORA_STATUS_OK = 0,
-    /** No device was found or its port would not open, and nothing was sent; or the answer was damaged. */
+    /** No device was found or its port would not open, and nothing was sent; or the answer was damaged; or
+        memory ran out, before the sending or behind it. */
     FISCORA_STATUS_NO_ANSWER = 1,
     /** The line failed, such as a device that was unplugged, or one that was silent for 50 seconds. */
     FISCORA_STATUS_READ_ERROR = 2,

@@ -2,11 +2,13 @@
 
 #include <err.h>
 #include <fts.h>
+#include <sys/file.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
 #include <algorithm>
 #include <array>
+#include <cerrno>
 #include <cstdio>
 #include <cstdlib>
 #include <fstream>
@@ -31,6 +33,17 @@ constexpr std::size_t NAME_SUFFIX_POSITION = 22;
 
 /// With so many files or more when a day begins, the oldest of them goes.
 constexpr std::size_t MAX_FILES = 8;
+
+using File = std::unique_ptr<FILE, int (*)(FILE*)>;
+
+/// Takes a log for archiving, for as long as the file is open; false where another process has it, or has
+/// just archived and removed it. Both would else write one archive, and the slower one, with the log gone
+/// already, an empty one.
+bool takeForArchiving(FILE* log) {
+    if (flock(fileno(log), LOCK_EX | LOCK_NB) != 0 && errno == EWOULDBLOCK) return false;
+    struct stat status {};
+    return fstat(fileno(log), &status) != 0 || status.st_nlink > 0;
+}
 
 }  // namespace
 
@@ -58,11 +71,10 @@ std::string LogDebug::getFileNameLog() {
 
 void LogDebug::saveLog(const std::string& level, const std::string& text) {
     const std::string fileName = getFileNameLog();
-    std::ofstream file;
-    if (opensForUpdate(fileName)) {
-        file.open(fileName, std::ios::app);
-    } else {
-        file.open(fileName, std::ios::trunc);
+    const bool isNew = !opensForUpdate(fileName);
+    // A new file is appended to as well: another process may have begun it since.
+    std::ofstream file(fileName, std::ios::app);
+    if (isNew) {
         file << "DRS Version: " << DRIVER_VERSION << std::endl;
         removeLastDays(m_pathLog.data());
     }
@@ -75,7 +87,8 @@ void LogDebug::saveLog(const std::string& level, const std::string& text) {
 }
 
 void LogDebug::compress(const std::string& fileName) {
-    if (!opensForUpdate(fileName)) return;
+    const File log(std::fopen(fileName.c_str(), "r+e"), std::fclose);
+    if (!log || !takeForArchiving(log.get())) return;
     const std::string archive = fileName + ARCHIVE_SUFFIX;
     std::cout << "[removeLastDays] file to zip " << fileName << std::endl;
     sync();
@@ -88,12 +101,14 @@ void LogDebug::compress(const std::string& fileName) {
     std::string finalName = archive;
     finalName.erase(NAME_SUFFIX_POSITION, sizeof NAME_SUFFIX - 1);
     std::cout << "[removeLastDays] erase " << finalName << std::endl;
-    if (rename(archive.c_str(), finalName.c_str()) == 0)
+    const bool renamed = rename(archive.c_str(), finalName.c_str()) == 0;
+    if (renamed)
         puts("File successfully renamed");
     else
         perror("Error renaming file");
     sync();
-    if (archived) remove(fileName.c_str());
+    // The log goes only where there is an archive, whatever tar said.
+    if (archived && (renamed || opensForUpdate(archive))) remove(fileName.c_str());
     sync();
 }
 

@@ -4,6 +4,7 @@
 #include <cstdint>
 #include <cstdio>
 #include <cstring>
+#include <exception>
 #include <fstream>
 #include <iostream>
 #include <iterator>
@@ -165,10 +166,12 @@ char* ManipulaDadosSat::EnviarStatusAC(int numeroSessao, const char* campoA, con
     return run(CMD_ENVIAR_STATUS_AC, {numeroSessao, campoA, campoB, campoC});
 }
 
-char* ManipulaDadosSat::run(const char* command, const std::vector<Argument>& arguments) {
+char* ManipulaDadosSat::run(const char* command, std::initializer_list<Argument> arguments) try {
     const Operation& operation = *findOperation(command);
     pbs::Message answer;
     return exchange(operation, makeRequest(operation, arguments), answer);
+} catch (const std::exception&) {  // of the standard library, where memory runs out
+    return respond(FISCORA_STATUS_NO_ANSWER, {});
 }
 
 Request ManipulaDadosSat::makeRequest(const Operation& operation, const std::vector<Argument>& arguments) {
@@ -200,15 +203,16 @@ Request ManipulaDadosSat::makeRequest(const Operation& operation, const std::vec
 
 char* ManipulaDadosSat::exchange(const Operation& operation, const Request& request, pbs::Message& answer) {
     m_lastCommand = operation.command;
-    if (!request) {
-        m_status = FISCORA_STATUS_BAD_REQUEST;
-        std::memset(g_resp, 0, sizeof g_resp);
-        return g_resp;
-    }
+    if (!request) return respond(FISCORA_STATUS_BAD_REQUEST, {});
     DoTransaction transaction;
-    m_status = transaction.run(operation.timeoutMs, operation.command, *request, answer);
+    const int status = transaction.run(operation.timeoutMs, operation.command, *request, answer);
+    return respond(status, answer.body());
+}
+
+char* ManipulaDadosSat::respond(int status, const std::string& body) {
+    m_status = status;
     std::memset(g_resp, 0, sizeof g_resp);
-    std::memcpy(g_resp, answer.body().data(), std::min<std::size_t>(answer.bodySize(), sizeof g_resp));
+    std::memcpy(g_resp, body.data(), std::min(body.size(), sizeof g_resp));
     return g_resp;
 }
 
@@ -217,11 +221,15 @@ int ManipulaDadosSat::CodigoErro() { return m_status; }
 char* ManipulaDadosSat::Base64ToAscii() {
     static std::string document;
     document.clear();
-    const auto fields = split(std::string(g_resp, strnlen(g_resp, sizeof g_resp)), '|');
-    const Operation* const operation = findOperation(m_lastCommand);
-    if (operation == nullptr || operation->documentField == Operation::NO_DOCUMENT) return document.data();
-    const auto field = static_cast<std::size_t>(operation->documentField);
-    if (field < fields.size()) document = Base64::decode(fields[field]);
+    try {
+        const auto fields = split(std::string(g_resp, strnlen(g_resp, sizeof g_resp)), '|');
+        const Operation* const operation = findOperation(m_lastCommand);
+        const auto field = static_cast<std::size_t>(operation != nullptr ? operation->documentField
+                                                                         : Operation::NO_DOCUMENT);
+        if (field != Operation::NO_DOCUMENT && field < fields.size())
+            document = Base64::decode(fields[field]);
+    } catch (const std::exception&) {  // as where the answer holds no document
+    }
     return document.data();
 }
 

@@ -1,5 +1,6 @@
 #pragma once
 
+#include <initializer_list>
 #include <optional>
 #include <string>
 #include <variant>
@@ -27,7 +28,7 @@ using Request = std::optional<std::string>;
 
 /// The fiscal operations. Each turns its arguments into one request, exchanges it with the device and returns
 /// the address of `g_resp`; fiscora.h documents those that have a flat function, and what they all have in
-/// common.
+/// common. They throw nothing, since C calls them.
 class ManipulaDadosSat {
   public:
     ManipulaDadosSat();
@@ -101,7 +102,8 @@ class ManipulaDadosSat {
     char* exchange(const Operation& operation, const Request& request, pbs::Message& answer);
 
   private:
-    char* run(const char* command, const std::vector<Argument>& arguments);
+    char* run(const char* command, std::initializer_list<Argument> arguments);
+    char* respond(int status, const std::string& body);
 
     std::string m_lastCommand;  ///< name of the last operation's command, however it ended
     int m_status = FISCORA_STATUS_OK;

@@ -1,6 +1,7 @@
 #include "link/SerialCommChannel.h"
 
 #include <fcntl.h>
+#include <pthread.h>
 #include <sys/ioctl.h>
 #include <termios.h>
 #include <unistd.h>
@@ -8,6 +9,7 @@
 #include <algorithm>
 #include <array>
 #include <cerrno>
+#include <csignal>
 
 #include "diagnostics/logdebug.h"
 #include "fiscora.h"
@@ -37,8 +39,55 @@ std::int64_t microsecondsSince(const timeval& start) {
     return std::int64_t{now.tv_sec - start.tv_sec} * 1'000'000 + (now.tv_usec - start.tv_usec);
 }
 
-void info(const std::string& text) { LogDebug::obtemReferencia()->saveLog("info", text); }
-void error(const std::string& text) { LogDebug::obtemReferencia()->saveLog("error", text); }
+void info(const char* text) {
+    logOrDrop([&](LogDebug& log) { log.saveLog("info", text); });
+}
+void error(const char* text) {
+    logOrDrop([&](LogDebug& log) { log.saveLog("error", text); });
+}
+
+/// Holds signals back from the calling thread while it lives. A handler would end a read, or (SA_RESTART)
+/// start its tenth of a second anew: where signals come more often than that, a silent device would hold the
+/// caller without end.
+class SignalsHeldBack {
+  public:
+    SignalsHeldBack() {
+        sigset_t all;
+        sigfillset(&all);
+        pthread_sigmask(SIG_BLOCK, &all, &m_before);
+    }
+    SignalsHeldBack(const SignalsHeldBack&) = delete;
+    SignalsHeldBack& operator=(const SignalsHeldBack&) = delete;
+    ~SignalsHeldBack() { pthread_sigmask(SIG_SETMASK, &m_before, nullptr); }
+
+  private:
+    sigset_t m_before{};
+};
+
+/// Keeps a descriptor from blocking while it lives.
+class NotBlocking {
+  public:
+    explicit NotBlocking(int fd) : m_fd(fd), m_before(fcntl(fd, F_GETFL)) {
+        fcntl(m_fd, F_SETFL, m_before | O_NONBLOCK);
+    }
+    NotBlocking(const NotBlocking&) = delete;
+    NotBlocking& operator=(const NotBlocking&) = delete;
+    ~NotBlocking() { fcntl(m_fd, F_SETFL, m_before); }
+
+  private:
+    int m_fd;
+    int m_before;
+};
+
+int readHoldingSignals(int fd, char* buffer, unsigned long capacity) {
+    const SignalsHeldBack guard;
+    return static_cast<int>(read(fd, buffer, capacity));
+}
+
+int writeWithoutBlocking(int fd, const char* data, std::uint32_t length) {
+    const NotBlocking guard(fd);
+    return static_cast<int>(write(fd, data, length));
+}
 
 }  // namespace
 
@@ -100,7 +149,7 @@ void SerialCommChannel::flushSerialIn() { tcflush(fdSerial, TCIFLUSH); }
 void SerialCommChannel::flushSerialOut() { tcflush(fdSerial, TCOFLUSH); }
 
 int SerialCommChannel::send(const char* data, std::uint32_t length) {
-    const int result = fdSerial == -1 ? -1 : static_cast<int>(write(fdSerial, data, length));
+    const int result = writePiece(data, length);
     if (result > 0)
         failCount = 0;
     else if (tooManyFailures())
@@ -110,8 +159,16 @@ int SerialCommChannel::send(const char* data, std::uint32_t length) {
     return result;
 }
 
+int SerialCommChannel::writePiece(const char* data, std::uint32_t length) {
+    if (fdSerial == -1) return -1;
+    if (transmissionWaitUs > 0) return static_cast<int>(write(fdSerial, data, length));
+    // All the time for waits is used up, so the line may have stopped taking anything, and a write that the
+    // driver has no room for would wait without end.
+    return writeWithoutBlocking(fdSerial, data, length);
+}
+
 int SerialCommChannel::receive(char* buffer, unsigned long capacity) {
-    const int result = fdSerial == -1 ? -1 : static_cast<int>(read(fdSerial, buffer, capacity));
+    const int result = fdSerial == -1 ? -1 : readHoldingSignals(fdSerial, buffer, capacity);
     if (result > 0)
         failCount = 0;
     else
@@ -165,8 +222,10 @@ int SerialCommChannel::send_data(pbs::Message& message) {
         // What the log shows: after a full piece what is left behind it (one more than before, where it
         // failed with -1), at the last piece its own length.
         if (pending >= PIECE_BYTES) pending -= static_cast<unsigned long>(result);
-        info("[SerialCommChannel::send_data] Bytes enviados: " + std::to_string(pending) +
-             "Bytes Totais: " + std::to_string(size));
+        logOrDrop([&](LogDebug& log) {
+            log.saveLog("info", "[SerialCommChannel::send_data] Bytes enviados: " + std::to_string(pending) +
+                                    "Bytes Totais: " + std::to_string(size));
+        });
         if (result < 0) break;
         offset += static_cast<unsigned long>(result);
     }

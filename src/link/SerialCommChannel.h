@@ -66,10 +66,11 @@ class SerialCommChannel {
     /// Discards what was written and not yet transmitted.
     void flushSerialOut();
     /// One write of up to `length` bytes. Returns the bytes accepted, which may be fewer, or 0 or -1. The
-    /// 500th call of `send` and `receive` in a row that moves nothing closes the port.
+    /// 500th call of `send` and `receive` in a row that moves nothing closes the port. Waits for what was
+    /// written to be transmitted, 5 s in all for one connection; after these it does not wait for anything.
     int send(const char* data, std::uint32_t length);
-    /// One read of up to `capacity` bytes, for at most 0.1 s. Returns the bytes read, or 0 or -1. Counts
-    /// failures together with `send`.
+    /// One read of up to `capacity` bytes, for at most 0.1 s, in which signals are held back. Returns the
+    /// bytes read, or 0 or -1. Counts failures together with `send`.
     int receive(char* buffer, unsigned long capacity);
     /// PORT_OPEN where the port is open, else what `errno` stands for as a PortStatus.
     int statusErro();
@@ -80,6 +81,7 @@ class SerialCommChannel {
   private:
     struct Reception;
 
+    int writePiece(const char* data, std::uint32_t length);
     bool tooManyFailures();
     void awaitTransmission();
     void parseChunk(const char* code, const char* chunk, unsigned long size, Reception& reception);

@@ -3,6 +3,7 @@
 #include <array>
 #include <cstdio>
 #include <cstring>
+#include <exception>
 #include <memory>
 #include <string_view>
 
@@ -24,34 +25,54 @@ const char* fieldOr(const std::vector<std::string>& fields, std::size_t index, c
     return index < fields.size() ? fields[index].c_str() : missing;
 }
 
+void logRequest(const char* command, const std::string& request) {
+    logOrDrop([&](LogDebug& log) {
+        const auto fields = split(request, '|');
+        std::array<char, 100> line{};
+        std::snprintf(line.data(), line.size(), "txCode: %s txSessao:%s txBufferSize:%d", command,
+                      fieldOr(fields, 0, ""), static_cast<int>(request.size()));
+        log.saveLog("info", line.data());
+    });
+}
+
+void logAnswer(const pbs::Message& answer, int status) {
+    logOrDrop([&](LogDebug& log) {
+        const auto fields = split(answer.body(), '|');
+        std::array<char, 512> line{};
+        std::snprintf(
+            line.data(), line.size(),
+            "rxCode: %s rxSessao: %s rxEEEEE: %s rxCCCC: %s rxMessage: %s rxBufferSize: %d status: %d",
+            answer.code().c_str(), fieldOr(fields, 0, MISSING_FIELD), fieldOr(fields, 1, MISSING_FIELD),
+            fieldOr(fields, 2, MISSING_FIELD), fieldOr(fields, 3, MISSING_FIELD),
+            static_cast<int>(answer.bodySize()), status);
+        log.saveLog("info", line.data());
+    });
+}
+
 }  // namespace
 
 DoTransaction::DoTransaction() = default;
 DoTransaction::~DoTransaction() = default;
 
 int DoTransaction::run(int timeoutMs, const char* command, const std::string& request, pbs::Message& answer) {
-    const auto requestFields = split(request, '|');
-    std::array<char, 100> sent{};
-    std::snprintf(sent.data(), sent.size(), "txCode: %s txSessao:%s txBufferSize:%d", command,
-                  fieldOr(requestFields, 0, ""), static_cast<int>(request.size()));
-    LogDebug::obtemReferencia()->saveLog("info", sent.data());
-
+    logRequest(command, request);
     int status = FISCORA_STATUS_NO_ANSWER;
-    if (m_channel.connect_client() == 0) {
-        // A failed sending shows as the silence that follows it.
-        WriteMessageCommand(command, request);
-        status = ReadMessageAnswer(command, answer, timeoutMs);
+    try {
+        status = exchange(timeoutMs, command, request, answer);
+    } catch (const std::exception&) {  // of the standard library, where memory runs out
         m_channel.disconnect_client();
     }
+    logAnswer(answer, status);
+    return status;
+}
 
-    const auto fields = split(answer.body(), '|');
-    std::array<char, 512> received{};
-    std::snprintf(received.data(), received.size(),
-                  "rxCode: %s rxSessao: %s rxEEEEE: %s rxCCCC: %s rxMessage: %s rxBufferSize: %d status: %d",
-                  answer.code().c_str(), fieldOr(fields, 0, MISSING_FIELD), fieldOr(fields, 1, MISSING_FIELD),
-                  fieldOr(fields, 2, MISSING_FIELD), fieldOr(fields, 3, MISSING_FIELD),
-                  static_cast<int>(answer.bodySize()), status);
-    LogDebug::obtemReferencia()->saveLog("info", received.data());
+int DoTransaction::exchange(int timeoutMs, const char* command, const std::string& request,
+                            pbs::Message& answer) {
+    if (m_channel.connect_client() != 0) return FISCORA_STATUS_NO_ANSWER;
+    // A failed sending shows as the silence that follows it.
+    WriteMessageCommand(command, request);
+    const int status = ReadMessageAnswer(command, answer, timeoutMs);
+    m_channel.disconnect_client();
     return status;
 }
 

@@ -20,7 +20,7 @@ class DoTransaction {
     /// Connects, sends `request` under the name `command`, waits for the answer of that name and disconnects,
     /// with two lines in the debug log. `timeoutMs` counts from the start of the sending. `answer`, a fresh
     /// message, is filled where one was accepted, which may come with a status other than 0. Returns the
-    /// status of the exchange (the FISCORA_... constants of fiscora.h).
+    /// status of the exchange (the FISCORA_... constants of fiscora.h); throws nothing.
     int run(int timeoutMs, const char* command, const std::string& request, pbs::Message& answer);
 
     /// Sends `request` as a compressed message. 1 when the sending failed, else 0.
@@ -36,6 +36,8 @@ class DoTransaction {
                   std::uint32_t rxSize);
 
   private:
+    int exchange(int timeoutMs, const char* command, const std::string& request, pbs::Message& answer);
+
     serial::SerialCommChannel m_channel;
 };
 
