@@ -56,17 +56,18 @@ constexpr Stage STAGES[] = {
     {"DELTA_CSE_COM", "TRANS_CCO_CSE"}, {"DELTA_CSE", "PROC_CSE"},          {"DELTA_SWB", nullptr},
 };
 
-/// Opens the performance record to append a row; a new file gets its heading first.
-std::ofstream openPerformanceRecord(const std::vector<std::string>& columns) {
+/// Appends a row, which the time begins, to the performance record; a new file gets its heading first.
+/// Nothing happens where the file cannot be opened.
+void appendToPerformanceRecord(const std::vector<std::string>& columns, const std::string& cells) {
     constexpr char NAME[] = "teste_desempenho.csv";
-    if (opensForUpdate(NAME)) return std::ofstream(NAME, std::ios::app);
-    std::ofstream file(NAME, std::ios::trunc);
-    for (const auto& column : columns) file << '"' << column << "\";";
-    file << std::endl;
-    return file;
+    const bool isNew = !opensForUpdate(NAME);
+    std::ofstream file(NAME, std::ios::app);
+    if (isNew) {
+        for (const auto& column : columns) file << '"' << column << "\";";
+        file << std::endl;
+    }
+    file << localTimeText("%Y/%d/%m/%H:%M:%S") << ';' << cells << std::endl;
 }
-
-std::string performanceTime() { return localTimeText("%Y/%d/%m/%H:%M:%S"); }
 
 /// `a` minus `b` in 32 bits, wrapping around.
 std::int32_t difference(std::int32_t a, std::int32_t b) {
@@ -212,7 +213,7 @@ char* ManipulaDadosSat::exchange(const Operation& operation, const Request& requ
 char* ManipulaDadosSat::respond(int status, const std::string& body) {
     m_status = status;
     std::memset(g_resp, 0, sizeof g_resp);
-    std::memcpy(g_resp, body.data(), std::min(body.size(), sizeof g_resp));
+    std::copy_n(body.data(), std::min(body.size(), sizeof g_resp), g_resp);
     return g_resp;
 }
 
@@ -250,28 +251,23 @@ std::vector<std::string> ManipulaDadosSat::split(const std::string& text, char d
 }
 
 void ManipulaDadosSat::gravaArquivoDesempenho(std::string text) {
-    auto file = openPerformanceRecord({"DATA_HORA", "DELTA_DRS"});
-    if (file.is_open()) file << performanceTime() << ';' << text << ';' << std::endl;
+    text += ';';
+    appendToPerformanceRecord({"DATA_HORA", "DELTA_DRS"}, text);
 }
 
 void ManipulaDadosSat::gravaArquivoDesempenho(pbs::Message& answer) {
     std::vector<std::string> columns = {"DATA_HORA", "CODE"};
-    for (const auto& stage : STAGES) {
-        columns.emplace_back(stage.header);
-        if (stage.step != nullptr) columns.emplace_back(stage.step);
-    }
-    auto file = openPerformanceRecord(columns);
-    if (!file.is_open()) return;
-
-    file << performanceTime() << ';' << answer.code() << ';';
+    std::string cells = answer.code() + ';';
     for (const Stage* stage = std::begin(STAGES); stage != std::end(STAGES); ++stage) {
         const std::string value = answer.header(stage->header);
-        file << value << ';';
+        columns.emplace_back(stage->header);
+        cells += value + ';';
         if (stage->step == nullptr) break;
         const std::string next = answer.header(stage[1].header);
-        file << pbs::to_string(difference(pbs::readNumber(value), pbs::readNumber(next))) << ';';
+        columns.emplace_back(stage->step);
+        cells += pbs::to_string(difference(pbs::readNumber(value), pbs::readNumber(next))) + ';';
     }
-    file << std::endl;
+    appendToPerformanceRecord(columns, cells);
 }
 
 }  // namespace manipulaDados

@@ -99,7 +99,8 @@ std::string Message::headers() const {
     d->headerMap[HDR_EDC_WORD] = to_string(crc16_ccitt(d->body.data(), static_cast<int>(d->body.size())));
 
     std::string head = HDR_MSG_SPECIFIER + HDR_TERMINATION;
-    for (const auto& [key, value] : d->headerMap) head += key + HDR_FIELD_SEPARATOR + value + HDR_TERMINATION;
+    for (const auto& [key, value] : d->headerMap)
+        head.append(key).append(HDR_FIELD_SEPARATOR).append(value).append(HDR_TERMINATION);
     return head + HDR_START_DATA;
 }
 

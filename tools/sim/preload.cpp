@@ -53,12 +53,11 @@ bool isLine(int fd) {
     return same;
 }
 
-using Open = int (*)(const char*, int, ...);
+bool creates(int flags) { return (flags & O_CREAT) != 0 || (flags & O_TMPFILE) == O_TMPFILE; }
 
-int openBy(const char* name, const char* path, int flags, std::va_list arguments) {
-    const bool creates = (flags & O_CREAT) != 0 || (flags & O_TMPFILE) == O_TMPFILE;
-    const Open real = next<Open>(name);
-    return creates ? real(path, flags, va_arg(arguments, mode_t)) : real(lineOr(path), flags);
+/// `mode` is passed on also where nothing looks at it.
+int openBy(const char* name, const char* path, int flags, mode_t mode) {
+    return next<int (*)(const char*, int, ...)>(name)(creates(flags) ? path : lineOr(path), flags, mode);
 }
 
 }  // namespace
@@ -73,17 +72,17 @@ FILE* popen(const char* command, const char* mode) {
 int open(const char* path, int flags, ...) {
     std::va_list arguments;
     va_start(arguments, flags);
-    const int fd = openBy("open", path, flags, arguments);
+    const mode_t mode = creates(flags) ? va_arg(arguments, mode_t) : 0;
     va_end(arguments);
-    return fd;
+    return openBy("open", path, flags, mode);
 }
 
 int open64(const char* path, int flags, ...) {
     std::va_list arguments;
     va_start(arguments, flags);
-    const int fd = openBy("open64", path, flags, arguments);
+    const mode_t mode = creates(flags) ? va_arg(arguments, mode_t) : 0;
     va_end(arguments);
-    return fd;
+    return openBy("open64", path, flags, mode);
 }
 
 /// What was written to the simulated line counts as transmitted, so there is no output to discard: a pty
