@@ -22,7 +22,7 @@
  * second's pause for the device. Each answer of a wrong kind starts the timeout anew, at most five times. A
  * device that stays silent for 50 seconds ends every call. With no device a call takes a second. A device
  * that takes no data ends the call by its timeout as well; kernels whose USB serial driver discards no output
- * (6.1) then hold it for up to 30 seconds more, when the port is closed.
+ * (6.1) then hold it for half a minute more, when the port is closed.
  *
  * Nothing is repeated by the library. After a failure ask the device what it did before you send a document
  * again (ConsultarNumeroSessao with the session number of the failed call).

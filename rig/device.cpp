@@ -1,34 +1,54 @@
-/// The simulated fiscal device at the device's end of any serial line:  driver_device LINE ACTIVATION_CODE
+/// The simulated fiscal device at the device's end of any serial line:
+///
+///     driver_device LINE ACTIVATION_CODE [LATENCY_MS [BAUD]]
+///
+/// Its answers begin LATENCY_MS after their requests (default 0), and the line takes BAUD (default 0: no
+/// limit). Where the line has hung up, or is not there, it waits for it.
 
 #include <fcntl.h>
 #include <termios.h>
+#include <unistd.h>
 
-#include <cstdio>
+#include <chrono>
+#include <cstdlib>
 #include <iostream>
 
 #include "sim/Descriptor.h"
 #include "sim/DevicePort.h"
 #include "sim/SimulatedDevice.h"
 
-int main(int argc, char** argv) {
-    if (argc != 3) {
-        std::cerr << "usage: driver_device LINE ACTIVATION_CODE\n";
-        return 2;
-    }
-    const sim::Descriptor line(open(argv[1], O_RDWR | O_NOCTTY));
+namespace {
+
+/// The line in raw mode; -1 where it is not there.
+sim::Descriptor openLine(const char* path) {
+    sim::Descriptor line(open(path, O_RDWR | O_NOCTTY));
     termios mode;
-    if (tcgetattr(line.get(), &mode) != 0) {
-        std::perror(argv[1]);
-        return 1;
-    }
+    if (tcgetattr(line.get(), &mode) != 0) return sim::Descriptor();
     cfmakeraw(&mode);
-    if (tcsetattr(line.get(), TCSANOW, &mode) != 0) {
-        std::perror(argv[1]);
-        return 1;
+    if (tcsetattr(line.get(), TCSANOW, &mode) != 0) return sim::Descriptor();
+    return line;
+}
+
+}  // namespace
+
+int main(int argc, char** argv) {
+    constexpr useconds_t LINE_POLL_US = 20'000;
+    if (argc < 3 || argc > 5) {
+        std::cerr << "usage: driver_device LINE ACTIVATION_CODE [LATENCY_MS [BAUD]]\n";
+        return 2;
     }
     sim::DeviceSettings settings;
     settings.activationCode = argv[2];
     sim::SimulatedDevice device(settings);
-    sim::DevicePort(device, {}).run(line.get());
-    return 0;
+    sim::PortSettings portSettings;
+    if (argc > 3) portSettings.latency = std::chrono::milliseconds(std::atoi(argv[3]));
+    if (argc > 4) portSettings.baud = std::atoi(argv[4]);
+    sim::DevicePort port(device, portSettings);
+    for (;;) {
+        const sim::Descriptor line = openLine(argv[1]);
+        if (line.get() < 0)
+            usleep(LINE_POLL_US);
+        else
+            port.run(line.get());
+    }
 }

@@ -9,108 +9,20 @@
 #include <fiscora.h>
 
 #include <algorithm>
-#include <array>
 #include <chrono>
-#include <cstdint>
 #include <cstdlib>
 #include <functional>
-#include <iomanip>
 #include <iostream>
-#include <random>
-#include <sstream>
 #include <string>
-#include <string_view>
 #include <vector>
 
 #include "encoding/Base64.h"
+#include "till.h"
 #include "transaction/DoTransaction.h"
 
 namespace {
 
-constexpr std::size_t SALE_BYTES = 1048576;
-
-struct Sale {
-    std::string document;
-    std::vector<std::string>
-        products;  ///< of each item, the beginning of its element as it stands in the document
-    std::int64_t totalCents = 0;
-};
-
-std::string money(std::int64_t cents) {
-    std::ostringstream text;
-    text << cents / 100 << '.' << std::setw(2) << std::setfill('0') << cents % 100;
-    return text.str();
-}
-
-/// Random items, so that the compressed sale still fills many writes of the library.
-class SaleWriter {
-  public:
-    explicit SaleWriter(unsigned seed) : m_random(seed) {}
-
-    Sale write() {
-        Sale sale;
-        sale.document = HEAD;
-        while (sale.document.size() + LARGEST_ITEM < SALE_BYTES) addItem(sale);
-        const std::string payment =
-            "<total/><pgto><MP><cMP>01</cMP><vMP>" + money(sale.totalCents) + "</vMP></MP></pgto>";
-        sale.document += payment + "<infAdic><infCpl>";
-        sale.document += digits(SALE_BYTES - sale.document.size() - TAIL.size());
-        sale.document += TAIL;
-        return sale;
-    }
-
-  private:
-    static constexpr std::string_view HEAD =
-        "<?xml version=\"1.0\" encoding=\"UTF-8\"?><CFe><infCFe "
-        "versaoDadosEnt=\"0.08\"><ide><CNPJ>16716114000172</CNPJ>"
-        "<signAC>c2lnbmF0dXJlIG9mIHRoZSBhcHBsaWNhdGlvbg==</signAC><numeroCaixa>001</numeroCaixa></ide><emit>"
-        "<CNPJ>14200166000166</CNPJ><IE>111111111111</IE><indRatISSQN>N</indRatISSQN></emit><dest/>";
-    static constexpr std::string_view TAIL = "</infCpl></infAdic></infCFe></CFe>";
-    static constexpr std::size_t LARGEST_ITEM = 1024;  // with what follows the items
-
-    unsigned below(unsigned limit) { return static_cast<unsigned>(m_random() % limit); }
-
-    std::string digits(std::size_t count) {
-        std::string text(count, '0');
-        for (char& digit : text) digit = static_cast<char>('0' + below(10));
-        return text;
-    }
-
-    void addItem(Sale& sale) {
-        static constexpr std::array<const char*, 8> NAMES{"Arroz",   "Feijão",         "Café torrado",
-                                                          "Açúcar",  "Leite integral", "Óleo de soja",
-                                                          "Farinha", "Sabão"};
-        const unsigned quantity = 1 + below(9);
-        const std::int64_t price = 1 + below(20000);
-        std::ostringstream product;
-        product << "<det nItem=\"" << sale.products.size() + 1 << "\"><prod><cProd>" << digits(6)
-                << "</cProd><cEAN>789" << digits(10) << "</cEAN><xProd>" << NAMES[below(NAMES.size())]
-                << " lote " << digits(12) << "</xProd><NCM>" << digits(8)
-                << "</NCM><CFOP>5102</CFOP><uCom>UN</uCom><qCom>" << quantity << ".0000</qCom><vUnCom>"
-                << money(price) << "</vUnCom>";
-        sale.products.push_back(product.str());
-        sale.totalCents += quantity * price;
-        sale.document +=
-            sale.products.back() +
-            "<indRegra>A</indRegra></prod><imposto><ICMS><ICMSSN102><Orig>0</Orig><CSOSN>500</CSOSN>"
-            "</ICMSSN102></ICMS><PIS><PISNT><CST>04</CST></PISNT></PIS><COFINS><COFINSNT><CST>04</CST>"
-            "</COFINSNT></COFINS></imposto><infAdProd>Rastreio " +
-            digits(60) + "</infAdProd></det>";
-    }
-
-    std::mt19937 m_random;
-};
-
-/// What is wrong with the answer's status, session number or code; empty where nothing is.
-std::string faultInHead(int session, const std::string& code, const std::vector<std::string>& fields) {
-    if (CodigoErro() != FISCORA_STATUS_OK) return "status " + std::to_string(CodigoErro());
-    if (fields.size() < 2) return "no answer";
-    std::ostringstream number;
-    number << std::setw(6) << std::setfill('0') << session;
-    if (fields[0] != number.str()) return "session number " + fields[0] + " for " + number.str();
-    if (fields[1] != code) return "code " + fields[1] + " for " + code;
-    return {};
-}
+using till::Sale;
 
 std::string faultInDocument(const Sale& sale, const std::string& document) {
     std::size_t position = 0;
@@ -148,19 +60,18 @@ struct Tally {
 };
 
 std::string faultInQuery(Tally& tally, int session) {
-    return faultInHead(session, "08000", tally.timed([&] { return ConsultarSAT(session); }));
+    return till::faultInHead(session, "08000", tally.timed([&] { return ConsultarSAT(session); }));
 }
 
 std::string faultInSale(Tally& tally, int session, const char* activationCode) {
     constexpr std::size_t DOCUMENT = 6, TOTAL = 9, FIELDS = 12;
-    const Sale sale = SaleWriter(static_cast<unsigned>(session)).write();
+    const Sale sale = till::writeSale(static_cast<unsigned>(session));
     const auto fields =
         tally.timed([&] { return EnviarDadosVenda(session, activationCode, sale.document.c_str()); });
-    const std::string fault = faultInHead(session, "06000", fields);
+    const std::string fault = till::faultInHead(session, "06000", fields);
     if (!fault.empty()) return fault;
     if (fields.size() != FIELDS) return std::to_string(fields.size()) + " fields";
-    if (fields[TOTAL] != money(sale.totalCents))
-        return "total " + fields[TOTAL] + " for " + money(sale.totalCents);
+    if (fields[TOTAL] != sale.total) return "total " + fields[TOTAL] + " for " + sale.total;
     return faultInDocument(sale, Base64::decode(fields[DOCUMENT]));
 }
 

@@ -1,17 +1,18 @@
 /// A virtual USB serial device: plays one CDC ACM function to the kernel's virtual host controller, so that
 /// the kernel's own cdc_acm driver serves it as /dev/ttyACM..., and offers the device's end of the line on a
-/// pty.
+/// pty, which hangs up when the device is unplugged.
 ///
-///     driver_vacm [OPTION...] play PATH    runs it; PATH becomes a link to the pty, PATH.sock takes orders
+///     driver_vacm [OPTION...] play PATH    runs it; PATH links to the pty, PATH.sock takes orders
 ///         -p PORT   port of the virtual hub, 0 to 7, another one for each device (default 0)
 ///         -d MS     takes a transfer MS milliseconds after it became the first in line (default 0)
 ///         -m TEXT   manufacturer (default: the fiscal device's)
 ///         -s TEXT   serial number (default: none)
 ///     driver_vacm tell PATH ORDER          gives it an order and prints the answer:
-///         delay MS | hold | release | unplug | plug | stats
+///         delay MS | hold | release | unplug | plug | stats | when taken|given BYTES MS ORDER
 ///
 /// `hold` lets it take nothing more until `release`. `stats` counts what it took, what the host cancelled
-/// before it was taken, and what it gave.
+/// before it was taken, and what it gave. `when` carries out ORDER once: MS milliseconds after it has taken
+/// (given) BYTES more bytes; a later `when` takes its place.
 ///
 /// Sources of the numbers: the Linux kernel's document usbip_protocol (messages of the host controller),
 /// USB 2.0, chapter 9 (control requests, descriptors), and the USB communications class's subclass for PSTN
@@ -47,7 +48,10 @@
 namespace {
 
 using Clock = std::chrono::steady_clock;
-using Milliseconds = std::chrono::duration<double, std::milli>;
+
+Clock::duration milliseconds(double count) {
+    return std::chrono::duration_cast<Clock::duration>(std::chrono::duration<double, std::milli>(count));
+}
 
 // usbip_protocol: every message begins with twelve 32-bit words, the most significant byte first.
 enum Word { COMMAND, SEQNUM, DEVICE_ID, DIRECTION, ENDPOINT, FIRST_OF_COMMAND };
@@ -101,7 +105,7 @@ Descriptor required(int fd, const std::string& what) {
 
 struct Options {
     int port = 0;
-    Milliseconds delay{0};
+    Clock::duration delay{0};
     std::string manufacturer = "Linux 3.4.39-mfc+ with musb-hdrc";
     std::string serialNumber;
 };
@@ -113,12 +117,22 @@ struct Transfer {
     std::string data;  ///< of a transfer to the device
 };
 
+/// An order that waits for bytes to move, and then for a time.
+struct PendingOrder {
+    std::uint64_t& count;
+    std::uint64_t awaitedCount;
+    Clock::duration delay;
+    std::string order;
+    std::optional<Clock::time_point> due;  ///< since the bytes have moved
+};
+
 class VirtualDevice {
   public:
     VirtualDevice(const Options& options, const std::string& path);
     [[noreturn]] void run();
 
   private:
+    void openLine();
     void plug();
     void unplug();
     bool isPlugged() const { return m_host.get() >= 0; }
@@ -141,8 +155,12 @@ class VirtualDevice {
     void waitForEvents();
     void answer(int client, const std::string& order);
     std::string obey(const std::string& order);
+    bool postpone(std::istream& words);
+    void obeyPending();
+    std::optional<Clock::time_point> nextDeadline() const;
 
     Options m_options;
+    std::string m_path;
     Descriptor m_pty, m_terminal, m_orders;
     Descriptor m_host;  ///< closed while the device is unplugged
 
@@ -150,6 +168,7 @@ class VirtualDevice {
     Clock::time_point m_firstSince;  ///< since when the first of m_out is the first
     bool m_held = false;
     std::string m_toReader, m_toHost;
+    std::optional<PendingOrder> m_pending;
 
     std::uint64_t m_takenTransfers = 0, m_takenBytes = 0, m_cancelledTransfers = 0, m_cancelledBytes = 0,
                   m_givenBytes = 0;
@@ -173,19 +192,24 @@ Descriptor listenForOrders(const std::string& path) {
     return fd;
 }
 
-VirtualDevice::VirtualDevice(const Options& options, const std::string& path) : m_options(options) {
-    m_pty = required(posix_openpt(O_RDWR | O_NOCTTY | O_NONBLOCK), "pty");
+VirtualDevice::VirtualDevice(const Options& options, const std::string& path)
+    : m_options(options), m_path(path) {
+    plug();
+    m_orders = listenForOrders(path);
+}
+
+void VirtualDevice::openLine() {
+    m_pty = required(posix_openpt(O_RDWR | O_NOCTTY | O_NONBLOCK | O_CLOEXEC), "pty");
     if (grantpt(m_pty.get()) || unlockpt(m_pty.get())) fail("pty");
     const char* name = ptsname(m_pty.get());
-    m_terminal = required(open(name, O_RDWR | O_NOCTTY), name);  // held, so that the pty never hangs up
+    // Held, so that the pty does not hang up when its reader goes.
+    m_terminal = required(open(name, O_RDWR | O_NOCTTY | O_CLOEXEC), name);
     termios mode;
     if (tcgetattr(m_terminal.get(), &mode)) fail(name);
     cfmakeraw(&mode);
     if (tcsetattr(m_terminal.get(), TCSANOW, &mode)) fail(name);
-    unlink(path.c_str());
-    if (symlink(name, path.c_str())) fail(path);
-    plug();
-    m_orders = listenForOrders(path);
+    unlink(m_path.c_str());
+    if (symlink(name, m_path.c_str())) fail(m_path);
 }
 
 /// Writes a line to a file of the virtual host controller.
@@ -197,6 +221,7 @@ void tellController(const std::string& file, const std::string& line) {
 
 void VirtualDevice::plug() {
     if (isPlugged()) return;
+    openLine();
     std::array<int, 2> ends;
     if (socketpair(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0, ends.data())) fail("socketpair");
     m_host = Descriptor(ends[0]);
@@ -214,9 +239,13 @@ void VirtualDevice::unplug() {
 
 void VirtualDevice::forgetHost() {
     m_host = Descriptor();
+    m_pty = Descriptor();
+    m_terminal = Descriptor();
+    unlink(m_path.c_str());
     m_out.clear();
     m_in.clear();
     m_notifications.clear();
+    m_toReader.clear();
     m_toHost.clear();
 }
 
@@ -412,9 +441,9 @@ std::string VirtualDevice::obey(const std::string& order) {
     std::istringstream words(order);
     std::string verb;
     words >> verb;
-    double milliseconds;
-    if (verb == "delay" && words >> milliseconds) {
-        m_options.delay = Milliseconds(milliseconds);
+    double delayMs;
+    if (verb == "delay" && words >> delayMs) {
+        m_options.delay = milliseconds(delayMs);
     } else if (verb == "hold") {
         m_held = true;
     } else if (verb == "release") {
@@ -429,10 +458,39 @@ std::string VirtualDevice::obey(const std::string& order) {
               << m_cancelledBytes << " in " << m_cancelledTransfers << ", given " << m_givenBytes
               << " bytes\n";
         return stats.str();
-    } else {
+    } else if (verb != "when" || !postpone(words)) {
         return REFUSAL + order + "\n";
     }
     return "";
+}
+
+/// Takes up the order whose words after `when` are left. False where they make no sense.
+bool VirtualDevice::postpone(std::istream& words) {
+    std::string direction, order;
+    std::uint64_t bytes;
+    double delayMs;
+    if (!(words >> direction >> bytes >> delayMs) || !std::getline(words >> std::ws, order)) return false;
+    if (direction != "taken" && direction != "given") return false;
+    std::uint64_t& count = direction == "taken" ? m_takenBytes : m_givenBytes;
+    m_pending.emplace(PendingOrder{count, count + bytes, milliseconds(delayMs), order, std::nullopt});
+    return true;
+}
+
+void VirtualDevice::obeyPending() {
+    if (!m_pending || m_pending->count < m_pending->awaitedCount) return;
+    if (!m_pending->due) m_pending->due = Clock::now() + m_pending->delay;
+    if (Clock::now() < *m_pending->due) return;
+    const std::string order = m_pending->order;
+    m_pending.reset();
+    std::cerr << obey(order);
+}
+
+std::optional<Clock::time_point> VirtualDevice::nextDeadline() const {
+    std::optional<Clock::time_point> deadline;
+    if (m_pending) deadline = m_pending->due;
+    if (!mayTake()) return deadline;
+    const Clock::time_point take = m_firstSince + m_options.delay;
+    return deadline ? std::min(*deadline, take) : take;
 }
 
 void VirtualDevice::waitForEvents() {
@@ -441,13 +499,14 @@ void VirtualDevice::waitForEvents() {
     std::array<pollfd, 3> fds{
         {{m_host.get(), POLLIN, 0}, {m_pty.get(), readerEvents, 0}, {m_orders.get(), POLLIN, 0}}};
     timespec timeout{};
-    if (mayTake()) {
-        const std::chrono::duration<double> left = m_firstSince + m_options.delay - Clock::now();
+    const std::optional<Clock::time_point> deadline = nextDeadline();
+    if (deadline) {
+        const std::chrono::duration<double> left = *deadline - Clock::now();
         const double seconds = std::max(0.0, left.count());
         timeout.tv_sec = static_cast<time_t>(seconds);
         timeout.tv_nsec = static_cast<long>((seconds - static_cast<double>(timeout.tv_sec)) * 1e9);
     }
-    if (ppoll(fds.data(), fds.size(), mayTake() ? &timeout : nullptr, nullptr) < 0) fail("poll");
+    if (ppoll(fds.data(), fds.size(), deadline ? &timeout : nullptr, nullptr) < 0) fail("poll");
     serveReader(fds[1].revents);
     if (!fds[2].revents) return;
     const Descriptor client(accept(m_orders.get(), nullptr, nullptr));
@@ -473,6 +532,7 @@ void VirtualDevice::run() {
         while (isPlugged() && poll(&host, 1, 0) > 0) takeMessage();
         takeFromHost();
         giveToHost();
+        obeyPending();
         waitForEvents();
     }
 }
@@ -502,7 +562,7 @@ int run(int argc, char** argv) {
     for (int option; (option = getopt(argc, argv, "p:d:m:s:")) != -1;) {
         switch (option) {
             case 'p': options.port = std::stoi(optarg); break;
-            case 'd': options.delay = Milliseconds(std::stod(optarg)); break;
+            case 'd': options.delay = milliseconds(std::stod(optarg)); break;
             case 'm': options.manufacturer = optarg; break;
             case 's': options.serialNumber = optarg; break;
             default: return usage();
