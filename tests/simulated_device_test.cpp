@@ -1,8 +1,16 @@
 #include "sim/SimulatedDevice.h"
 
 #include <gtest/gtest.h>
+#include <poll.h>
+#include <sys/socket.h>
+
+#include <array>
+#include <sstream>
 
 #include "encoding/Base64.h"
+#include "sim/Descriptor.h"
+#include "sim/DevicePort.h"
+#include "sim/FrameTrace.h"
 #include "transaction/DoTransaction.h"
 
 namespace {
@@ -191,6 +199,36 @@ TEST(SimulatedDevice, ASessionBooksOnceAndItsAnswerStaysToBeAskedFor) {
     EXPECT_EQ(std::vector(again.begin() + 1, again.end()), std::vector(booked.begin() + 1, booked.end()));
     EXPECT_EQ(fixture.code("ConsultarNumeroSessao", query + "|000077"), "11003");
     EXPECT_EQ(fixture.ask("ConsultarUltimaSessaoFiscal", query).at(8), booked.at(8));
+}
+
+TEST(DevicePort, AFaultBringsAnActivationCodeIntoTheTrace) {
+    constexpr int SHORT_MS = 50;  // a longer pause is not waited for: what follows it is no different
+    pbs::Message request("TrocarCodigoDeAtivacao", "3");
+    request.setBody(std::string("000001|") + CODE + "|1|outrocodigo|outrocodigo");
+    request.compress();
+    const std::string frame = request.toString();
+    for (const sim::Fault& fault : sim::faults()) {
+        SCOPED_TRACE(fault.name);
+        std::array<int, 2> ends{};
+        ASSERT_EQ(socketpair(AF_UNIX, SOCK_STREAM, 0, ends.data()), 0);
+        const sim::Descriptor line(ends[0]), application(ends[1]);
+        std::ostringstream output;
+        sim::FrameTrace trace(output, false);
+        SimulatedDevice device;
+        sim::DevicePort port(device, {0, {}, {{&fault, 0, fault.count}}, &trace});
+        port.attach(line.get());
+        ASSERT_EQ(write(application.get(), frame.data(), frame.size()), static_cast<ssize_t>(frame.size()));
+        while (port.step()) {
+            auto [end, timeoutMs] = port.interest();
+            if ((end.events & POLLOUT) == 0 && (timeoutMs < 0 || timeoutMs > SHORT_MS)) break;
+            poll(&end, 1, timeoutMs);
+        }
+        const std::string text = output.str();
+        EXPECT_NE(text.find("fault: " + std::string(fault.name)), std::string::npos) << text;
+        EXPECT_EQ(text.find("| 000001|***|1|***|***\n") == std::string::npos, fault.spoil == nullptr) << text;
+        EXPECT_EQ(text.find(CODE), std::string::npos) << text;
+        EXPECT_EQ(text.find("outrocodigo"), std::string::npos) << text;
+    }
 }
 
 }  // namespace

@@ -1,19 +1,24 @@
 // A till: asks the device for its state again and again, prints what came of each call, and looks at the end
 // whether a descriptor was left open.
 //
-//     till [--without-pauses] CALLS
+//     till [--without-pauses] [--signals] CALLS
+//
+//     --signals  a signal arrives every few milliseconds, with a handler that restarts what it interrupts
 //
 // Prints a line a call: status, milliseconds, answer. Exit status 0 when no descriptor was left open.
 
 #include <dlfcn.h>
+#include <sys/time.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <chrono>
+#include <csignal>
 #include <cstdio>
 #include <cstdlib>
-#include <cstring>
 #include <filesystem>
 #include <iterator>
+#include <string_view>
 
 #include "fiscora.h"
 
@@ -26,6 +31,16 @@ long openDescriptors() {
                          std::filesystem::directory_iterator());
 }
 
+void startSignals() {
+    constexpr suseconds_t PERIOD_US = 3000;
+    struct sigaction action {};
+    action.sa_handler = [](int) {};
+    action.sa_flags = SA_RESTART;
+    sigaction(SIGALRM, &action, nullptr);
+    const itimerval period{{0, PERIOD_US}, {0, PERIOD_US}};
+    setitimer(ITIMER_REAL, &period, nullptr);
+}
+
 }  // namespace
 
 /// Comes before the platform's own.
@@ -35,7 +50,11 @@ extern "C" int usleep(useconds_t us) {
 }
 
 int main(int argc, char** argv) {
-    withoutPauses = argc > 2 && std::strcmp(argv[1], "--without-pauses") == 0;
+    const auto given = [&](std::string_view option) {
+        return std::find(argv, argv + argc, option) != argv + argc;
+    };
+    withoutPauses = given("--without-pauses");
+    if (given("--signals")) startSignals();
     const int calls = std::atoi(argv[argc - 1]);
     const long before = openDescriptors();
     for (int call = 1; call <= calls; ++call) {

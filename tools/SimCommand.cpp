@@ -9,6 +9,7 @@
 #include <sys/xattr.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <array>
 #include <cerrno>
 #include <chrono>
@@ -38,6 +39,10 @@ constexpr int CANNOT_EXECUTE = 126;
 constexpr int NOT_FOUND = 127;
 constexpr int KILLED_BY_SIGNAL = 128;
 
+// Limits of a planned fault's numbers.
+constexpr unsigned MAX_BAD_ANSWERS = 1000;
+constexpr unsigned MAX_EXCHANGE = 999'999'999;
+
 int fail(int status, const std::string& text) {
     std::cerr << "fiscora sim: " << text << "\n";
     return status;
@@ -52,7 +57,7 @@ fs::path findProgram(const std::string& name) {
     fs::path inert;
     while (!name.empty()) {
         const std::string_view folder = rest.substr(0, rest.find(':'));
-        const fs::path candidate = fs::path(folder.empty() ? "." : folder) / name;
+        fs::path candidate = fs::path(folder.empty() ? "." : folder) / name;
         std::error_code ignored;
         if (fs::is_regular_file(candidate, ignored)) {
             if (access(candidate.c_str(), X_OK) == 0) return candidate;
@@ -200,25 +205,47 @@ int play(sim::DevicePort& port, sim::PtyLine& line, const Signals& signals, Chil
     }
 }
 
-/// KIND or KIND@N; throws CLI::ValidationError for anything else.
-sim::FaultPlan parseFault(const std::string& text) {
-    const std::size_t at = text.find('@');
-    const sim::Fault* fault = sim::findFault(std::string_view(text).substr(0, at));
-    if (fault == nullptr)
-        throw CLI::ValidationError("--fault", "no such fault: " + text + ", try --list-faults");
-    if (at == std::string::npos) return {fault, 0};
-    const std::string digits = text.substr(at + 1);
+/// A number of digits alone from 1 to `most`; 0 for any other text.
+unsigned countOf(const std::string& digits, unsigned most) {
     const bool number = digits.find_first_not_of("0123456789") == std::string::npos && digits.size() <= 9;
-    const unsigned long exchange = number && !digits.empty() ? std::stoul(digits) : 0;
-    if (exchange == 0) throw CLI::ValidationError("--fault", "expected KIND@N with N from 1, not " + text);
-    return {fault, static_cast<unsigned>(exchange)};
+    const unsigned long value = number && !digits.empty() ? std::stoul(digits) : 0;
+    return value <= most ? static_cast<unsigned>(value) : 0;
 }
 
+/// KIND[=COUNT][@N]; throws CLI::ValidationError for anything else.
+sim::FaultPlan parseFault(const std::string& text) {
+    const auto refuse = [&](const std::string& why) {
+        return CLI::ValidationError("--fault", "\"" + text + "\": " + why);
+    };
+    const std::size_t at = std::min(text.find('@'), text.size());
+    const std::size_t equals = std::min(text.find('='), at);
+    const std::string kind = text.substr(0, equals);
+    const sim::Fault* fault = sim::findFault(kind);
+    if (fault == nullptr) throw refuse("there is no fault \"" + kind + "\", see --list-faults");
+    sim::FaultPlan plan{fault, 0, fault->count};
+    if (equals < at) {
+        if (fault->count == 0) throw refuse(kind + " takes no count");
+        plan.count = countOf(text.substr(equals + 1, at - equals - 1), MAX_BAD_ANSWERS);
+        if (plan.count == 0)
+            throw refuse("the count is a number from 1 to " + std::to_string(MAX_BAD_ANSWERS));
+    }
+    if (at < text.size()) {
+        plan.exchange = countOf(text.substr(at + 1), MAX_EXCHANGE);
+        if (plan.exchange == 0) throw refuse("behind \"@\" stands the number of an exchange, from 1");
+    }
+    return plan;
+}
+
+/// For each kind a line that starts with its name and status, and one for the programmer.
 void listFaults() {
-    std::cout << std::left << std::setw(20) << "KIND" << std::setw(8) << "STATUS"
-              << "WHAT THE APPLICATION SEES\n";
+    const auto print = [](std::string_view kind, std::string_view status, std::string_view text) {
+        std::cout << std::left << std::setw(19) << kind << std::setw(8) << status << text << "\n";
+    };
+    print("KIND", "STATUS", "WHAT THE APPLICATION SEES, and what to learn from it");
     for (const sim::Fault& fault : sim::faults()) {
-        std::cout << std::setw(20) << fault.name << std::setw(8) << fault.status << fault.effect << "\n";
+        print(std::string(fault.name) + (fault.count > 0 ? "[=COUNT]" : ""), std::to_string(fault.status),
+              fault.effect);
+        print("", "", fault.advice);
     }
 }
 
@@ -262,8 +289,9 @@ SimCommand::SimCommand(CLI::App& application)
             [this](const std::vector<std::string>& plans) {
                 for (const std::string& plan : plans) m_port.faults.push_back(parseFault(plan));
             },
-            "Let the device fail, on its N-th exchange or on every one; may be repeated")
-        ->type_name("KIND[@N]")
+            "Let the device fail, on its N-th exchange or on every one; may be repeated. COUNT is of bad "
+            "answers")
+        ->type_name("KIND[=COUNT][@N]")
         ->allow_extra_args(false);
     m_options->add_flag("--list-faults", m_listFaults,
                         "List the kinds of fault and what the application will see");

@@ -26,6 +26,16 @@ constexpr milliseconds BEFORE_HANG_UP{100};
 
 bool wouldBlock() { return errno == EAGAIN || errno == EINTR; }
 
+/// Feeds `bytes` to the parser of `message`; calls `ended` with its state at the end of each frame.
+template <typename Ended>
+void parseFrames(pbs::Message& message, std::string_view bytes, Ended ended) {
+    unsigned long taken = 0;
+    while (taken < bytes.size()) {
+        const auto state = message.parse(bytes.data() + taken, bytes.size() - taken, &taken);
+        if (state != pbs::Message::PARSER_IN_PROGRESS) ended(state);
+    }
+}
+
 }  // namespace
 
 std::size_t DevicePort::Pace::allowance(Clock::time_point now) {
@@ -59,8 +69,7 @@ DevicePort::DevicePort(SimulatedDevice& device, PortSettings settings)
 void DevicePort::attach(int fd) {
     m_fd = fd;
     m_request = pbs::Message();
-    m_out = {};
-    m_sent = 0;
+    begin({});
     fcntl(fd, F_SETFL, fcntl(fd, F_GETFL) | O_NONBLOCK);
 }
 
@@ -108,58 +117,90 @@ bool DevicePort::receive(Clock::time_point now) {
     m_inward.moved(static_cast<std::size_t>(count));
     bytes.resize(static_cast<std::size_t>(count));
 
+    if (const FaultPlan* plan = planOf(m_exchanges + 1); plan != nullptr && plan->fault->spoil == nullptr) {
+        ++m_exchanges;
+        traceFault(*plan);
+        return false;
+    }
     if (now - m_lastInput > REQUEST_TIMEOUT) m_request = pbs::Message();
     m_lastInput = now;
     take(bytes);
     return true;
 }
 
-void DevicePort::take(const std::string& bytes) {
-    unsigned long taken = 0;
-    while (taken < bytes.size()) {
-        const auto state = m_request.parse(bytes.data() + taken, bytes.size() - taken, &taken);
-        if (state == pbs::Message::PARSER_IN_PROGRESS) return;
+void DevicePort::take(std::string_view bytes) {
+    parseFrames(m_request, bytes, [this](pbs::Message::ParserState state) {
         if (state == pbs::Message::PARSER_MESSAGE_READY) {
             exchange();
         } else if (m_settings.trace != nullptr) {
             m_settings.trace->note("--> damaged request, not answered: " +
                                    pbs::Message::parserStateName(state));
         }
-    }
+    });
+}
+
+void DevicePort::traceSent(std::string_view bytes) {
+    if (m_settings.trace == nullptr) return;
+    parseFrames(m_tracedAnswer, bytes, [this](pbs::Message::ParserState state) {
+        if (state == pbs::Message::PARSER_MESSAGE_READY) {
+            m_settings.trace->answer(m_tracedAnswer);
+        } else {
+            m_settings.trace->note("<-- damaged answer: " + pbs::Message::parserStateName(state));
+        }
+    });
+}
+
+const FaultPlan* DevicePort::planOf(unsigned exchange) const {
+    for (const FaultPlan& plan : m_settings.faults)
+        if (plan.exchange == 0 || plan.exchange == exchange) return &plan;
+    return nullptr;
+}
+
+void DevicePort::traceFault(const FaultPlan& plan) {
+    if (m_settings.trace != nullptr) m_settings.trace->note("fault: " + std::string(plan.fault->name));
 }
 
 void DevicePort::exchange() {
     ++m_exchanges;
-    FrameTrace* trace = m_settings.trace;
-    if (trace != nullptr) trace->request(m_request);
+    if (m_settings.trace != nullptr) m_settings.trace->request(m_request);
     pbs::Message request(m_request);
     if (request.isCompressed()) request.uncompress();
 
-    m_answer = pbs::Message(request.code(), request.sourceId());
-    m_answer.setBody(m_device.answer(request.code(), request.body()));
-    m_answer.compress();
-    m_out = {m_answer.toString()};
-    m_sent = 0;
-    m_due = Clock::now() + m_settings.latency;
-
-    for (const FaultPlan& plan : m_settings.faults) {
-        if (plan.exchange != 0 && plan.exchange != m_exchanges) continue;
-        plan.fault->spoil(m_out);
-        if (trace != nullptr) trace->note("fault: " + std::string(plan.fault->name));
-        break;
+    pbs::Message answer(request.code(), request.sourceId());
+    answer.setBody(m_device.answer(request.code(), request.body()));
+    answer.compress();
+    std::string frame = answer.toString();
+    Transmission out{{frame}};
+    if (const FaultPlan* plan = planOf(m_exchanges); plan != nullptr && plan->fault->spoil != nullptr) {
+        out = plan->fault->spoil({answer, m_previousFrame, plan->count});
+        traceFault(*plan);
     }
+    m_previousFrame = std::move(frame);
+    m_due = Clock::now() + m_settings.latency;
+    begin(std::move(out));
+}
+
+void DevicePort::begin(Transmission out) {
+    m_out = std::move(out);
+    m_piece = 0;
+    m_sent = 0;
+    m_tracedAnswer = pbs::Message();
 }
 
 bool DevicePort::transmit(Clock::time_point now) {
     if (!sending() || now < m_due) return true;
-    const std::size_t allowed = std::min(m_outward.allowance(now), m_out.bytes.size() - m_sent);
+    const std::string& piece = m_out.pieces[m_piece];
+    const std::size_t allowed = std::min(m_outward.allowance(now), piece.size() - m_sent);
     if (allowed == 0) return true;
-    const ssize_t count = write(m_fd, m_out.bytes.data() + m_sent, allowed);
+    const ssize_t count = write(m_fd, piece.data() + m_sent, allowed);
     if (count < 0) return wouldBlock();
-    if (m_sent == 0 && m_settings.trace != nullptr) m_settings.trace->answer(m_answer);
+    traceSent(std::string_view(piece).substr(m_sent, static_cast<std::size_t>(count)));
     m_outward.moved(static_cast<std::size_t>(count));
     m_sent += static_cast<std::size_t>(count);
-    if (!sending()) m_due = now + BEFORE_HANG_UP;
+    if (m_sent < piece.size()) return true;
+    ++m_piece;
+    m_sent = 0;
+    m_due = now + (sending() ? m_out.pause : BEFORE_HANG_UP);
     return true;
 }
 

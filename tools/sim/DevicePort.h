@@ -5,6 +5,7 @@
 #include <chrono>
 #include <cstddef>
 #include <string>
+#include <string_view>
 #include <vector>
 
 #include "protocol/Message.h"
@@ -69,9 +70,13 @@ class DevicePort {
 
     bool receive(Clock::time_point now);
     bool transmit(Clock::time_point now);
-    void take(const std::string& bytes);
+    void take(std::string_view bytes);
+    void traceSent(std::string_view bytes);
     void exchange();
-    bool sending() const { return m_sent < m_out.bytes.size(); }
+    void begin(Transmission out);
+    const FaultPlan* planOf(unsigned exchange) const;
+    void traceFault(const FaultPlan& plan);
+    bool sending() const { return m_piece < m_out.pieces.size(); }
 
     SimulatedDevice& m_device;
     PortSettings m_settings;
@@ -81,10 +86,12 @@ class DevicePort {
     Pace m_outward;
     pbs::Message m_request;  ///< the parser's target
     Clock::time_point m_lastInput;
-    pbs::Message m_answer;  ///< what is being sent, as the trace shows it
+    std::string m_previousFrame;  ///< of the last answer, whatever went out in its place
     Transmission m_out;
-    std::size_t m_sent = 0;
-    Clock::time_point m_due;  ///< when the answer may start, and behind its end when the line hangs up
+    std::size_t m_piece = 0;      ///< the one that is being sent
+    std::size_t m_sent = 0;       ///< bytes of it
+    pbs::Message m_tracedAnswer;  ///< target of the trace's parser
+    Clock::time_point m_due;  ///< when the next piece may start, and behind the last when the line hangs up
 };
 
 }  // namespace sim

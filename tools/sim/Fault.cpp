@@ -2,23 +2,184 @@
 
 #include <algorithm>
 
+#include "fiscora.h"
+
 namespace sim {
+namespace {
+
+using std::chrono::milliseconds;
+
+/// Between two answers, so that they come by two reads: more than the 100 ms that the library pauses behind
+/// its request.
+constexpr milliseconds BETWEEN_ANSWERS{300};
+constexpr milliseconds BETWEEN_BYTES{1};
+
+/// The library passes over five answers and gives up at the sixth.
+constexpr unsigned ONE_TOO_MANY = 6;
+
+constexpr std::size_t LONG_HEAD = 5000;                      // bytes; a reader takes 4097
+constexpr std::size_t MISSING_BYTES = 100;                   // of a body, behind what is sent
+constexpr std::size_t BOMB = std::size_t{16} * 1024 * 1024;  // bytes; about 16 KiB on the line
+constexpr char JUNK[] = "\x01\xfejunk\r\n";
+
+std::string withHeader(pbs::Message answer, const std::string& key, const std::string& value) {
+    answer.addHeader(key, value);
+    return answer.toString();
+}
+
+/// `zlibStream`, which need not be one, under the head of a compressed answer that announces the own answer's
+/// sizes.
+std::string withCompressedBody(pbs::Message answer, const std::string& zlibStream) {
+    answer.setBody(zlibStream);
+    answer.addHeader(pbs::HDR_CONTENT_TYPE, pbs::HDR_CONTENT_COMPRESSED);
+    return answer.toString();
+}
+
+std::string compressed(const std::string& text) {
+    pbs::Message message;
+    message.setBody(text);
+    message.compress();
+    return message.body();
+}
+
+/// The frame, `count` times, then the own answer.
+Transmission before(const Exchange& exchange, const std::string& frame, unsigned count) {
+    Transmission line{std::vector(count, frame), BETWEEN_ANSWERS};
+    line.pieces.push_back(exchange.answer.toString());
+    return line;
+}
+
+std::string firstHalf(const Exchange& exchange) {
+    const std::string frame = exchange.answer.toString();
+    return frame.substr(0, frame.size() / 2);
+}
+
+Transmission silence(const Exchange& /*exchange*/) { return {}; }
+Transmission silenceInAnswer(const Exchange& exchange) { return {{firstHalf(exchange)}}; }
+Transmission hangUp(const Exchange& /*exchange*/) { return {{}, {}, true}; }
+Transmission hangUpInAnswer(const Exchange& exchange) { return {{firstHalf(exchange)}, {}, true}; }
+
+Transmission wrongCode(const Exchange& exchange) {
+    pbs::Message wrong(exchange.answer);
+    wrong.setCode(wrong.code() == "ConsultarSAT" ? "ExtrairLogs" : "ConsultarSAT");
+    return before(exchange, wrong.toString(), exchange.count);
+}
+
+Transmission tooLarge(const Exchange& exchange) {
+    pbs::Message large(exchange.answer);
+    large.setBody(std::string(FISCORA_ANSWER_MAX_BYTES + 1, 'x'));
+    large.compress();
+    return before(exchange, large.toString(), exchange.count);
+}
+
+Transmission badChecksum(const Exchange& exchange) {
+    std::string frame = exchange.answer.toString();
+    frame.back() = static_cast<char>(~frame.back());
+    return {{frame}};
+}
+
+Transmission badHead(const Exchange& exchange) {
+    std::string frame = exchange.answer.toString();
+    frame[frame.find(pbs::HDR_FIELD_SEPARATOR)] = '?';
+    return {{frame}};
+}
+
+Transmission longHead(const Exchange& exchange) {
+    return {{withHeader(exchange.answer, "padding", std::string(LONG_HEAD, 'x'))}};
+}
+
+Transmission missingBytes(const Exchange& exchange) {
+    const std::string size = std::to_string(exchange.answer.bodySize() + MISSING_BYTES);
+    return {{withHeader(exchange.answer, pbs::HDR_CONTENT_SIZE, size)}};
+}
+
+Transmission negativeSize(const Exchange& exchange) {
+    return {{withHeader(exchange.answer, pbs::HDR_CONTENT_SIZE, "-1")}};
+}
+
+Transmission badBody(const Exchange& exchange) {
+    std::string body = exchange.answer.body();
+    body.back() = static_cast<char>(~body.back());  // of zlib's own checksum
+    return {{withCompressedBody(exchange.answer, body)}};
+}
+
+Transmission bomb(const Exchange& exchange) {
+    static const std::string body = compressed(std::string(BOMB, 'x'));
+    return {{withCompressedBody(exchange.answer, body)}};
+}
+
+Transmission junkBefore(const Exchange& exchange) { return {{JUNK + exchange.answer.toString()}}; }
+Transmission junkBehind(const Exchange& exchange) { return {{exchange.answer.toString() + JUNK}}; }
+
+Transmission twoAnswers(const Exchange& exchange) {
+    const std::string frame = exchange.answer.toString();
+    return {{frame + frame}};
+}
+
+Transmission previousAnswer(const Exchange& exchange) {
+    return before(exchange, exchange.previousFrame, exchange.previousFrame.empty() ? 0 : 1);
+}
+
+Transmission byteByByte(const Exchange& exchange) {
+    Transmission line{{}, BETWEEN_BYTES};
+    for (const char byte : exchange.answer.toString()) line.pieces.emplace_back(1, byte);
+    return line;
+}
+
+}  // namespace
 
 const std::vector<Fault>& faults() {
     static const std::vector<Fault> table{
-        {"silence", 32768,
-         "no answer: the call waits its whole time (2 after 50 s, where its time is longer)",
-         [](Transmission& line) { line.bytes.clear(); }},
-        {"hang-up", 2, "the line hangs up in place of the answer; the next call finds the device again",
-         [](Transmission& line) {
-             line = {{}, true};
-         }},
-        {"hang-up-in-answer", 2,
-         "the line hangs up after half of the answer; the next call finds the device again",
-         [](Transmission& line) {
-             line.bytes.resize(line.bytes.size() / 2);
-             line.hangUp = true;
-         }},
+        {"silence", 0, 32768,
+         "no answer, after the operation's whole time; where that is longer, 2 after 50 s",
+         "ask the device (ConsultarNumeroSessao) before you send a document again: it may have booked it",
+         silence},
+        {"silence-in-answer", 0, 32768, "half of the answer, and the call waits for the rest as in silence",
+         "half of an answer is no answer: the result stays empty", silenceInAnswer},
+        {"hang-up", 0, 2, "the line fails in place of the answer; the next call finds the device again",
+         "the device has done its work all the same: ask it before you send a document again", hangUp},
+        {"hang-up-in-answer", 0, 2, "the line fails after half of the answer; the next call finds it again",
+         "as for hang-up: what had arrived of the answer is lost", hangUpInAnswer},
+        {"refused-write", 0, 2,
+         "the line fails at the request's first bytes, and the rest of a large request is refused",
+         "it looks like hang-up, but the device knows nothing of the request: only asking it tells which",
+         nullptr},
+        {"wrong-code", ONE_TOO_MANY, 4,
+         "COUNT answers to another command (default 6), then the right one; with up to 5 it is that, status 0",
+         "each answer passed over starts the time anew: a call can last six times its time", wrongCode},
+        {"too-large", ONE_TOO_MANY, 4,
+         "COUNT answers of 1,572,865 bytes, one byte too many, then the right one: as wrong-code",
+         "an answer is never cut: it is there as a whole, or not at all", tooLarge},
+        {"bad-checksum", 0, 1, "no answer, at once: its checksum is wrong",
+         "status 1 is not only a missing device: ask it before you send a document again", badChecksum},
+        {"bad-head", 0, 32768, "no answer: a line of its head has no \":\", and the call waits as in silence",
+         "a device that answers can look silent; a slow line, whose reads can end there, can make it status 1",
+         badHead},
+        {"long-head", 0, 32768, "no answer: its head has more than 4097 bytes; the call waits as in silence",
+         "as for bad-head", longHead},
+        {"negative-size", 0, 32768, "no answer: its head announces -1 bytes; the call waits as in silence",
+         "as for bad-head", negativeSize},
+        {"missing-bytes", 0, 32768,
+         "no answer: its head announces more bytes than come, and the call waits for them as in silence",
+         "as for silence-in-answer", missingBytes},
+        {"bad-body", 0, 0, "the answer cannot be inflated, and the result is its compressed bytes",
+         "status 0 is not enough: look whether field 0 is your session number and field 1 five digits",
+         badBody},
+        {"bomb", 0, 0,
+         "16 KiB that inflate to 16 MiB, more than announced: not inflated, the result is their bytes",
+         "as for bad-body", bomb},
+        {"junk-before", 0, 0, "stray bytes before the answer are skipped", "nothing to do", junkBefore},
+        {"junk-behind", 0, 32768,
+         "stray bytes right behind the answer: it is the result, yet the call waits on as in silence",
+         "look into the result after a timeout as well; a slow line can make it status 0", junkBehind},
+        {"two-answers", 0, 0, "the answer comes twice at once, and is the result once", "nothing to do",
+         twoAnswers},
+        {"previous-answer", 0, 0,
+         "the answer of the exchange before comes first, and is the result if both are of one operation",
+         "hold field 0 against your session number (the first exchange has none before it, and is right)",
+         previousAnswer},
+        {"byte-by-byte", 0, 0, "the answer comes byte by byte, about a thousand in a second",
+         "nothing to do; a large answer (a log) can take longer than the operation's time", byteByByte},
     };
     return table;
 }

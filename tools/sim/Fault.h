@@ -1,23 +1,37 @@
 #pragma once
 
+#include <chrono>
 #include <string>
 #include <string_view>
 #include <vector>
+
+#include "protocol/Message.h"
 
 namespace sim {
 
 /// What the device puts on the line for one request.
 struct Transmission {
-    std::string bytes;    ///< at first the frame of the answer
-    bool hangUp = false;  ///< the line hangs up behind the last byte
+    std::vector<std::string> pieces;     ///< one after the other, none empty
+    std::chrono::milliseconds pause{0};  ///< between two pieces
+    bool hangUp = false;                 ///< the line hangs up behind the last byte
+};
+
+/// An exchange that a fault spoils.
+struct Exchange {
+    const pbs::Message& answer;        ///< the device's own, compressed
+    const std::string& previousFrame;  ///< of the answer before; empty at the first exchange
+    unsigned count;                    ///< of bad answers, where the kind of fault takes one
 };
 
 /// A way for the device to fail, and what the application then sees.
 struct Fault {
     std::string_view name;
-    int status;  ///< of the application's call, one of the FISCORA_... constants of fiscora.h
+    unsigned count;  ///< of bad answers, where a plan gives none; 0: the kind takes no count
+    int status;      ///< of the application's call, one of the FISCORA_... constants of fiscora.h
     std::string_view effect;
-    void (*spoil)(Transmission& transmission);
+    std::string_view advice;  ///< to the application's programmer
+    /// What goes out in place of the answer. Null: nothing, the line hangs up at the request's first bytes.
+    Transmission (*spoil)(const Exchange& exchange);
 };
 
 /// All of them, in the order in which they are listed to the user.
@@ -29,6 +43,7 @@ const Fault* findFault(std::string_view name);
 struct FaultPlan {
     const Fault* fault;
     unsigned exchange;  ///< counted from 1; 0 for every one
+    unsigned count;     ///< as in `Exchange`
 };
 
 }  // namespace sim

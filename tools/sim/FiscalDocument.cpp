@@ -322,12 +322,12 @@ std::string padded(int number, int width) {
     return text.data();
 }
 
-std::string base64(std::string_view bytes) {
+std::string base64(const std::string& bytes) {
     return Base64::encode(reinterpret_cast<const unsigned char*>(bytes.data()),
                           static_cast<std::uint32_t>(bytes.size()));
 }
 
-char checkDigit(std::string_view digits) {
+char checkDigit(const std::string& digits) {
     int sum = 0;
     int weight = 2;
     for (auto digit = digits.rbegin(); digit != digits.rend(); ++digit) {

@@ -38,10 +38,10 @@ std::string qrCodeSignature();
 /// Decimal text of `number` (0 or more), with zeros in front up to `width` digits.
 std::string padded(int number, int width);
 
-std::string base64(std::string_view bytes);
+std::string base64(const std::string& bytes);
 
 /// The digit that ends an access key: modulo 11 of `digits`, with the weights 2 to 9 from the right.
-char checkDigit(std::string_view digits);
+char checkDigit(const std::string& digits);
 
 /// The CF-e (layout 0.07) that a device makes of `sale`, with its items' amounts and their total. Any
 /// well-formed document is taken, missing elements included; throws InvalidDocument for any other, and for

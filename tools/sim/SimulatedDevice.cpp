@@ -236,8 +236,7 @@ std::string SimulatedDevice::book(const Request& request, const SignedDocument& 
 }
 
 std::string SimulatedDevice::sell(const Request& request) {
-    const std::string refusal = refusalOfDocument(request, 6);
-    if (!refusal.empty()) return refusal;
+    if (std::string refusal = refusalOfDocument(request, 6); !refusal.empty()) return refusal;
     try {
         m_lastSale = signSale(request.fields[2], issuer(), MAX_DOCUMENT);
     } catch (const InvalidDocument& problem) {
@@ -247,8 +246,7 @@ std::string SimulatedDevice::sell(const Request& request) {
 }
 
 std::string SimulatedDevice::cancel(const Request& request) {
-    const std::string refusal = refusalOfDocument(request, 3);
-    if (!refusal.empty()) return refusal;
+    if (std::string refusal = refusalOfDocument(request, 3); !refusal.empty()) return refusal;
     const bool known = m_lastSale && m_lastSale->key == request.fields[2];
     if (!known || m_clock() - m_lastSale->time > CANCELLATION_SECONDS)
         return reply(request, 2, "Cupom inválido");

@@ -39,7 +39,7 @@ class SimulatedDevice {
     /// Sessions whose answers can be asked for again; older ones are forgotten.
     static constexpr std::size_t KEPT_SESSIONS = 32;
     /// How long after its sale a cancellation is taken.
-    static constexpr std::time_t CANCELLATION_SECONDS = 30 * 60;
+    static constexpr std::time_t CANCELLATION_SECONDS = std::time_t{30} * 60;
 
     explicit SimulatedDevice(DeviceSettings settings = {});
 

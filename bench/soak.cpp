@@ -1,0 +1,583 @@
+// Thousands of calls through the library's flat functions in one process, as a till makes them in months: a
+// simulated device answers, the faults of `fiscora sim` and faults of the line strike at random, days pass,
+// and logs are archived by the real tar and removed. The line is a stand-in and the clock moves only when the
+// library waits, so that a timeout costs nothing. After each call its status, answer and time, the request
+// that reached the device and the open descriptors are held against what its fault promises; at the end the
+// logs and the memory.
+//
+//     soak [--exchanges N] [--seed S]
+//
+// The seed, printed first, repeats a run. Exit status 1 at the first difference.
+
+#include <malloc.h>
+#include <unistd.h>
+
+#include <CLI/CLI.hpp>
+#include <algorithm>
+#include <chrono>
+#include <cstdio>
+#include <cstdlib>
+#include <filesystem>
+#include <fstream>
+#include <functional>
+#include <limits>
+#include <map>
+#include <random>
+#include <stdexcept>
+#include <string>
+#include <string_view>
+#include <vector>
+
+#include "encoding/Base64.h"
+#include "fiscal/operations.h"
+#include "fiscora.h"
+#include "local_time.h"
+#include "platform.h"
+#include "sim/Fault.h"
+#include "sim/SimulatedDevice.h"
+#include "transaction/DoTransaction.h"
+
+namespace {
+
+constexpr char CODE[] = "12345678";
+
+// What the library promises.
+constexpr std::size_t READ_BYTES = 8192;
+constexpr unsigned PASSED_OVER = 5;  ///< bad answers
+constexpr long SILENCE_MS = 50'000;  ///< of a device that ends every call
+constexpr long DRAIN_MS = 5'000;     ///< the most that a call waits for its output to be transmitted
+constexpr long PAUSES_MS = 2'500;    ///< all of a call's pauses, and a read
+constexpr std::size_t MAX_LOGS = 7;  ///< files, between two days' beginnings
+
+constexpr long READ_MS = 100;                     ///< of a read that brings nothing
+constexpr std::time_t FIRST_DAY = 1'795'046'400;  ///< 2026-11-19, 0 o'clock
+constexpr long SECONDS_OF_DAY = 86'400;
+
+class Random {
+  public:
+    explicit Random(unsigned seed) : m_generator(seed) {}
+
+    /// From `least` to `most`.
+    int number(int least, int most) { return std::uniform_int_distribution(least, most)(m_generator); }
+    bool oneIn(int count) { return number(1, count) == 1; }
+    template <typename Container>
+    const auto& oneOf(const Container& container) {
+        return container[static_cast<std::size_t>(number(0, static_cast<int>(container.size()) - 1))];
+    }
+    std::string digits(int count) {
+        std::string text;
+        while (count-- > 0) text += static_cast<char>('0' + number(0, 9));
+        return text;
+    }
+
+  private:
+    std::mt19937 m_generator;
+};
+
+/// A call of a flat function.
+struct Call {
+    std::string operation;
+    std::string request;  ///< what has to reach the device
+    std::function<const char*()> make;
+};
+
+std::string textOf(int number) { return std::to_string(number); }
+std::string textOf(const std::string& text) { return text; }
+int argumentOf(int number) { return number; }
+const char* argumentOf(const std::string& text) { return text.c_str(); }
+
+/// `session` has six digits, and numbers have no leading zeros in the request.
+template <typename... Parameters, typename... Arguments>
+Call callOf(const char* operation, char* (*function)(int, Parameters...), int session,
+            const Arguments&... arguments) {
+    std::string request = std::to_string(session);
+    ((request += "|" + textOf(arguments)), ...);
+    return {operation, request, [=] { return function(session, argumentOf(arguments)...); }};
+}
+
+/// A sale of about that many bytes, or exactly the most.
+std::string saleOf(Random& random, int bytes) {
+    const auto size = static_cast<std::size_t>(bytes);
+    constexpr std::size_t LARGEST = FISCORA_ANSWER_MAX_BYTES;
+    const std::string end = "</infCFe></CFe>";
+    std::string sale = "<CFe><infCFe><emit><CNPJ>14200166000166</CNPJ></emit>";
+    do {
+        sale += "<det><prod><cProd>" + random.digits(13) + "</cProd><qCom>" + random.digits(2) +
+                ".0000</qCom><vUnCom>" + random.digits(3) + ".50</vUnCom></prod></det>";
+    } while (sale.size() < size && sale.size() + 200 < LARGEST);
+    sale += end;
+    if (size == LARGEST) sale.resize(LARGEST, '\n');
+    return sale;
+}
+
+Call anyCall(Random& random, int saleBytes) {
+    const int session = random.number(100'000, 999'999);
+    const std::string code = CODE;
+    const std::string text = random.digits(random.number(0, 1000));
+    const bool large = saleBytes == FISCORA_ANSWER_MAX_BYTES;
+    switch (random.number(0, large ? 1 : 14)) {
+        case 0: return callOf("EnviarDadosVenda", EnviarDadosVenda, session, code, saleOf(random, saleBytes));
+        case 1: return callOf("TesteFimAFim", TesteFimAFim, session, code, saleOf(random, saleBytes));
+        case 2: return callOf("AtivarSAT", AtivarSAT, session, 1, code, random.digits(14), 35);
+        case 3:
+            return callOf("ComunicarCertificadoICPBRASIL", ComunicarCertificadoICPBRASIL, session, code,
+                          text);
+        case 4:
+            return callOf("CancelarUltimaVenda", CancelarUltimaVenda, session, code, random.digits(44), text);
+        case 5: return callOf("ConsultarStatusOperacional", ConsultarStatusOperacional, session, code);
+        case 6: {
+            const int asked = random.number(100'000, 999'999);
+            return callOf("ConsultarNumeroSessao", ConsultarNumeroSessao, session, code, asked);
+        }
+        case 7: return callOf("ConfigurarInterfaceDeRede", ConfigurarInterfaceDeRede, session, code, text);
+        case 8:
+            return callOf("AssociarAssinatura", AssociarAssinatura, session, code, random.digits(28), text);
+        case 9: return callOf("AtualizarSoftwareSAT", AtualizarSoftwareSAT, session, code);
+        case 10: return callOf("ExtrairLogs", ExtrairLogs, session, code);
+        case 11: return callOf("BloquearSAT", BloquearSAT, session, code);
+        case 12: return callOf("DesbloquearSAT", DesbloquearSAT, session, code);
+        case 13:
+            return callOf("TrocarCodigoDeAtivacao", TrocarCodigoDeAtivacao, session, code, 1, code, code);
+        default: return callOf("ConsultarSAT", ConsultarSAT, session);
+    }
+}
+
+/// What happens to a call.
+struct Trouble {
+    std::string name;
+    const sim::Fault* fault = nullptr;  ///< the device's, where it is one
+    unsigned count = 0;                 ///< of that
+};
+
+Trouble anyTrouble(Random& random) {
+    static const std::vector<std::string> others{"short writes", "idle writes", "failing write",
+                                                 "no draining",  "no device",   "no terminal",
+                                                 "bad request"};
+    const int dice = random.number(1, 10);
+    if (dice == 1) return {random.oneOf(others)};
+    if (dice > 5) return {"none"};
+    const sim::Fault& fault = random.oneOf(sim::faults());
+    return {std::string(fault.name), &fault, fault.count == 0 ? 0U : unsigned(random.number(1, 8))};
+}
+
+Call callUnder(const Trouble& trouble, Random& random) {
+    const int session = random.number(100'000, 999'999);
+    if (trouble.name == "bad request") {
+        return callOf("ExtrairLogs", ExtrairLogs, session, random.digits(41));
+    }
+    // At a byte a millisecond a large answer would not be there in time.
+    if (trouble.name == "byte-by-byte") return callOf("ConsultarSAT", ConsultarSAT, session);
+    const int saleBytes = random.oneIn(400) ? FISCORA_ANSWER_MAX_BYTES : random.number(0, 20'000);
+    return anyCall(random, saleBytes);
+}
+
+/// What stands in the result of a call whose status is the one that its fault is listed with.
+enum class Answer { None, Own, Previous, Compressed };
+
+Answer answerUnder(const sim::Fault& fault) {
+    static const std::map<std::string_view, Answer> others{
+        {"bad-body", Answer::Compressed}, {"bomb", Answer::Compressed}, {"junk-before", Answer::Own},
+        {"junk-behind", Answer::Own},     {"two-answers", Answer::Own}, {"previous-answer", Answer::Previous},
+        {"byte-by-byte", Answer::Own}};
+    const auto found = others.find(fault.name);
+    return found == others.end() ? Answer::None : found->second;
+}
+
+/// What a call has to end in.
+struct Outcome {
+    int status;
+    std::string answer;
+    long leastMs = 0;
+    long mostMs = PAUSES_MS;
+};
+
+[[noreturn]] void differ(const std::string& what) { throw std::runtime_error(what); }
+
+std::string beginning(const std::string& text) {
+    return std::to_string(text.size()) + " bytes \"" + text.substr(0, 60) + "\"";
+}
+
+/// The device on its line, and the clock.
+class World {
+  public:
+    explicit World(Random& random) : m_random(random) {
+        platform.time = [this] { return now(); };
+        platform.write = [this, write = platform.write](int fd, const void* bytes, size_t length) {
+            const ssize_t result = write(fd, bytes, length);
+            if (fd == FakeLine::DESCRIPTOR && result > 0) {
+                take(static_cast<const char*>(bytes), static_cast<unsigned long>(result));
+            }
+            return result;
+        };
+        platform.tcflush = [this](int, int queue) {
+            if (queue != TCOFLUSH) discardInput();
+            return 0;
+        };
+        m_line.writeResult = [this](size_t length) { return accepted(length); };
+    }
+
+    /// Makes the call, and holds what comes of it against what has to. Returns how long it took, in ms.
+    long exchange(const Call& call, const Trouble& trouble);
+
+    std::string date() const { return localTimeText("%Y%m%d", now()); }
+    /// Moves the clock on to the day's last seconds.
+    void letTheDayPass() {
+        const long left = SECONDS_OF_DAY - now() % SECONDS_OF_DAY - m_random.number(0, 4);
+        m_line.advanceMs(1000 * std::max(0L, left));
+        m_device = sim::SimulatedDevice();  // so that what it remembers has an end
+    }
+    /// Frees what the device and its line keep of the calls before.
+    void forget() {
+        m_device = sim::SimulatedDevice();
+        m_transmission = {};
+        m_previousOperation.clear();
+        for (std::string* text : {&m_answer, &m_frame, &m_previousAnswer, &m_previousFrame, &m_line.written})
+            std::string().swap(*text);
+    }
+
+  private:
+    std::time_t now() const { return FIRST_DAY + m_line.nowMs() / 1000; }
+    bool is(const char* trouble) const { return m_trouble.name == trouble; }
+
+    void prepare(const Trouble& trouble);
+    void discardInput();
+    ssize_t accepted(size_t length);
+    void take(const char* bytes, unsigned long length);
+    void answer();
+    void transmit(const sim::Transmission& transmission);
+
+    bool isUnreachable() const {
+        return is("no device") || is("no terminal") || is("bad request") || is("refused-write") ||
+               m_writeFailed;
+    }
+    Outcome expected(const Call& call) const;
+    Outcome expectedUnderFault(const Call& call) const;
+    std::string resultUnder(const sim::Fault& fault, const Call& call) const;
+
+    Random& m_random;
+    WorkingDirectory m_folder;
+    FakeLine m_line;
+    sim::SimulatedDevice m_device;
+
+    // Of the call under way.
+    Trouble m_trouble;
+    int m_writes = 0;
+    int m_specialWrite = 0;  ///< which one fails, or before which none takes anything
+    bool m_writeFailed = false;
+    pbs::Message m_request;  ///< the parser's target
+    int m_requests = 0;      ///< that have arrived
+    std::string m_answer;
+    std::string m_frame;
+    sim::Transmission m_transmission;
+
+    // Of the last call that the device has answered.
+    std::string m_previousOperation;
+    std::string m_previousAnswer;
+    std::string m_previousFrame;
+};
+
+long World::exchange(const Call& call, const Trouble& trouble) {
+    prepare(trouble);
+    const long start = m_line.nowMs();
+    const std::string result = call.make();
+    const long ms = m_line.nowMs() - start;
+
+    const Outcome outcome = expected(call);
+    if (CodigoErro() != outcome.status) {
+        differ("status " + std::to_string(CodigoErro()) + " and not " + std::to_string(outcome.status));
+    }
+    if (result != outcome.answer) differ(beginning(result) + " and not " + beginning(outcome.answer));
+    if (ms < outcome.leastMs || ms > outcome.mostMs) {
+        differ(std::to_string(ms) + " ms and not " + std::to_string(outcome.leastMs) + " to " +
+               std::to_string(outcome.mostMs));
+    }
+    if (m_requests != (isUnreachable() ? 0 : 1)) differ(std::to_string(m_requests) + " requests arrived");
+    const bool same = m_request.code() == call.operation && m_request.body() == call.request;
+    if (m_requests == 1 && !same) differ(beginning(m_request.body()) + " and not " + beginning(call.request));
+    if (m_line.open) differ("the port stays open");
+
+    const int field = manipulaDados::findOperation(call.operation)->documentField;
+    if (field > 0 && result == m_answer) {
+        const auto fields = split(m_answer, '|');
+        const auto index = static_cast<std::size_t>(field);
+        const std::string document = index < fields.size() ? Base64::decode(fields[index]) : "";
+        if (Base64ToAscii() != document) differ("another document than the answer's");
+    }
+    if (m_requests == 1) {
+        m_previousOperation = call.operation;
+        m_previousAnswer = m_answer;
+        m_previousFrame = m_frame;
+    }
+    return ms;
+}
+
+void World::prepare(const Trouble& trouble) {
+    static const std::string listing = m_line.listing;
+    m_trouble = trouble;
+    m_writes = 0;
+    m_specialWrite = m_random.oneIn(2) ? 0 : m_random.number(1, 20);
+    m_writeFailed = false;
+    m_request = pbs::Message();
+    m_requests = 0;
+    m_answer.clear();
+    m_frame.clear();
+    m_transmission = {};
+
+    m_line.calls.clear();
+    m_line.written.clear();
+    m_line.listing = is("no device") ? "" : listing;
+    m_line.isTerminal = !is("no terminal");
+    m_line.queued = is("no draining") ? 1 : 0;
+}
+
+/// What has arrived; at the beginning of a call that is all of the call before, the rest of its answers too.
+void World::discardInput() {
+    auto& readings = m_line.readings;
+    while (!readings.empty() && (m_writes == 0 || readings.front().afterMs == 0)) readings.pop_front();
+}
+
+/// What the line takes of a write, or fails with.
+ssize_t World::accepted(size_t length) {
+    const int number = m_writes++;
+    const auto part = [&](size_t most) { return m_random.number(1, std::max(1, static_cast<int>(most))); };
+    if (is("short writes")) return part(length);
+    if (is("idle writes") && number < m_specialWrite) return 0;
+    if (is("failing write") && number == m_specialWrite) {
+        m_writeFailed = true;
+        return -1;
+    }
+    if (is("refused-write")) {
+        if (number > 0) return -1;
+        m_line.readings.push_back({"", -1});
+        return part(length - 1);
+    }
+    return static_cast<ssize_t>(length);
+}
+
+void World::take(const char* bytes, unsigned long length) {
+    unsigned long taken = 0;
+    while (taken < length) {
+        const auto state = m_request.parse(bytes + taken, length - taken, &taken);
+        if (state == pbs::Message::PARSER_IN_PROGRESS) continue;
+        if (state != pbs::Message::PARSER_MESSAGE_READY) differ("a damaged request");
+        ++m_requests;
+        m_request.uncompress();
+        answer();
+    }
+}
+
+void World::answer() {
+    m_answer = m_device.answer(m_request.code(), m_request.body());
+    pbs::Message answer(m_request.code(), m_request.sourceId());
+    answer.setBody(m_answer);
+    answer.compress();
+    m_frame = answer.toString();
+    if (m_trouble.fault != nullptr) {
+        m_transmission = m_trouble.fault->spoil({answer, m_previousFrame, m_trouble.count});
+    } else {
+        for (std::size_t start = 0, end = 0; start < m_frame.size(); start = end) {
+            end = start + static_cast<std::size_t>(m_random.number(1, 2 * static_cast<int>(m_frame.size())));
+            m_transmission.pieces.push_back(m_frame.substr(start, end - start));
+        }
+    }
+    transmit(m_transmission);
+}
+
+/// Each piece is a read or, where it is larger, several.
+void World::transmit(const sim::Transmission& transmission) {
+    const long pauseMs = transmission.pause.count();
+    for (const std::string& piece : transmission.pieces) {
+        const bool first = &piece == &transmission.pieces.front();
+        for (long ms = READ_MS; !first && ms <= pauseMs; ms += READ_MS)
+            m_line.readings.push_back({"", 0, READ_MS});
+        m_line.readings.push_back({piece, 0, first ? 0 : pauseMs % READ_MS});
+    }
+    if (!transmission.hangUp) return;
+    // As a line fails that is unplugged, or a pty.
+    if (m_random.oneIn(2)) {
+        m_line.readings.push_back({"", -1});
+    } else {
+        m_line.readings.insert(m_line.readings.end(), 500, {});
+    }
+}
+
+Outcome World::expected(const Call& call) const {
+    if (is("bad request")) return {FISCORA_STATUS_BAD_REQUEST, "", 0, 0};
+    if (is("no device") || is("no terminal")) return {FISCORA_STATUS_NO_ANSWER, ""};
+    if (m_writeFailed || m_trouble.fault != nullptr) return expectedUnderFault(call);
+    if (is("no draining")) return {FISCORA_STATUS_OK, m_answer, DRAIN_MS, DRAIN_MS + PAUSES_MS};
+    return {FISCORA_STATUS_OK, m_answer};
+}
+
+Outcome World::expectedUnderFault(const Call& call) const {
+    const sim::Fault& fault = m_writeFailed ? *sim::findFault("silence") : *m_trouble.fault;
+    const auto pauses = m_transmission.pieces.empty() ? 0 : m_transmission.pieces.size() - 1;
+    Outcome outcome{fault.status, resultUnder(fault, call)};
+    outcome.mostMs += static_cast<long>(pauses) * m_transmission.pause.count();
+
+    if (fault.count > 0 && m_trouble.count <= PASSED_OVER) outcome = {0, m_answer, 0, outcome.mostMs};
+    const bool readEndsWithAnswer = m_frame.size() % READ_BYTES == 0;
+    if (is("junk-behind") && readEndsWithAnswer) outcome.status = FISCORA_STATUS_OK;
+    if (outcome.status != FISCORA_STATUS_TIMEOUT) return outcome;
+
+    const long timeoutMs = manipulaDados::findOperation(call.operation)->timeoutMs;
+    if (timeoutMs > SILENCE_MS) outcome.status = FISCORA_STATUS_READ_ERROR;
+    outcome.leastMs = std::min(timeoutMs, SILENCE_MS);
+    outcome.mostMs += outcome.leastMs;
+    return outcome;
+}
+
+std::string World::resultUnder(const sim::Fault& fault, const Call& call) const {
+    switch (answerUnder(fault)) {
+        case Answer::None: break;
+        case Answer::Own: return m_answer;
+        case Answer::Previous: return call.operation == m_previousOperation ? m_previousAnswer : m_answer;
+        case Answer::Compressed: {
+            pbs::Message sent;
+            const std::string& frame = m_transmission.pieces.front();
+            sent.parse(frame.data(), frame.size(), nullptr);
+            return sent.bodyAsCString();
+        }
+    }
+    return {};
+}
+
+/// Holds the logs against the calls of each day.
+std::size_t checkLogs(std::map<std::string, long> callsOfDay) {
+    constexpr std::size_t DATE_POSITION = 6, DATE_SIZE = 8;  // logDrsYYYYMMDD
+    std::size_t files = 0;
+    for (const auto& entry : std::filesystem::directory_iterator("logsDrs")) {
+        ++files;
+        const std::string path = entry.path();
+        const std::string unpack = entry.path().extension() == ".gz" ? "tar -xzOf " : "cat ";
+        long lines = 0;
+        FILE* const counted = realPopen((unpack + path + " | grep -c 'info, txCode: '").c_str());
+        if (std::fscanf(counted, "%ld", &lines) != 1) lines = -1;
+        pclose(counted);
+        const long calls = callsOfDay[entry.path().filename().string().substr(DATE_POSITION, DATE_SIZE)];
+        if (lines != calls) {
+            differ(path + " tells of " + std::to_string(lines) + " calls and not " + std::to_string(calls));
+        }
+    }
+    const std::size_t wanted = std::min(callsOfDay.size(), MAX_LOGS);
+    if (files != wanted) differ(std::to_string(files) + " log files and not " + std::to_string(wanted));
+    return files;
+}
+
+long residentKiB() {
+    malloc_trim(0);
+    long total = 0;
+    long resident = 0;
+    std::ifstream("/proc/self/statm") >> total >> resident;
+    return resident * (sysconf(_SC_PAGESIZE) / 1024);
+}
+
+/// The calls under one kind of trouble.
+struct Row {
+    std::map<int, long> calls;  ///< by status
+    long worstMs = 0;
+    double worstRealMs = 0;
+};
+
+class Soak {
+  public:
+    explicit Soak(unsigned seed) : m_seed(seed), m_random(seed), m_world(m_random) {}
+
+    /// Makes one call more; throws what differs.
+    void call() {
+        ++m_calls;
+        if (m_random.oneIn(150)) m_world.letTheDayPass();
+        // The second call is the largest that there can be.
+        const Trouble trouble = m_calls == 2 ? Trouble{"none"} : anyTrouble(m_random);
+        const Call call =
+            m_calls == 2 ? anyCall(m_random, FISCORA_ANSWER_MAX_BYTES) : callUnder(trouble, m_random);
+        if (trouble.name != "bad request") ++m_callsOfDay[m_world.date()];
+        try {
+            count(m_rows[trouble.name], call, trouble);
+            if (m_calls == 1) m_descriptors = openDescriptors();
+            if (openDescriptors() != m_descriptors) differ("a descriptor stays open");
+        } catch (const std::exception& difference) {
+            differ("seed " + std::to_string(m_seed) + ", call " + std::to_string(m_calls) + ", " +
+                   call.operation + ", " + trouble.name + ": " + difference.what());
+        }
+    }
+    /// Without the device's memory.
+    long memoryKiB() {
+        m_world.forget();
+        return residentKiB();
+    }
+    /// Also holds the logs against the calls.
+    void print(FILE* report) const {
+        std::fprintf(report, "%-18s %10s %10s  %s\n", "TROUBLE", "WORST ms", "(REAL)", "CALLS BY STATUS");
+        for (const auto& [name, row] : m_rows) {
+            std::fprintf(report, "%-18s %10ld %10.1f ", name.c_str(), row.worstMs, row.worstRealMs);
+            for (const auto& [status, calls] : row.calls) std::fprintf(report, " %d: %ld ", status, calls);
+            std::fprintf(report, "\n");
+        }
+        std::fprintf(report, "open descriptors: %ld, as after the first call\n", m_descriptors);
+        std::fprintf(report, "log files: %zu of %zu days, with each call of theirs\n",
+                     checkLogs(m_callsOfDay), m_callsOfDay.size());
+    }
+
+  private:
+    void count(Row& row, const Call& call, const Trouble& trouble) {
+        const auto start = std::chrono::steady_clock::now();
+        row.worstMs = std::max(row.worstMs, m_world.exchange(call, trouble));
+        const std::chrono::duration<double, std::milli> real = std::chrono::steady_clock::now() - start;
+        row.worstRealMs = std::max(row.worstRealMs, real.count());
+        ++row.calls[CodigoErro()];
+    }
+
+    unsigned m_seed;
+    Random m_random;
+    World m_world;
+    long m_calls = 0;
+    long m_descriptors = 0;
+    std::map<std::string, Row> m_rows;  ///< by the name of the trouble
+    std::map<std::string, long> m_callsOfDay;
+};
+
+#ifdef __SANITIZE_ADDRESS__  // which keeps what was freed, and looks for leaks itself
+constexpr long MOST_GROWTH_KIB = std::numeric_limits<long>::max();
+#else
+constexpr long MOST_GROWTH_KIB = 512;
+#endif
+
+void run(FILE* report, long exchanges, unsigned seed) {
+    constexpr long WARM_UP = 500;  // then memory has reached its level
+    Soak soak(seed);
+    const long warmUp = std::min(WARM_UP, exchanges);
+    for (long i = 0; i < warmUp; ++i) soak.call();
+    const long before = soak.memoryKiB();
+    for (long i = warmUp; i < exchanges; ++i) soak.call();
+    const long after = soak.memoryKiB();
+    soak.print(report);
+    std::fprintf(report, "resident memory: %ld KiB after %ld calls, %ld KiB after %ld\n", before, warmUp,
+                 after, exchanges);
+    if (after - before > MOST_GROWTH_KIB) differ("memory grows");
+}
+
+}  // namespace
+
+int main(int argc, char** argv) try {
+    long exchanges = 20'000;
+    unsigned seed = std::random_device()();
+    CLI::App application("Thousands of calls of the library, with faults at random");
+    application.add_option("--exchanges", exchanges, "Number of calls (default 20000)")
+        ->check(CLI::Range(1, 100'000'000));
+    application.add_option("--seed", seed, "Of what is random (default: another each time)");
+    CLI11_PARSE(application, argc, argv);
+
+    setenv("TZ", "UTC0", 1);
+    // The library prints as well: a line a field of an answer, and what tar says.
+    FILE* const report = fdopen(dup(STDOUT_FILENO), "w");
+    if (report == nullptr || std::freopen("/dev/null", "w", stdout) == nullptr) return EXIT_FAILURE;
+    setlinebuf(report);
+    std::fprintf(report, "%ld calls, seed %u\n", exchanges, seed);
+    run(report, exchanges, seed);
+    std::fprintf(report, "nothing lost, nothing mixed up\n");
+    return EXIT_SUCCESS;
+} catch (const std::exception& difference) {
+    std::fprintf(stderr, "soak: %s\n", difference.what());
+    return EXIT_FAILURE;
+}
