@@ -87,7 +87,9 @@ void LogDebug::saveLog(const std::string& level, const std::string& text) {
 }
 
 void LogDebug::compress(const std::string& fileName) {
-    const File log(std::fopen(fileName.c_str(), "r+e"), std::fclose);
+    if (!opensForUpdate(fileName)) return;
+    // For reading alone: where the application has closed its standard output, the lines below would go here.
+    const File log(std::fopen(fileName.c_str(), "re"), std::fclose);
     if (!log || !takeForArchiving(log.get())) return;
     const std::string archive = fileName + ARCHIVE_SUFFIX;
     std::cout << "[removeLastDays] file to zip " << fileName << std::endl;

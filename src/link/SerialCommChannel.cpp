@@ -79,6 +79,15 @@ class NotBlocking {
     int m_before;
 };
 
+/// The same file under a descriptor that is none of the standard ones: where the application has closed
+/// these, what is printed would go to the device.
+int aboveStandardStreams(int fd) {
+    if (fd < 0 || fd > STDERR_FILENO) return fd;
+    const int moved = fcntl(fd, F_DUPFD, STDERR_FILENO + 1);
+    close(fd);
+    return moved;
+}
+
 int readHoldingSignals(int fd, char* buffer, unsigned long capacity) {
     const SignalsHeldBack guard;
     return static_cast<int>(read(fd, buffer, capacity));
@@ -112,7 +121,7 @@ int SerialCommChannel::connect_client() {
 
 int SerialCommChannel::openSerial(const std::string& path) {
     if (path.empty()) return -1;
-    fdSerial = open(path.c_str(), O_RDWR | O_NOCTTY);
+    fdSerial = aboveStandardStreams(open(path.c_str(), O_RDWR | O_NOCTTY));
     transmissionWaitUs = MAX_TRANSMISSION_WAIT_US;
     if (isatty(fdSerial) == 0) return errno;
     if (const int status = statusErro(); status != PORT_OPEN) return status;
