@@ -34,11 +34,15 @@
  * returns at once. `numeroSessao` is the application's own number of the call, 0 to 999999, printed with six
  * digits. Other numbers, ranges and contents are judged by the device, not here.
  *
- * Threads: one call at a time in the process. No call from a static destructor or an atexit handler.
+ * Threads: one call at a time in the process, from a thread that nobody cancels (pthread_cancel). No call
+ * from a static destructor or an atexit handler.
  *
- * Signals: held back from the calling thread while it waits for the answer, a tenth of a second at a time. A
- * handler that was installed without SA_RESTART and runs while the device is looked for can end the call with
- * FISCORA_STATUS_NO_ANSWER.
+ * Signals: those with a handler are held back from the calling thread while it pauses or waits for the
+ * answer, a tenth of a second at a time, a second at the end. A handler that was installed without SA_RESTART
+ * and runs while the device is looked for can end the call with FISCORA_STATUS_NO_ANSWER.
+ *
+ * Clock: durations are measured by the system's clock. Set forward during a call it shortens the wait, set
+ * back it lengthens it, but not beyond 50 seconds of silence.
  *
  * Texts: bytes, passed on as they are in both directions. Documents are UTF-8, as they say themselves.
  *
@@ -55,7 +59,7 @@ extern "C" {
 
 /** Status of the last fiscal function, from CodigoErro(). */
 enum FiscoraStatus {
-    /** The device answered in time. */
+    /** The device answered in time. An answer that does not decompress is handed out as it came. */
     FISCORA_STATUS_OK = 0,
     /** No device was found or its port would not open, and nothing was sent; or the answer was damaged; or
         memory ran out, before the sending or behind it. */

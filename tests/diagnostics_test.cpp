@@ -22,24 +22,12 @@ using Files = std::map<std::string, std::string>;  ///< contents by path
 
 const std::string VERSION_LINE = "DRS Version: 01.00.01.001\n", LOG = "./logsDrs/logDrs20310228.log";
 
-void write(const std::string& path, const std::string& content) { std::ofstream(path) << content; }
-
 /// All files below the working directory.
 Files files() {
     Files result;
-    for (const auto& entry : fs::recursive_directory_iterator(".")) {
-        if (!entry.is_regular_file()) continue;
-        std::ifstream file(entry.path());
-        result[entry.path()] = {std::istreambuf_iterator<char>(file), {}};
-    }
+    for (const auto& entry : fs::recursive_directory_iterator("."))
+        if (entry.is_regular_file()) result[entry.path()] = readFile(entry.path());
     return result;
-}
-
-void setClock(const std::string& localTime) {
-    tm fields = {};
-    fields.tm_isdst = -1;
-    strptime(localTime.c_str(), "%Y-%m-%d %T", &fields);
-    platform.time = [now = std::mktime(&fields)] { return now; };
 }
 
 /// Logs `text` at that time; returns the line to be found.
@@ -72,7 +60,7 @@ TEST_F(Diagnostics, TheFirstLineEverLacksItsDirectory) {
 
 TEST_F(Diagnostics, ANewDaysStepsAreOutOfOrderOrPrintOtherLines) {
     for (const char* day : {"1", "2", "3", "4", "5", "6"})
-        write(std::string("./logsDrs/logDrs2030010") + day + ".log", "");
+        writeFile(std::string("./logsDrs/logDrs2030010") + day + ".log", "");
     const std::string day = VERSION_LINE + logged("2031-02-28 23:59:59", "old");
     std::string steps;
     const auto note = [&steps](const std::string& step) {  // with the number of files, and how today's begins
@@ -100,27 +88,6 @@ TEST_F(Diagnostics, ANewDaysStepsAreOutOfOrderOrPrintOtherLines) {
     EXPECT_EQ(files()[LOG], day);
 }
 
-TEST_F(Diagnostics, AFailedArchiveTakesTheLogOrAnEarlierArchiveWithIt) {
-    const std::string half = LOG + ".tar.gz", archive = "./logsDrs/logDrs20310228.tar.gz";
-    const auto archived = [&](int tarResult) {
-        platform.system = [&](auto*) { return write(half, "new"), tarResult; };
-        write(LOG, "log");
-        write(archive, "earlier");
-        testing::internal::CaptureStderr();
-        LogDebug::obtemReferencia()->compress(LOG.substr(2));
-        auto result = files();
-        result["stderr"] = testing::internal::GetCapturedStderr();
-        return result;
-    };
-    const std::string absent = "Error renaming file: No such file or directory\n";
-    for (const int failure : {-1, SIGKILL, 2 << 8, 127 << 8})
-        EXPECT_EQ(archived(failure), Files({{LOG, "log"}, {archive, "earlier"}, {"stderr", absent}}))
-            << failure;
-    EXPECT_EQ(archived(0), Files({{archive, "new"}, {"stderr", ""}}));
-    platform.rename = [](auto*, auto*) { return errno = ENOENT, -1; };
-    EXPECT_EQ(archived(0), Files({{archive, "earlier"}, {half, "new"}, {"stderr", absent}}));
-}
-
 TEST_F(Diagnostics, RetentionCountsOrRemovesTheWrongFile) {
     const std::tuple<int, std::string, bool> cases[] = {
         {7, "notes.txt", false},           {8, "notes.txt", true},     {13, "notes.txt", true},
@@ -130,8 +97,8 @@ TEST_F(Diagnostics, RetentionCountsOrRemovesTheWrongFile) {
         fs::remove_all("logsDrs");
         for (const auto* directory : {"logsDrs/old", "logsDrs/logDrsX"}) fs::create_directories(directory);
         for (int day = 0; day < logs; ++day)
-            write("logsDrs/logDrs" + std::to_string(20300101 + day) + ".log", "");
-        write("logsDrs/" + other, "");
+            writeFile("logsDrs/logDrs" + std::to_string(20300101 + day) + ".log", "");
+        writeFile("logsDrs/" + other, "");
         auto expected = files();
         if (removes) expected.erase("./logsDrs/logDrs20300101.log");
         LogDebug::obtemReferencia()->removeLastDays(std::string("logsDrs").data());
@@ -139,9 +106,17 @@ TEST_F(Diagnostics, RetentionCountsOrRemovesTheWrongFile) {
     }
 }
 
+TEST_F(Diagnostics, WithTheClockInThePastTheFileInUseGoes) {
+    for (const char* day : {"1", "2", "3", "4", "5", "6", "7", "8"})
+        writeFile(std::string("logsDrs/logDrs2030010") + day + ".log", "");
+    const std::string line = logged("2001-01-01 12:00:00", "x");
+    EXPECT_EQ(files()["./logsDrs/logDrs20010101.log"], VERSION_LINE + line);
+    EXPECT_FALSE(fs::exists("logsDrs/logDrs20300101.log"));
+}
+
 TEST_F(Diagnostics, ALineIsLostOrCutOrItsFileBegunWrongly) {
     const std::string time = "2031-02-28 12:00:00";
-    write(LOG, "of an earlier process\n");
+    writeFile(LOG, "of an earlier process\n");
     const std::string fits = logged(time, std::string(479, 'x')), cut = logged(time, std::string(480, 'x'));
     EXPECT_EQ(files(), Files({{LOG, "of an earlier process\n" + fits + cut.substr(0, 511) + "\n"}}));
     fs::remove(LOG);

@@ -1,10 +1,14 @@
 // Exchanges on a line and a clock that the test holds in its hand: each byte and each pause is exact.
+#include <fcntl.h>
 #include <gtest/gtest.h>
+#include <unistd.h>
 
 #include <cerrno>
+#include <cstdlib>
 #include <filesystem>
 #include <fstream>
 #include <map>
+#include <tuple>
 #include <utility>
 
 #include "platform.h"
@@ -58,8 +62,10 @@ TEST(Link, AScriptOfTheLineEndsInAnotherStatusLogAnswerOrTime) {
     const struct {
         std::string name, events;
         size_t answerSize;
-        std::deque<FakeLine::Reading> readings;         // from 200 ms on: a write and the pause behind it
-        int status, ms, timeoutMs = 500, taken = 1000;  // by the first write
+        std::deque<FakeLine::Reading> readings;  // from 200 ms on: a write and the pause behind it
+        int status;
+        long ms;
+        int timeoutMs = 500, taken = 1000;  // by the first write
     } scripts[] = {
         {"junk, good in parts", "sA", 4, {{"?smx\r?s"}, {good.substr(1, 9)}, {good.substr(10)}}, 0, 200},
         {"largest body", "sA", 1572864, {{message("C", std::string(1572864, 'x')).toString()}}, 0, 200},
@@ -69,6 +75,7 @@ TEST(Link, AScriptOfTheLineEndsInAnotherStatusLogAnswerOrTime) {
         {"byte in the 500th of silence", "sE", 0, late, 2, 51200, 60000},
         {"1 ms before the timeout", "sA", 4, {{good, 0, 299}}, 0, 499},
         {"at the timeout", "sAT", 4, {{good, 0, 300}}, 32768, 500},
+        {"clock set forward by a month", "sT", 0, {{"", 0, 2'592'000'000}}, 32768, 2'592'000'200},
         {"clock set back", "sA", 4, {{"", 0, -5000}, {good, 0, 5250}}, 0, 450},
         {"good and part of one, read error", "sAE", 4, {{good + "s"}, {"", -1, 600}}, 2, 800},
         {"good and part of one, silence", "sAT", 4, {{good + "?"}}, 32768, 600},
@@ -179,6 +186,36 @@ TEST(Link, TheWaitForTheTransmissionExceedsFiveSecondsWhenTheClockGoesBack) {
         EXPECT_EQ(world.channel.send("x", 1), 1);
         EXPECT_EQ(sleptUs, queued < 0 ? 0 : 5'000'000);
     }
+}
+
+TEST(Link, AFullDriverHoldsTheCallerOrASlowOneLosesAPiece) {
+    World world;
+    ASSERT_EQ(world.channel.connect_client(), 0);
+    world.line.queued = 10240;
+    EXPECT_EQ(world.channel.send("x", 1), 1) << "which uses up the time for waits";
+    for (const auto& [full, result, ms] : {std::tuple(999, 1, 5999), {2000, -1, 6999}}) {
+        world.line.writeResult = [&, left = full](size_t length) mutable {
+            errno = EAGAIN;
+            return left-- > 0 ? -1 : static_cast<ssize_t>(length);
+        };
+        EXPECT_EQ(world.channel.send("x", 1), result);
+        EXPECT_EQ(world.line.nowMs(), ms);
+    }
+}
+
+TEST(Link, AReadOfAPortThatCannotBeSetUpWaitsForever) {
+    const World world;
+    platform = Platform();
+    platform.tcsetattr = [](int, int, const termios*) { return -1; };
+    const int device = posix_openpt(O_RDWR | O_NOCTTY);
+    ASSERT_EQ(grantpt(device) | unlockpt(device), 0);
+    serial::SerialCommChannel channel;
+    ASSERT_EQ(channel.openSerial(ptsname(device)), 0);
+    char byte = 0;
+    EXPECT_EQ(channel.receive(&byte, 1), 0);
+    EXPECT_EQ(write(device, "\n", 1), 1);
+    EXPECT_EQ(channel.receive(&byte, 1), 1);
+    close(device);
 }
 
 TEST(Link, WithoutATerminalSomethingIsSentOrStaysOpen) {

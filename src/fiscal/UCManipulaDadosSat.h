@@ -28,7 +28,7 @@ using Request = std::optional<std::string>;
 
 /// The fiscal operations. Each turns its arguments into one request, exchanges it with the device and returns
 /// the address of `g_resp`; fiscora.h documents those that have a flat function, and what they all have in
-/// common. They throw nothing, since C calls them.
+/// common. The operations and Base64ToAscii throw nothing, since C calls them.
 class ManipulaDadosSat {
   public:
     ManipulaDadosSat();

@@ -1,6 +1,7 @@
 #include "link/SerialCommChannel.h"
 
 #include <fcntl.h>
+#include <poll.h>
 #include <pthread.h>
 #include <sys/ioctl.h>
 #include <termios.h>
@@ -10,6 +11,7 @@
 #include <array>
 #include <cerrno>
 #include <csignal>
+#include <limits>
 
 #include "diagnostics/logdebug.h"
 #include "fiscora.h"
@@ -30,8 +32,10 @@ constexpr useconds_t CLOSED_PAUSE_US = 1'000'000;
 constexpr useconds_t AFTER_SEND_PAUSE_US = 100'000;
 constexpr useconds_t TRANSMISSION_POLL_US = 1'000;
 constexpr std::int64_t MAX_TRANSMISSION_WAIT_US = 5'000'000;
+constexpr std::int64_t MAX_WAIT_FOR_ROOM_US = 1'000'000;
 
 constexpr cc_t READ_TIMEOUT_TENTHS = 1;
+constexpr int READ_TIMEOUT_MS = READ_TIMEOUT_TENTHS * 100;
 
 std::int64_t microsecondsSince(const timeval& start) {
     timeval now;
@@ -46,15 +50,21 @@ void error(const char* text) {
     logOrDrop([&](LogDebug& log) { log.saveLog("error", text); });
 }
 
-/// Holds signals back from the calling thread while it lives. A handler would end a read, or (SA_RESTART)
-/// start its tenth of a second anew: where signals come more often than that, a silent device would hold the
-/// caller without end.
+/// Holds the signals that have a handler back from the calling thread while it lives. A handler would cut a
+/// pause short, and end a read or (SA_RESTART) start its tenth of a second anew: where signals come more
+/// often than that, a silent device would hold the caller without end.
 class SignalsHeldBack {
   public:
     SignalsHeldBack() {
-        sigset_t all;
-        sigfillset(&all);
-        pthread_sigmask(SIG_BLOCK, &all, &m_before);
+        sigset_t handled;
+        sigemptyset(&handled);
+        for (int signal = 1; signal < NSIG; ++signal) {
+            struct sigaction action {};
+            const bool known = sigaction(signal, nullptr, &action) == 0;
+            if (known && action.sa_handler != SIG_DFL && action.sa_handler != SIG_IGN)
+                sigaddset(&handled, signal);
+        }
+        pthread_sigmask(SIG_BLOCK, &handled, &m_before);
     }
     SignalsHeldBack(const SignalsHeldBack&) = delete;
     SignalsHeldBack& operator=(const SignalsHeldBack&) = delete;
@@ -88,14 +98,19 @@ int aboveStandardStreams(int fd) {
     return moved;
 }
 
-int readHoldingSignals(int fd, char* buffer, unsigned long capacity) {
+void pauseFor(useconds_t us) {
     const SignalsHeldBack guard;
-    return static_cast<int>(read(fd, buffer, capacity));
+    usleep(us);
 }
 
-int writeWithoutBlocking(int fd, const char* data, std::uint32_t length) {
+/// A write that waits no longer than a second for the driver to have room.
+int writeWhereThereIsRoom(int fd, const char* data, std::uint32_t length) {
     const NotBlocking guard(fd);
-    return static_cast<int>(write(fd, data, length));
+    for (std::int64_t waitedUs = 0;; waitedUs += TRANSMISSION_POLL_US) {
+        const auto result = static_cast<int>(write(fd, data, length));
+        if (result >= 0 || errno != EAGAIN || waitedUs >= MAX_WAIT_FOR_ROOM_US) return result;
+        usleep(TRANSMISSION_POLL_US);
+    }
 }
 
 }  // namespace
@@ -136,13 +151,13 @@ int SerialCommChannel::openSerial(const std::string& path) {
     settings.c_cc[VTIME] = READ_TIMEOUT_TENTHS;  // after cfmakeraw, which sets both
     settings.c_cc[VMIN] = 0;
     tcflush(fdSerial, TCIOFLUSH);
-    tcsetattr(fdSerial, TCSANOW, &settings);
+    readsTimeOut = tcsetattr(fdSerial, TCSANOW, &settings) == 0;
     return 0;
 }
 
 bool SerialCommChannel::serialIsValid() {
     if (fdSerial != -1) return true;
-    usleep(CLOSED_PAUSE_US);
+    pauseFor(CLOSED_PAUSE_US);
     return false;
 }
 
@@ -162,7 +177,7 @@ int SerialCommChannel::send(const char* data, std::uint32_t length) {
     if (result > 0)
         failCount = 0;
     else if (tooManyFailures())
-        usleep(CLOSED_PAUSE_US);
+        pauseFor(CLOSED_PAUSE_US);
     awaitTransmission();
     flushSerialOut();
     return result;
@@ -173,11 +188,19 @@ int SerialCommChannel::writePiece(const char* data, std::uint32_t length) {
     if (transmissionWaitUs > 0) return static_cast<int>(write(fdSerial, data, length));
     // All the time for waits is used up, so the line may have stopped taking anything, and a write that the
     // driver has no room for would wait without end.
-    return writeWithoutBlocking(fdSerial, data, length);
+    return writeWhereThereIsRoom(fdSerial, data, length);
+}
+
+int SerialCommChannel::readPiece(char* buffer, unsigned long capacity) {
+    if (fdSerial == -1) return -1;
+    const SignalsHeldBack guard;
+    pollfd input{fdSerial, POLLIN, 0};
+    if (!readsTimeOut && poll(&input, 1, READ_TIMEOUT_MS) == 0) return 0;
+    return static_cast<int>(read(fdSerial, buffer, capacity));
 }
 
 int SerialCommChannel::receive(char* buffer, unsigned long capacity) {
-    const int result = fdSerial == -1 ? -1 : readHoldingSignals(fdSerial, buffer, capacity);
+    const int result = readPiece(buffer, capacity);
     if (result > 0)
         failCount = 0;
     else
@@ -238,7 +261,7 @@ int SerialCommChannel::send_data(pbs::Message& message) {
         if (result < 0) break;
         offset += static_cast<unsigned long>(result);
     }
-    usleep(AFTER_SEND_PAUSE_US);
+    pauseFor(AFTER_SEND_PAUSE_US);
     info(offset < size ? "[SerialCommChannel::send_data] Falha no envio."
                        : "[SerialCommChannel::send_data] Enviado com sucesso");
     return result;
@@ -309,8 +332,10 @@ void SerialCommChannel::judge(const char* code, Reception& reception) {
 int SerialCommChannel::elapsedMs() const {
     timeval now;
     gettimeofday(&now, nullptr);
-    return static_cast<int>(std::int64_t{now.tv_sec - startTime.tv_sec} * 1000 +
-                            (now.tv_usec - startTime.tv_usec) / 1000);
+    const std::int64_t elapsed =
+        std::int64_t{now.tv_sec - startTime.tv_sec} * 1000 + (now.tv_usec - startTime.tv_usec) / 1000;
+    // A clock that was set forward by weeks must not come out as one that was set back.
+    return static_cast<int>(std::min<std::int64_t>(elapsed, std::numeric_limits<int>::max()));
 }
 
 }  // namespace serial

@@ -67,7 +67,8 @@ class SerialCommChannel {
     void flushSerialOut();
     /// One write of up to `length` bytes. Returns the bytes accepted, which may be fewer, or 0 or -1. The
     /// 500th call of `send` and `receive` in a row that moves nothing closes the port. Waits for what was
-    /// written to be transmitted, 5 s in all for one connection; after these it does not wait for anything.
+    /// written to be transmitted, 5 s in all for one connection; after these a write waits a second at most
+    /// for the driver to have room.
     int send(const char* data, std::uint32_t length);
     /// One read of up to `capacity` bytes, for at most 0.1 s, in which signals are held back. Returns the
     /// bytes read, or 0 or -1. Counts failures together with `send`.
@@ -82,6 +83,7 @@ class SerialCommChannel {
     struct Reception;
 
     int writePiece(const char* data, std::uint32_t length);
+    int readPiece(char* buffer, unsigned long capacity);
     bool tooManyFailures();
     void awaitTransmission();
     void parseChunk(const char* code, const char* chunk, unsigned long size, Reception& reception);
@@ -89,6 +91,7 @@ class SerialCommChannel {
     int elapsedMs() const;
 
     int fdSerial = -1;                    ///< -1 when closed
+    bool readsTimeOut = true;             ///< whether the port has been set up so
     std::uint32_t failCount = 0;          ///< calls of send and receive in a row that moved no byte
     timeval startTime{};                  ///< the exchange's clock; started by send_data
     std::int64_t transmissionWaitUs = 0;  ///< what is left of the connection's time to wait for transmission

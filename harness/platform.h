@@ -9,35 +9,75 @@
 #include <deque>
 #include <functional>
 #include <string>
+#include <string_view>
 #include <vector>
 
 #include "protocol/Message.h"
 
+/// Says, while it lives, that what this thread does is the test's doing and not the library's: nothing fails.
+class TestsOwn {
+  public:
+    TestsOwn() { ++depth; }
+    TestsOwn(const TestsOwn&) = delete;
+    TestsOwn& operator=(const TestsOwn&) = delete;
+    ~TestsOwn() { --depth; }
+
+    static thread_local int depth;
+};
+
+/// What is called in the place of a platform function.
+template <typename Signature>
+class StandIn;
+template <typename Result, typename... Arguments>
+class StandIn<Result(Arguments...)> : public std::function<Result(Arguments...)> {
+  public:
+    using std::function<Result(Arguments...)>::function;
+
+    Result operator()(Arguments... arguments) const {
+        const TestsOwn here;
+        return std::function<Result(Arguments...)>::operator()(arguments...);
+    }
+};
+
 /// Stand-ins for the platform functions of the same names. The test program defines these functions itself,
 /// so the library calls them here; where a test has set none, the call goes on to the platform.
 struct Platform {
-    std::function<int(timeval*)> gettimeofday;
-    std::function<int(useconds_t)> usleep;
-    std::function<std::time_t()> time;
-    std::function<FILE*(const char* command)> popen;
-    std::function<int(const char* path, int flags)> open;
-    std::function<int(int fd)> isatty;
-    std::function<int(int fd, termios*)> tcgetattr;
-    std::function<int(int fd, int when, const termios*)> tcsetattr;
-    std::function<int(int fd, int queue)> tcflush;
-    std::function<int(int fd, unsigned long request, void*)> ioctl;
-    std::function<ssize_t(int fd, void*, size_t)> read;
-    std::function<ssize_t(int fd, const void*, size_t)> write;
-    std::function<int(int fd)> close;
-    std::function<int(const char* from, const char* to)> rename;
-    std::function<int(const char* path)> remove;
-    std::function<int(const char* command)> system;
-    std::function<void()> sync;
+    StandIn<int(timeval*)> gettimeofday;
+    StandIn<int(useconds_t)> usleep;
+    StandIn<std::time_t()> time;
+    StandIn<FILE*(const char* command)> popen;
+    StandIn<int(FILE*)> pclose;
+    StandIn<int(const char* path, int flags)> open;
+    StandIn<int(int fd)> isatty;
+    StandIn<int(int fd, termios*)> tcgetattr;
+    StandIn<int(int fd, int when, const termios*)> tcsetattr;
+    StandIn<int(int fd, int queue)> tcflush;
+    StandIn<int(int fd, unsigned long request, void*)> ioctl;
+    StandIn<ssize_t(int fd, void*, size_t)> read;
+    StandIn<ssize_t(int fd, const void*, size_t)> write;
+    StandIn<int(int fd)> close;
+    StandIn<int(const char* from, const char* to)> rename;
+    StandIn<int(const char* path)> remove;
+    StandIn<int(const char* command)> system;
+    StandIn<void()> sync;
+    /// Asked before each call that a fault of the machine can strike, `operator new` included, by its name
+    /// (`read` and `write` on the line alone): what `errno` it fails with, or 0 where it goes on.
+    StandIn<int(std::string_view call)> failure;
 };
 extern Platform platform;
 
 /// The platform's own popen, whatever stands in for it.
 FILE* realPopen(const char* command);
+
+/// Stops the clock of `time` at that local time, such as "2031-02-28 23:59:58".
+void setClock(const std::string& localTime);
+
+/// Makes or replaces a file.
+void writeFile(const std::string& path, const std::string& content);
+std::string readFile(const std::string& path);
+
+/// How many descriptors the process has open.
+long openDescriptors();
 
 /// A fiscal device on a serial line, and a clock that moves only when the library waits. While it lives the
 /// library finds it as /dev/ttyACM0 and talks to nothing else.

@@ -2,7 +2,9 @@
 
 #include <dlfcn.h>
 #include <fcntl.h>
+#include <fts.h>
 #include <sys/ioctl.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -12,9 +14,13 @@
 #include <cstring>
 #include <filesystem>
 #include <fstream>
+#include <iterator>
+#include <new>
+#include <sstream>
 #include <stdexcept>
 
 Platform platform;
+thread_local int TestsOwn::depth = 0;
 
 namespace {
 
@@ -24,9 +30,32 @@ Function* next(const char* name) {
     return reinterpret_cast<Function*>(dlsym(RTLD_NEXT, name));
 }
 
+/// Whether this call fails; `errno` then says why.
+bool fails(const char* name) {
+    if (!platform.failure || TestsOwn::depth > 0) return false;
+    const int error = platform.failure(name);
+    if (error != 0) errno = error;
+    return error != 0;
+}
+
+void* allocate(std::size_t size) noexcept { return fails("operator new") ? nullptr : std::malloc(size); }
+void* allocateOrThrow(std::size_t size) {
+    void* const block = allocate(size);
+    return block != nullptr ? block : throw std::bad_alloc();
+}
+
 }  // namespace
 
 FILE* realPopen(const char* command) { return next<FILE*(const char*, const char*)>("popen")(command, "r"); }
+
+void* operator new(std::size_t size) { return allocateOrThrow(size); }
+void* operator new[](std::size_t size) { return allocateOrThrow(size); }
+void* operator new(std::size_t size, const std::nothrow_t&) noexcept { return allocate(size); }
+void* operator new[](std::size_t size, const std::nothrow_t&) noexcept { return allocate(size); }
+void operator delete(void* block) noexcept { std::free(block); }
+void operator delete[](void* block) noexcept { std::free(block); }
+void operator delete(void* block, std::size_t) noexcept { std::free(block); }
+void operator delete[](void* block, std::size_t) noexcept { std::free(block); }
 
 extern "C" {
 
@@ -44,25 +73,32 @@ std::time_t time(std::time_t* result) noexcept {
     return now;
 }
 FILE* popen(const char* command, const char* mode) {
-    return platform.popen ? platform.popen(command)
-                          : next<FILE*(const char*, const char*)>(__func__)(command, mode);
+    return fails(__func__)  ? nullptr
+           : platform.popen ? platform.popen(command)
+                            : next<FILE*(const char*, const char*)>(__func__)(command, mode);
 }
+int pclose(FILE* file) { return platform.pclose ? platform.pclose(file) : next<int(FILE*)>(__func__)(file); }
 int open(const char* path, int flags, ...) {
     va_list rest;
     va_start(rest, flags);
     const auto mode = (flags & (O_CREAT | O_TMPFILE)) != 0 ? va_arg(rest, mode_t) : 0;
     va_end(rest);
-    return platform.open ? platform.open(path, flags)
-                         : next<int(const char*, int, ...)>(__func__)(path, flags, mode);
+    return fails(__func__) ? -1
+           : platform.open ? platform.open(path, flags)
+                           : next<int(const char*, int, ...)>(__func__)(path, flags, mode);
 }
-int isatty(int fd) noexcept { return platform.isatty ? platform.isatty(fd) : next<int(int)>(__func__)(fd); }
+int isatty(int fd) noexcept {
+    return fails(__func__) ? 0 : platform.isatty ? platform.isatty(fd) : next<int(int)>(__func__)(fd);
+}
 int tcgetattr(int fd, termios* settings) noexcept {
-    return platform.tcgetattr ? platform.tcgetattr(fd, settings)
-                              : next<int(int, termios*)>(__func__)(fd, settings);
+    return fails(__func__)      ? -1
+           : platform.tcgetattr ? platform.tcgetattr(fd, settings)
+                                : next<int(int, termios*)>(__func__)(fd, settings);
 }
 int tcsetattr(int fd, int when, const termios* settings) noexcept {
-    return platform.tcsetattr ? platform.tcsetattr(fd, when, settings)
-                              : next<int(int, int, const termios*)>(__func__)(fd, when, settings);
+    return fails(__func__)      ? -1
+           : platform.tcsetattr ? platform.tcsetattr(fd, when, settings)
+                                : next<int(int, int, const termios*)>(__func__)(fd, when, settings);
 }
 int tcflush(int fd, int queue) noexcept {
     return platform.tcflush ? platform.tcflush(fd, queue) : next<int(int, int)>(__func__)(fd, queue);
@@ -76,29 +112,62 @@ int ioctl(int fd, unsigned long request, ...) noexcept {
                           : next<int(int, unsigned long, ...)>(__func__)(fd, request, argument);
 }
 ssize_t read(int fd, void* buffer, size_t capacity) {
+    if (fd == FakeLine::DESCRIPTOR && fails(__func__)) return -1;
     return platform.read ? platform.read(fd, buffer, capacity)
                          : next<ssize_t(int, void*, size_t)>(__func__)(fd, buffer, capacity);
 }
 ssize_t write(int fd, const void* bytes, size_t length) {
+    if (fd == FakeLine::DESCRIPTOR && fails(__func__)) return -1;
     return platform.write ? platform.write(fd, bytes, length)
                           : next<ssize_t(int, const void*, size_t)>(__func__)(fd, bytes, length);
 }
 int close(int fd) { return platform.close ? platform.close(fd) : next<int(int)>(__func__)(fd); }
 int rename(const char* from, const char* to) noexcept {
-    return platform.rename ? platform.rename(from, to)
-                           : next<int(const char*, const char*)>(__func__)(from, to);
+    return fails(__func__)   ? -1
+           : platform.rename ? platform.rename(from, to)
+                             : next<int(const char*, const char*)>(__func__)(from, to);
 }
 int remove(const char* path) noexcept {
-    return platform.remove ? platform.remove(path) : next<int(const char*)>(__func__)(path);
+    return fails(__func__)   ? -1
+           : platform.remove ? platform.remove(path)
+                             : next<int(const char*)>(__func__)(path);
 }
 int system(const char* command) {
-    return platform.system ? platform.system(command) : next<int(const char*)>(__func__)(command);
+    return fails(__func__)   ? -1
+           : platform.system ? platform.system(command)
+                             : next<int(const char*)>(__func__)(command);
+}
+int mkdir(const char* path, mode_t mode) noexcept {
+    return fails(__func__) ? -1 : next<int(const char*, mode_t)>(__func__)(path, mode);
+}
+char* fgets(char* line, int capacity, FILE* file) {
+    return fails(__func__) ? nullptr : next<char*(char*, int, FILE*)>(__func__)(line, capacity, file);
+}
+FTS* fts_open(char* const* roots, int options, int (*order)(const FTSENT**, const FTSENT**)) {
+    return fails(__func__) ? nullptr : next<decltype(::fts_open)>(__func__)(roots, options, order);
 }
 void sync() noexcept {
     if (platform.sync) platform.sync();  // the disk of the machine that runs the tests is left alone
 }
 
 }  // extern "C"
+
+void setClock(const std::string& localTime) {
+    tm fields = {};
+    fields.tm_isdst = -1;
+    strptime(localTime.c_str(), "%Y-%m-%d %T", &fields);
+    platform.time = [now = std::mktime(&fields)] { return now; };
+}
+
+void writeFile(const std::string& path, const std::string& content) { std::ofstream(path) << content; }
+
+std::string readFile(const std::string& path) {
+    std::ostringstream text;
+    text << std::ifstream(path).rdbuf();
+    return text.str();
+}
+
+long openDescriptors() { return std::distance(std::filesystem::directory_iterator("/proc/self/fd"), {}); }
 
 FakeLine::FakeLine() {
     std::memset(&settings, 0xff, sizeof settings);
@@ -118,6 +187,7 @@ FakeLine::FakeLine() {
     platform.open = [this](const char* path, int flags) {
         note("open " + std::string(path) + " " + std::to_string(flags));
         open = true;
+        m_command = pbs::Message();  // what was left of a frame is forgotten
         return DESCRIPTOR;
     };
     platform.isatty = [this](int fd) {
