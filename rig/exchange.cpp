@@ -68,8 +68,7 @@ std::string faultInSale(Tally& tally, int session, const char* activationCode) {
     const Sale sale = till::writeSale(static_cast<unsigned>(session));
     const auto fields =
         tally.timed([&] { return EnviarDadosVenda(session, activationCode, sale.document.c_str()); });
-    const std::string fault = till::faultInHead(session, "06000", fields);
-    if (!fault.empty()) return fault;
+    if (std::string fault = till::faultInHead(session, "06000", fields); !fault.empty()) return fault;
     if (fields.size() != FIELDS) return std::to_string(fields.size()) + " fields";
     if (fields[TOTAL] != sale.total) return "total " + fields[TOTAL] + " for " + sale.total;
     return faultInDocument(sale, Base64::decode(fields[DOCUMENT]));
