@@ -42,8 +42,6 @@ void make(const std::string& entry) {
     if (mark != std::string::npos && entry[mark] == ' ') fs::create_symlink(entry.substr(mark + 4), path);
 }
 
-long openFiles() { return std::distance(fs::directory_iterator("/proc/self/fd"), {}); }
-
 TEST(Discovery, TheDeviceIsMissedOrAnotherTaken) {
     if (!devicesArePrivate()) return repeatWithPrivateDevices();
     const std::string usb = "serial/by-id/usb", mark = "-mfc+_with_musb-if00 -> ../../tty";
@@ -73,7 +71,7 @@ TEST(Discovery, TheDeviceIsMissedOrAnotherTaken) {
     };
     platform.usleep = [](useconds_t) { return 0; };
     serial::SerialCommChannel channel;
-    const long before = openFiles();
+    const long before = openDescriptors();
     for (const auto& one : cases) {
         for (const auto& entry : one.entries) make(entry);
         testing::internal::CaptureStderr();
@@ -84,7 +82,7 @@ TEST(Discovery, TheDeviceIsMissedOrAnotherTaken) {
         for (const auto* root : {"serial", "devices"})
             for (const auto& entry : fs::directory_iterator(root)) fs::remove_all(entry);
     }
-    EXPECT_EQ(openFiles(), before);
+    EXPECT_EQ(openDescriptors(), before);
 }
 
 TEST(Discovery, ALineIsReadBeyondOrShortOfItsBuffer) {

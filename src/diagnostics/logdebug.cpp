@@ -1,5 +1,6 @@
 #include "diagnostics/logdebug.h"
 
+#include <dirent.h>
 #include <err.h>
 #include <fts.h>
 #include <sys/file.h>
@@ -34,16 +35,26 @@ constexpr std::size_t NAME_SUFFIX_POSITION = 22;
 /// With so many files or more when a day begins, the oldest of them goes.
 constexpr std::size_t MAX_FILES = 8;
 
-using File = std::unique_ptr<FILE, int (*)(FILE*)>;
+constexpr useconds_t LOCK_POLL_US = 1'000;
+constexpr int MAX_LOCK_POLLS = 5'000;
 
-/// Takes a log for archiving, for as long as the file is open; false where another process has it, or has
-/// just archived and removed it. Both would else write one archive, and the slower one, with the log gone
-/// already, an empty one.
-bool takeForArchiving(FILE* log) {
-    if (flock(fileno(log), LOCK_EX | LOCK_NB) != 0 && errno == EWOULDBLOCK) return false;
-    struct stat status {};
-    return fstat(fileno(log), &status) != 0 || status.st_nlink > 0;
-}
+/// Holds the log's directory against other processes, from the look at the date to the written line: else
+/// one could write to a log that another has just archived, and then archive that line over the whole day. A
+/// process that stands still must not hold the others for ever, so these go on without the lock after 5 s.
+class DirectoryLock {
+  public:
+    explicit DirectoryLock(const std::string& path) : m_directory(opendir(path.c_str()), closedir) {
+        if (!m_directory) return;
+        const int fd = dirfd(m_directory.get());
+        for (int polls = 0; flock(fd, LOCK_EX | LOCK_NB) != 0; ++polls) {
+            if ((errno != EWOULDBLOCK && errno != EINTR) || polls == MAX_LOCK_POLLS) return;
+            usleep(LOCK_POLL_US);
+        }
+    }
+
+  private:
+    std::unique_ptr<DIR, int (*)(DIR*)> m_directory;
+};
 
 }  // namespace
 
@@ -70,6 +81,7 @@ std::string LogDebug::getFileNameLog() {
 }
 
 void LogDebug::saveLog(const std::string& level, const std::string& text) {
+    const DirectoryLock lock(m_pathLog);
     const std::string fileName = getFileNameLog();
     const bool isNew = !opensForUpdate(fileName);
     // A new file is appended to as well: another process may have begun it since.
@@ -88,9 +100,6 @@ void LogDebug::saveLog(const std::string& level, const std::string& text) {
 
 void LogDebug::compress(const std::string& fileName) {
     if (!opensForUpdate(fileName)) return;
-    // For reading alone: where the application has closed its standard output, the lines below would go here.
-    const File log(std::fopen(fileName.c_str(), "re"), std::fclose);
-    if (!log || !takeForArchiving(log.get())) return;
     const std::string archive = fileName + ARCHIVE_SUFFIX;
     std::cout << "[removeLastDays] file to zip " << fileName << std::endl;
     sync();

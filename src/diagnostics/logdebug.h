@@ -6,7 +6,7 @@
 /// The process-wide debug log: one text file a day, logsDrs/logDrsYYYYMMDD.log below the working directory,
 /// each line written out when `saveLog` returns. A finished day's file is archived by tar, and the oldest of
 /// eight files goes. Nothing here fails a fiscal operation: a line that cannot be written is dropped. Several
-/// processes may share the directory.
+/// processes may share the directory: each holds it, by a lock, for the length of a line.
 class LogDebug {
   public:
     /// The one instance, made (with the log's directory) at the first call and kept to the end of the
@@ -25,8 +25,8 @@ class LogDebug {
     std::string currentDateTime();
 
     /// Turns the day's log `fileName`, a path of the form that `getFileNameLog` gives, into
-    /// logDrsYYYYMMDD.tar.gz beside it. A log whose archive could not be made stays; a file that is not
-    /// there, or that another process is archiving, is passed over.
+    /// logDrsYYYYMMDD.tar.gz beside it. A log whose archive could not be made stays; a file that is not there
+    /// is passed over.
     void compress(const std::string& fileName);
     /// Removes the oldest of the files `path`/logDrs... where there are eight or more.
     void removeLastDays(char* path);
