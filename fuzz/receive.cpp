@@ -32,6 +32,7 @@ constexpr char CODE[] = "ConsultarSAT";
 constexpr std::size_t READ_BYTES = 8192;
 constexpr long AFTER_SEND_MS = 100;
 constexpr long SILENCE_MS = 100;
+constexpr long LONG_SILENCE_MS = 10'000;  // so that most scripts need not 500 reads to their end
 constexpr int MAX_EMPTY_READS = 500;
 constexpr int MAX_RESTARTS = 5;
 
@@ -92,6 +93,7 @@ Script readScript(const std::string& text) {
             reading.bytes += step;
         }
     }
+    script.insert(script.end(), TIMEOUTS_MS.back() / LONG_SILENCE_MS + 1, {"", 0, LONG_SILENCE_MS});
     return script;
 }
 
