@@ -334,8 +334,9 @@ int SerialCommChannel::elapsedMs() const {
     gettimeofday(&now, nullptr);
     const std::int64_t elapsed =
         std::int64_t{now.tv_sec - startTime.tv_sec} * 1000 + (now.tv_usec - startTime.tv_usec) / 1000;
-    // A clock that was set forward by weeks must not come out as one that was set back.
-    return static_cast<int>(std::min<std::int64_t>(elapsed, std::numeric_limits<int>::max()));
+    // A clock that was set by weeks in one direction must not come out as one set in the other.
+    using Limits = std::numeric_limits<int>;
+    return static_cast<int>(std::clamp<std::int64_t>(elapsed, Limits::min(), Limits::max()));
 }
 
 }  // namespace serial

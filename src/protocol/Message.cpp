@@ -2,6 +2,7 @@
 
 #include <zlib.h>
 
+#include <algorithm>
 #include <new>
 #include <utility>
 
@@ -147,13 +148,15 @@ int Message::uncompress() {
 
     std::string output;
     try {
-        output.resize(static_cast<std::size_t>(announced));
+        // At least a byte: without room zlib takes a stream of one byte for an empty one.
+        output.resize(static_cast<std::size_t>(std::max(announced, 1)));
     } catch (const std::bad_alloc&) {
         return Z_MEM_ERROR;
     }
     uLongf size = output.size();
     const int result = ::uncompress(zlibBytes(output), &size, zlibBytes(d->body), d->body.size());
     if (result != Z_OK) return result;
+    if (size > static_cast<uLongf>(announced)) return Z_BUF_ERROR;
 
     d->headerMap[HDR_CONTENT_TYPE] = HDR_CONTENT_OCTET_STREAM;
     d->headerMap[HDR_CONTENT_SIZE] = sizeText(size);
