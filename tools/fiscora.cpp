@@ -7,6 +7,7 @@
 #include <memory>
 
 #include "CallCommand.h"
+#include "DoctorCommand.h"
 #include "SimCommand.h"
 
 namespace {
@@ -26,6 +27,7 @@ int runTool(int argc, char** argv) {
     std::vector<std::unique_ptr<tool::Subcommand>> subcommands;
     subcommands.push_back(std::make_unique<tool::SimCommand>(application));
     subcommands.push_back(std::make_unique<tool::CallCommand>(application));
+    subcommands.push_back(std::make_unique<tool::DoctorCommand>(application));
     const auto chosen = [&]() -> tool::Subcommand* {
         for (const auto& subcommand : subcommands) {
             if (subcommand->options().parsed()) return subcommand.get();

@@ -1,0 +1,211 @@
+// `fiscora doctor` in worlds with one fault each. A world is a private /dev and /sys, made by bubblewrap for
+// this program, with a terminal that it has opened itself as the device's node.
+
+#include <fcntl.h>
+#include <gtest/gtest.h>
+#include <pty.h>
+#include <sys/ioctl.h>
+#include <sys/prctl.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <cstdlib>
+#include <filesystem>
+#include <fstream>
+#include <nlohmann/json.hpp>
+#include <string>
+
+#include "platform.h"
+
+namespace {
+
+namespace fs = std::filesystem;
+
+struct Result {
+    int exitStatus;
+    std::string output;
+};
+
+Result run(const std::string& line) {
+    FILE* const stream = popen(line.c_str(), "r");
+    std::string output;
+    for (int byte; (byte = std::fgetc(stream)) != EOF;) output += static_cast<char>(byte);
+    const int status = pclose(stream);
+    return {WIFEXITED(status) ? WEXITSTATUS(status) : -1, output};
+}
+
+const std::string SIM = FISCORA_TOOL " sim ";
+const std::string DOCTOR = FISCORA_TOOL " doctor ";
+
+/// What this program itself does in a world; `node` is the terminal's end that the library would open.
+using Act = void (*)(int node);
+void nothing(int /*node*/) {}
+void giveAway(int node) {
+    if (fchown(node, 12345, 4711) != 0) GTEST_SKIP() << "only root gives a node away";
+}
+void hold(int node) { EXPECT_GE(dup(node), 0); }
+void holdAlone(int node) { hold(node), ioctl(node, TIOCEXCL); }
+void hide(int /*node*/) { prctl(PR_SET_DUMPABLE, 0); }
+void holdAsModemManager(int node) { hold(node), prctl(PR_SET_NAME, "ModemManager"); }
+void hideAsModemManager(int node) { hide(node), prctl(PR_SET_NAME, "ModemManager"); }
+void enter(int /*node*/) { fs::current_path("here"); }
+void enterAndRemove(int node) { enter(node), fs::remove("../here"); }
+void searchInBin(int /*node*/) { setenv("PATH", fs::absolute("bin").c_str(), 1); }
+void leaveSimulation(int node) { setenv("FISCORA_SIM_LINE", ttyname(node), 1); }
+
+struct World {
+    const char* name;
+    const char* change;    ///< by a shell, to the world of a device in order
+    const char* verdicts;  ///< the first letter of each step's; an "s" at the end is that of --ask
+    const char* told;      ///< part of what is found or advised
+    Act act = nothing;
+};
+void PrintTo(const World& world, std::ostream* stream) { *stream << world.name; }
+
+const World WORLDS[] = {
+    {"InOrder", "", "ooooooooo", "0525:a4a6 na porta USB 1-1"},
+    {"NoDevice", "rm -r /dev/ttyACM0 $BY devices/*", "essssssoo", "espere-o iniciar"},
+    {"OtherProduct", "echo a4a7 >$USB/idProduct", "woooooooo", "0525:a4a7 na porta USB 1-1, e o esperado"},
+    {"OtherVendor", "echo 05250 >$USB/idVendor", "woooooooo", "a biblioteca acha /dev/ttyACM0"},
+    {"NoDriver", "rm -r $BY $USB/1-1:1.0", "oesssssoo", "sudo modprobe cdc_acm"},
+    {"NoUdev", "rm -r $BY", "oesssssoo", "o aparelho seja /dev/ttyACM0"},
+    {"OtherName", "mv $BY/* $BY/usb-x_mfc+_with_musb", "oesssssoo", "no nome (há: usb-x_mfc+_with_musb)"},
+    {"SeveralDevices", "ln -s $PTY /dev/ttyACM3; ln -s ../../ttyACM3 $BY/usb-z$MARK", "owooooooo",
+     "usb-z-mfc+_with_musb-if00 -> /dev/ttyACM3 (há também usb-b-mfc+_with_musb-if00)"},
+    {"DanglingLink", "rm /dev/ttyACM0", "oesssssoo", "O link sobrou"},
+    {"NoLink", "rm $BY/*; touch $BY/usb-b$MARK", "oesssssoo", "não lista um link"},
+    {"OtherTerminal", "mv /dev/ttyACM0 /dev/ttyUSB0; ln -sf ../../ttyUSB0 $BY/*", "oesssssoo",
+     "só abre um terminal ttyACM"},
+    {"TwoDigits", "ln -s $PTY /dev/ttyACM12; mv /dev/ttyACM0 /dev/ttyACM1; ln -sf ../../ttyACM12 $BY/*",
+     "ooessssoos", "que é outro aparelho"},
+    {"PlainFile", "rm /dev/ttyACM0; touch /dev/ttyACM0", "oooesssoo", "não é um dispositivo"},
+    {"NoRights", "chmod 0 $PTY", "ooooeosoos", "não pode ler e gravar /dev/ttyACM0 ("},
+    {"OtherGroup", "chmod 660 $PTY", "ooooeosoo", "sudo usermod -aG terminais ", giveAway},
+    {"OldSession", "chmod 660 $PTY; echo terminais:x:4711:$(id -un) >group", "ooooeosoo",
+     "sessão é mais antiga", giveAway},
+    {"Held", "", "oooooewoos", "aberto por fiscora_tests (pid ", hold},
+    {"HeldByModemManager", "", "oooooewoo", "ModemManager ignore o equipamento", holdAsModemManager},
+    {"HeldAlone", "", "oooooeeoo", "só para um outro processo", holdAlone},
+    {"HiddenProcess", "", "ooooowooo", "Para ver todos", hide},
+    {"HiddenModemManager", "", "ooooowooo", "o ModemManager está em execução", hideAsModemManager},
+    {"NoTerminal", "ln -sf zero /dev/ttyACM0", "ooooooeoo", "não é um terminal"},
+    {"Logs",
+     "mkdir logsDrs; cd logsDrs; touch logDrs20260101.log logDrs20260102.log logDrs20251231.tar.gz notes.log",
+     "ooooooooo", "/logsDrs: 2 logs, 1 arquivo .tar.gz"},
+    {"LogsInAFile", "touch logsDrs", "ooooooowo", "logsDrs não é uma pasta"},
+    {"LogsReadOnly", "mkdir -m 555 logsDrs", "ooooooowo", "não pode gravar nela"},
+    {"LogOfTheDayReadOnly", "mkdir logsDrs; cd logsDrs; touch a logDrs$(date +%Y%m%d).log; chmod 444 *",
+     "ooooooowo", "não pode gravar o log de hoje"},
+    {"FolderReadOnly", "mkdir -m 555 here", "ooooooowo", "não pode criá-la", enter},
+    {"FolderGone", "mkdir here", "ooooooowo", "pasta de trabalho não existe", enterAndRemove},
+    {"ArchiveNotRenamed", "mkdir logsDrs; touch logsDrs/logDrs20260101.log.tar.gz", "ooooooowo",
+     "falhou a renomeação de logDrs20260101.log.tar.gz"},
+    {"NoProgramsOfTheSearch", "ln -s $(command -v ls) bin", "oesssssoe", "(PATH): grep tail tar gzip",
+     searchInBin},
+    {"NoProgramsOfTheArchive", "for p in ls grep tail; do ln -s $(command -v $p) bin; done", "oooooooow",
+     "(PATH): tar gzip", searchInBin},
+    {"SimulationLeft", "", "wsssssseoos", "a linha simulada não abre", leaveSimulation},
+};
+
+/// Whether /dev and /sys are those of a world, and its folders in the working directory.
+bool worldIsPrivate() {
+    std::error_code absent;
+    return fs::equivalent("serial", "/dev/serial", absent) &&
+           fs::equivalent("devices", "/sys/bus/usb/devices", absent);
+}
+
+/// Runs the present test once more, as the only one of a world of its own.
+void repeatInWorld() {
+    const WorkingDirectory folder;
+    for (const auto* root : {"serial", "devices", "bin"}) fs::create_directory(root);
+    std::ofstream("group") << "terminais:x:4711:\n";
+    const std::string bubble =
+        "bwrap --bind / / --dev /dev --bind \"$PWD/serial\" /dev/serial --tmpfs /sys"
+        " --bind \"$PWD/devices\" /sys/bus/usb/devices --bind \"$PWD/group\" /etc/group"
+        " --unshare-pid --proc /proc --cap-drop ALL --cap-add CAP_CHOWN ";
+    if (std::system((bubble + "true").c_str()) != 0) GTEST_SKIP() << "bubblewrap makes no namespace here";
+    const auto* test = testing::UnitTest::GetInstance()->current_test_info();
+    const std::string self = fs::read_symlink("/proc/self/exe");
+    // Not on our terminal: one of the same number, of another instance of devpts, counts as the world's.
+    const Result result = run(bubble + "'" + self + "' --gtest_filter=" + test->test_suite_name() + "." +
+                              test->name() + " </dev/null 2>&1");
+    EXPECT_EQ(result.exitStatus, 0) << result.output;
+    if (result.output.find("SKIPPED") != std::string::npos) GTEST_SKIP() << result.output;
+}
+
+class Doctor : public testing::TestWithParam<World> {};
+INSTANTIATE_TEST_SUITE_P(Worlds, Doctor, testing::ValuesIn(WORLDS),
+                         [](const auto& info) { return info.param.name; });
+
+TEST_P(Doctor, NamesTheFault) {
+    if (!worldIsPrivate()) return repeatInWorld();
+    const World& world = GetParam();
+    int device = -1;
+    int node = -1;
+    ASSERT_EQ(openpty(&device, &node, nullptr, nullptr, nullptr), 0);
+    setenv("PTY", ttyname(node), 1);
+    setenv("BY", "/dev/serial/by-id", 1);
+    setenv("USB", "devices/1-1", 1);
+    setenv("MARK", "-mfc+_with_musb-if00", 1);
+    ASSERT_EQ(
+        run("mkdir -p $BY $USB/1-1:1.0/tty/ttyACM0 && echo 0525 >$USB/idVendor && echo a4a6 >$USB/idProduct &&"
+            " ln -s $PTY /dev/ttyACM0 && ln -s ../../ttyACM0 $BY/usb-b$MARK")
+            .exitStatus,
+        0);
+    ASSERT_EQ(run(world.change).exitStatus, 0);
+    world.act(node);
+    if (IsSkipped()) return;
+    close(node);
+
+    const std::string verdicts = world.verdicts;
+    const Result result = run(DOCTOR + (verdicts.back() == 's' ? "--json --ask" : "--json"));
+    const auto report = nlohmann::json::parse(result.output);
+    std::string found;
+    std::string told;
+    for (const auto& finding : report.at("findings")) {
+        found += finding.at("verdict").get<std::string>().front();
+        told +=
+            finding.at("found").get<std::string>() + ". " + finding.at("advice").get<std::string>() + "\n";
+    }
+    EXPECT_EQ(found, verdicts) << told;
+    EXPECT_NE(told.find(world.told), std::string::npos) << told;
+    EXPECT_EQ(result.exitStatus, verdicts.find('e') == std::string::npos ? 0 : 1);
+}
+
+TEST(DoctorCommand, SimulatedDevice) {
+    const struct {
+        const char* options;
+        const char* asked;
+        int exitStatus;
+        const char* told;
+    } cases[] = {
+        {"", "--ask", 0,
+         "ok      resposta: ConsultarSAT: status 0 (FISCORA_STATUS_OK), o equipamento respondeu 08000: SAT em Op"},
+        {"--fault silence", "--ask", 1,
+         "ERRO    resposta: ConsultarSAT: status 32768 (FISCORA_STATUS_TIMEOUT)"},
+        {"--fault hang-up", "--ask", 1, "\n1 problema: resolva-o e rode de novo.\n"},
+        {"--trace", "", 0, "\nNenhum problema, 1 aviso.\n"},
+    };
+    for (const auto& [options, asked, exitStatus, told] : cases) {
+        const WorkingDirectory folder;
+        const Result result = run(SIM + options + " -- " + DOCTOR + asked + " 2>&1");
+        EXPECT_EQ(result.exitStatus, exitStatus) << options;
+        EXPECT_EQ(result.output.find("aviso   simulação: fiscora sim está ativo"), 0U) << result.output;
+        EXPECT_NE(result.output.find(told), std::string::npos) << result.output;
+        const bool sent = fs::exists("logsDrs") || result.output.find("smx") != std::string::npos;
+        EXPECT_EQ(sent, *asked != '\0') << result.output;
+    }
+}
+
+TEST(DoctorCommand, WrongCommandLines) {
+    for (const auto* arguments : {"now", "-- now", "--asked", "--json=x"}) {
+        const WorkingDirectory folder;
+        const Result result = run(SIM + "-- " + DOCTOR + arguments + " 2>&1");
+        EXPECT_EQ(result.exitStatus, 2) << arguments;
+        EXPECT_EQ(result.output.find("fiscora doctor: "), 0U) << result.output;
+        EXPECT_EQ(std::count(result.output.begin(), result.output.end(), '\n'), 1) << result.output;
+    }
+}
+
+}  // namespace

@@ -1,0 +1,26 @@
+#pragma once
+
+#include <string>
+#include <utility>
+
+namespace doctor {
+
+enum class Verdict { Ok, Warning, Error, Skipped };
+
+/// What one check found out, in the technician's language.
+struct Finding {
+    Verdict verdict;
+    std::string found;        ///< without a point at the end
+    std::string advice = {};  ///< what to do, in whole sentences; empty where there is nothing to do
+};
+
+inline Finding ok(std::string found) { return {Verdict::Ok, std::move(found)}; }
+inline Finding warning(std::string found, std::string advice) {
+    return {Verdict::Warning, std::move(found), std::move(advice)};
+}
+inline Finding error(std::string found, std::string advice) {
+    return {Verdict::Error, std::move(found), std::move(advice)};
+}
+inline Finding skipped(std::string reason) { return {Verdict::Skipped, std::move(reason)}; }
+
+}  // namespace doctor

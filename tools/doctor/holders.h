@@ -1,0 +1,28 @@
+#pragma once
+
+#include <sys/types.h>
+
+#include <string>
+#include <vector>
+
+namespace doctor {
+
+struct Process {
+    pid_t pid;
+    std::string name;  ///< its first 15 bytes, as the kernel keeps them
+};
+
+/// Whether the process is a modem manager, which opens new serial nodes and talks to them.
+bool isModemManager(const Process& process);
+
+/// The other processes, as far as /proc shows them to this user.
+struct Holders {
+    std::vector<Process> holding{};  ///< have the node open
+    std::vector<Process> unread{};   ///< do not show their files
+    bool allShown = true;            ///< false where /proc hides other users' processes altogether
+};
+
+/// Who has the character device of that number open, under whatever name.
+Holders findHolders(dev_t device);
+
+}  // namespace doctor
