@@ -8,6 +8,7 @@
 
 #include "CallCommand.h"
 #include "DoctorCommand.h"
+#include "LogCommand.h"
 #include "SimCommand.h"
 
 namespace {
@@ -28,6 +29,7 @@ int runTool(int argc, char** argv) {
     subcommands.push_back(std::make_unique<tool::SimCommand>(application));
     subcommands.push_back(std::make_unique<tool::CallCommand>(application));
     subcommands.push_back(std::make_unique<tool::DoctorCommand>(application));
+    subcommands.push_back(std::make_unique<tool::LogCommand>(application));
     const auto chosen = [&]() -> tool::Subcommand* {
         for (const auto& subcommand : subcommands) {
             if (subcommand->options().parsed()) return subcommand.get();

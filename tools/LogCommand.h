@@ -1,0 +1,20 @@
+#pragma once
+
+#include "Subcommand.h"
+
+namespace tool {
+
+/// `fiscora log`: shows the exchanges of the library's daily logs and their archives.
+class LogCommand : public Subcommand {
+  public:
+    explicit LogCommand(CLI::App& application);
+
+    int run(const std::vector<std::string>& operands) override;
+
+  private:
+    std::string m_directory = "logsDrs";
+    std::string m_since;  ///< YYYYMMDD, or empty
+    std::string m_picturePath;
+};
+
+}  // namespace tool

@@ -1,0 +1,66 @@
+#pragma once
+
+#include <cstddef>
+#include <ctime>
+#include <optional>
+#include <string>
+#include <string_view>
+#include <vector>
+
+namespace logs {
+
+/// A local time of the log: seconds since 1970-01-01 00:00:00 of the same local clock, without leaps for
+/// daylight saving. Nothing where `text` is not "YYYY-MM-DD.HH:MM:SS" or there is no such time.
+std::optional<std::time_t> parseTime(std::string_view text);
+/// `time` in a format of strftime.
+std::string timeText(std::time_t time, const char* format = "%Y-%m-%d %H:%M:%S");
+
+/// One call of a fiscal function, as far as the log tells. Texts are printable ASCII without blanks; an empty
+/// one is not known.
+struct Exchange {
+    std::string operation;
+    std::string session;
+    std::optional<std::time_t> start;  ///< unknown where only the end is in the log
+    std::optional<std::time_t> end;    ///< unknown where only the start is
+    std::optional<int> status;         ///< known with the end
+    std::string answerCode;            ///< EEEEE
+
+    std::time_t time() const { return start ? *start : *end; }
+    bool isIncomplete() const { return !status; }
+    bool hasFailed() const;
+    /// In seconds; the log's times make that one more or less than it was. Unknown as well where the clock
+    /// was set back.
+    std::optional<long> duration() const;
+};
+
+/// Gathers the exchanges from the lines of the log.
+///
+/// An exchange begins with a line "txCode" and ends with a line "rxCode". Several processes may write one log
+/// at the same time, and nothing in a line names its process. An end belongs to the newest exchange still
+/// open that it fits: one of the answer's operation, or of any where no answer came (code 0); one that has
+/// not been open for longer than such an exchange can last, nor, where it timed out, for less than its
+/// timeout. Where more than one fits, one with the answer's session number goes first. So an exchange whose
+/// process died stays open, and takes no other's end as long as later exchanges have theirs.
+class Exchanges {
+  public:
+    /// `line` without its line break.
+    void take(std::string_view line);
+
+    /// In the order of the lines they begin with.
+    const std::vector<Exchange>& all() const { return m_all; }
+    /// How many lines were not of the form that the library writes.
+    std::size_t damagedLines() const { return m_damagedLines; }
+
+  private:
+    bool isTaken(std::string_view line);
+    bool begins(std::time_t time, std::string_view text);
+    bool ends(std::time_t time, std::string_view text);
+    /// Takes it out of the open ones, or makes a new one where none fits.
+    Exchange& endedExchange(std::time_t time, std::string_view code, std::string_view session, int status);
+
+    std::vector<Exchange> m_all;
+    std::vector<std::size_t> m_open;  ///< places in m_all
+    std::size_t m_damagedLines = 0;
+};
+
+}  // namespace logs
