@@ -6,8 +6,8 @@
 #include <variant>
 #include <vector>
 
-#include "fiscal/operations.h"
 #include "fiscora.h"
+#include "operations.h"
 
 namespace pbs {
 class Message;

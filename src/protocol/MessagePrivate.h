@@ -4,7 +4,7 @@
 #include <map>
 #include <string>
 
-#include "protocol/Message.h"
+#include "Message.h"
 
 namespace pbs {
 

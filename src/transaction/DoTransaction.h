@@ -4,7 +4,7 @@
 #include <string>
 #include <vector>
 
-#include "link/SerialCommChannel.h"
+#include "../link/SerialCommChannel.h"
 
 namespace pbs {
 class Message;
