@@ -100,8 +100,8 @@ DoctorCommand::DoctorCommand(CLI::App& application)
     m_options->footer(
         "Rode na conta, na pasta de trabalho e no ambiente do aplicativo: permissões, logs e o caminho de "
         "busca são julgados como valem ali.\n"
-        "Status de saída: 0 sem nenhum ERRO (um aviso não impede as chamadas), 1 com algum ERRO, 2 para uma "
-        "linha de comando errada.");
+        "Status de saída: 0 se tudo está em ordem, 1 com algum ERRO ou aviso (um aviso não impede as "
+        "chamadas), 2 para uma linha de comando errada.");
 }
 
 int DoctorCommand::run(const std::vector<std::string>& operands) {
@@ -137,7 +137,7 @@ int DoctorCommand::run(const std::vector<std::string>& operands) {
     } else {
         std::cout << "Tudo em ordem.\n";
     }
-    return errors == 0 ? EXIT_SUCCESS : EXIT_FAILURE;
+    return errors + warnings == 0 ? EXIT_SUCCESS : EXIT_FAILURE;
 }
 
 }  // namespace tool

@@ -4,6 +4,7 @@
 #include <grp.h>
 #include <pwd.h>
 #include <sys/stat.h>
+#include <sys/sysmacros.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -11,6 +12,7 @@
 #include <cerrno>
 #include <cstdio>
 #include <cstring>
+#include <fstream>
 
 #include "doctor/Examination.h"
 #include "sim/Descriptor.h"
@@ -57,6 +59,16 @@ bool isRegisteredInGroup(gid_t group) {
 std::string modemManagerAdvice(const std::vector<Process>& processes) {
     const bool present = std::any_of(processes.begin(), processes.end(), isModemManager);
     return present ? std::string("Para que o ModemManager ignore o equipamento, ") + INSTALL_RULE : "";
+}
+
+/// Whether a udev rule tells modem managers to leave the node alone: ModemManager's documented properties, in
+/// the file where udev keeps the node's.
+bool isHiddenFromModemManagers(dev_t node) {
+    std::ifstream properties("/run/udev/data/c" + std::to_string(major(node)) + ":" +
+                             std::to_string(minor(node)));
+    for (std::string line; std::getline(properties, line);)
+        if (line == "E:ID_MM_DEVICE_IGNORE=1" || line == "E:ID_MM_PORT_IGNORE=1") return true;
+    return false;
 }
 
 std::string describe(const std::vector<Process>& processes) {
@@ -131,10 +143,13 @@ Finding checkHolders(Examination& examination) {
     }
     if (holders.unread.empty() && holders.allShown)
         return ok("nenhum outro processo tem " + examination.node + " aberto");
+    const std::string found =
+        "nenhum processo à vista tem " + examination.node + " aberto, mas nem todos se mostram";
+    const std::string toSeeAll = "Para ver todos: sudo fiscora doctor.";
     const std::string advice = modemManagerAdvice(holders.unread);
-    return warning("nenhum processo à vista tem " + examination.node + " aberto, mas nem todos se mostram" +
-                       (advice.empty() ? "" : ", e o ModemManager está em execução"),
-                   advice + (advice.empty() ? "" : " ") + "Para ver todos: sudo fiscora doctor.");
+    if (advice.empty() || isHiddenFromModemManagers(examination.nodeStatus.st_rdev))
+        return {Verdict::Ok, found, toSeeAll};
+    return warning(found + ", e o ModemManager está em execução", advice + " " + toSeeAll);
 }
 
 Finding checkTerminal(Examination& examination) {

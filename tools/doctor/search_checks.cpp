@@ -76,8 +76,8 @@ Finding missingEntry(Examination& examination, const std::vector<std::string>& n
 }  // namespace
 
 Finding checkSimulation(Examination& /*examination*/) {
-    return warning("fiscora sim está ativo: o que segue julga a linha simulada, não o equipamento",
-                   "Para examinar o equipamento, rode \"fiscora doctor\" fora do fiscora sim.");
+    return {Verdict::Ok, "fiscora sim está ativo: o que segue julga a linha simulada, não o equipamento",
+            "Para examinar o equipamento, rode \"fiscora doctor\" fora do fiscora sim."};
 }
 
 Finding checkUsbDevice(Examination& examination) {
