@@ -25,6 +25,7 @@
 #include "encoding/Base64.h"
 #include "fiscal/UCManipulaDadosSat.h"
 #include "protocol/Message.h"
+#include "status_names.h"
 #include "transaction/DoTransaction.h"
 
 namespace tool {
@@ -190,18 +191,22 @@ std::vector<Argument> argumentsFrom(const Operation& operation, const std::vecto
 
 std::string_view meaning(int status) {
     switch (status) {
-        case FISCORA_STATUS_OK: return "FISCORA_STATUS_OK: the device answered";
-        case FISCORA_STATUS_NO_ANSWER:
-            return "FISCORA_STATUS_NO_ANSWER: no device was found, or its answer was damaged";
-        case FISCORA_STATUS_READ_ERROR:
-            return "FISCORA_STATUS_READ_ERROR: the line failed, or was silent for 50 s";
-        case FISCORA_STATUS_REFUSED:
-            return "FISCORA_STATUS_REFUSED: the device kept answering something else, or too much";
-        case FISCORA_STATUS_BAD_REQUEST:
-            return "FISCORA_STATUS_BAD_REQUEST: the request is too long, nothing was sent";
-        case FISCORA_STATUS_TIMEOUT: return "FISCORA_STATUS_TIMEOUT: no answer in time";
+        case FISCORA_STATUS_OK: return "the device answered";
+        case FISCORA_STATUS_NO_ANSWER: return "no device was found, or its answer was damaged";
+        case FISCORA_STATUS_READ_ERROR: return "the line failed, or was silent for 50 s";
+        case FISCORA_STATUS_REFUSED: return "the device kept answering something else, or too much";
+        case FISCORA_STATUS_BAD_REQUEST: return "the request is too long, nothing was sent";
+        case FISCORA_STATUS_TIMEOUT: return "no answer in time";
         default: return "not a status of this version";
     }
+}
+
+/// Such as "0 (FISCORA_STATUS_OK: the device answered)".
+std::string described(int status) {
+    const std::string_view name = statusName(status);
+    return std::to_string(status) + " (" +
+           (name.empty() ? "" : "FISCORA_STATUS_" + std::string(name) + ": ") + std::string(meaning(status)) +
+           ")";
 }
 
 void print(const std::string& name, std::string_view value) {
@@ -334,7 +339,7 @@ int CallCommand::run(const std::vector<std::string>& operands) {
     if (m_record && status == FISCORA_STATUS_OK) objManipulaDadosSat.gravaArquivoDesempenho(answer);
     const std::string complaint = document ? save(*document, names, fields) : "";
 
-    print("status", std::to_string(status) + " (" + std::string(meaning(status)) + ")");
+    print("status", described(status));
     for (std::size_t i = 0; i < fields.size(); ++i)
         print(i < names.size() ? names[i] : "field " + std::to_string(i), fields[i]);
     if (!complaint.empty()) std::cerr << "fiscora call: " << complaint << '\n';

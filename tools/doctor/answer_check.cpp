@@ -8,6 +8,7 @@
 #include "doctor/Examination.h"
 #include "fiscal/operations.h"
 #include "fiscora.h"
+#include "status_names.h"
 #include "transaction/DoTransaction.h"
 
 namespace doctor {
@@ -15,25 +16,21 @@ namespace {
 
 struct StatusMeaning {
     int status;
-    const char* name;
     const char* meaning;
     const char* advice;
 };
 
 constexpr StatusMeaning MEANINGS[] = {
-    {FISCORA_STATUS_OK, "FISCORA_STATUS_OK", "o equipamento respondeu", ""},
-    {FISCORA_STATUS_NO_ANSWER, "FISCORA_STATUS_NO_ANSWER",
-     "o equipamento não foi achado ou não abriu, ou a resposta veio danificada",
+    {FISCORA_STATUS_OK, "o equipamento respondeu", ""},
+    {FISCORA_STATUS_NO_ANSWER, "o equipamento não foi achado ou não abriu, ou a resposta veio danificada",
      "Rode de novo; se repetir, troque o cabo USB e reinicie o equipamento."},
-    {FISCORA_STATUS_READ_ERROR, "FISCORA_STATUS_READ_ERROR", "a linha caiu, ou ficou 50 s em silêncio",
+    {FISCORA_STATUS_READ_ERROR, "a linha caiu, ou ficou 50 s em silêncio",
      "Confira o cabo USB e a fonte, reinicie o equipamento e rode de novo."},
-    {FISCORA_STATUS_REFUSED, "FISCORA_STATUS_REFUSED",
-     "o equipamento insistiu em responder a outro pedido, ou respondeu demais",
+    {FISCORA_STATUS_REFUSED, "o equipamento insistiu em responder a outro pedido, ou respondeu demais",
      "Feche os outros programas que usam o equipamento, espere um minuto e rode de novo."},
-    {FISCORA_STATUS_BAD_REQUEST, "FISCORA_STATUS_BAD_REQUEST",
-     "o pedido não coube na biblioteca, e nada foi enviado",
+    {FISCORA_STATUS_BAD_REQUEST, "o pedido não coube na biblioteca, e nada foi enviado",
      "Reinstale a biblioteca: este pedido sempre cabe."},
-    {FISCORA_STATUS_TIMEOUT, "FISCORA_STATUS_TIMEOUT", "o prazo da operação acabou sem a resposta",
+    {FISCORA_STATUS_TIMEOUT, "o prazo da operação acabou sem a resposta",
      "O equipamento pode estar ocupado ou iniciando: espere um minuto e rode de novo; se repetir, reinicie-o."},
 };
 
@@ -64,8 +61,8 @@ Finding checkAnswer(Examination& examination) {
                                    [&](const StatusMeaning& meaning) { return meaning.status == status; });
     if (row == std::end(MEANINGS))
         return error("status " + std::to_string(status) + ", desconhecido", "Atualize este programa.");
-    const std::string found =
-        "ConsultarSAT: status " + std::to_string(status) + " (" + row->name + "), " + row->meaning;
+    const std::string found = "ConsultarSAT: status " + std::to_string(status) + " (FISCORA_STATUS_" +
+                              std::string(tool::statusName(status)) + "), " + row->meaning;
     if (status != FISCORA_STATUS_OK) return error(found, row->advice);
     const std::string answer = found + " " + fields[1] + ": " + fields[2];
     if (fields[1] == IN_OPERATION) return ok(answer);

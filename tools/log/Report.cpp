@@ -5,7 +5,7 @@
 #include <map>
 #include <ostream>
 
-#include "fiscora.h"
+#include "status_names.h"
 
 namespace logs {
 namespace {
@@ -74,15 +74,8 @@ std::optional<long> longest(const std::vector<long>& values) {
 
 std::string statusText(const Exchange& exchange) {
     if (exchange.isIncomplete()) return "incompleta";
-    switch (*exchange.status) {
-        case FISCORA_STATUS_OK: return "OK";
-        case FISCORA_STATUS_NO_ANSWER: return "NO_ANSWER";
-        case FISCORA_STATUS_READ_ERROR: return "READ_ERROR";
-        case FISCORA_STATUS_REFUSED: return "REFUSED";
-        case FISCORA_STATUS_BAD_REQUEST: return "BAD_REQUEST";
-        case FISCORA_STATUS_TIMEOUT: return "TIMEOUT";
-        default: return std::to_string(*exchange.status);
-    }
+    const std::string_view name = tool::statusName(*exchange.status);
+    return name.empty() ? std::to_string(*exchange.status) : std::string(name);
 }
 
 std::string durationText(const std::optional<long>& seconds) {
