@@ -48,8 +48,12 @@ int runTool(int argc, char** argv) {
         return application.exit(help);
     } catch (const CLI::ParseError& error) {
         const tool::Subcommand* subcommand = chosen();
-        if (subcommand == nullptr)
-            return refuse("fiscora", error.what(), "fiscora SUBCOMMAND ..., see fiscora --help");
+        if (subcommand == nullptr) {
+            const auto unknown = application.remaining();
+            return refuse("fiscora",
+                          unknown.empty() ? error.what() : "there is no \"" + unknown.front() + "\"",
+                          "fiscora sim|call|doctor|log ..., see fiscora --help");
+        }
         return refuse("fiscora " + subcommand->options().get_name(), error.what(), subcommand->usage());
     }
 }
