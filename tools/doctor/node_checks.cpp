@@ -20,7 +20,8 @@
 namespace doctor {
 namespace {
 
-constexpr char INSTALL_RULE[] = "instale a regra udev que acompanha a fiscora e religue o cabo USB.";
+constexpr char INSTALL_RULE[] =
+    "instale a regra do udev que vem com a biblioteca (pacote libfiscora1) e religue o cabo USB.";
 
 std::string groupName(gid_t group) {
     const struct group* entry = getgrgid(group);
