@@ -78,15 +78,16 @@ bool raisesPrivileges(const fs::path& program) {
            getxattr(program.c_str(), "security.capability", nullptr, 0) > 0;
 }
 
-/// The preloaded library, beside this program in a build tree or below lib/ where it is installed.
+/// The preloaded library, beside this program in a build tree or below the libraries' folder where it is
+/// installed.
 fs::path findPreloadLibrary() {
     const fs::path here = fs::read_symlink("/proc/self/exe").parent_path();
-    for (const char* folder : {".", "../" FISCORA_LIBDIR "/fiscora", "../lib/fiscora"}) {
+    for (const char* folder : {".", FISCORA_PRELOAD_FOLDER}) {
         const fs::path candidate = here / folder / "libfiscora-sim.so";
         if (fs::exists(candidate)) return fs::canonical(candidate);
     }
     throw std::runtime_error(
-        "libfiscora-sim.so is missing: it belongs beside this program or in ../" FISCORA_LIBDIR "/fiscora");
+        "libfiscora-sim.so is missing: it belongs beside this program or in " FISCORA_PRELOAD_FOLDER);
 }
 
 /// The loader cuts LD_PRELOAD at blanks and colons, so a path that has one is replaced by a link in the
