@@ -1,0 +1,242 @@
+// Whole calls, from the flat function's arguments to its result, with their time shared out among its parts.
+
+#include <benchmark/benchmark.h>
+#include <sys/prctl.h>
+#include <sys/wait.h>
+#include <termios.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <csignal>
+#include <cstdlib>
+#include <cstring>
+#include <filesystem>
+#include <optional>
+#include <stdexcept>
+#include <string>
+
+#include "benchmarks.h"
+#include "encoding/Base64.h"
+#include "fiscora.h"
+#include "link/discovery.h"
+#include "platform.h"
+#include "protocol/Message.h"
+#include "sale_document.h"
+#include "sim/DevicePort.h"
+#include "sim/PtyLine.h"
+#include "sim/SimulatedDevice.h"
+
+namespace {
+
+using benchmark::Counter;
+using benchmark::State;
+using In = Stopwatch::In;
+
+/// Takes requests and gives one answer again and again, at once; no device, terminal or shell is behind it.
+class InstantLine {
+  public:
+    explicit InstantLine(std::string answer) : m_answer(std::move(answer)) {
+        platform.usleep = [](useconds_t) { return 0; };
+        platform.popen = [this](const char*) { return fmemopen(m_listing.data(), m_listing.size(), "r"); };
+        platform.pclose = [](FILE* file) { return std::fclose(file); };
+        platform.open = [this](const char*, int) {
+            m_given = 0;
+            return FD;
+        };
+        platform.isatty = [](int) { return 1; };
+        platform.tcgetattr = [](int, termios*) { return 0; };
+        platform.tcsetattr = [](int, int, const termios*) { return 0; };
+        platform.tcflush = [](int, int) { return 0; };
+        platform.ioctl = [](int, unsigned long, void* queued) { return *static_cast<int*>(queued) = 0; };
+        platform.write = [this](int fd, const void* bytes, std::size_t size) {
+            if (fd != FD) return next<ssize_t(int, const void*, std::size_t)>("write")(fd, bytes, size);
+            if (m_given == 0) m_request = Stopwatch::stop();
+            return static_cast<ssize_t>(size);
+        };
+        platform.read = [this](int fd, void* bytes, std::size_t size) {
+            if (fd != FD) return next<ssize_t(int, void*, std::size_t)>("read")(fd, bytes, size);
+            return give(bytes, size);
+        };
+        platform.close = [](int fd) { return fd == FD ? 0 : next<int(int)>("close")(fd); };
+    }
+    InstantLine(const InstantLine&) = delete;
+    InstantLine& operator=(const InstantLine&) = delete;
+    ~InstantLine() { platform = Platform(); }
+
+    /// What the last call took up to its first write.
+    const Times& request() const { return m_request; }
+
+  private:
+    static constexpr int FD = 1'000'000;  // none of the process's, and no poll waits for it
+
+    ssize_t give(void* bytes, std::size_t size) {
+        if (m_given == 0) Stopwatch::start();
+        const In part(LINE);
+        const std::size_t length = std::min(size, m_answer.size() - m_given);
+        std::memcpy(bytes, m_answer.data() + m_given, length);
+        m_given += length;
+        return static_cast<ssize_t>(length);
+    }
+
+    std::string m_listing = "x-mfc+_with_musb-if00 -> ../../ttyACM0\n";
+    std::string m_answer;
+    std::size_t m_given = 0;
+    Times m_request;
+};
+
+/// The frame of an answer of that many bytes, with a document in Base64 as the largest field.
+std::string answerFrame(std::size_t bytes) {
+    const std::string before = "000001|06000|0000|Emitido com sucesso|||";
+    const std::string behind = "|20261123120000|CFe35261114200166000166599000040190000011234567|100.00||QR";
+    const std::size_t left = bytes - before.size() - behind.size();
+    const std::string sale = saleDocument(FISCORA_ANSWER_MAX_BYTES);
+    const auto* const document = reinterpret_cast<const unsigned char*>(sale.data());
+    std::string body = before + Base64::encode(document, static_cast<std::uint32_t>(left / 4 * 3)) + behind;
+    body.resize(bytes, 'A');
+    pbs::Message answer("EnviarDadosVenda", "3");
+    answer.setBody(body);
+    answer.compress();
+    return answer.toString();
+}
+
+/// What is the library's own, with its log lines and checksums.
+double own(const Times& times) { return times.cpu[OWN] + times.cpu[LOG] + times.cpu[CHECKSUM]; }
+
+void sale(State& state) {
+    const auto bytes = static_cast<std::size_t>(state.range(0));
+    const WorkingDirectory folder;
+    const std::string document = saleDocument(bytes);
+    InstantLine line(answerFrame(bytes));
+    Times answer;
+    const auto call = [&] {
+        Stopwatch::start();
+        const char* const text = EnviarDadosVenda(1, "12345678", document.c_str());
+        answer = Stopwatch::stop();
+        if (CodigoErro() != 0 || std::strlen(text) != bytes) state.SkipWithError("a sale failed");
+    };
+    call();  // begins the day's log, and brings memory to its level
+    const auto add = [&](const char* name, double seconds) { state.counters[name].value += seconds; };
+    for (auto _ : state) {
+        call();
+        add("request", own(line.request()));
+        add("deflate", line.request().cpu[DEFLATE]);
+        add("answer", own(answer));
+        add("checksum", answer.cpu[CHECKSUM]);
+        add("inflate", answer.cpu[INFLATE]);
+        state.SetIterationTime(own(line.request()) + line.request().cpu[DEFLATE] + own(answer) +
+                               answer.cpu[INFLATE]);
+    }
+    for (auto& [name, counter] : state.counters) counter.flags = Counter::kAvgIterations;
+}
+
+/// A simulated device on a pty, in a process of its own; the library finds it by the real search in a folder
+/// in the place of /dev. What the platform does is the platform's own doing, and its time is booked.
+class SimulatedLine {
+  public:
+    SimulatedLine() : m_byId(m_line.folder() + "/serial") {
+        std::filesystem::create_directory(m_byId);
+        std::filesystem::create_symlink("../../ttyACM0", m_byId + "/usb-simulated-mfc+_with_musb-if00");
+        m_device = fork();
+        if (m_device == 0) play();
+        if (m_device < 0) throw std::runtime_error("no process for the device");
+        standIn();
+    }
+    SimulatedLine(const SimulatedLine&) = delete;
+    SimulatedLine& operator=(const SimulatedLine&) = delete;
+    ~SimulatedLine() {
+        platform = Platform();
+        kill(m_device, SIGTERM);
+        waitpid(m_device, nullptr, 0);
+    }
+
+  private:
+    [[noreturn]] void play() {
+        prctl(PR_SET_PDEATHSIG, SIGTERM);
+        sim::SimulatedDevice device;
+        sim::DevicePort(device, {}).run(m_line.fd());
+        std::_Exit(EXIT_SUCCESS);
+    }
+
+    std::string searched() const {
+        const std::string real = "/dev/serial/by-id";
+        std::string command = serial::DISCOVERY_COMMAND;
+        for (auto at = command.find(real); at != std::string::npos; at = command.find(real, at))
+            command.replace(at, real.size(), m_byId);
+        return command;
+    }
+
+    void standIn() {
+        platform.usleep = [](useconds_t us) {
+            const In part(PAUSES);
+            return next<int(useconds_t)>("usleep")(us);
+        };
+        platform.popen = [this](const char*) {
+            m_search.emplace(SEARCH);  // till the shell has ended
+            return realPopen(searched().c_str());
+        };
+        platform.pclose = [this](FILE* file) {
+            const int result = next<int(FILE*)>("pclose")(file);
+            m_search.reset();
+            return result;
+        };
+        platform.open = [this](const char*, int flags) {
+            const In part(LINE);
+            return next<int(const char*, int, ...)>("open")(m_line.path().c_str(), flags);
+        };
+        platform.tcsetattr = [](int fd, int when, const termios* settings) {
+            const In part(LINE);
+            return next<int(int, int, const termios*)>("tcsetattr")(fd, when, settings);
+        };
+        // A pty discards what it has yet to hand over, where a line would have transmitted it.
+        platform.tcflush = [](int fd, int queue) {
+            const In part(LINE);
+            return queue == TCOFLUSH ? 0 : next<int(int, int)>("tcflush")(fd, TCIFLUSH);
+        };
+        platform.write = [](int fd, const void* bytes, std::size_t size) {
+            const In part(LINE);
+            return next<ssize_t(int, const void*, std::size_t)>("write")(fd, bytes, size);
+        };
+        platform.read = [](int fd, void* bytes, std::size_t size) {
+            const In part(LINE);
+            return next<ssize_t(int, void*, std::size_t)>("read")(fd, bytes, size);
+        };
+        platform.close = [](int fd) {
+            const In part(LINE);
+            return next<int(int)>("close")(fd);
+        };
+    }
+
+    sim::PtyLine m_line;
+    std::string m_byId;
+    pid_t m_device = -1;
+    std::optional<In> m_search;
+};
+
+void consultarSAT(State& state) {
+    const WorkingDirectory folder;
+    SimulatedLine line;
+    for (auto _ : state) {
+        Stopwatch::start();
+        const std::string answer = ConsultarSAT(1);
+        const Times times = Stopwatch::stop();
+        if (answer.compare(0, 13, "000001|08000|") != 0) state.SkipWithError("a call failed");
+        double total = 0;
+        for (int part = OWN; part < PARTS; ++part) {
+            state.counters[PART_NAMES[part]] = times.wall[part];
+            total += times.wall[part];
+        }
+        state.counters["total"] = total;
+        state.SetIterationTime(total);
+    }
+}
+
+}  // namespace
+
+void registerSales() {
+    auto* const sales = benchmark::RegisterBenchmark("sale", sale)->UseManualTime();
+    for (const std::size_t bytes : CALL_BYTES) sales->Arg(static_cast<std::int64_t>(bytes));
+}
+
+void registerConsultarSAT() {
+    benchmark::RegisterBenchmark("ConsultarSAT", consultarSAT)->UseManualTime()->Iterations(1);
+}

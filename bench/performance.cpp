@@ -1,0 +1,246 @@
+// The library's speed beside what else does the same, each figure with the one to reach.
+//
+//     performance [--quick] [--picture FILE]
+//
+//     --quick         only whether everything runs and no figure is missing: none is judged
+//     --picture FILE  also writes where the time of a call goes, as SVG
+//
+// What is compared is run in turns, a piece of each at a time, and the least of the repetitions counts: what
+// else the machine does only ever adds. Exit status 1 where a figure is missing or not reached.
+
+#include <benchmark/benchmark.h>
+
+#include <CLI/CLI.hpp>
+#include <algorithm>
+#include <array>
+#include <cmath>
+#include <cstdio>
+#include <cstdlib>
+#include <map>
+#include <stdexcept>
+#include <string>
+#include <vector>
+
+#include "benchmarks.h"
+#include "fiscora.h"
+#include "picture.h"
+#include "platform.h"
+
+namespace {
+
+constexpr double BODY = FISCORA_ANSWER_MAX_BYTES;
+constexpr double PAUSES_S = 1.1;  ///< of a call: behind the sending, and before the next call
+constexpr double MS = 1e3, US = 1e6, NS = 1e9;
+
+/// The least of each figure, in seconds, by the benchmark's name; a counter's behind a blank.
+class Least : public benchmark::BenchmarkReporter {
+  public:
+    bool ReportContext(const Context&) override { return true; }
+    void ReportRuns(const std::vector<Run>& runs) override {
+        for (const Run& run : runs) {
+            if (run.error_occurred) throw std::runtime_error(run.benchmark_name() + ": " + run.error_message);
+            if (run.run_type != Run::RT_Iteration) continue;
+            const auto iterations = static_cast<double>(run.iterations);
+            // Not its arguments for the benchmark library, such as /iterations:1.
+            std::string name = run.run_name.function_name;
+            if (!run.run_name.args.empty()) name += "/" + run.run_name.args;
+            take(name, run.cpu_accumulated_time / iterations);
+            for (const auto& [counter, value] : run.counters) take(name + " " + counter, value);
+        }
+    }
+    /// Throws std::out_of_range where it was not measured.
+    double operator[](const std::string& name) const { return m_least.at(name); }
+
+  private:
+    void take(const std::string& name, double seconds) {
+        const auto [place, isNew] = m_least.try_emplace(name, seconds);
+        if (!isNew) place->second = std::min(place->second, seconds);
+    }
+
+    std::map<std::string, double> m_least;
+};
+
+std::string text(const char* format, double value) {
+    std::array<char, 40> result{};
+    std::snprintf(result.data(), result.size(), format, value);
+    return result.data();
+}
+
+/// A line of the table. One that wants nothing tells of the line above it.
+struct Row {
+    std::string what, ours, theirs, ratio, wanted;
+    double figure;  ///< what is judged
+    bool isReached;
+};
+
+Row atLeast(double limit, const std::string& what, double ourSeconds, double theirSeconds) {
+    const double factor = theirSeconds / ourSeconds;
+    const char* const rate = "%.0f MB/s";
+    return {what,
+            text(rate, BODY / ourSeconds / 1e6),
+            text(rate, BODY / theirSeconds / 1e6),
+            text("%.2f", factor),
+            text(">= %.1f", limit),
+            factor,
+            factor >= limit};
+}
+
+Row atMost(double limit, const std::string& what, double ourSeconds, double theirSeconds) {
+    const double factor = ourSeconds / theirSeconds;
+    return {what,
+            text("%.3f ms", ourSeconds * MS),
+            text("%.3f ms", theirSeconds * MS),
+            text("%.2f", factor),
+            text("<= %.2f", limit),
+            factor,
+            factor <= limit};
+}
+
+Row atMost(double limit, const std::string& what, const char* format, double figure) {
+    return {what, text(format, figure), "", "", "<= " + text(format, limit), figure, figure <= limit};
+}
+
+std::string sale(std::size_t bytes, const char* counter) {
+    return "sale/" + std::to_string(bytes) + " " + counter;
+}
+
+/// CPU time a byte that a call of `bytes` takes more than one of 1 KiB, zlib's left out.
+double growth(const Least& seconds, std::size_t bytes, const char* way) {
+    const double more = seconds[sale(bytes, way)] - seconds[sale(CALL_BYTES.front(), way)];
+    return more / static_cast<double>(bytes - CALL_BYTES.front());
+}
+
+Row growthRow(const Least& seconds, const std::string& what, const char* way) {
+    constexpr double LIMIT = 20;
+    std::vector<double> rates;
+    for (const std::size_t bytes : CALL_BYTES)
+        if (bytes >= std::size_t{64} * 1024) rates.push_back(growth(seconds, bytes, way));
+    const auto [least, most] = std::minmax_element(rates.begin(), rates.end());
+    const double spread = (*most / *least - 1) * 100;
+    return {what,
+            text("%.2f", *least * NS) + "-" + text("%.2f ns/B", *most * NS),
+            "",
+            text("%.0f %%", spread),
+            text("<= %.0f %%", LIMIT),
+            *least,
+            *least > 0 && spread <= LIMIT};
+}
+
+/// Of a program that makes a full-size sale on the simulated device.
+double peakMiB() {
+    FILE* const output = realPopen(FISCORA_TOOL " sim -- " FULL_SIZE_SALE);
+    int status = -1;
+    long peakKiB = 0;
+    const bool read = output != nullptr && std::fscanf(output, "%d %ld", &status, &peakKiB) == 2;
+    if (output != nullptr) pclose(output);
+    if (!read || status != FISCORA_STATUS_OK) throw std::runtime_error("the full-size sale failed");
+    return static_cast<double>(peakKiB) / 1024;
+}
+
+std::vector<Row> tableOf(const Least& seconds, double peak) {
+    const std::size_t full = CALL_BYTES.back();
+    const double searchMs = seconds["ConsultarSAT search"] * MS;
+    const double checked = seconds[sale(full, "checksum")];
+    return {
+        atLeast(6, "crc16_ccitt, 1.5 MiB; Boost.CRC", seconds["crc16_ccitt/ours"],
+                seconds["crc16_ccitt/theirs"]),
+        atMost(1.25, "parse, 1.5 MiB in reads of 8192; memcpy + CRC", seconds["parse/ours"],
+               seconds["parse/theirs"]),
+        atMost(2.5, "parse, the frame of 201 bytes", "%.2f us", seconds["small parse/ours"] * US),
+        atLeast(1, "Base64::decode, 1.5 MiB; OpenSSL", seconds["decode/ours"], seconds["decode/theirs"]),
+        atLeast(1, "Base64::encode, 1.5 MiB; OpenSSL", seconds["encode/ours"], seconds["encode/theirs"]),
+        atMost(0.08, "full-size sale, to the frame; compress2", seconds[sale(full, "request")],
+               seconds[sale(full, "deflate")]),
+        atMost(0.6, "full-size answer, to g_resp; uncompress + CRC", seconds[sale(full, "answer")] - checked,
+               seconds[sale(full, "inflate")] + checked),
+        atMost(15, "ConsultarSAT beyond its pauses (1.1 s)", "%.1f ms",
+               (seconds["ConsultarSAT total"] - PAUSES_S) * MS),
+        {"  of which the shell of the device search", text("%.1f ms", searchMs), "", "", "", searchMs, true},
+        growthRow(seconds, "growth of a request, 64 KiB to 1.5 MiB", "request"),
+        growthRow(seconds, "growth of an answer, 64 KiB to 1.5 MiB", "answer"),
+        atMost(24, "peak memory of a full-size sale", "%.1f MiB", peak),
+    };
+}
+
+/// Whether each figure is there and, where they are judged, reached.
+bool print(const std::vector<Row>& table, bool isJudged) {
+    constexpr char FORMAT[] = "| %-46s | %-15s | %-10s | %-5s | %-11s | %-7s |\n";
+    std::printf(FORMAT, "What; what it is held against", "Ours", "Theirs", "Ratio", "To reach", "Reached");
+    std::printf("|---|---|---|---|---|---|\n");
+    bool isGood = true;
+    for (const auto& [what, ours, theirs, ratio, wanted, figure, isReached] : table) {
+        const bool isMissing = !std::isfinite(figure) || figure <= 0;
+        const char* const verdict = isMissing        ? "missing"
+                                    : wanted.empty() ? ""
+                                    : !isJudged      ? "-"
+                                    : isReached      ? "yes"
+                                                     : "NO";
+        std::printf(FORMAT, what.c_str(), ours.c_str(), theirs.c_str(), ratio.c_str(), wanted.c_str(),
+                    verdict);
+        isGood = isGood && !isMissing && (isReached || !isJudged);
+    }
+    return isGood;
+}
+
+/// Runs all that is registered: `repetitions` of each, in turns.
+Least measure(const std::string& repetitions, const std::string& secondsEach) {
+    std::vector<std::string> options = {"performance", "--benchmark_repetitions=" + repetitions,
+                                        "--benchmark_min_time=" + secondsEach,
+                                        "--benchmark_enable_random_interleaving=true"};
+    std::vector<char*> arguments;
+    for (std::string& option : options) arguments.push_back(option.data());
+    auto count = static_cast<int>(arguments.size());
+    benchmark::Initialize(&count, arguments.data());
+    Least least;
+    benchmark::RunSpecifiedBenchmarks(&least);
+    return least;
+}
+
+/// Where the time of the two calls goes.
+std::vector<Bar> barsOf(const Least& seconds) {
+    const auto part = [&](Part which) {
+        return seconds["ConsultarSAT " + std::string(PART_NAMES[which])] * MS;
+    };
+    const auto ofSale = [&](const char* counter) { return seconds[sale(CALL_BYTES.back(), counter)] * MS; };
+    const double others = part(OWN) + part(CHECKSUM) + part(DEFLATE) + part(INFLATE);
+    const double wakeUp = part(PAUSES) - PAUSES_S * MS;
+    const double rest = part(SEARCH) + part(LOG) + part(LINE) + wakeUp + others;
+    return {{"ConsultarSAT, elapsed time", {{"the two fixed pauses", PAUSES_S * MS}, {"all else", rest}}},
+            {"All else of ConsultarSAT",
+             {{"shell of the device search", part(SEARCH)},
+              {"lines of the debug log", part(LOG)},
+              {"terminal: open, set up, read, write", part(LINE)},
+              {"waking up from the pauses", wakeUp},
+              {"the rest of the library", others}}},
+            {"A sale of 1.5 MiB, CPU time but for the line",
+             {{"zlib: compress2, level 9", ofSale("deflate")},
+              {"zlib: uncompress", ofSale("inflate")},
+              {"library: request to frame", ofSale("request")},
+              {"library: frame to g_resp", ofSale("answer")}}}};
+}
+
+}  // namespace
+
+int main(int argc, char** argv) try {
+    bool isQuick = false;
+    std::string pictureFile;
+    CLI::App application("The library's speed beside what else does the same");
+    application.add_flag("--quick", isQuick, "Only whether everything runs; no figure is judged");
+    application.add_option("--picture", pictureFile, "Also write where the time of a call goes, as SVG");
+    CLI11_PARSE(application, argc, argv);
+
+    registerPlainFunctions();
+    registerSales();
+    registerConsultarSAT();
+    const Least seconds = isQuick ? measure("1", "0.001") : measure("9", "0.2");
+    const auto peak = [] {
+        const WorkingDirectory folder;
+        return peakMiB();
+    }();
+    const bool isGood = print(tableOf(seconds, peak), !isQuick);
+    if (!pictureFile.empty()) savePicture(barsOf(seconds), pictureFile);
+    return isGood ? EXIT_SUCCESS : EXIT_FAILURE;
+} catch (const std::exception& failure) {
+    std::fprintf(stderr, "performance: %s\n", failure.what());
+    return EXIT_FAILURE;
+}
