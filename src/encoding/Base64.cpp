@@ -1,15 +1,98 @@
 #include "encoding/Base64.h"
 
-#include <cctype>
+#include <endian.h>
 
-const std::string Base64::base64_chars = "ABCDEFGHIJKLMNOPQRSTUVWXYZabcdefghijklmnopqrstuvwxyz0123456789+/";
+#include <array>
+#include <cctype>
+#include <cstring>
+#include <string_view>
+
+namespace {
+
+constexpr std::string_view ALPHABET = "ABCDEFGHIJKLMNOPQRSTUVWXYZabcdefghijklmnopqrstuvwxyz0123456789+/";
+
+/// How much text is made before it is appended: small enough to stay in a first-level cache.
+constexpr std::size_t BLOCK_QUADS = 256;
+
+/// The two characters of each 12 bits.
+using Pair = std::array<char, 2>;
+constexpr std::array<Pair, 4096> makePairs() {
+    std::array<Pair, 4096> pairs{};
+    for (std::size_t bits = 0; bits < pairs.size(); ++bits)
+        pairs[bits] = {ALPHABET[bits >> 6], ALPHABET[bits & 0x3f]};
+    return pairs;
+}
+constexpr auto PAIRS = makePairs();
+
+/// In VALUES, of a byte that is none of the alphabet's: a bit that no value's share of a quad has.
+constexpr std::uint32_t FOREIGN = 1U << 24;
+
+/// The value of each byte, as the first, second, third or fourth of a quad shifts it.
+constexpr std::array<std::array<std::uint32_t, 256>, 4> makeValues() {
+    std::array<std::array<std::uint32_t, 256>, 4> values{};
+    for (std::size_t place = 0; place < 4; ++place) {
+        for (auto& value : values[place]) value = FOREIGN;
+        for (std::uint32_t value = 0; value < ALPHABET.size(); ++value)
+            values[place][static_cast<unsigned char>(ALPHABET[value])] = value << (18 - 6 * place);
+    }
+    return values;
+}
+constexpr auto VALUES = makeValues();
+
+/// Appends the text of groups of six bytes, as long as the eight that are read at once are there; returns the
+/// bytes taken.
+std::size_t encodeSixes(std::string& text, const unsigned char* bytes, std::size_t length) {
+    std::array<char, 4 * BLOCK_QUADS> block;
+    std::size_t taken = 0;
+    while (length - taken >= 8) {
+        std::size_t used = 0;
+        for (; used < block.size() && length - taken >= 8; used += 8, taken += 6) {
+            std::uint64_t bits = 0;
+            std::memcpy(&bits, bytes + taken, sizeof bits);
+            bits = be64toh(bits);
+            std::memcpy(&block[used], &PAIRS[bits >> 52], sizeof(Pair));
+            std::memcpy(&block[used + 2], &PAIRS[bits >> 40 & 0xfff], sizeof(Pair));
+            std::memcpy(&block[used + 4], &PAIRS[bits >> 28 & 0xfff], sizeof(Pair));
+            std::memcpy(&block[used + 6], &PAIRS[bits >> 16 & 0xfff], sizeof(Pair));
+        }
+        text.append(block.data(), used);
+    }
+    return taken;
+}
+
+/// Appends the bytes of the quads up to the first that has a foreign byte; returns the characters taken.
+/// What is left is for the plain rule, which gives the same for whole quads.
+std::size_t decodeQuads(std::string& bytes, const std::string& text) {
+    std::array<char, 3 * BLOCK_QUADS> block;
+    const auto* const characters = reinterpret_cast<const unsigned char*>(text.data());
+    std::size_t taken = 0;
+    for (bool isClean = true; isClean && text.size() - taken >= 4;) {
+        std::size_t used = 0;
+        for (; used < block.size() && text.size() - taken >= 4; used += 3, taken += 4) {
+            const unsigned char* const quad = characters + taken;
+            const std::uint32_t bits =
+                VALUES[0][quad[0]] | VALUES[1][quad[1]] | VALUES[2][quad[2]] | VALUES[3][quad[3]];
+            isClean = (bits & FOREIGN) == 0;
+            if (!isClean) break;
+            block[used] = static_cast<char>(bits >> 16);
+            block[used + 1] = static_cast<char>(bits >> 8);
+            block[used + 2] = static_cast<char>(bits);
+        }
+        bytes.append(block.data(), used);
+    }
+    return taken;
+}
+
+}  // namespace
+
+const std::string Base64::base64_chars(ALPHABET);
 
 bool Base64::is_base64(unsigned char byte) { return std::isalnum(byte) != 0 || byte == '+' || byte == '/'; }
 
 std::string Base64::encode(const unsigned char* bytes, std::uint32_t length) {
     std::string text;
     text.reserve((length / 3 + 1) * std::size_t{4});
-    for (std::uint32_t i = 0; i < length; i += 3) {
+    for (std::size_t i = encodeSixes(text, bytes, length); i < length; i += 3) {
         const std::uint32_t left = length - i;
         const std::uint32_t group = static_cast<std::uint32_t>(bytes[i]) << 16 |
                                     (left > 1 ? static_cast<std::uint32_t>(bytes[i + 1]) << 8 : 0) |
@@ -27,7 +110,8 @@ std::string Base64::decode(const std::string& text) {
     bytes.reserve(text.size() / 4 * 3 + 2);
     std::uint32_t bits = 0;  // only the lowest 8 + 6 are ever read
     int bitCount = 0;
-    for (const char character : text) {
+    for (std::size_t i = decodeQuads(bytes, text); i < text.size(); ++i) {
+        const char character = text[i];
         if (!is_base64(static_cast<unsigned char>(character))) break;
         // A letter of the locale's own that the alphabet does not have counts as npos, all bits set.
         bits = bits << 6 | (static_cast<std::uint32_t>(base64_chars.find(character)) & 0x3f);
