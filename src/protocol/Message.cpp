@@ -130,14 +130,14 @@ int Message::compress() {
     d->headerMap[HDR_CONTENT_UNCOMPRESSED_SIZE] = sizeText(d->body.size());
 
     uLongf size = compressBound(d->body.size());
-    std::string output(size, '\0');
-    const int result =
-        compress2(zlibBytes(output), &size, zlibBytes(d->body), d->body.size(), Z_BEST_COMPRESSION);
+    // Not a string: its zeros would bring all of the worst case into memory.
+    const std::unique_ptr<Bytef[]> output(new Bytef[size]);
+    const int result = compress2(output.get(), &size, zlibBytes(d->body), d->body.size(), Z_BEST_COMPRESSION);
     if (result != Z_OK) return result;
 
     d->headerMap[HDR_CONTENT_TYPE] = HDR_CONTENT_COMPRESSED;
     d->headerMap[HDR_CONTENT_SIZE] = sizeText(size);
-    d->body.assign(output, 0, size);
+    d->body = std::string(reinterpret_cast<const char*>(output.get()), size);
     return Z_OK;
 }
 

@@ -15,6 +15,10 @@ constexpr char LF = '\n';
 /// Tested on the head's text alone: the LF behind byte 4096 still passes.
 constexpr std::uint64_t MAX_HEAD_TEXT = 4096;
 
+/// The most that is reserved for a body because a head announces it: any answer fits, and a head that
+/// promises more than ever comes costs no more than this.
+constexpr std::uint64_t MAX_RESERVED = 2 * 1024 * 1024;
+
 /// The last header line's own CR LF and the two of HDR_START_DATA.
 constexpr std::uint32_t LINE_ENDS_OF_HEAD = 3;
 
@@ -102,6 +106,7 @@ Message::ParserState MessagePrivate::headComplete() {
     }
     body.clear();
     if (contentSize > 0) {
+        body.reserve(std::min(contentSize, MAX_RESERVED));
         parserState = BODY_BYTES;
         return Message::PARSER_IN_PROGRESS;
     }
@@ -113,7 +118,7 @@ Message::ParserState MessagePrivate::headComplete() {
 void MessagePrivate::endAttempt() {
     lineEnds = 0;
     contentSize = 0;
-    lastHeadText = headText;
+    lastHeadText.swap(headText);
     lastState = parserState;
     headText.clear();
     headSize = 0;
