@@ -12,6 +12,7 @@
 #include <cerrno>
 #include <csignal>
 #include <limits>
+#include <optional>
 
 #include "diagnostics/logdebug.h"
 #include "fiscora.h"
@@ -193,9 +194,14 @@ int SerialCommChannel::writePiece(const char* data, std::uint32_t length) {
 
 int SerialCommChannel::readPiece(char* buffer, unsigned long capacity) {
     if (fdSerial == -1) return -1;
-    const SignalsHeldBack guard;
     pollfd input{fdSerial, POLLIN, 0};
-    if (!readsTimeOut && poll(&input, 1, READ_TIMEOUT_MS) == 0) return 0;
+    // A read that finds something does not wait, and to look after the signals would cost it more than
+    // itself.
+    std::optional<SignalsHeldBack> guard;
+    if (poll(&input, 1, 0) <= 0) {
+        guard.emplace();
+        if (!readsTimeOut && poll(&input, 1, READ_TIMEOUT_MS) == 0) return 0;
+    }
     return static_cast<int>(read(fdSerial, buffer, capacity));
 }
 
