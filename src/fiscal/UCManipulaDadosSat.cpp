@@ -196,7 +196,7 @@ Request ManipulaDadosSat::makeRequest(const Operation& operation, const std::vec
         ++argument;
     }
 
-    std::string request = buffer;
+    std::string request(buffer, used);
     if (operation.replacesTags) replaceTag(request);
     if (operation.cleansEmptyFields) cleanEmptyFields(request);
     return request;
@@ -212,8 +212,8 @@ char* ManipulaDadosSat::exchange(const Operation& operation, const Request& requ
 
 char* ManipulaDadosSat::respond(int status, const std::string& body) {
     m_status = status;
-    std::memset(g_resp, 0, sizeof g_resp);
-    std::copy_n(body.data(), std::min(body.size(), sizeof g_resp), g_resp);
+    char* const end = std::copy_n(body.data(), std::min(body.size(), sizeof g_resp), g_resp);
+    std::fill(end, std::end(g_resp), '\0');
     return g_resp;
 }
 

@@ -1,5 +1,6 @@
 #include "transaction/DoTransaction.h"
 
+#include <algorithm>
 #include <array>
 #include <cstdio>
 #include <cstring>
@@ -25,9 +26,16 @@ const char* fieldOr(const std::vector<std::string>& fields, std::size_t index, c
     return index < fields.size() ? fields[index].c_str() : missing;
 }
 
+/// The first fields of a text, without the documents that may stand behind them.
+std::vector<std::string> firstFields(const std::string& text, int count) {
+    std::size_t size = 0;
+    while (count-- > 0 && size < text.size()) size = std::min(text.find('|', size), text.size() - 1) + 1;
+    return split(text.substr(0, size), '|');
+}
+
 void logRequest(const char* command, const std::string& request) {
     logOrDrop([&](LogDebug& log) {
-        const auto fields = split(request, '|');
+        const auto fields = firstFields(request, 1);
         std::array<char, 100> line{};
         std::snprintf(line.data(), line.size(), "txCode: %s txSessao:%s txBufferSize:%d", command,
                       fieldOr(fields, 0, ""), static_cast<int>(request.size()));
@@ -37,7 +45,7 @@ void logRequest(const char* command, const std::string& request) {
 
 void logAnswer(const pbs::Message& answer, int status) {
     logOrDrop([&](LogDebug& log) {
-        const auto fields = split(answer.body(), '|');
+        const auto fields = firstFields(answer.body(), 4);
         std::array<char, 512> line{};
         std::snprintf(
             line.data(), line.size(),
