@@ -126,6 +126,7 @@ TEST(Link, TheLogShowsOtherFieldsOrItsCutReachesTheDevice) {
     const std::string rows[][3] = {
         {"1|08000|", "1 txBufferSize:8", "1 rxEEEEE: 08000 rxCCCC:   rxMessage:   rxBufferSize: 8"},
         {"1|2||4", "1 txBufferSize:6", "1 rxEEEEE: 2 rxCCCC:  rxMessage: 4 rxBufferSize: 6"},
+        {"1|2|3|4|5|6", "1 txBufferSize:11", "1 rxEEEEE: 2 rxCCCC: 3 rxMessage: 4 rxBufferSize: 11"},
         {{"\0|2", 3}, " txBufferSize:3", "  rxEEEEE:   rxCCCC:   rxMessage:   rxBufferSize: 3"},
         {text, text.substr(0, 80), text}};
     for (const auto& [body, request, answer] : rows) {
