@@ -174,8 +174,9 @@ char* TrocarCodigoDeAtivacao(int numeroSessao, const char* codigoDeAtivacao, int
 /**
  * The document inside the last answer, decoded from Base64: after EnviarDadosVenda and CancelarUltimaVenda
  * field 6, after ExtrairLogs field 5. The empty text after any other function, ConsultarNumeroSessao
- * included, or where the answer has no such field. Also prints the answer on the standard output, a line a field. Needs no device, changes neither
- * answer nor status. The text is the library's and stays until the next call of this function. Never null.
+ * included, or where the answer has no such field. Also prints the answer on the standard output, a line a
+ * field. Needs no device, changes neither answer nor status. The text is the library's and stays until the
+ * next call of this function. Never null.
  */
 char* Base64ToAscii(void);
 

@@ -23,7 +23,8 @@ int refuse(const std::string& name, const std::string& reason, const std::string
 
 int runTool(int argc, char** argv) {
     CLI::App application("Tools for the fiscal device library libfiscora.", "fiscora");
-    application.set_version_flag("--version", std::string("fiscora " FISCORA_VERSION ", driver ") + getVersion());
+    application.set_version_flag("--version",
+                                 std::string("fiscora " FISCORA_VERSION ", driver ") + getVersion());
     application.require_subcommand(1);
     std::vector<std::unique_ptr<tool::Subcommand>> subcommands;
     subcommands.push_back(std::make_unique<tool::SimCommand>(application));
