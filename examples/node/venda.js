@@ -43,8 +43,8 @@ const sixDigits = (session) => String(session).padStart(6, '0');
 
 /** A number that no call had before, in no earlier run either: a device books one document a number. */
 function nextSession() {
-    let last = Math.floor(Date.now() / 1000);
-    if (fs.existsSync('sessao.txt')) last = parseInt(fs.readFileSync('sessao.txt', 'ascii'), 10) || last;
+    let last = fs.existsSync('sessao.txt') ? parseInt(fs.readFileSync('sessao.txt', 'ascii'), 10) : NaN;
+    if (Number.isNaN(last)) last = Math.floor(Date.now() / 1000);
     const session = (last + 1) % 1_000_000;
     fs.writeFileSync('sessao.txt', sixDigits(session) + '\n');
     return session;
