@@ -10,6 +10,7 @@ import java.nio.file.Files;
 import java.nio.file.Path;
 import java.util.Base64;
 import java.util.Map;
+import java.util.concurrent.TimeUnit;
 import java.util.function.IntFunction;
 
 public class Venda {
@@ -30,7 +31,7 @@ public class Venda {
     static final PrintStream OUT = new PrintStream(System.out, true, StandardCharsets.UTF_8);
 
     static final int NOT_DONE = 1, NOT_BEGUN = 2, UNKNOWN = 3;
-    static final int SENDINGS = 2, QUESTIONS = 5;
+    static final int SENDINGS = 2, QUESTIONS = 5, PAUSE = 2; // s
     static final int EEEEE = 1, LOG = 5, DOCUMENT = 6, KEY = 8; // fields of an answer
     static final int OK = 0, NO_ANSWER = 1, READ_ERROR = 2, REFUSED = 4, BAD_REQUEST = 8, TIMEOUT = 32768;
 
@@ -79,13 +80,13 @@ public class Venda {
 
     /**
      * Reports a call. The fields of its answer, those that it has not empty; null where there is none in time, whole,
-     * and to this very call.
+     * and under the number of this very call or the one that it asks about, which some devices put there.
      */
-    static String[] receive(String operation, int session, Pointer result) {
+    static String[] receive(String operation, int session, Pointer result, int asked) {
         String answer = text(result);
         int status = LIBRARY.CodigoErro();
         OUT.printf("%s, sessão %06d: ", operation, session);
-        if (status != OK || !answer.matches(String.format("(?s)%06d\\|[0-9]{5}\\|.*", session))) {
+        if (status != OK || !answer.matches(String.format("(?s)(%06d|%06d)\\|[0-9]{5}\\|.*", session, asked))) {
             OUT.printf("status %d, %s%n", status, explain(status));
             return null;
         }
@@ -95,6 +96,10 @@ public class Venda {
         return fields;
     }
 
+    static String[] receive(String operation, int session, Pointer result) {
+        return receive(operation, session, result, session);
+    }
+
     /** The fields of an answer that says so; there is no other way on. */
     static String[] expect(String eeeee, String[] fields) {
         boolean said = fields != null && fields[EEEEE].equals(eeeee);
@@ -102,22 +107,23 @@ public class Venda {
     }
 
     /** What the device answered in a session whose answer is missing; null where it knows nothing of it. */
-    static String[] askAbout(int lost, String code) {
+    static String[] askAbout(int lost, String code) throws InterruptedException {
         OUT.printf("Não envie de novo: perguntando pela sessão %06d%n", lost);
         for (int question = 0; question < QUESTIONS; ++question) {
             int session = nextSession();
-            String[] fields =
-                    receive("ConsultarNumeroSessao", session, LIBRARY.ConsultarNumeroSessao(session, code, lost));
-            if (fields == null) continue;
-            if (fields[EEEEE].equals("11003")) return null;
-            if (!fields[EEEEE].startsWith("11")) return fields; // else the question is refused, by a busy device say
+            Pointer result = LIBRARY.ConsultarNumeroSessao(session, code, lost);
+            String[] fields = receive("ConsultarNumeroSessao", session, result, lost);
+            if (fields != null && fields[EEEEE].equals("11003")) return null;
+            if (fields != null && !fields[EEEEE].startsWith("11")) return fields; // else it is refused: busy, say
+            TimeUnit.SECONDS.sleep(PAUSE);
         }
         return stop(UNKNOWN,
                 String.format("Sessão %06d pendente: pergunte por ela antes de enviar outro documento", lost));
     }
 
     /** Sends a document until the device has answered, a second time only where it knows nothing of the first. */
-    static String[] book(String operation, String code, IntFunction<Pointer> send) {
+    static String[] book(String operation, String code, IntFunction<Pointer> send)
+            throws InterruptedException {
         for (int sending = 0; sending < SENDINGS; ++sending) {
             int session = nextSession();
             String[] fields = receive(operation, session, send.apply(session));
@@ -133,7 +139,7 @@ public class Venda {
         OUT.println("Gravado: " + path);
     }
 
-    public static void main(String[] arguments) throws IOException {
+    public static void main(String[] arguments) throws IOException, InterruptedException {
         String code = System.getenv("CODIGO_DE_ATIVACAO");
         if (code == null) stop(NOT_BEGUN, "Informe o código de ativação em CODIGO_DE_ATIVACAO");
         if (!Files.isReadable(Path.of("venda.xml")) || !Files.isReadable(Path.of("cancelamento.xml")))

@@ -6,9 +6,10 @@
 #include <stdlib.h>
 #include <string.h>
 #include <time.h>
+#include <unistd.h>
 
 enum { NOT_DONE = 1, NOT_BEGUN = 2, UNKNOWN = 3 };
-enum { SENDINGS = 2, QUESTIONS = 5 };
+enum { SENDINGS = 2, QUESTIONS = 5, PAUSE = 2 }; /* s */
 enum { SESSION = 0, EEEEE = 1, LOG = 5, DOCUMENT = 6, KEY = 8, FIELDS = 32 };
 
 static const char *code, *sale; /* of activation; a document */
@@ -54,19 +55,20 @@ static int next_session(void) {
 /* Whether EEEEE begins with these digits. */
 static bool says(const char* digits) { return strncmp(field[EEEEE], digits, strlen(digits)) == 0; }
 
-/* Keeps and reports the answer. True where it is one: in time, whole, and to this very call. */
-static bool receive(const char* operation, int session, const char* result) {
+/* Keeps and reports the answer. True where it is one: in time, whole, and under the number of this very call
+ * or the one that it asks about, which some devices put there. */
+static bool receive_about(int asked, const char* operation, int session, const char* result) {
     const int status = CodigoErro();
-    char own[16];
+    int number;
     char* rest = strcpy(answer, result);
     for (int i = 0; i < FIELDS; ++i) {
         field[i] = rest;
         rest += strcspn(rest, "|");
         if (*rest != '\0') *rest++ = '\0';
     }
-    snprintf(own, sizeof own, "%06d", session);
-    printf("%s, sessão %s: ", operation, own);
-    if (status != FISCORA_STATUS_OK || strcmp(field[SESSION], own) != 0 || strlen(field[EEEEE]) != 5 ||
+    number = strlen(field[SESSION]) == 6 ? atoi(field[SESSION]) : -1;
+    printf("%s, sessão %06d: ", operation, session);
+    if (status != FISCORA_STATUS_OK || (number != session && number != asked) || strlen(field[EEEEE]) != 5 ||
         strspn(field[EEEEE], "0123456789") != 5) {
         printf("status %d, %s\n", status, explain(status));
         return false;
@@ -74,6 +76,10 @@ static bool receive(const char* operation, int session, const char* result) {
     printf("%s %s\n", field[EEEEE],
            field[says("06") || says("07") ? 3 : 2]); /* a document's CCCC stands between */
     return true;
+}
+
+static bool receive(const char* operation, int session, const char* result) {
+    return receive_about(session, operation, session, result);
 }
 
 static void expect(bool received, const char* eeeee) {
@@ -86,9 +92,12 @@ static bool ask_about(int lost) {
     printf("Não envie de novo: perguntando pela sessão %06d\n", lost);
     for (int question = 0; question < QUESTIONS; ++question) {
         const int session = next_session();
-        if (!receive("ConsultarNumeroSessao", session, ConsultarNumeroSessao(session, code, lost))) continue;
-        if (says("11003")) return false;
-        if (!says("11")) return true; /* else the question itself is refused, by a busy device for example */
+        const char* const result = ConsultarNumeroSessao(session, code, lost);
+        const bool answered = receive_about(lost, "ConsultarNumeroSessao", session, result);
+        if (answered && says("11003")) return false;
+        if (answered && !says("11"))
+            return true; /* else the question is refused, by a busy device for example */
+        sleep(PAUSE);
     }
     printf("Sessão %06d pendente: pergunte por ela antes de enviar outro documento\n", lost);
     exit(UNKNOWN);

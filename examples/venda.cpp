@@ -5,6 +5,7 @@
 #include <fiscora/fiscal/UCManipulaDadosSat.h>
 #include <fiscora/transaction/DoTransaction.h>
 
+#include <chrono>
 #include <cstdlib>
 #include <ctime>
 #include <fstream>
@@ -14,6 +15,7 @@
 #include <optional>
 #include <regex>
 #include <string>
+#include <thread>
 #include <vector>
 
 namespace {
@@ -21,6 +23,7 @@ namespace {
 enum ExitStatus { NOT_DONE = 1, NOT_BEGUN = 2, UNKNOWN = 3 };
 constexpr int SENDINGS = 2;
 constexpr int QUESTIONS = 5;
+constexpr std::chrono::seconds PAUSE{2};
 
 /// Fields of an answer; those that it has not are empty. Bytes as the device sent them, UTF-8 or, from some
 /// devices, Latin-1: iconv(3) converts.
@@ -100,12 +103,15 @@ class Till {
 
   private:
     /// Copies the answer, since the next call overwrites it, and reports it. None where there is none in
-    /// time, whole, and to this very call.
-    std::optional<Answer> receive(const char* operation, int session, const char* result) {
+    /// time, whole, and under the number of this very call or the one that it asks about, which some devices
+    /// put there.
+    std::optional<Answer> receive(const char* operation, int session, const char* result,
+                                  std::optional<int> asked = std::nullopt) {
         const std::string text = result;
         const int status = m_sat.CodigoErro();
         std::cout << operation << ", sessão " << sixDigits(session) << ": ";
-        const std::regex wanted(sixDigits(session) + "\\|[0-9]{5}\\|");
+        const std::regex wanted("(" + sixDigits(session) + "|" + sixDigits(asked.value_or(session)) +
+                                ")\\|[0-9]{5}\\|");
         const auto atStart = std::regex_constants::match_continuous;
         if (status != FISCORA_STATUS_OK || !std::regex_search(text, wanted, atStart)) {
             std::cout << "status " << status << ", " << explain(status) << std::endl;
@@ -135,12 +141,11 @@ class Till {
         std::cout << "Não envie de novo: perguntando pela sessão " << sixDigits(lost) << std::endl;
         for (int question = 0; question < QUESTIONS; ++question) {
             const int session = nextSession();
-            auto answer =
-                receive("ConsultarNumeroSessao", session, m_sat.ConsultarNumeroSessao(session, m_code, lost));
-            if (!answer) continue;
-            if (says(*answer, "11003")) return std::nullopt;
-            if (!says(*answer, "11"))
-                return answer;  // else the question itself is refused, by a busy device say
+            const char* const result = m_sat.ConsultarNumeroSessao(session, m_code, lost);
+            auto answer = receive("ConsultarNumeroSessao", session, result, lost);
+            if (answer && says(*answer, "11003")) return std::nullopt;
+            if (answer && !says(*answer, "11")) return answer;  // else it is refused, by a busy device say
+            std::this_thread::sleep_for(PAUSE);
         }
         throw Stop{UNKNOWN, "Sessão " + sixDigits(lost) +
                                 " pendente: pergunte por ela antes de enviar outro documento"};

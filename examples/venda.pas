@@ -18,7 +18,7 @@ function getVersion: PAnsiChar; cdecl; external 'fiscora';
 
 const
   NOT_DONE = 1; NOT_BEGUN = 2; UNKNOWN = 3;
-  SENDINGS = 2; QUESTIONS = 5;
+  SENDINGS = 2; QUESTIONS = 5; PAUSE = 2000; { ms }
   EEEEE = 1; LOG = 5; DOCUMENT = 6; KEY = 8; { fields of an answer }
   OK = 0; NO_ANSWER = 1; READ_ERROR = 2; REFUSED = 4; BAD_REQUEST = 8; TIMED_OUT = 32768;
 
@@ -88,17 +88,17 @@ begin
 end;
 
 { Copies the answer, since the next call overwrites it, and reports it. The fields, those that it has not empty; nil
-  where there is no answer in time, whole, and to this very call. }
-function Receive(const Operation: AnsiString; Session: LongInt; Answer: PAnsiChar): TFields;
+  where there is none in time, whole, and under the number of this very call or the one that it asks about, which some
+  devices put there. }
+function Receive(const Operation: AnsiString; Session: LongInt; Answer: PAnsiChar; Asked: LongInt = -1): TFields;
 var
-  Status: LongInt;
-  Number: Integer;
+  Status, Number: LongInt;
 begin
   Status := CodigoErro;
   Result := (AnsiString(Answer) + StringOfChar('|', KEY + 1)).Split(['|']);
   Write(Format('%s, sessão %.6d: ', [Operation, Session]));
-  if (Status <> OK) or (Result[0] <> Format('%.6d', [Session])) or (Length(Result[EEEEE]) <> 5)
-    or not TryStrToInt(Result[EEEEE], Number) then
+  if (Status <> OK) or (Length(Result[EEEEE]) <> 5) or not TryStrToInt(Result[EEEEE], Number)
+    or ((Result[0] <> Format('%.6d', [Session])) and (Result[0] <> Format('%.6d', [Asked]))) then
   begin
     WriteLn(Format('status %d, %s', [Status, Explain(Status)]));
     Exit(nil);
@@ -126,10 +126,10 @@ begin
   for Question := 1 to QUESTIONS do
   begin
     Session := NextSession;
-    Result := Receive('ConsultarNumeroSessao', Session, ConsultarNumeroSessao(Session, PAnsiChar(Code), Lost));
-    if Result = nil then Continue;
-    if Result[EEEEE] = '11003' then Exit(nil);
-    if not Result[EEEEE].StartsWith('11') then Exit; { else the question itself is refused, by a busy device for example }
+    Result := Receive('ConsultarNumeroSessao', Session, ConsultarNumeroSessao(Session, PAnsiChar(Code), Lost), Lost);
+    if (Result <> nil) and (Result[EEEEE] = '11003') then Exit(nil);
+    if (Result <> nil) and not Result[EEEEE].StartsWith('11') then Exit; { else it is refused, by a busy device say }
+    Sleep(PAUSE);
   end;
   Stop(UNKNOWN, Format('Sessão %.6d pendente: pergunte por ela antes de enviar outro documento', [Lost]));
 end;

@@ -12,7 +12,7 @@ import time
 from pathlib import Path
 
 NOT_DONE, NOT_BEGUN, UNKNOWN = 1, 2, 3
-SENDINGS, QUESTIONS = 2, 5
+SENDINGS, QUESTIONS, PAUSE = 2, 5, 2  # s
 EEEEE, LOG, DOCUMENT, KEY = 1, 5, 6, 8  # fields of an answer
 
 OK, NO_ANSWER, READ_ERROR, REFUSED, BAD_REQUEST, TIMEOUT = 0, 1, 2, 4, 8, 32768
@@ -57,13 +57,15 @@ def text(raw):
         return raw.decode("latin-1")
 
 
-def call(operation, session, *arguments):
+def call(operation, session, *arguments, asked=None):
     """Calls and reports; numbers go as int, texts as bytes. The fields of the answer, those that it has not empty; None
-    where there is no answer in time, whole, and to this very call."""
+    where there is none in time, whole, and under the number of this very call or the one that it asks about, which some
+    devices put there."""
+    numbers = f"{session:06}|{session if asked is None else asked:06}"
     answer = text(getattr(library, operation)(session, *arguments))
     status = library.CodigoErro()
     print(f"{operation}, sessão {session:06}: ", end="")
-    if status != OK or not re.match(rf"{session:06}\|[0-9]{{5}}\|", answer):
+    if status != OK or not re.match(rf"({numbers})\|[0-9]{{5}}\|", answer):
         print(f"status {status}, {EXPLANATIONS.get(status, 'status desconhecido')}")
         return None
     fields = (answer + "|" * KEY).split("|")
@@ -82,13 +84,12 @@ def ask_about(lost, code):
     """What the device answered in a session whose answer is missing; None where it knows nothing of it."""
     print(f"Não envie de novo: perguntando pela sessão {lost:06}")
     for _ in range(QUESTIONS):
-        fields = call("ConsultarNumeroSessao", next_session(), code, lost)
-        if not fields:
-            continue
-        if fields[EEEEE] == "11003":
+        fields = call("ConsultarNumeroSessao", next_session(), code, lost, asked=lost)
+        if fields and fields[EEEEE] == "11003":
             return None
-        if not fields[EEEEE].startswith("11"):  # else the question itself is refused, by a busy device for example
+        if fields and not fields[EEEEE].startswith("11"):  # else the question is refused, by a busy device for example
             return fields
+        time.sleep(PAUSE)
     stop(UNKNOWN, f"Sessão {lost:06} pendente: pergunte por ela antes de enviar outro documento")
 
 

@@ -7,7 +7,7 @@ const { isUtf8 } = require('node:buffer');
 const koffi = require('koffi');
 
 const NOT_DONE = 1, NOT_BEGUN = 2, UNKNOWN = 3;
-const SENDINGS = 2, QUESTIONS = 5;
+const SENDINGS = 2, QUESTIONS = 5, PAUSE = 2000; // ms
 const EEEEE = 1, LOG = 5, DOCUMENT = 6, KEY = 8; // fields of an answer
 
 const OK = 0, NO_ANSWER = 1, READ_ERROR = 2, REFUSED = 4, BAD_REQUEST = 8, TIMEOUT = 32768;
@@ -58,13 +58,14 @@ function text(pointer) {
 
 /**
  * Calls and reports. The fields of the answer, those that it has not empty; null where there is none in time, whole, and
- * to this very call.
+ * under the number of this very call or the one that it asks about, which some devices put there.
  */
 function call(operation, session, ...rest) {
+    const asked = operation === 'ConsultarNumeroSessao' ? rest.at(-1) : session;
     const answer = text(fiscora[operation](session, ...rest));
     const status = fiscora.CodigoErro();
     const report = (outcome) => console.log(`${operation}, sessão ${sixDigits(session)}: ${outcome}`);
-    if (status !== OK || !new RegExp(`^${sixDigits(session)}\\|[0-9]{5}\\|`).test(answer)) {
+    if (status !== OK || !new RegExp(`^(${sixDigits(session)}|${sixDigits(asked)})\\|[0-9]{5}\\|`).test(answer)) {
         report(`status ${status}, ${EXPLANATIONS[status] ?? 'status desconhecido'}`);
         return null;
     }
@@ -84,9 +85,9 @@ function askAbout(lost, code) {
     console.log(`Não envie de novo: perguntando pela sessão ${sixDigits(lost)}`);
     for (let question = 0; question < QUESTIONS; ++question) {
         const fields = call('ConsultarNumeroSessao', nextSession(), code, lost);
-        if (!fields) continue;
-        if (fields[EEEEE] === '11003') return null;
-        if (!fields[EEEEE].startsWith('11')) return fields; // else the question is refused, by a busy device say
+        if (fields?.[EEEEE] === '11003') return null;
+        if (fields && !fields[EEEEE].startsWith('11')) return fields; // else it is refused, by a busy device say
+        Atomics.wait(new Int32Array(new SharedArrayBuffer(4)), 0, 0, PAUSE);
     }
     stop(UNKNOWN, `Sessão ${sixDigits(lost)} pendente: pergunte por ela antes de enviar outro documento`);
 }
