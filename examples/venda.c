@@ -161,7 +161,8 @@ int main(void) {
     sale = read_file("venda.xml");
     form = read_file("cancelamento.xml");
     mark = strstr(form, "CHAVE");
-    if (mark == NULL) stop(NOT_BEGUN, "Falta CHAVE em cancelamento.xml");
+    if (mark == NULL || strlen(form) + sizeof key > sizeof cancellation)
+        stop(NOT_BEGUN, "Falta CHAVE em cancelamento.xml, ou ele é grande demais");
     printf("Biblioteca fiscora, driver %s\n", getVersion());
 
     session = next_session();
