@@ -1,7 +1,6 @@
 // Whole calls, from the flat function's arguments to its result, with their time shared out among its parts.
 
 #include <benchmark/benchmark.h>
-#include <malloc.h>
 #include <sys/prctl.h>
 #include <sys/wait.h>
 #include <termios.h>
@@ -17,7 +16,7 @@
 #include <string>
 #include <vector>
 
-#include "benchmarks.h"
+#include "calls.h"
 #include "encoding/Base64.h"
 #include "fiscora.h"
 #include "link/discovery.h"
@@ -131,7 +130,7 @@ void sale(State& state) {
         const auto [place, isNew] = state.counters.try_emplace(name, seconds);
         if (!isNew) place->second.value = std::min(place->second.value, seconds);
     };
-    for (auto _ : state) {
+    while (state.KeepRunning()) {
         call();
         least("request", own(line.request()));
         least("deflate", line.request().cpu[DEFLATE]);
@@ -229,7 +228,7 @@ class SimulatedLine {
 void consultarSAT(State& state) {
     const WorkingDirectory folder;
     SimulatedLine line;
-    for (auto _ : state) {
+    while (state.KeepRunning()) {
         Stopwatch::start();
         const std::string answer = ConsultarSAT(1);
         const Times times = Stopwatch::stop();
@@ -244,17 +243,9 @@ void consultarSAT(State& state) {
     }
 }
 
-}  // namespace
-
-void registerSales(int calls) {
-    // Memory stays with the process between calls, whatever sizes were freed before: else glibc gives more of
-    // it back after some sizes than after others.
-    mallopt(M_MMAP_THRESHOLD, 32 * 1024 * 1024);
-    mallopt(M_TRIM_THRESHOLD, 256 * 1024 * 1024);
-    auto* const sales = benchmark::RegisterBenchmark("sale", sale)->UseManualTime()->Iterations(calls);
+BENCHMARK(sale)->UseManualTime()->Iterations(30)->Apply([](auto* sales) {
     for (const std::size_t bytes : CALL_BYTES) sales->Arg(static_cast<std::int64_t>(bytes));
-}
+});
+BENCHMARK(consultarSAT)->Name("ConsultarSAT")->UseManualTime()->Iterations(1);
 
-void registerConsultarSAT() {
-    benchmark::RegisterBenchmark("ConsultarSAT", consultarSAT)->UseManualTime()->Iterations(1);
-}
+}  // namespace
