@@ -12,7 +12,8 @@
 // frame, and from the frame to g_resp, its log lines and checksums included), `checksum` (the answer's),
 // `deflate`, `inflate`.
 //
-// ConsultarSAT: on the simulated device. Counters, in seconds: one for each part, and `total`.
+// ConsultarSAT: on the simulated device. Counters, the least of the calls in seconds: one for each part, and
+// `total`.
 
 /// Sizes of a sale's document, and of the answer to it.
 constexpr std::array<std::size_t, 4> CALL_BYTES = {1'024, 65'536, 819'200, 1'572'864};
