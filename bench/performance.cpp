@@ -126,6 +126,17 @@ Row growthRow(const std::string& what, const Least& seconds, const char* way) {
             behind / before <= LIMIT};
 }
 
+/// What a byte costs in all, zlib's part left out, by size: less where it bears less of a call's fixed part.
+Row wholeRow(const Least& seconds, const char* way) {
+    std::string figures;
+    double figure = 0;
+    for (std::size_t i = 1; i < CALL_BYTES.size(); ++i) {
+        figure = seconds[sale(CALL_BYTES[i], way)] / static_cast<double>(CALL_BYTES[i]);
+        figures += (i > 1 ? "/" : "") + text("%.2f", figure * NS);
+    }
+    return {"  all in all, 64 KiB/800 KiB/1.5 MiB, in ns/B", figures, "", "", "", figure, true};
+}
+
 /// Of a program that makes a full-size sale on the simulated device.
 double peakMiB() {
     FILE* const output = realPopen(FISCORA_TOOL " sim -- " FULL_SIZE_SALE);
@@ -157,7 +168,9 @@ std::vector<Row> tableOf(const Least& seconds, double peak) {
                (seconds["ConsultarSAT total"] - PAUSES_S) * MS),
         {"  of which the shell of the device search", text("%.1f ms", searchMs), "", "", "", searchMs, true},
         growthRow("a byte more to send, above 800 KiB; below", seconds, "request"),
+        wholeRow(seconds, "request"),
         growthRow("a byte more received, above 800 KiB; below", seconds, "answer"),
+        wholeRow(seconds, "answer"),
         atMost(24, "peak memory of a full-size sale", "%.1f MiB", peak),
     };
 }
