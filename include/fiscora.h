@@ -37,10 +37,10 @@
  * Threads: one call at a time in the process, from a thread that nobody cancels (pthread_cancel). No call
  * from a static destructor or an atexit handler.
  *
- * Signals: those with a handler are held back from the calling thread while it pauses or waits for the
- * answer, a tenth of a second at a time, a second at the end. A handler that was installed without SA_RESTART
- * and runs while the device is looked for can end the call with FISCORA_STATUS_NO_ANSWER, and one that
- * interrupts the sending with FISCORA_STATUS_TIMEOUT.
+ * Signals are held back from the calling thread while it pauses or waits for the answer, a tenth of a second
+ * at a time, a second at the end. A handler that was installed without SA_RESTART and runs while the device
+ * is looked for can end the call with FISCORA_STATUS_NO_ANSWER, and one that interrupts the sending with
+ * FISCORA_STATUS_TIMEOUT.
  *
  * Clock: durations are measured by the system's clock. Set forward during a call it shortens the wait, set
  * back it lengthens it, but not beyond 50 seconds of silence.

@@ -12,7 +12,6 @@
 #include <cerrno>
 #include <csignal>
 #include <limits>
-#include <optional>
 
 #include "diagnostics/logdebug.h"
 #include "fiscora.h"
@@ -51,21 +50,16 @@ void error(const char* text) {
     logOrDrop([&](LogDebug& log) { log.saveLog("error", text); });
 }
 
-/// Holds the signals that have a handler back from the calling thread while it lives. A handler would cut a
-/// pause short, and end a read or (SA_RESTART) start its tenth of a second anew: where signals come more
-/// often than that, a silent device would hold the caller without end.
+/// Holds signals back from the calling thread while it lives, but for those that a fault of its own raises. A
+/// handler would cut a pause short, and end a read or (SA_RESTART) start its tenth of a second anew: where
+/// signals come more often than that, a silent device would hold the caller without end.
 class SignalsHeldBack {
   public:
     SignalsHeldBack() {
-        sigset_t handled;
-        sigemptyset(&handled);
-        for (int signal = 1; signal < NSIG; ++signal) {
-            struct sigaction action {};
-            const bool known = sigaction(signal, nullptr, &action) == 0;
-            if (known && action.sa_handler != SIG_DFL && action.sa_handler != SIG_IGN)
-                sigaddset(&handled, signal);
-        }
-        pthread_sigmask(SIG_BLOCK, &handled, &m_before);
+        sigset_t held;
+        sigfillset(&held);
+        for (const int fault : {SIGSEGV, SIGBUS, SIGFPE, SIGILL, SIGTRAP, SIGABRT}) sigdelset(&held, fault);
+        pthread_sigmask(SIG_BLOCK, &held, &m_before);
     }
     SignalsHeldBack(const SignalsHeldBack&) = delete;
     SignalsHeldBack& operator=(const SignalsHeldBack&) = delete;
@@ -194,14 +188,9 @@ int SerialCommChannel::writePiece(const char* data, std::uint32_t length) {
 
 int SerialCommChannel::readPiece(char* buffer, unsigned long capacity) {
     if (fdSerial == -1) return -1;
+    const SignalsHeldBack guard;
     pollfd input{fdSerial, POLLIN, 0};
-    // A read that finds something does not wait, and to look after the signals would cost it more than
-    // itself.
-    std::optional<SignalsHeldBack> guard;
-    if (poll(&input, 1, 0) <= 0) {
-        guard.emplace();
-        if (!readsTimeOut && poll(&input, 1, READ_TIMEOUT_MS) == 0) return 0;
-    }
+    if (!readsTimeOut && poll(&input, 1, READ_TIMEOUT_MS) == 0) return 0;
     return static_cast<int>(read(fdSerial, buffer, capacity));
 }
 
