@@ -135,9 +135,10 @@ int Message::compress() {
     const int result = compress2(output.get(), &size, zlibBytes(d->body), d->body.size(), Z_BEST_COMPRESSION);
     if (result != Z_OK) return result;
 
+    std::string compressed(reinterpret_cast<const char*>(output.get()), size);
     d->headerMap[HDR_CONTENT_TYPE] = HDR_CONTENT_COMPRESSED;
     d->headerMap[HDR_CONTENT_SIZE] = sizeText(size);
-    d->body = std::string(reinterpret_cast<const char*>(output.get()), size);
+    d->body = std::move(compressed);
     return Z_OK;
 }
 

@@ -16,7 +16,7 @@ constexpr char LF = '\n';
 constexpr std::uint64_t MAX_HEAD_TEXT = 4096;
 
 /// The most that is reserved for a body because a head announces it: any answer fits, and a head that
-/// promises more than ever comes costs no more than this.
+/// promises more than ever comes costs about this much.
 constexpr std::uint64_t MAX_RESERVED = 2 * 1024 * 1024;
 
 /// The last header line's own CR LF and the two of HDR_START_DATA.
@@ -106,8 +106,8 @@ Message::ParserState MessagePrivate::headComplete() {
     }
     body.clear();
     if (contentSize > 0) {
-        body.reserve(std::min(contentSize, MAX_RESERVED));
         parserState = BODY_BYTES;
+        body.reserve(std::min(contentSize, MAX_RESERVED));
         return Message::PARSER_IN_PROGRESS;
     }
     parserState = NO_BODY;

@@ -1,6 +1,5 @@
 #include "transaction/DoTransaction.h"
 
-#include <algorithm>
 #include <array>
 #include <cstdio>
 #include <cstring>
@@ -28,9 +27,13 @@ const char* fieldOr(const std::vector<std::string>& fields, std::size_t index, c
 
 /// The first fields of a text, without the documents that may stand behind them.
 std::vector<std::string> firstFields(const std::string& text, int count) {
-    std::size_t size = 0;
-    while (count-- > 0 && size < text.size()) size = std::min(text.find('|', size), text.size() - 1) + 1;
-    return split(text.substr(0, size), '|');
+    std::size_t end = 0;
+    for (; count > 0; --count) {
+        const std::size_t separator = text.find('|', end);
+        if (separator == std::string::npos) return split(text, '|');
+        end = separator + 1;
+    }
+    return split(text.substr(0, end), '|');
 }
 
 void logRequest(const char* command, const std::string& request) {
