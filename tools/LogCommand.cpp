@@ -1,5 +1,6 @@
 #include "LogCommand.h"
 
+#include <fnmatch.h>
 #include <unistd.h>
 
 #include <cerrno>
@@ -54,12 +55,15 @@ class PictureFile {
   public:
     explicit PictureFile(const std::string& path) : m_path(path) {
         std::error_code error;
+        if (fs::is_symlink(path, error) && !fs::exists(path, error)) refuse("a link that leads nowhere");
         if (fs::exists(path, error)) {
             m_path = fs::canonical(path, error);  // a link stays, and what it leads to is replaced
             if (!fs::is_regular_file(m_path, error)) refuse("not a regular file");
             if (access(m_path.c_str(), W_OK) != 0) refuse(std::strerror(errno));
         }
-        if (m_path.filename().empty()) refuse("not the name of a file");
+        const std::string name = m_path.filename();
+        if (name.empty()) refuse("not the name of a file");
+        if (fnmatch("logDrs*", name.c_str(), 0) == 0) refuse("the name of a log");
         m_new = m_path.string() + "." + std::to_string(getpid()) + ".new";
         if (!create()) refuse(std::strerror(errno));
         std::remove(m_new.c_str());
@@ -141,14 +145,7 @@ int LogCommand::run(const std::vector<std::string>& operands) {
     const fs::path directory = logDirectory(m_directory);
     const auto files = logsIn(directory, m_since);
     std::optional<PictureFile> pictureFile;
-    if (m_options->count("--svg") > 0) {
-        for (const auto& log : logsIn(directory, "")) {
-            std::error_code error;
-            if (fs::equivalent(log.path, m_picturePath, error))
-                throw CLI::ValidationError("--svg: " + m_picturePath + " is a log and stays one");
-        }
-        pictureFile.emplace(m_picturePath);
-    }
+    if (m_options->count("--svg") > 0) pictureFile.emplace(m_picturePath);
 
     logs::Exchanges exchanges;
     const auto complaints = logs::readLogs(files, [&](std::string_view line) { exchanges.take(line); });

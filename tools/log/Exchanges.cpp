@@ -11,8 +11,9 @@
 namespace logs {
 namespace {
 
-constexpr char LOG_TIME[] = "%Y-%m-%d.%H:%M:%S";
-constexpr std::size_t LOG_TIME_BYTES = 19;
+/// The library writes the time of day as the application's locale has it: almost everywhere as the first of
+/// these, in North America by twelve hours, in the north of Europe with points.
+constexpr const char* LOG_TIMES[] = {"%Y-%m-%d.%H:%M:%S", "%Y-%m-%d.%I:%M:%S %p", "%Y-%m-%d.%H.%M.%S"};
 
 /// The code of a message that no answer has filled.
 constexpr std::string_view NO_ANSWER_CODE = "0";
@@ -67,12 +68,14 @@ bool fits(const Exchange& exchange, std::time_t end, std::string_view code, int 
 
 std::optional<std::time_t> parseTime(std::string_view text) {
     const std::string copy(text);
-    tm fields{};
-    if (strptime(copy.c_str(), LOG_TIME, &fields) == nullptr) return std::nullopt;
-    const std::time_t time = timegm(&fields);
-    // strptime takes less than two digits, and the 31st of each month.
-    if (timeText(time, LOG_TIME) != text) return std::nullopt;
-    return time;
+    for (const char* const format : LOG_TIMES) {
+        tm fields{};
+        if (strptime(copy.c_str(), format, &fields) == nullptr) continue;
+        const std::time_t time = timegm(&fields);
+        // strptime takes less than two digits, and the 31st of each month.
+        if (timeText(time, format) == text) return time;
+    }
+    return std::nullopt;
 }
 
 std::string timeText(std::time_t time, const char* format) {
@@ -98,11 +101,8 @@ void Exchanges::take(std::string_view line) {
 bool Exchanges::isTaken(std::string_view line) {
     if (takePrefix(line, "DRS Version: ")) return true;
     if (line.size() > LINE_MAX_BYTES || !takePrefix(line, "[")) return false;
-    const auto time = parseTime(line.substr(0, LOG_TIME_BYTES));
-    if (!time) return false;
-    line.remove_prefix(LOG_TIME_BYTES);
-    if (!takePrefix(line, "] - [") || !takeUntil(line, ", ") || line.empty() || line.back() != ']')
-        return false;
+    const auto time = parseTime(takeUntil(line, "] - [").value_or(""));
+    if (!time || !takeUntil(line, ", ") || line.empty() || line.back() != ']') return false;
     line.remove_suffix(1);
     if (takePrefix(line, "txCode: ")) return begins(*time, line);
     if (takePrefix(line, "rxCode: ")) return ends(*time, line);

@@ -10,7 +10,8 @@
 namespace logs {
 
 /// A local time of the log: seconds since 1970-01-01 00:00:00 of the same local clock, without leaps for
-/// daylight saving. Nothing where `text` is not "YYYY-MM-DD.HH:MM:SS" or there is no such time.
+/// daylight saving. Nothing where `text` is not "YYYY-MM-DD.HH:MM:SS", or its
+/// time of day in the form of another locale, or there is no such time.
 std::optional<std::time_t> parseTime(std::string_view text);
 /// `time` in a format of strftime.
 std::string timeText(std::time_t time, const char* format = "%Y-%m-%d %H:%M:%S");
