@@ -50,6 +50,7 @@ void hold(int node) { EXPECT_GE(dup(node), 0); }
 void holdAlone(int node) { hold(node), ioctl(node, TIOCEXCL); }
 void hide(int /*node*/) { prctl(PR_SET_DUMPABLE, 0); }
 void holdAsModemManager(int node) { hold(node), prctl(PR_SET_NAME, "ModemManager"); }
+void runAsModemManager(int /*node*/) { prctl(PR_SET_NAME, "ModemManager"); }
 void hideAsModemManager(int node) { hide(node), prctl(PR_SET_NAME, "ModemManager"); }
 void hideFromModemManager(int node) {
     struct stat status {};
@@ -99,6 +100,7 @@ const World WORLDS[] = {
     {"HeldByModemManager", "", "oooooewoo", "ModemManager ignore o equipamento", holdAsModemManager},
     {"HeldAlone", "", "oooooeeoo", "só para um outro processo", holdAlone},
     {"HiddenProcess", "", "ooooooooo", "Para ver todos", hide},
+    {"ModemManagerElsewhere", "", "ooooowooo", "o ModemManager está em execução", runAsModemManager},
     {"HiddenModemManager", "", "ooooowooo", "o ModemManager está em execução", hideAsModemManager},
     {"ModemManagerWithRule", "", "ooooooooo", "Para ver todos", hideFromModemManager},
     {"NoTerminal", "ln -sf zero /dev/ttyACM0", "ooooooeoo", "não é um terminal"},
@@ -109,6 +111,7 @@ const World WORLDS[] = {
     {"LogsReadOnly", "mkdir -m 555 logsDrs", "ooooooowo", "não pode gravar nela"},
     {"LogOfTheDayReadOnly", "mkdir logsDrs; cd logsDrs; touch a logDrs$(date +%Y%m%d).log; chmod 444 *",
      "ooooooowo", "não pode gravar o log de hoje"},
+    {"LogOfTheDayAFolder", "mkdir -p logsDrs/logDrs$(date +%Y%m%d).log", "ooooooowo", "não é um arquivo"},
     {"FolderReadOnly", "mkdir -m 555 here", "ooooooowo", "não pode criá-la", enter},
     {"FolderGone", "mkdir here", "ooooooowo", "pasta de trabalho não existe", enterAndRemove},
     {"ArchiveNotRenamed", "mkdir logsDrs; touch logsDrs/logDrs20260101.log.tar.gz", "ooooooowo",

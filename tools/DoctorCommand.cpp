@@ -1,6 +1,5 @@
 #include "DoctorCommand.h"
 
-#include <algorithm>
 #include <cstdlib>
 #include <iostream>
 #include <map>
@@ -8,6 +7,7 @@
 #include <string_view>
 
 #include "doctor/Examination.h"
+#include "terminal_text.h"
 
 namespace tool {
 namespace {
@@ -57,13 +57,6 @@ constexpr VerdictNames namesOf(Verdict verdict) {
         case Verdict::Error: return {"ERRO  ", "error"};
         default: return {"pulado", "skipped"};
     }
-}
-
-/// The names of processes and files can hold what a terminal would obey.
-std::string withoutControls(std::string text) {
-    const auto isControl = [](unsigned char c) { return c < ' ' || c == 0x7f; };
-    std::replace_if(text.begin(), text.end(), isControl, '?');
-    return text;
 }
 
 /// Runs the checks and gives each finding to `report` as it comes.

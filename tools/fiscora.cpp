@@ -10,14 +10,14 @@
 #include "DoctorCommand.h"
 #include "LogCommand.h"
 #include "SimCommand.h"
+#include "terminal_text.h"
 
 namespace {
 
 constexpr int USAGE_STATUS = 2;
 
 int refuse(const std::string& name, const std::string& reason, const std::string& usage) {
-    // CLI11 explains some errors on several lines; the first one says it.
-    std::cerr << name << ": " << reason.substr(0, reason.find('\n')) << " (usage: " << usage << ")\n";
+    std::cerr << name << ": " << tool::withoutControls(reason) << " (usage: " << usage << ")\n";
     return USAGE_STATUS;
 }
 

@@ -4,8 +4,10 @@
 #include <unistd.h>
 
 #include <array>
+#include <cerrno>
 #include <cstdio>
 #include <cstdlib>
+#include <cstring>
 #include <memory>
 
 #include "link/discovery.h"
@@ -17,6 +19,19 @@ Examination::Examination()
     : node(channel.findUsbDevice()),
       listing(firstLineOf(serial::DISCOVERY_COMMAND)),
       simulatedLine(std::getenv(sim::LINE_VARIABLE)) {}
+
+std::string reason(int error) {
+    switch (error) {
+        case ENOENT: return "não existe";
+        case EACCES: return "sem permissão";
+        case EPERM: return "proibido pelo sistema; em um contêiner, dê-lhe acesso ao dispositivo";
+        case ENXIO:
+        case ENODEV: return "não há aparelho atrás dele";
+        case EIO: return "erro de entrada ou saída";
+        case ELOOP: return "links em círculo";
+        default: return std::strerror(error);
+    }
+}
 
 std::string listed(const std::vector<std::string>& words) {
     std::string text;

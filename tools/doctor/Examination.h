@@ -41,6 +41,8 @@ Finding checkCommands(Examination& examination);
 /// Makes a call to the device, which takes up to a minute.
 Finding checkAnswer(Examination& examination);
 
+/// What an errno means, in the technician's language.
+std::string reason(int error);
 /// Words with commas between them.
 std::string listed(const std::vector<std::string>& words);
 /// "1 log", "2 logs".

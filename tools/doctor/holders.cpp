@@ -57,6 +57,7 @@ Holders findHolders(dev_t device) {
             continue;
         const Process process{std::stoi(number), nameOf(entry.path())};
         if (process.pid == getpid()) continue;
+        result.modemManagerRuns = result.modemManagerRuns || isModemManager(process);
         const auto open = holds(entry.path(), device);
         if (!open) result.unread.push_back(process);
         if (open.value_or(false)) result.holding.push_back(process);

@@ -19,7 +19,8 @@ bool isModemManager(const Process& process);
 struct Holders {
     std::vector<Process> holding{};  ///< have the node open
     std::vector<Process> unread{};   ///< do not show their files
-    bool allShown = true;            ///< false where /proc hides other users' processes altogether
+    bool modemManagerRuns = false;
+    bool allShown = true;  ///< false where /proc hides other users' processes altogether
 };
 
 /// Who has the character device of that number open, under whatever name.

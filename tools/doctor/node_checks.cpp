@@ -11,7 +11,6 @@
 #include <array>
 #include <cerrno>
 #include <cstdio>
-#include <cstring>
 #include <fstream>
 
 #include "doctor/Examination.h"
@@ -20,8 +19,14 @@
 namespace doctor {
 namespace {
 
-constexpr char INSTALL_RULE[] =
-    "instale a regra do udev que vem com a biblioteca (pacote libfiscora1) e religue o cabo USB.";
+std::string adviseRule(const std::string& purpose) {
+    return purpose +
+           ", instale a regra do udev que vem com a biblioteca (pacote libfiscora1) e religue o cabo USB.";
+}
+
+std::string adviseRuleAgainstModemManager() {
+    return adviseRule("Para que o ModemManager ignore o equipamento");
+}
 
 std::string groupName(gid_t group) {
     const struct group* entry = getgrgid(group);
@@ -54,12 +59,6 @@ bool isRegisteredInGroup(gid_t group) {
     getgrouplist(user->pw_name, user->pw_gid, groups.data(), &count);
     const auto end = groups.cbegin() + std::min<int>(count, groups.size());
     return std::find(groups.cbegin(), end, group) != end;
-}
-
-/// What to do about the modem managers among `processes`; empty where there are none.
-std::string modemManagerAdvice(const std::vector<Process>& processes) {
-    const bool present = std::any_of(processes.begin(), processes.end(), isModemManager);
-    return present ? std::string("Para que o ModemManager ignore o equipamento, ") + INSTALL_RULE : "";
 }
 
 /// Whether a udev rule tells modem managers to leave the node alone: ModemManager's documented properties, in
@@ -101,7 +100,7 @@ Finding checkNode(Examination& examination) {
     const std::string& node = examination.node;
     struct stat& status = examination.nodeStatus;
     if (stat(node.c_str(), &status) != 0)
-        return error(node + ": " + std::strerror(errno), "Religue o cabo USB do equipamento.");
+        return error(node + ": " + reason(errno), "Religue o cabo USB do equipamento.");
     if (!S_ISCHR(status.st_mode))
         return error(node + " não é um dispositivo de caracteres",
                      "Apague-o com \"sudo rm -r " + node + "\" e religue o cabo USB do equipamento.");
@@ -124,7 +123,7 @@ Finding checkPermission(Examination& examination) {
 
     const std::string denied = user + " não pode ler e gravar " + rights;
     if (!servesGroup || isInGroup(status.st_gid))
-        return error(denied, std::string("Para dar o nó ao grupo dialout, ") + INSTALL_RULE);
+        return error(denied, adviseRule("Para dar o nó ao grupo dialout"));
     if (isRegisteredInGroup(status.st_gid))
         return error(denied + "; já está no grupo " + group + ", mas esta sessão é mais antiga",
                      "Saia da sessão e entre de novo, e reinicie o aplicativo.");
@@ -136,21 +135,18 @@ Finding checkHolders(Examination& examination) {
     const Holders holders = findHolders(examination.nodeStatus.st_rdev);
     examination.holders = holders.holding;
     if (!holders.holding.empty()) {
-        const std::string advice = modemManagerAdvice(holders.holding);
+        const bool byModemManager =
+            std::any_of(holders.holding.begin(), holders.holding.end(), isModemManager);
         return error(examination.node + " está aberto por " + describe(holders.holding),
-                     !advice.empty()
-                         ? advice
+                     byModemManager
+                         ? adviseRuleAgainstModemManager()
                          : "Espere o fim da chamada em curso, ou encerre esse programa, e rode de novo.");
     }
-    if (holders.unread.empty() && holders.allShown)
-        return ok("nenhum outro processo tem " + examination.node + " aberto");
-    const std::string found =
-        "nenhum processo à vista tem " + examination.node + " aberto, mas nem todos se mostram";
-    const std::string toSeeAll = "Para ver todos: sudo fiscora doctor.";
-    const std::string advice = modemManagerAdvice(holders.unread);
-    if (advice.empty() || isHiddenFromModemManagers(examination.nodeStatus.st_rdev))
-        return {Verdict::Ok, found, toSeeAll};
-    return warning(found + ", e o ModemManager está em execução", advice + " " + toSeeAll);
+    const std::string found = "nenhum outro processo à vista tem " + examination.node + " aberto";
+    if (holders.modemManagerRuns && !isHiddenFromModemManagers(examination.nodeStatus.st_rdev))
+        return warning(found + ", mas o ModemManager está em execução", adviseRuleAgainstModemManager());
+    if (holders.unread.empty() && holders.allShown) return ok(found);
+    return {Verdict::Ok, found + ", mas nem todos se mostram", "Para ver todos: sudo fiscora doctor."};
 }
 
 Finding checkTerminal(Examination& examination) {
@@ -161,8 +157,7 @@ Finding checkTerminal(Examination& examination) {
     if (line.get() < 0 && errno == EBUSY)
         return error(node + " está aberto só para um outro processo", "Encerre o processo que o tem aberto.");
     if (line.get() < 0)
-        return error(node + " não abre: " + std::strerror(errno),
-                     "Desligue e religue o equipamento e o cabo USB.");
+        return error(node + " não abre: " + reason(errno), "Desligue e religue o equipamento e o cabo USB.");
     if (isatty(line.get()) == 0)
         return error(node + " abre, mas não é um terminal", "Desligue e religue o cabo USB do equipamento.");
     if (!examination.holders.empty())

@@ -55,7 +55,7 @@ std::string usbDevice(const std::string& product, const std::string& port) {
 Finding missingEntry(Examination& examination, const std::vector<std::string>& names,
                      const std::error_code& failure) {
     if (failure && failure != std::errc::no_such_file_or_directory)
-        return error(std::string(BY_ID) + " não pode ser lida: " + failure.message(),
+        return error(std::string(BY_ID) + " não pode ser lida: " + reason(failure.value()),
                      "Rode na conta do aplicativo e confira as permissões da pasta.");
     if (!examination.usbDevicePresent) return skipped("sem o aparelho no USB não há entrada");
     const std::unique_ptr<char, decltype(&std::free)> terminal(examination.channel.findUsbDeviceByVendorId(),
@@ -101,7 +101,7 @@ Finding checkUsbDevice(Examination& examination) {
         return warning(absent + ", mas a biblioteca acha " + examination.node,
                        "Confira se " + examination.node + " é o equipamento fiscal.");
     if (failure)
-        return error(std::string(USB_DEVICES) + " não pode ser lida: " + failure.message(),
+        return error(std::string(USB_DEVICES) + " não pode ser lida: " + reason(failure.value()),
                      "Em um contêiner ou máquina virtual, entregue-lhe o aparelho USB.");
     return error(absent, "Ligue o equipamento, confira o cabo e a fonte, espere-o iniciar e rode de novo.");
 }

@@ -30,6 +30,13 @@ Finding withoutLog(const std::string& found, const std::string& remedy) {
     return warning(found, "As chamadas seguem, mas sem log: " + remedy);
 }
 
+/// `path` as one word of a shell.
+std::string quoted(const std::string& path) {
+    std::string word = "'";
+    for (const char character : path) word += character == '\'' ? "'\\''" : std::string(1, character);
+    return word + "'";
+}
+
 /// The present log directory, `place`.
 Finding checkLogs(const std::string& place) {
     int logs = 0;
@@ -44,15 +51,19 @@ Finding checkLogs(const std::string& place) {
         if (matches("logDrs*.log.tar.gz", name)) unnamed.push_back(name);
     }
     const std::string user = userName();
-    const std::string mend = "rode \"sudo chown -R " + user + " '" + place + "'\".";
-    if (unreadable) return withoutLog(place + " não pode ser lida: " + unreadable.message(), mend);
+    const std::string mend = "rode \"sudo chown -R " + user + " " + quoted(place) + "\".";
+    if (unreadable) return withoutLog(place + " não pode ser lida: " + reason(unreadable.value()), mend);
     const std::string found =
         place + ": " + counted(logs, "log") + ", " + counted(archives, "arquivo") + " .tar.gz";
     const std::string today = std::string(LOG_DIRECTORY) + "/logDrs" + localTimeText("%Y%m%d") + ".log";
     if (!isWritable(LOG_DIRECTORY, W_OK | X_OK))
         return withoutLog(found + "; " + user + " não pode gravar nela", mend);
+    if (fs::exists(today, unreadable) && !fs::is_regular_file(today, unreadable))
+        return withoutLog(today + " não é um arquivo", "renomeie-o.");
     if (fs::exists(today, unreadable) && !isWritable(today, W_OK))
         return withoutLog(found + "; " + user + " não pode gravar o log de hoje", mend);
+    if (fs::space(LOG_DIRECTORY, unreadable).available == 0)
+        return withoutLog(found + "; o disco está cheio", "libere espaço.");
     if (!unnamed.empty())
         return warning(found + "; falhou a renomeação de " + listed(unnamed),
                        "Tire o \".log\" do meio do nome, se o outro nome ainda não existe.");
