@@ -28,7 +28,7 @@ _fiscora() {
         done
     fi
 
-    # "=" and "@" are words of their own, as bash breaks a line.
+    # "=" is a word of its own, as bash breaks a line, and "@" where bash-completion has not been loaded.
     if [[ $word == = || $word == @ ]]; then previous=$word word=""; fi
     [[ $previous != = ]] || previous=${COMP_WORDS[COMP_CWORD - 1 - (${#word} > 0)]}
 
@@ -43,6 +43,8 @@ _fiscora() {
         *)
             if [[ $word == -* ]]; then
                 mapfile -t COMPREPLY < <(compgen -W "$(_fiscora_options "$tool" "$subcommand")" -- "$word")
+            elif [[ $subcommand == call && $word == @* ]]; then
+                mapfile -t COMPREPLY < <(compgen -P @ -f -- "${word#@}")
             elif [[ $subcommand == call ]]; then
                 operations=$("$tool" call --help | _fiscora_listed Operations)
                 # Only once: behind the operation stand its arguments.
