@@ -200,7 +200,7 @@ TEST(DoctorCommand, SimulatedDevice) {
         {"--fault silence", "--ask", 1,
          "ERRO    resposta: ConsultarSAT: status 32768 (FISCORA_STATUS_TIMEOUT)"},
         {"--fault hang-up", "--ask", 1, "\n1 problema: resolva-o e rode de novo.\n"},
-        {"--trace", "", 0, "\nTudo em ordem.\n"},
+        {"--trace", "", 0, "\nNada errado à vista.\n"},
     };
     for (const auto& [options, asked, exitStatus, told] : cases) {
         const WorkingDirectory folder;

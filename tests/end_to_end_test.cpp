@@ -231,11 +231,13 @@ TEST(CallCommand, WrongCommandLinesSendNothing) {
         {"EnviarDadosVenda 1 12345678",
          "takes numeroSessao codigoDeAtivacao dadosVenda (arguments: 3), and got 2"},
         {"ConsultarSAT one", "numeroSessao is a number"},
-        {"ConsultarSAT 2147483648", "numeroSessao is a number"},
+        {"ConsultarSAT 1000000", "numeroSessao is a number from 0 to 999999"},
+        {"ConsultarSAT -- -1", "numeroSessao is a number"},
         {"AtivarSAT 1 1 12345678 14200166000166 65536", "cUF is a number from 0 to 65535"},
         {"EnviarDadosVenda 1 12345678 @absent.xml", "cannot read absent.xml"},
         {"EnviarDadosVenda 1 12345678 @.", "cannot read ."},
-        {"ExtrairLogs 1 @- </proc/self/comm", "codigoDeAtivacao holds a line break"},
+        {"ExtrairLogs 1 @- </proc/self/status", "codigoDeAtivacao holds a line break"},
+        {"EnviarDadosVenda 1 12345678 /proc/self/comm", "is a file; expected its content, @/proc/self/comm"},
         {"ConsultarSAT 1 --outt x", "there is no option --outt"},
         {"ConsultarSAT 1 --out document.xml", "holds no document"},
         {"ExtrairLogs 1 12345678 --out absent/log", "cannot write absent/log"},
@@ -271,6 +273,7 @@ TEST(CallCommand, AnswerDumpAndRecord) {
     EXPECT_EQ(run(call + "ExtrairLogs --record 7 " + std::string(41, 'c')).output.substr(0, 20),
               "status             8");
     EXPECT_EQ(run(call + "ExtrairLogs --out refused 7 wrongcode").exitStatus, 1);
+    EXPECT_EQ(run("printf '12345678\\r\\n' | " + call + "ExtrairLogs 7 @-").exitStatus, 0);
     EXPECT_EQ(run(call + "ConsultarSAT 7 >/dev/full").exitStatus, 1);
     EXPECT_NE(run(SIM + "--trace -- " FISCORA_TOOL " call EnviarStatusAC 7 '[a,b]' c -- -d")
                   .output.find("| 000007|[a,b]|c|-d\n"),

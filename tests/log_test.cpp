@@ -202,17 +202,17 @@ TEST(Log, WrongCommandLinesPrintOrChangeSomething) {
     const WorkingDirectory folder;
     put(DAY + ".log", begin("10:00:00", "ConsultarSAT", "1"));
     const std::pair<std::string, std::string> cases[] = {
-        {"--since 20310229", "--since: expected a day as YYYYMMDD or YYYY-MM-DD, not \"20310229\""},
-        {"--since 2031-2-28", "expected a day"},
-        {"--since 20310228x", "expected a day"},
-        {"--since ''", "expected a day"},
+        {"--since 20310229", "--since: esperado um dia, AAAAMMDD ou AAAA-MM-DD, e não \"20310229\""},
+        {"--since 2031-2-28", "esperado um dia"},
+        {"--since 20310228x", "esperado um dia"},
+        {"--since ''", "esperado um dia"},
         {"--dir absent",
-         "cannot read the log directory absent: No such file or directory; expected one that"},
+         "a pasta de logs absent não pode ser lida: No such file or directory; esperada uma que"},
         {"--dir " + DAY + ".log", "Not a directory"},
-        {"--svg absent/picture.svg", "cannot write absent/picture.svg: No such file or directory"},
-        {"--svg logsDrs", "logsDrs: not a regular file"},
-        {"--svg ./" + DAY + ".log", "the name of a log"},
-        {"--svg ''", "not the name of a file"},
+        {"--svg absent/picture.svg", "não é possível gravar absent/picture.svg: No such file or directory"},
+        {"--svg logsDrs", "logsDrs: não é um arquivo comum"},
+        {"--svg ./" + DAY + ".log", "é o nome de um log"},
+        {"--svg ''", "não é o nome de um arquivo"},
         {"today", "not expected: today"},
         {"-- today", "not expected: today"},
     };
@@ -274,7 +274,7 @@ TEST(Log, AFailedPictureTakesTheFileWithIt) {
     fs::create_symlink("pictures/old.svg", "link.svg");
     const std::string failed = shell("trap '' XFSZ; ulimit -f 1; " FISCORA_TOOL " log --svg link.svg");
     EXPECT_EQ(failed.substr(0, 2), "1\n");
-    EXPECT_NE(failed.find("\nfiscora log: cannot write link.svg: File too large\n"), std::string::npos)
+    EXPECT_NE(failed.find("\nfiscora log: não é possível gravar link.svg: File too large\n"), std::string::npos)
         << failed;
     EXPECT_EQ(shell("cat pictures/old.svg"), "0\nold");
     EXPECT_EQ(log("--svg link.svg").substr(0, 2), "0\n");

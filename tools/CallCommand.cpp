@@ -150,17 +150,24 @@ std::string content(const std::string& argument) {
 }
 
 int number(const std::string& name, const std::string& text, std::string_view conversion) {
-    // Session numbers have 32 bits, all others 16.
-    const bool session = conversion == SESSION_NUMBER;
-    const long least = session ? std::numeric_limits<int>::min() : 0;
-    const long most = session ? std::numeric_limits<int>::max() : std::numeric_limits<std::uint16_t>::max();
+    constexpr long MOST_SESSION_NUMBER = 999999;
+    const long most =
+        conversion == SESSION_NUMBER ? MOST_SESSION_NUMBER : std::numeric_limits<std::uint16_t>::max();
     char* end = nullptr;
     errno = 0;
     const long value = std::strtol(text.c_str(), &end, 10);
-    if (text.empty() || *end != '\0' || errno != 0 || value < least || value > most)
-        throw CLI::ValidationError(name + " is a number from " + std::to_string(least) + " to " +
-                                   std::to_string(most) + ", not \"" + text + "\"");
+    if (text.empty() || *end != '\0' || errno != 0 || value < 0 || value > most)
+        throw CLI::ValidationError(name + " is a number from 0 to " + std::to_string(most) + ", not \"" +
+                                   text + "\"");
     return static_cast<int>(value);
+}
+
+/// An activation code is one line: the line break that an editor has left at the end of its file is dropped.
+void checkCode(const std::string& name, std::string& code, const std::string& given) {
+    if (given.front() == '@' && !code.empty() && code.back() == '\n') code.pop_back();
+    if (given.front() == '@' && !code.empty() && code.back() == '\r') code.pop_back();
+    if (code.find_first_of("\r\n") != std::string::npos)
+        throw CLI::ValidationError(name + " holds a line break");
 }
 
 /// What `given`, the words behind the operation's name, are to the library. `texts` keeps the texts.
@@ -178,9 +185,10 @@ std::vector<Argument> argumentsFrom(const Operation& operation, const std::vecto
     std::vector<Argument> arguments;
     for (std::size_t i = 0; i < given.size(); ++i) {
         texts[i] = content(given[i]);
-        if (names[i].find("odigo") != std::string::npos &&
-            texts[i].find_first_of("\r\n") != std::string::npos)
-            throw CLI::ValidationError(names[i] + " holds a line break");
+        if (names[i].find("odigo") != std::string::npos) checkCode(names[i], texts[i], given[i]);
+        if (names[i].compare(0, 5, "dados") == 0 && std::filesystem::exists(given[i]))
+            throw CLI::ValidationError(names[i] + ": " + given[i] + " is a file; expected its content, @" +
+                                       given[i]);
         if (conversions[i] == TEXT)
             arguments.emplace_back(texts[i].c_str());
         else
@@ -189,24 +197,12 @@ std::vector<Argument> argumentsFrom(const Operation& operation, const std::vecto
     return arguments;
 }
 
-std::string_view meaning(int status) {
-    switch (status) {
-        case FISCORA_STATUS_OK: return "the device answered";
-        case FISCORA_STATUS_NO_ANSWER: return "no device was found, or its answer was damaged";
-        case FISCORA_STATUS_READ_ERROR: return "the line failed, or was silent for 50 s";
-        case FISCORA_STATUS_REFUSED: return "the device kept answering something else, or too much";
-        case FISCORA_STATUS_BAD_REQUEST: return "the request is too long, nothing was sent";
-        case FISCORA_STATUS_TIMEOUT: return "no answer in time";
-        default: return "not a status of this version";
-    }
-}
-
-/// Such as "0 (FISCORA_STATUS_OK: the device answered)".
+/// Such as "0 (FISCORA_STATUS_OK: o equipamento respondeu)".
 std::string described(int status) {
     const std::string_view name = statusName(status);
     return std::to_string(status) + " (" +
-           (name.empty() ? "" : "FISCORA_STATUS_" + std::string(name) + ": ") + std::string(meaning(status)) +
-           ")";
+           (name.empty() ? "" : "FISCORA_STATUS_" + std::string(name) + ": ") +
+           std::string(statusMeaning(status)) + ")";
 }
 
 void print(const std::string& name, std::string_view value) {

@@ -101,10 +101,12 @@ int DoctorCommand::run(const std::vector<std::string>& operands) {
     if (!operands.empty()) throw CLI::ExtrasError(operands);
     int errors = 0;
     int warnings = 0;
+    bool knowsAll = true;
     auto findings = nlohmann::ordered_json::array();
     examine(m_ask, [&](const Check& check, const Finding& finding) {
         if (finding.verdict == Verdict::Error) ++errors;
         if (finding.verdict == Verdict::Warning) ++warnings;
+        if (finding.verdict == Verdict::Ok && !finding.advice.empty()) knowsAll = false;
         if (m_json) {
             findings.push_back({{"step", check.step},
                                 {"verdict", namesOf(finding.verdict).json},
@@ -128,7 +130,7 @@ int DoctorCommand::run(const std::vector<std::string>& operands) {
     } else if (warnings > 0) {
         std::cout << "Nenhum problema, " << doctor::counted(warnings, "aviso") << ".\n";
     } else {
-        std::cout << "Tudo em ordem.\n";
+        std::cout << (knowsAll ? "Tudo em ordem.\n" : "Nada errado à vista.\n");
     }
     return errors + warnings == 0 ? EXIT_SUCCESS : EXIT_FAILURE;
 }

@@ -28,7 +28,8 @@ std::string dayFrom(const std::string& text) {
     if (text.size() == 8) dashed.insert(6, "-").insert(4, "-");
     const auto time = logs::parseTime(dashed + ".00:00:00");
     if (!time)
-        throw CLI::ValidationError("--since: expected a day as YYYYMMDD or YYYY-MM-DD, not \"" + text + "\"");
+        throw CLI::ValidationError("--since: esperado um dia, AAAAMMDD ou AAAA-MM-DD, e não \"" + text +
+                                   "\"");
     return logs::timeText(*time, "%Y%m%d");
 }
 
@@ -36,9 +37,9 @@ std::vector<logs::LogFile> logsIn(const fs::path& directory, const std::string& 
     try {
         return logs::findLogs(directory, since);
     } catch (const fs::filesystem_error& error) {
-        throw CLI::ValidationError("cannot read the log directory " + directory.string() + ": " +
-                                   error.code().message() +
-                                   "; expected one that holds logDrsYYYYMMDD.log (--dir)");
+        throw CLI::ValidationError("a pasta de logs " + directory.string() +
+                                   " não pode ser lida: " + error.code().message() +
+                                   "; esperada uma que tenha logDrsAAAAMMDD.log (--dir)");
     }
 }
 
@@ -55,15 +56,15 @@ class PictureFile {
   public:
     explicit PictureFile(const std::string& path) : m_path(path) {
         std::error_code error;
-        if (fs::is_symlink(path, error) && !fs::exists(path, error)) refuse("a link that leads nowhere");
+        if (fs::is_symlink(path, error) && !fs::exists(path, error)) refuse("é um link que não leva a nada");
         if (fs::exists(path, error)) {
             m_path = fs::canonical(path, error);  // a link stays, and what it leads to is replaced
-            if (!fs::is_regular_file(m_path, error)) refuse("not a regular file");
+            if (!fs::is_regular_file(m_path, error)) refuse("não é um arquivo comum");
             if (access(m_path.c_str(), W_OK) != 0) refuse(std::strerror(errno));
         }
         const std::string name = m_path.filename();
-        if (name.empty()) refuse("not the name of a file");
-        if (fnmatch("logDrs*", name.c_str(), 0) == 0) refuse("the name of a log");
+        if (name.empty()) refuse("não é o nome de um arquivo");
+        if (fnmatch("logDrs*", name.c_str(), 0) == 0) refuse("é o nome de um log");
         m_new = m_path.string() + "." + std::to_string(getpid()) + ".new";
         if (!create()) refuse(std::strerror(errno));
         std::remove(m_new.c_str());
@@ -89,7 +90,7 @@ class PictureFile {
     using File = std::unique_ptr<FILE, int (*)(FILE*)>;
 
     [[noreturn]] void refuse(const std::string& reason) const {
-        throw CLI::ValidationError("--svg: cannot write " + m_path.string() + ": " + reason);
+        throw CLI::ValidationError("--svg: não é possível gravar " + m_path.string() + ": " + reason);
     }
 
     File create() const { return {std::fopen(m_new.c_str(), "wxe"), std::fclose}; }
@@ -118,26 +119,26 @@ void print(const std::vector<logs::Exchange>& exchanges, const fs::path& directo
 }  // namespace
 
 LogCommand::LogCommand(CLI::App& application)
-    : Subcommand(application, "log", "Show the calls in the library's logs, and how long they took",
+    : Subcommand(application, "log", "Mostra as chamadas nos logs da biblioteca, e quanto duraram",
                  "fiscora log [--dir DIR] [--since DAY] [--svg FILE]") {
+    m_options->set_help_flag("-h,--help", "Mostra esta ajuda");
     m_options
-        ->add_option(
-            "--dir", m_directory,
-            "Directory of the logs and archives, or the one that holds its logsDrs (default logsDrs)")
+        ->add_option("--dir", m_directory,
+                     "Pasta dos logs, ou a que contém a logsDrs deles (sem ela: logsDrs)")
         ->type_name("DIR");
     m_options
         ->add_option_function<std::string>(
             "--since", [this](const std::string& text) { m_since = dayFrom(text); },
-            "Leave out the logs of the days before, YYYYMMDD or YYYY-MM-DD")
+            "Deixa de fora os dias anteriores, AAAAMMDD ou AAAA-MM-DD")
         ->type_name("DAY");
-    m_options->add_option("--svg", m_picturePath, "Draw the durations over time to FILE, in SVG")
+    m_options->add_option("--svg", m_picturePath, "Desenha as durações ao longo do tempo em FILE, em SVG")
         ->type_name("FILE");
     m_options->footer(
-        "A duration is one second more or less than it was, for the log's times have whole seconds; - stands "
-        "for what the log does not tell. Falhas are the calls with another status than OK, incompletas those "
-        "whose end is not in the log.\n"
-        "Exit status: 0 when all files were read (damaged lines are skipped and counted), 1 when one could "
-        "not be read to its end, 2 when the command line was wrong.");
+        "Uma duração pode ter um segundo a mais ou a menos, pois o log só tem segundos inteiros; - está no lugar "
+        "do que o log não diz. Falhas são as chamadas com outro status que OK, incompletas aquelas cujo fim não "
+        "está no log.\n"
+        "Status de saída: 0 se todos os arquivos foram lidos (linhas danificadas são puladas e contadas), 1 se "
+        "um não foi lido até o fim ou a figura não foi gravada, 2 para uma linha de comando errada.");
 }
 
 int LogCommand::run(const std::vector<std::string>& operands) {
@@ -166,7 +167,7 @@ int LogCommand::run(const std::vector<std::string>& operands) {
     if (exchanges.damagedLines() > 0)
         complain("linhas danificadas ou cortadas, não contadas acima: " +
                  std::to_string(exchanges.damagedLines()));
-    if (!drawn) complain("cannot write " + m_picturePath + ": " + reason);
+    if (!drawn) complain("não é possível gravar " + m_picturePath + ": " + reason);
     return complaints.empty() && drawn ? EXIT_SUCCESS : EXIT_FAILURE;
 }
 

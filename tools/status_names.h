@@ -19,4 +19,19 @@ constexpr std::string_view statusName(int status) {
     }
 }
 
+/// What a status says, in the technician's language.
+constexpr std::string_view statusMeaning(int status) {
+    switch (status) {
+        case FISCORA_STATUS_OK: return "o equipamento respondeu";
+        case FISCORA_STATUS_NO_ANSWER:
+            return "o equipamento não foi achado ou não abriu, ou a resposta veio danificada";
+        case FISCORA_STATUS_READ_ERROR: return "a linha caiu, ou ficou 50 s em silêncio";
+        case FISCORA_STATUS_REFUSED:
+            return "o equipamento insistiu em responder a outro pedido, ou respondeu demais";
+        case FISCORA_STATUS_BAD_REQUEST: return "o pedido não coube na biblioteca, e nada foi enviado";
+        case FISCORA_STATUS_TIMEOUT: return "o prazo da operação acabou sem a resposta";
+        default: return "desconhecido por esta versão";
+    }
+}
+
 }  // namespace tool

@@ -25,6 +25,7 @@ struct Examination {
     std::string target;              ///< where the winning entry leads to; left by checkEntry
     struct stat nodeStatus {};       ///< left by checkNode
     std::vector<Process> holders{};  ///< that have the node open; left by checkHolders
+    bool processesHidden = false;    ///< and there may be more of them; left by checkHolders
 };
 
 /// The checks, in the order of a call. Each needs what the ones before it have found in order.

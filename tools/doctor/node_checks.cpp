@@ -134,6 +134,7 @@ Finding checkPermission(Examination& examination) {
 Finding checkHolders(Examination& examination) {
     const Holders holders = findHolders(examination.nodeStatus.st_rdev);
     examination.holders = holders.holding;
+    examination.processesHidden = !holders.unread.empty() || !holders.allShown;
     if (!holders.holding.empty()) {
         const bool byModemManager =
             std::any_of(holders.holding.begin(), holders.holding.end(), isModemManager);
@@ -145,7 +146,7 @@ Finding checkHolders(Examination& examination) {
     const std::string found = "nenhum outro processo à vista tem " + examination.node + " aberto";
     if (holders.modemManagerRuns && !isHiddenFromModemManagers(examination.nodeStatus.st_rdev))
         return warning(found + ", mas o ModemManager está em execução", adviseRuleAgainstModemManager());
-    if (holders.unread.empty() && holders.allShown) return ok(found);
+    if (!examination.processesHidden) return ok(found);
     return {Verdict::Ok, found + ", mas nem todos se mostram", "Para ver todos: sudo fiscora doctor."};
 }
 

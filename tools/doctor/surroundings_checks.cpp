@@ -3,8 +3,10 @@
 #include <fcntl.h>
 #include <fnmatch.h>
 #include <paths.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
+#include <cerrno>
 #include <filesystem>
 #include <system_error>
 
@@ -37,6 +39,16 @@ std::string quoted(const std::string& path) {
     return word + "'";
 }
 
+/// What lets this user write to the log directory, `place`, and what is in it.
+std::string adviceFor(const std::string& place) {
+    struct stat status {};
+    if (access(LOG_DIRECTORY, W_OK) != 0 && errno == EROFS)
+        return "o disco só permite leitura: veja por quê (dmesg).";
+    if (stat(LOG_DIRECTORY, &status) == 0 && status.st_uid == geteuid())
+        return "rode \"chmod -R u+rwX " + quoted(place) + "\".";
+    return "rode \"sudo chown -R " + userName() + " " + quoted(place) + "\".";
+}
+
 /// The present log directory, `place`.
 Finding checkLogs(const std::string& place) {
     int logs = 0;
@@ -51,7 +63,7 @@ Finding checkLogs(const std::string& place) {
         if (matches("logDrs*.log.tar.gz", name)) unnamed.push_back(name);
     }
     const std::string user = userName();
-    const std::string mend = "rode \"sudo chown -R " + user + " " + quoted(place) + "\".";
+    const std::string mend = adviceFor(place);
     if (unreadable) return withoutLog(place + " não pode ser lida: " + reason(unreadable.value()), mend);
     const std::string found =
         place + ": " + counted(logs, "log") + ", " + counted(archives, "arquivo") + " .tar.gz";
