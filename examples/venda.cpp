@@ -4,16 +4,19 @@
 #include <fiscora/encoding/Base64.h>
 #include <fiscora/fiscal/UCManipulaDadosSat.h>
 #include <fiscora/transaction/DoTransaction.h>
+#include <unistd.h>
 
 #include <chrono>
 #include <cstdlib>
 #include <ctime>
+#include <filesystem>
 #include <fstream>
 #include <functional>
 #include <iostream>
 #include <iterator>
 #include <optional>
 #include <regex>
+#include <stdexcept>
 #include <string>
 #include <thread>
 #include <vector>
@@ -24,17 +27,26 @@ enum ExitStatus { NOT_DONE = 1, NOT_BEGUN = 2, UNKNOWN = 3 };
 constexpr int SENDINGS = 2;
 constexpr int QUESTIONS = 5;
 constexpr std::chrono::seconds PAUSE{2};
+constexpr const char* PENDING = "pendente.txt";
 
 /// Fields of an answer; those that it has not are empty. Bytes as the device sent them, UTF-8 or, from some
 /// devices, Latin-1: iconv(3) converts.
 using Answer = std::vector<std::string>;
 enum Field { EEEEE = 1, LOG = 5, DOCUMENT = 6, KEY = 8, FIELDS = 32 };
 
-/// Ends the day.
-struct Stop {
-    ExitStatus status;
-    std::string why;
-};
+std::string readFile(const char* path) {
+    std::ifstream file(path, std::ios::binary);
+    return {std::istreambuf_iterator<char>(file), {}};
+}
+
+/// Ends the day; with UNKNOWN as long as pendente.txt stands.
+[[noreturn]] void stop(ExitStatus status, const char* why) {
+    std::cout << why << std::endl;
+    if (!std::filesystem::exists(PENDING)) std::exit(status);
+    std::cout << "Antes de enviar outro documento, pergunte pela sessão e apague pendente.txt (README.md): "
+              << readFile(PENDING) << std::endl;
+    std::exit(UNKNOWN);
+}
 
 const char* explain(int status) {
     switch (status) {
@@ -48,6 +60,15 @@ const char* explain(int status) {
     }
 }
 
+/// Writes a file whole or not at all.
+void writeFile(const std::string& path, const std::string& content) {
+    std::ofstream file("gravando.tmp", std::ios::binary);
+    file << content;
+    file.close();
+    if (!file) throw std::runtime_error("Não foi possível gravar gravando.tmp");
+    std::filesystem::rename("gravando.tmp", path);
+}
+
 std::string sixDigits(int session) { return std::to_string(1'000'000 + session).substr(1); }
 
 /// A number that no call had before, in no earlier run either: a device books one document a number.
@@ -55,9 +76,7 @@ int nextSession() {
     unsigned last = 0;
     if (!(std::ifstream("sessao.txt") >> last)) last = static_cast<unsigned>(std::time(nullptr));
     const auto session = static_cast<int>((last + 1) % 1'000'000);
-    std::ofstream file("sessao.txt");
-    if (!(file << sixDigits(session) << std::endl))
-        throw Stop{NOT_DONE, "Não foi possível gravar sessao.txt"};
+    writeFile("sessao.txt", sixDigits(session) + "\n");
     return session;
 }
 
@@ -65,7 +84,7 @@ int nextSession() {
 bool says(const Answer& answer, const std::string& digits) { return answer[EEEEE].rfind(digits, 0) == 0; }
 
 Answer expect(std::optional<Answer> answer, const char* eeeee) {
-    if (!answer || !says(*answer, eeeee)) throw Stop{NOT_DONE, "Não foi feito: o dia termina aqui"};
+    if (!answer || !says(*answer, eeeee)) stop(NOT_DONE, "Não foi feito: o dia termina aqui");
     return *std::move(answer);
 }
 
@@ -77,20 +96,14 @@ class Till {
         const int first = nextSession();
         expect(receive("ConsultarSAT", first, m_sat.ConsultarSAT(first)), "08000");
 
-        const Answer sold =
-            expect(book("EnviarDadosVenda",
-                        [&](int session) { return m_sat.EnviarDadosVenda(session, m_code, sale.c_str()); }),
-                   "06000");
-        save(sold[KEY] + ".xml", sold[DOCUMENT]);
+        const std::string key = book("06000", "EnviarDadosVenda", [&](int session) {
+            return m_sat.EnviarDadosVenda(session, m_code, sale.c_str());
+        });
 
-        const std::string request = std::regex_replace(form, std::regex("CHAVE"), sold[KEY]);
-        const Answer cancelled = expect(book("CancelarUltimaVenda",
-                                             [&](int session) {
-                                                 return m_sat.CancelarUltimaVenda(
-                                                     session, m_code, sold[KEY].c_str(), request.c_str());
-                                             }),
-                                        "07000");
-        save(cancelled[KEY] + ".xml", cancelled[DOCUMENT]);
+        const std::string request = std::regex_replace(form, std::regex("CHAVE"), key);
+        book("07000", "CancelarUltimaVenda", [&](int session) {
+            return m_sat.CancelarUltimaVenda(session, m_code, key.c_str(), request.c_str());
+        });
 
         const int log = nextSession();
         save("sat.log", expect(receive("ExtrairLogs", log, m_sat.ExtrairLogs(log, m_code)), "15000")[LOG]);
@@ -102,6 +115,8 @@ class Till {
     }
 
   private:
+    using Send = std::function<const char*(int session)>;
+
     /// Copies the answer, since the next call overwrites it, and reports it. None where there is none in
     /// time, whole, and under the number of this very call or the one that it asks about, which some devices
     /// put there.
@@ -125,9 +140,11 @@ class Till {
 
     /// Sends a document until the device has answered, a second time only where it knows nothing of the
     /// first.
-    std::optional<Answer> book(const char* operation, const std::function<const char*(int session)>& send) {
+    std::optional<Answer> deliver(const char* operation, const Send& send) {
         for (int sending = 0; sending < SENDINGS; ++sending) {
             const int session = nextSession();
+            writeFile(PENDING, operation + (' ' + sixDigits(session)));
+            sync();  // a power cut from here on leaves pendente.txt
             auto answer = receive(operation, session, send(session));
             if (answer || m_sat.CodigoErro() == FISCORA_STATUS_BAD_REQUEST) return answer;
             answer = askAbout(session);
@@ -147,40 +164,54 @@ class Till {
             if (answer && !says(*answer, "11")) return answer;  // else it is refused, by a busy device say
             std::this_thread::sleep_for(PAUSE);
         }
-        throw Stop{UNKNOWN, "Sessão " + sixDigits(lost) +
-                                " pendente: pergunte por ela antes de enviar outro documento"};
+        stop(UNKNOWN, "O equipamento não disse o que houve");
     }
 
     static void save(const std::string& path, const std::string& base64) {
-        std::ofstream file(path, std::ios::binary);
-        if (!(file << Base64::decode(base64) << std::flush))
-            throw Stop{NOT_DONE, "Não foi possível gravar " + path};
+        const std::string content = Base64::decode(base64);  // ends at what is no Base64
+        const auto* const bytes = reinterpret_cast<const unsigned char*>(content.data());
+        if (content.empty() || Base64::encode(bytes, static_cast<std::uint32_t>(content.size())) != base64)
+            throw std::runtime_error(path + ": Base64 danificado");
+        writeFile(path, content);
         std::cout << "Gravado: " << path << std::endl;
+    }
+
+    /// Books a document and saves it as the device has signed it; its key.
+    std::string book(const char* eeeee, const char* operation, const Send& send) {
+        const auto answer = deliver(operation, send);
+        if (answer && says(*answer, eeeee)) {
+            const std::string& key = (*answer)[KEY];
+            if (!std::regex_match(key, std::regex("CFe[0-9]{44}")))  // it becomes a file's name
+                throw std::runtime_error("chave inválida: " + key);
+            save(key + ".xml", (*answer)[DOCUMENT]);
+            sync();
+        }
+        std::filesystem::remove(PENDING);
+        return expect(answer, eeeee)[KEY];
     }
 
     const char* m_code;
     manipulaDados::ManipulaDadosSat m_sat;
 };
 
-std::string readFile(const char* path) {
-    std::ifstream file(path, std::ios::binary);
-    if (!file) throw Stop{NOT_BEGUN, "Faltam venda.xml e cancelamento.xml na pasta atual"};
-    return {std::istreambuf_iterator<char>(file), {}};
-}
-
 }  // namespace
 
 int main() {
     try {
+        if (std::filesystem::exists(PENDING)) stop(UNKNOWN, "Nada foi enviado");
         const char* const code = std::getenv("CODIGO_DE_ATIVACAO");
-        if (code == nullptr) throw Stop{NOT_BEGUN, "Informe o código de ativação em CODIGO_DE_ATIVACAO"};
+        if (code == nullptr) stop(NOT_BEGUN, "Informe o código de ativação em CODIGO_DE_ATIVACAO");
         const std::string sale = readFile("venda.xml");
         const std::string form = readFile("cancelamento.xml");
+        if (sale.empty() || form.empty())
+            stop(NOT_BEGUN, "Faltam venda.xml e cancelamento.xml, em UTF-8, na pasta atual");
+        if (form.find("CHAVE") == std::string::npos)
+            stop(NOT_BEGUN, "Falta a palavra CHAVE em cancelamento.xml");
         std::cout << "Biblioteca fiscora, driver " << getVersion() << std::endl;
         Till(code).workADay(sale, form);
         return EXIT_SUCCESS;
-    } catch (const Stop& stop) {
-        std::cout << stop.why << std::endl;
-        return stop.status;
+    } catch (const std::exception& problem) {
+        std::cerr << problem.what() << std::endl;
+        stop(NOT_DONE, "Não foi possível continuar");
     }
 }

@@ -15,12 +15,14 @@ function ConsultarNumeroSessao(Session: LongInt; Code: PAnsiChar; Lost: LongInt)
 function ExtrairLogs(Session: LongInt; Code: PAnsiChar): PAnsiChar; cdecl; external 'fiscora';
 function CodigoErro: LongInt; cdecl; external 'fiscora';
 function getVersion: PAnsiChar; cdecl; external 'fiscora';
+procedure sync; cdecl; external 'c';
 
 const
   NOT_DONE = 1; NOT_BEGUN = 2; UNKNOWN = 3;
   SENDINGS = 2; QUESTIONS = 5; PAUSE = 2000; { ms }
   EEEEE = 1; LOG = 5; DOCUMENT = 6; KEY = 8; { fields of an answer }
   OK = 0; NO_ANSWER = 1; READ_ERROR = 2; REFUSED = 4; BAD_REQUEST = 8; TIMED_OUT = 32768;
+  PENDING = 'pendente.txt';
 
 type
   { Fields of an answer. Bytes as the device sent them, UTF-8 or, from some devices, Latin-1: with the unit cwstring
@@ -30,12 +32,6 @@ type
 
 var
   Code, Sale, SaleKey, Cancellation: AnsiString;
-
-procedure Stop(ExitStatus: Integer; const Why: AnsiString);
-begin
-  WriteLn(Why);
-  Halt(ExitStatus);
-end;
 
 function Explain(Status: LongInt): AnsiString;
 begin
@@ -52,28 +48,35 @@ begin
 end;
 
 function ReadFile(const Path: AnsiString): AnsiString;
-var
-  Stream: TFileStream;
 begin
-  Stream := TFileStream.Create(Path, fmOpenRead);
+  with TStringStream.Create('') do
   try
-    SetLength(Result, Stream.Size);
-    Stream.ReadBuffer(Pointer(Result)^, Length(Result));
+    LoadFromFile(Path);
+    Result := DataString;
   finally
-    Stream.Free;
+    Free;
   end;
 end;
 
+{ Writes a file whole or not at all. }
 procedure WriteFile(const Path, Content: AnsiString);
-var
-  Stream: TFileStream;
 begin
-  Stream := TFileStream.Create(Path, fmCreate);
+  with TStringStream.Create(Content) do
   try
-    Stream.WriteBuffer(Pointer(Content)^, Length(Content));
+    SaveToFile('gravando.tmp');
   finally
-    Stream.Free;
+    Free;
   end;
+  if not RenameFile('gravando.tmp', Path) then RaiseLastOSError;
+end;
+
+{ Ends the day; with UNKNOWN as long as pendente.txt stands. }
+procedure Stop(ExitStatus: Integer; const Why: AnsiString);
+begin
+  WriteLn(Why);
+  if not FileExists(PENDING) then Halt(ExitStatus);
+  WriteLn('Antes de enviar outro documento, pergunte pela sessão e apague pendente.txt (README.md): ', ReadFile(PENDING));
+  Halt(UNKNOWN);
 end;
 
 { A number that no call had before, in no earlier run either: a device books one document a number. }
@@ -131,23 +134,7 @@ begin
     if (Result <> nil) and not Result[EEEEE].StartsWith('11') then Exit; { else it is refused, by a busy device say }
     Sleep(PAUSE);
   end;
-  Stop(UNKNOWN, Format('Sessão %.6d pendente: pergunte por ela antes de enviar outro documento', [Lost]));
-end;
-
-{ Sends a document until the device has answered, a second time only where it knows nothing of the first. }
-function Book(const Operation: AnsiString; Send: TSend): TFields;
-var
-  Sending: Integer;
-  Session: LongInt;
-begin
-  for Sending := 1 to SENDINGS do
-  begin
-    Session := NextSession;
-    Result := Receive(Operation, Session, Send(Session));
-    if (Result <> nil) or (CodigoErro = BAD_REQUEST) then Exit;
-    Result := AskAbout(Session);
-    if Result <> nil then Exit;
-  end;
+  Stop(UNKNOWN, 'O equipamento não disse o que houve');
 end;
 
 function SendSale(Session: LongInt): PAnsiChar;
@@ -160,58 +147,97 @@ begin
   Result := CancelarUltimaVenda(Session, PAnsiChar(Code), PAnsiChar(SaleKey), PAnsiChar(Cancellation));
 end;
 
-{ The unit base64 of the larger package fp-units-fcl has it too. }
-function DecodeBase64(const Text: AnsiString): AnsiString;
+{ Sends a document until the device has answered, a second time only where it knows nothing of the first. }
+function Deliver(const Operation: AnsiString; Send: TSend): TFields;
+var
+  Sending: Integer;
+  Session: LongInt;
+begin
+  for Sending := 1 to SENDINGS do
+  begin
+    Session := NextSession;
+    WriteFile(PENDING, Format('%s %.6d', [Operation, Session]));
+    sync; { a power cut from here on leaves pendente.txt }
+    Result := Receive(Operation, Session, Send(Session));
+    if (Result <> nil) or (CodigoErro = BAD_REQUEST) then Exit;
+    Result := AskAbout(Session);
+    if Result <> nil then Exit;
+  end;
+end;
+
+{ Decodes a field from Base64 to a file. The unit base64 of the larger package fp-units-fcl decodes too. }
+procedure Save(const Path, Field: AnsiString);
 const
   DIGITS = 'ABCDEFGHIJKLMNOPQRSTUVWXYZabcdefghijklmnopqrstuvwxyz0123456789+/';
 var
   Digit: AnsiChar;
+  Content: AnsiString = '';
   Value: LongWord = 0;
+  Place: Integer = 0;
   Bits: Integer = 0;
 begin
-  Result := '';
-  for Digit in Text do
+  for Digit in Field.TrimRight(['=']) do
   begin
-    if Digit = '=' then Break;
-    Value := (Value shl 6) or LongWord(Pos(Digit, DIGITS) - 1);
+    Place := Pos(Digit, DIGITS);
+    if Place = 0 then Break;
+    Value := (Value shl 6) or LongWord(Place - 1);
     Inc(Bits, 6);
     if Bits < 8 then Continue;
     Dec(Bits, 8);
-    Result := Result + AnsiChar((Value shr Bits) and $FF);
+    Content := Content + AnsiChar((Value shr Bits) and $FF);
   end;
-end;
-
-procedure Save(const Path, Field: AnsiString);
-begin
-  WriteFile(Path, DecodeBase64(Field));
+  if (Place = 0) or (Length(Field) mod 4 <> 0) then raise Exception.Create(Path + ': Base64 danificado');
+  WriteFile(Path, Content);
   WriteLn('Gravado: ', Path);
 end;
 
+{ Books a document and saves it as the device has signed it; its key. }
+function Book(const Expected, Operation: AnsiString; Send: TSend): AnsiString;
 var
-  Form: AnsiString;
   Fields: TFields;
+begin
+  Fields := Deliver(Operation, Send);
+  if (Fields <> nil) and (Fields[EEEEE] = Expected) then
+  begin
+    { The key becomes a file's name: "CFe" and 44 digits. }
+    if (Length(Fields[KEY]) <> 47) or (Fields[KEY].TrimRight('0123456789'.ToCharArray) <> 'CFe') then
+      raise Exception.Create('chave inválida: ' + Fields[KEY]);
+    Save(Fields[KEY] + '.xml', Fields[DOCUMENT]);
+    sync;
+  end;
+  if not DeleteFile(PENDING) then RaiseLastOSError;
+  Result := Expect(Expected, Fields)[KEY];
+end;
+
+var
   Session: LongInt;
 begin
-  Code := GetEnvironmentVariable('CODIGO_DE_ATIVACAO');
-  if Code = '' then Stop(NOT_BEGUN, 'Informe o código de ativação em CODIGO_DE_ATIVACAO');
-  if not FileExists('venda.xml') or not FileExists('cancelamento.xml') then
-    Stop(NOT_BEGUN, 'Faltam venda.xml e cancelamento.xml na pasta atual');
-  Sale := ReadFile('venda.xml');
-  Form := ReadFile('cancelamento.xml');
-  WriteLn('Biblioteca fiscora, driver ', getVersion);
+  try
+    if FileExists(PENDING) then Stop(UNKNOWN, 'Nada foi enviado');
+    Code := GetEnvironmentVariable('CODIGO_DE_ATIVACAO');
+    if Code = '' then Stop(NOT_BEGUN, 'Informe o código de ativação em CODIGO_DE_ATIVACAO');
+    if not FileExists('venda.xml') or not FileExists('cancelamento.xml') then
+      Stop(NOT_BEGUN, 'Faltam venda.xml e cancelamento.xml, em UTF-8, na pasta atual');
+    Sale := ReadFile('venda.xml');
+    Cancellation := ReadFile('cancelamento.xml');
+    if Pos('CHAVE', Cancellation) = 0 then Stop(NOT_BEGUN, 'Falta a palavra CHAVE em cancelamento.xml');
+    WriteLn('Biblioteca fiscora, driver ', getVersion);
 
-  Session := NextSession;
-  Expect('08000', Receive('ConsultarSAT', Session, ConsultarSAT(Session)));
+    Session := NextSession;
+    Expect('08000', Receive('ConsultarSAT', Session, ConsultarSAT(Session)));
 
-  Fields := Expect('06000', Book('EnviarDadosVenda', @SendSale));
-  Save(Fields[KEY] + '.xml', Fields[DOCUMENT]);
+    SaleKey := Book('06000', 'EnviarDadosVenda', @SendSale);
 
-  SaleKey := Fields[KEY];
-  Cancellation := StringReplace(Form, 'CHAVE', SaleKey, []);
-  Fields := Expect('07000', Book('CancelarUltimaVenda', @SendCancellation));
-  Save(Fields[KEY] + '.xml', Fields[DOCUMENT]);
+    Cancellation := StringReplace(Cancellation, 'CHAVE', SaleKey, []);
+    Book('07000', 'CancelarUltimaVenda', @SendCancellation);
 
-  Session := NextSession;
-  Fields := Expect('15000', Receive('ExtrairLogs', Session, ExtrairLogs(Session, PAnsiChar(Code))));
-  Save('sat.log', Fields[LOG]);
+    Session := NextSession;
+    Save('sat.log', Expect('15000', Receive('ExtrairLogs', Session, ExtrairLogs(Session, PAnsiChar(Code))))[LOG]);
+  except
+    on Problem: Exception do
+    begin
+      WriteLn(StdErr, Problem.Message);
+      Stop(NOT_DONE, 'Não foi possível continuar');
+    end;
+  end;
 end.

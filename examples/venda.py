@@ -14,6 +14,7 @@ from pathlib import Path
 NOT_DONE, NOT_BEGUN, UNKNOWN = 1, 2, 3
 SENDINGS, QUESTIONS, PAUSE = 2, 5, 2  # s
 EEEEE, LOG, DOCUMENT, KEY = 1, 5, 6, 8  # fields of an answer
+PENDING = Path("pendente.txt")
 
 OK, NO_ANSWER, READ_ERROR, REFUSED, BAD_REQUEST, TIMEOUT = 0, 1, 2, 4, 8, 32768
 EXPLANATIONS = {
@@ -33,19 +34,29 @@ for name in ("ConsultarSAT", "EnviarDadosVenda", "CancelarUltimaVenda", "Consult
 
 
 def stop(exit_status, why):
+    """Ends the day; with UNKNOWN as long as pendente.txt stands."""
     print(why)
+    if PENDING.exists():
+        exit_status = UNKNOWN
+        print("Antes de enviar outro documento, pergunte pela sessão e apague pendente.txt (README.md):",
+              PENDING.read_text(errors="replace"))
     sys.exit(exit_status)
+
+
+def write(path, content):
+    """Writes a file whole or not at all."""
+    Path("gravando.tmp").write_bytes(content)
+    os.replace("gravando.tmp", path)
 
 
 def next_session():
     """A number that no call had before, in no earlier run either: a device books one document a number."""
-    path = Path("sessao.txt")
     try:
-        last = int(path.read_text())
+        last = int(Path("sessao.txt").read_bytes())
     except (OSError, ValueError):
         last = int(time.time())
     session = (last + 1) % 1_000_000
-    path.write_text(f"{session:06}\n")
+    write("sessao.txt", b"%06d\n" % session)
     return session
 
 
@@ -90,13 +101,15 @@ def ask_about(lost, code):
         if fields and not fields[EEEEE].startswith("11"):  # else the question is refused, by a busy device for example
             return fields
         time.sleep(PAUSE)
-    stop(UNKNOWN, f"Sessão {lost:06} pendente: pergunte por ela antes de enviar outro documento")
+    stop(UNKNOWN, "O equipamento não disse o que houve")
 
 
-def book(operation, code, *arguments):
+def deliver(operation, code, *arguments):
     """Sends a document until the device has answered, a second time only where it knows nothing of the first."""
     for _ in range(SENDINGS):
         session = next_session()
+        write(PENDING, b"%s %06d" % (operation.encode(), session))
+        os.sync()  # a power cut from here on leaves pendente.txt
         fields = call(operation, session, code, *arguments)
         if fields or library.CodigoErro() == BAD_REQUEST:
             return fields
@@ -107,11 +120,28 @@ def book(operation, code, *arguments):
 
 
 def save(path, field):
-    Path(path).write_bytes(base64.b64decode(field))
+    content = base64.b64decode(field, validate=True)
+    if not content:
+        raise ValueError(f"{path}: documento vazio")
+    write(path, content)
     print(f"Gravado: {path}")
 
 
+def book(eeeee, operation, code, *arguments):
+    """Books a document and saves it as the device has signed it; its key."""
+    fields = deliver(operation, code, *arguments)
+    if fields and fields[EEEEE] == eeeee:
+        if not re.fullmatch("CFe[0-9]{44}", fields[KEY]):  # it becomes a file's name
+            raise ValueError(f"chave inválida: {fields[KEY]}")
+        save(f"{fields[KEY]}.xml", fields[DOCUMENT])
+        os.sync()
+    PENDING.unlink()
+    return expect(fields, eeeee)[KEY].encode()
+
+
 def main():
+    if PENDING.exists():
+        stop(UNKNOWN, "Nada foi enviado")
     if "CODIGO_DE_ATIVACAO" not in os.environ:
         stop(NOT_BEGUN, "Informe o código de ativação em CODIGO_DE_ATIVACAO")
     code = os.environb[b"CODIGO_DE_ATIVACAO"]
@@ -119,21 +149,24 @@ def main():
         sale = Path("venda.xml").read_bytes()
         form = Path("cancelamento.xml").read_bytes()
     except OSError:
-        stop(NOT_BEGUN, "Faltam venda.xml e cancelamento.xml na pasta atual")
+        stop(NOT_BEGUN, "Faltam venda.xml e cancelamento.xml, em UTF-8, na pasta atual")
+    if b"CHAVE" not in form:
+        stop(NOT_BEGUN, "Falta a palavra CHAVE em cancelamento.xml")
     print(f"Biblioteca fiscora, driver {text(library.getVersion())}")
 
     expect(call("ConsultarSAT", next_session()), "08000")
 
-    fields = expect(book("EnviarDadosVenda", code, sale), "06000")
-    save(f"{fields[KEY]}.xml", fields[DOCUMENT])
+    key = book("06000", "EnviarDadosVenda", code, sale)
 
-    key = fields[KEY].encode()
-    fields = expect(book("CancelarUltimaVenda", code, key, form.replace(b"CHAVE", key)), "07000")
-    save(f"{fields[KEY]}.xml", fields[DOCUMENT])
+    book("07000", "CancelarUltimaVenda", code, key, form.replace(b"CHAVE", key))
 
     fields = expect(call("ExtrairLogs", next_session(), code), "15000")
     save("sat.log", fields[LOG])
 
 
 if __name__ == "__main__":
-    main()
+    try:
+        main()
+    except (OSError, ValueError) as problem:
+        print(problem, file=sys.stderr)
+        stop(NOT_DONE, "Não foi possível continuar")

@@ -9,6 +9,7 @@ const koffi = require('koffi');
 const NOT_DONE = 1, NOT_BEGUN = 2, UNKNOWN = 3;
 const SENDINGS = 2, QUESTIONS = 5, PAUSE = 2000; // ms
 const EEEEE = 1, LOG = 5, DOCUMENT = 6, KEY = 8; // fields of an answer
+const PENDING = 'pendente.txt';
 
 const OK = 0, NO_ANSWER = 1, READ_ERROR = 2, REFUSED = 4, BAD_REQUEST = 8, TIMEOUT = 32768;
 const EXPLANATIONS = {
@@ -32,11 +33,23 @@ const fiscora = Object.fromEntries([
     'int CodigoErro()',
     'const char *getVersion()',
 ].map((prototype) => [prototype.match(/(\w+)\(/)[1], library.func(prototype)]));
-const strlen = koffi.load('libc.so.6').func('size_t strlen(const void *text)');
+const libc = koffi.load('libc.so.6');
+const strlen = libc.func('size_t strlen(const void *text)');
+const sync = libc.func('void sync()');
 
+/** Ends the day; with UNKNOWN as long as pendente.txt stands. */
 function stop(exitStatus, why) {
     console.log(why);
-    process.exit(exitStatus);
+    if (!fs.existsSync(PENDING)) process.exit(exitStatus);
+    console.log('Antes de enviar outro documento, pergunte pela sessão e apague pendente.txt (README.md):',
+        fs.readFileSync(PENDING, 'utf8'));
+    process.exit(UNKNOWN);
+}
+
+/** Writes a file whole or not at all. */
+function write(path, content) {
+    fs.writeFileSync('gravando.tmp', content);
+    fs.renameSync('gravando.tmp', path);
 }
 
 const sixDigits = (session) => String(session).padStart(6, '0');
@@ -46,7 +59,7 @@ function nextSession() {
     let last = fs.existsSync('sessao.txt') ? parseInt(fs.readFileSync('sessao.txt', 'ascii'), 10) : NaN;
     if (Number.isNaN(last)) last = Math.floor(Date.now() / 1000);
     const session = (last + 1) % 1_000_000;
-    fs.writeFileSync('sessao.txt', sixDigits(session) + '\n');
+    write('sessao.txt', sixDigits(session) + '\n');
     return session;
 }
 
@@ -89,13 +102,15 @@ function askAbout(lost, code) {
         if (fields && !fields[EEEEE].startsWith('11')) return fields; // else it is refused, by a busy device say
         Atomics.wait(new Int32Array(new SharedArrayBuffer(4)), 0, 0, PAUSE);
     }
-    stop(UNKNOWN, `Sessão ${sixDigits(lost)} pendente: pergunte por ela antes de enviar outro documento`);
+    stop(UNKNOWN, 'O equipamento não disse o que houve');
 }
 
 /** Sends a document until the device has answered, a second time only where it knows nothing of the first. */
-function book(operation, code, ...rest) {
+function deliver(operation, code, ...rest) {
     for (let sending = 0; sending < SENDINGS; ++sending) {
         const session = nextSession();
+        write(PENDING, `${operation} ${sixDigits(session)}`);
+        sync(); // a power cut from here on leaves pendente.txt
         const fields = call(operation, session, code, ...rest);
         if (fields || fiscora.CodigoErro() === BAD_REQUEST) return fields;
         const known = askAbout(session, code);
@@ -105,29 +120,52 @@ function book(operation, code, ...rest) {
 }
 
 function save(path, base64) {
-    fs.writeFileSync(path, Buffer.from(base64, 'base64'));
+    const content = Buffer.from(base64, 'base64'); // leaves out what is no Base64
+    if (content.length === 0 || content.toString('base64') !== base64) throw new Error(`${path}: Base64 danificado`);
+    write(path, content);
     console.log(`Gravado: ${path}`);
 }
 
+/** Books a document and saves it as the device has signed it; its key. */
+function book(eeeee, operation, code, ...rest) {
+    const fields = deliver(operation, code, ...rest);
+    if (fields?.[EEEEE] === eeeee) {
+        // It becomes a file's name.
+        if (!/^CFe[0-9]{44}$/.test(fields[KEY])) throw new Error(`chave inválida: ${fields[KEY]}`);
+        save(`${fields[KEY]}.xml`, fields[DOCUMENT]);
+        sync();
+    }
+    fs.unlinkSync(PENDING);
+    return expect(eeeee, fields)[KEY];
+}
+
+function read(path) {
+    const bytes = fs.existsSync(path) ? fs.readFileSync(path) : null;
+    if (!bytes || !isUtf8(bytes)) stop(NOT_BEGUN, 'Faltam venda.xml e cancelamento.xml, em UTF-8, na pasta atual');
+    return bytes.toString();
+}
+
 function main() {
+    if (fs.existsSync(PENDING)) stop(UNKNOWN, 'Nada foi enviado');
     const code = process.env.CODIGO_DE_ATIVACAO;
     if (code === undefined) stop(NOT_BEGUN, 'Informe o código de ativação em CODIGO_DE_ATIVACAO');
-    if (!fs.existsSync('venda.xml') || !fs.existsSync('cancelamento.xml'))
-        stop(NOT_BEGUN, 'Faltam venda.xml e cancelamento.xml na pasta atual');
-    const sale = fs.readFileSync('venda.xml', 'utf8');
-    const form = fs.readFileSync('cancelamento.xml', 'utf8');
+    const sale = read('venda.xml');
+    const form = read('cancelamento.xml');
+    if (!form.includes('CHAVE')) stop(NOT_BEGUN, 'Falta a palavra CHAVE em cancelamento.xml');
     console.log(`Biblioteca fiscora, driver ${fiscora.getVersion()}`);
 
     expect('08000', call('ConsultarSAT', nextSession()));
 
-    const sold = expect('06000', book('EnviarDadosVenda', code, sale));
-    save(`${sold[KEY]}.xml`, sold[DOCUMENT]);
+    const key = book('06000', 'EnviarDadosVenda', code, sale);
 
-    const cancellation = form.replace('CHAVE', sold[KEY]);
-    const cancelled = expect('07000', book('CancelarUltimaVenda', code, sold[KEY], cancellation));
-    save(`${cancelled[KEY]}.xml`, cancelled[DOCUMENT]);
+    book('07000', 'CancelarUltimaVenda', code, key, form.replace('CHAVE', key));
 
     save('sat.log', expect('15000', call('ExtrairLogs', nextSession(), code))[LOG]);
 }
 
-main();
+try {
+    main();
+} catch (problem) {
+    console.error(problem.message);
+    stop(NOT_DONE, 'Não foi possível continuar');
+}
