@@ -11,7 +11,6 @@ import java.nio.file.Files;
 import java.nio.file.Path;
 import java.nio.file.StandardCopyOption;
 import java.util.Base64;
-import java.util.Map;
 import java.util.concurrent.TimeUnit;
 import java.util.function.IntFunction;
 
@@ -27,9 +26,10 @@ public class Venda {
         Pointer getVersion();
     }
 
-    // Without the option, texts would go in the encoding of the user's locale.
-    static final Fiscora LIBRARY =
-            Native.load("libfiscora.so.1", Fiscora.class, Map.of(Library.OPTION_STRING_ENCODING, "UTF-8"));
+    static {
+        System.setProperty("jna.encoding", "UTF-8"); // texts would go in the encoding of the user's locale
+    }
+    static final Fiscora LIBRARY = Native.load("libfiscora.so.1", Fiscora.class);
     static final Function SYNC = Function.getFunction("libc.so.6", "sync");
     static final PrintStream OUT = new PrintStream(System.out, true, StandardCharsets.UTF_8);
 

@@ -17,7 +17,7 @@ constexpr std::uint64_t MAX_HEAD_TEXT = 4096;
 
 /// The most that is reserved for a body because a head announces it: any answer fits, and a head that
 /// promises more than ever comes costs about this much.
-constexpr std::uint64_t MAX_RESERVED = 2 * 1024 * 1024;
+constexpr std::uint64_t MAX_RESERVED = std::uint64_t{2} * 1024 * 1024;
 
 /// The last header line's own CR LF and the two of HDR_START_DATA.
 constexpr std::uint32_t LINE_ENDS_OF_HEAD = 3;
