@@ -274,7 +274,8 @@ TEST(Log, AFailedPictureTakesTheFileWithIt) {
     fs::create_symlink("pictures/old.svg", "link.svg");
     const std::string failed = shell("trap '' XFSZ; ulimit -f 1; " FISCORA_TOOL " log --svg link.svg");
     EXPECT_EQ(failed.substr(0, 2), "1\n");
-    EXPECT_NE(failed.find("\nfiscora log: não é possível gravar link.svg: File too large\n"), std::string::npos)
+    EXPECT_NE(failed.find("\nfiscora log: não é possível gravar link.svg: File too large\n"),
+              std::string::npos)
         << failed;
     EXPECT_EQ(shell("cat pictures/old.svg"), "0\nold");
     EXPECT_EQ(log("--svg link.svg").substr(0, 2), "0\n");
