@@ -7,10 +7,12 @@
 #include <unistd.h>
 
 #include <algorithm>
+#include <array>
 #include <csignal>
 #include <cstdlib>
 #include <cstring>
 #include <filesystem>
+#include <map>
 #include <numeric>
 #include <optional>
 #include <stdexcept>
@@ -43,11 +45,12 @@ void chillCaches() {
 /// Takes requests and gives one answer again and again, at once; no device, terminal or shell is behind it.
 class InstantLine {
   public:
-    explicit InstantLine(std::string answer) : m_answer(std::move(answer)) {
+    InstantLine() {
         platform.usleep = [](useconds_t) { return 0; };
         platform.popen = [this](const char*) { return fmemopen(m_listing.data(), m_listing.size(), "r"); };
         platform.pclose = [](FILE* file) { return std::fclose(file); };
         platform.open = [this](const char*, int) {
+            m_phase = REQUEST;
             m_given = 0;
             return FD;
         };
@@ -58,7 +61,11 @@ class InstantLine {
         platform.ioctl = [](int, unsigned long, void* queued) { return *static_cast<int*>(queued) = 0; };
         platform.write = [this](int fd, const void* bytes, std::size_t size) {
             if (fd != FD) return next<ssize_t(int, const void*, std::size_t)>("write")(fd, bytes, size);
-            if (m_given == 0) m_request = Stopwatch::stop();
+            if (m_phase == REQUEST) {
+                m_request = Stopwatch::stop();
+                m_phase = SENDING;
+                Stopwatch::start();
+            }
             return static_cast<ssize_t>(size);
         };
         platform.read = [this](int fd, void* bytes, std::size_t size) {
@@ -71,35 +78,36 @@ class InstantLine {
     InstantLine& operator=(const InstantLine&) = delete;
     ~InstantLine() { platform = Platform(); }
 
-    /// What the last call took up to its first write.
+    std::string answer;  ///< to the next call
+
+    /// What the last call took up to its first write, and from there to its first read.
     const Times& request() const { return m_request; }
+    const Times& sending() const { return m_sending; }
 
   private:
+    enum Phase { REQUEST, SENDING, ANSWER };
+
     static constexpr int FD = 1'000'000;  // none of the process's, and no poll waits for it
 
     ssize_t give(void* bytes, std::size_t size) {
-        if (m_given == 0) {
+        if (m_phase == SENDING) {
+            m_sending = Stopwatch::stop();
+            m_phase = ANSWER;
             chillCaches();
             Stopwatch::start();
         }
         const In part(LINE);
-        const std::size_t length = std::min(size, m_answer.size() - m_given);
-        std::memcpy(bytes, m_answer.data() + m_given, length);
+        const std::size_t length = std::min(size, answer.size() - m_given);
+        std::memcpy(bytes, answer.data() + m_given, length);
         m_given += length;
         return static_cast<ssize_t>(length);
     }
 
     std::string m_listing = "x-mfc+_with_musb-if00 -> ../../ttyACM0\n";
-    std::string m_answer;
-    std::size_t m_given = 0;
-    Times m_request;
+    Phase m_phase = REQUEST;
+    std::size_t m_given = 0;  ///< of the answer
+    Times m_request, m_sending;
 };
-
-/// Sets the counter, or lowers it.
-void least(State& state, const std::string& counter, double seconds) {
-    const auto [place, isNew] = state.counters.try_emplace(counter, seconds);
-    if (!isNew) place->second.value = std::min(place->second.value, seconds);
-}
 
 /// The frame of an answer of that many bytes, with a document in Base64 as the largest field.
 std::string answerFrame(std::size_t bytes) {
@@ -119,30 +127,57 @@ std::string answerFrame(std::size_t bytes) {
 /// What is the library's own, with its log lines and checksums.
 double own(const Times& times) { return times.cpu[OWN] + times.cpu[LOG] + times.cpu[CHECKSUM]; }
 
+/// Seconds of CPU of one sale, by counter.
+using Costs = std::map<std::string, double>;
+
+Costs sell(InstantLine& line, const std::string& document) {
+    chillCaches();
+    Stopwatch::start();
+    const char* const text = EnviarDadosVenda(1, "12345678", document.c_str());
+    const Times answer = Stopwatch::stop();
+    if (CodigoErro() != 0 || std::strlen(text) != document.size()) throw std::runtime_error("a sale failed");
+    return {{"request", own(line.request())},
+            {"sending", own(line.sending())},
+            {"answer", own(answer)},
+            {"whole", own(line.request()) + own(line.sending()) + own(answer)},
+            {"checksum", answer.cpu[CHECKSUM]},
+            {"deflate", line.request().cpu[DEFLATE]},
+            {"inflate", answer.cpu[INFLATE]}};
+}
+
+double median(std::vector<double> values) {
+    const auto middle = values.begin() + static_cast<std::ptrdiff_t>(values.size() / 2);
+    std::nth_element(values.begin(), middle, values.end());
+    return *middle;
+}
+
 void sale(State& state) {
-    const auto bytes = static_cast<std::size_t>(state.range(0));
     const WorkingDirectory folder;
-    const std::string document = saleDocument(bytes);
-    InstantLine line(answerFrame(bytes));
-    Times answer;
-    const auto call = [&] {
-        chillCaches();
-        Stopwatch::start();
-        const char* const text = EnviarDadosVenda(1, "12345678", document.c_str());
-        answer = Stopwatch::stop();
-        if (CodigoErro() != 0 || std::strlen(text) != bytes) state.SkipWithError("a sale failed");
+    InstantLine line;
+    std::array<std::string, CALL_BYTES.size()> documents, answers;
+    std::transform(CALL_BYTES.begin(), CALL_BYTES.end(), documents.begin(), saleDocument);
+    std::transform(CALL_BYTES.begin(), CALL_BYTES.end(), answers.begin(), answerFrame);
+    const auto sellOfSize = [&](std::size_t index) {
+        line.answer = answers[index];
+        return sell(line, documents[index]);
     };
-    call();  // begins the day's log, and brings memory to its level
+    sellOfSize(CALL_BYTES.size() - 1);  // begins the day's log, and brings memory to its level
+
+    // Of calls made in the same turn, so that what else the machine does strikes both alike.
+    std::map<std::string, std::vector<double>> aByte;
     while (state.KeepRunning()) {
-        call();
-        least(state, "request", own(line.request()));
-        least(state, "deflate", line.request().cpu[DEFLATE]);
-        least(state, "answer", own(answer));
-        least(state, "checksum", answer.cpu[CHECKSUM]);
-        least(state, "inflate", answer.cpu[INFLATE]);
-        state.SetIterationTime(own(line.request()) + line.request().cpu[DEFLATE] + own(answer) +
-                               answer.cpu[INFLATE]);
+        const Costs smallest = sellOfSize(0);
+        for (std::size_t i = 0; i < CALL_BYTES.size(); ++i) {
+            const auto more = static_cast<double>(CALL_BYTES[i] - CALL_BYTES[0]);
+            for (const auto& [name, seconds] : i == 0 ? smallest : sellOfSize(i)) {
+                const std::string counter = std::to_string(CALL_BYTES[i]) + " " + name;
+                const auto [place, isNew] = state.counters.try_emplace(counter, seconds);
+                if (!isNew) place->second.value = std::min(place->second.value, seconds);
+                if (i > 0) aByte[counter + " a byte"].push_back((seconds - smallest.at(name)) / more);
+            }
+        }
     }
+    for (const auto& [counter, costs] : aByte) state.counters[counter] = median(costs);
 }
 
 /// A simulated device on a pty, in a process of its own; the library finds it by the real search in a folder
@@ -228,6 +263,8 @@ class SimulatedLine {
     std::optional<In> m_search;
 };
 
+double elapsed(const Times& times) { return std::accumulate(times.wall.begin(), times.wall.end(), 0.0); }
+
 void consultarSAT(State& state) {
     const WorkingDirectory folder;
     SimulatedLine line;
@@ -239,18 +276,22 @@ void consultarSAT(State& state) {
         return times;
     };
     call();  // begins the day's log, and makes the memory that it shares with the device's process its own
-    while (state.KeepRunning()) {
-        const Times times = call();
-        for (int part = OWN; part < PARTS; ++part) least(state, PART_NAMES[part], times.wall[part]);
-        const double total = std::accumulate(times.wall.begin(), times.wall.end(), 0.0);
-        least(state, "total", total);
-        state.SetIterationTime(total);
-    }
+    std::vector<Times> calls;
+    while (state.KeepRunning()) calls.push_back(call());
+    const auto median = calls.begin() + static_cast<std::ptrdiff_t>(calls.size() / 2);
+    std::nth_element(calls.begin(), median, calls.end(),
+                     [](const Times& a, const Times& b) { return elapsed(a) < elapsed(b); });
+    for (int part = OWN; part < PARTS; ++part) state.counters[PART_NAMES[part]] = median->wall[part];
+    state.counters["total"] = elapsed(*median);
 }
 
-BENCHMARK(sale)->UseManualTime()->Iterations(30)->Apply([](auto* sales) {
-    for (const std::size_t bytes : CALL_BYTES) sales->Arg(static_cast<std::int64_t>(bytes));
-});
-BENCHMARK(consultarSAT)->Name("ConsultarSAT")->UseManualTime()->Iterations(6)->Repetitions(1);
+benchmark::internal::Benchmark* const SALES = benchmark::RegisterBenchmark("sale", sale)->Repetitions(1);
+benchmark::internal::Benchmark* const QUERIES =
+    benchmark::RegisterBenchmark("ConsultarSAT", consultarSAT)->Repetitions(1);
 
 }  // namespace
+
+void setCalls(int turns, int queries) {
+    SALES->Iterations(turns);
+    QUERIES->Iterations(queries);
+}
