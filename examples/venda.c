@@ -72,7 +72,8 @@ static int next_session(void) {
     if (file != NULL) fclose(file);
 
     last = (last + 1) % 1000000;
-    write_file("sessao.txt", text, (size_t)sprintf(text, "%06d\n", last));
+    sprintf(text, "%06d\n", last);
+    write_file("sessao.txt", text, strlen(text));
     return last;
 }
 
@@ -136,7 +137,8 @@ static bool deliver(const char* operation, const char* (*send)(int session)) {
     for (int sending = 0; sending < SENDINGS; ++sending) {
         const int session = next_session();
         char text[64];
-        write_file(PENDING, text, (size_t)snprintf(text, sizeof text, "%s %06d", operation, session));
+        snprintf(text, sizeof text, "%s %06d", operation, session);
+        write_file(PENDING, text, strlen(text));
         sync(); /* a power cut from here on leaves pendente.txt */
         if (receive(operation, session, session, send(session))) return true;
         if (CodigoErro() == FISCORA_STATUS_BAD_REQUEST) return false;
