@@ -274,6 +274,9 @@ TEST(CallCommand, AnswerDumpAndRecord) {
               "status             8");
     EXPECT_EQ(run(call + "ExtrairLogs --out refused 7 wrongcode").exitStatus, 1);
     EXPECT_EQ(run("printf '12345678\\r\\n' | " + call + "ExtrairLogs 7 @-").exitStatus, 0);
+    const std::string inPlace = "EnviarDadosVenda 8 12345678 '<CFe>" + std::string(300, ' ') + "</CFe>'";
+    EXPECT_EQ(run(call + inPlace).exitStatus, 0);  // too long for the name of a file
+    EXPECT_EQ(run(call + "ExtrairLogs 9 ''").exitStatus, 0);
     EXPECT_EQ(run(call + "ConsultarSAT 7 >/dev/full").exitStatus, 1);
     EXPECT_NE(run(SIM + "--trace -- " FISCORA_TOOL " call EnviarStatusAC 7 '[a,b]' c -- -d")
                   .output.find("| 000007|[a,b]|c|-d\n"),

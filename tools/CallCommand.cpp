@@ -20,6 +20,7 @@
 #include <sstream>
 #include <stdexcept>
 #include <string_view>
+#include <system_error>
 
 #include "Progress.h"
 #include "encoding/Base64.h"
@@ -132,9 +133,11 @@ const Operation& chosenOperation(const std::string& name) {
                                joined(known, ", "));
 }
 
+bool isFile(const std::string& argument) { return !argument.empty() && argument.front() == '@'; }
+
 /// An argument @FILE stands for the content of that file, or of the standard input where it is @-.
 std::string content(const std::string& argument) {
-    if (argument.empty() || argument.front() != '@') return argument;
+    if (!isFile(argument)) return argument;
     const std::string path = argument.substr(1);
     std::ifstream file;
     if (path != "-") file.open(path, std::ios::binary);
@@ -164,10 +167,18 @@ int number(const std::string& name, const std::string& text, std::string_view co
 
 /// An activation code is one line: the line break that an editor has left at the end of its file is dropped.
 void checkCode(const std::string& name, std::string& code, const std::string& given) {
-    if (given.front() == '@' && !code.empty() && code.back() == '\n') code.pop_back();
-    if (given.front() == '@' && !code.empty() && code.back() == '\r') code.pop_back();
+    if (isFile(given))
+        for (const char end : {'\n', '\r'})
+            if (!code.empty() && code.back() == end) code.pop_back();
     if (code.find_first_of("\r\n") != std::string::npos)
         throw CLI::ValidationError(name + " holds a line break");
+}
+
+/// The name of a file in the place of a document: an "@" was forgotten, and the name would be sent.
+void checkDocument(const std::string& name, const std::string& given) {
+    std::error_code tooLong;  // a document is no name
+    if (!std::filesystem::exists(given, tooLong)) return;
+    throw CLI::ValidationError(name + ": " + given + " is a file; expected its content, @" + given);
 }
 
 /// What `given`, the words behind the operation's name, are to the library. `texts` keeps the texts.
@@ -186,9 +197,7 @@ std::vector<Argument> argumentsFrom(const Operation& operation, const std::vecto
     for (std::size_t i = 0; i < given.size(); ++i) {
         texts[i] = content(given[i]);
         if (names[i].find("odigo") != std::string::npos) checkCode(names[i], texts[i], given[i]);
-        if (names[i].compare(0, 5, "dados") == 0 && std::filesystem::exists(given[i]))
-            throw CLI::ValidationError(names[i] + ": " + given[i] + " is a file; expected its content, @" +
-                                       given[i]);
+        if (names[i].compare(0, 5, "dados") == 0) checkDocument(names[i], given[i]);
         if (conversions[i] == TEXT)
             arguments.emplace_back(texts[i].c_str());
         else
