@@ -10,6 +10,7 @@
 #include "DoctorCommand.h"
 #include "LogCommand.h"
 #include "SimCommand.h"
+#include "i18n.h"
 #include "terminal_text.h"
 
 namespace {
@@ -62,10 +63,11 @@ int runTool(int argc, char** argv) {
 }  // namespace
 
 int main(int argc, char** argv) {
+    tool::chooseLanguage();
     try {
         const int status = runTool(argc, argv);
         if (std::cout.flush()) return status;
-        std::cerr << "fiscora: cannot write to the standard output\n";
+        std::cerr << "fiscora: " << tool::tr("cannot write to the standard output") << "\n";
     } catch (const std::exception& error) {
         std::cerr << "fiscora: " << error.what() << "\n";
     }

@@ -1,0 +1,25 @@
+#pragma once
+
+#include <libintl.h>
+
+namespace tool {
+
+/// Chooses the language of messages from the environment (LC_ALL, LC_MESSAGES, LANG; LANGUAGE overrides
+/// them). The catalogue is in `locale` beside this program in a build tree, or in the installed share/locale;
+/// without it, and for every language that it lacks, texts stay English. Numbers and times keep the C locale.
+void chooseLanguage();
+
+/// `text` in the user's language. The catalogue is tools/po/pt.po; scripts/translate keeps it up to date.
+__attribute__((format_arg(1))) inline const char* tr(const char* text) { return gettext(text); }
+
+/// The form of a noun that goes with `count`.
+__attribute__((format_arg(1), format_arg(2))) inline const char* tr(const char* one, const char* many,
+                                                                    unsigned long count) {
+    return ngettext(one, many, count);
+}
+
+/// Marks a text for the catalogue where it cannot be translated yet, as in a constant table; whoever prints
+/// it calls `tr`.
+constexpr const char* translatable(const char* text) { return text; }
+
+}  // namespace tool
