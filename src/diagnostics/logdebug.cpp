@@ -17,22 +17,19 @@
 #include <memory>
 #include <vector>
 
+#include "diagnostics/log_names.h"
 #include "file_probe.h"
 #include "local_time.h"
 #include "version.h"
 
 namespace {
 
-constexpr char DIRECTORY[] = "logsDrs";
 constexpr mode_t DIRECTORY_MODE = 0775;
-constexpr char NAME_PREFIX[] = "/logDrs";
-constexpr char NAME_SUFFIX[] = ".log";
-constexpr char ARCHIVE_SUFFIX[] = ".tar.gz";
 
-/// Where NAME_SUFFIX stands in a day's path: behind logsDrs/logDrsYYYYMMDD.
-constexpr std::size_t NAME_SUFFIX_POSITION = 22;
+/// Position of LOG_SUFFIX in a day's path, after logsDrs/logDrsYYYYMMDD.
+constexpr std::size_t SUFFIX_POSITION = 22;
 
-/// With so many files or more when a day begins, the oldest of them goes.
+/// If a day begins with this many files or more, the oldest goes.
 constexpr std::size_t MAX_FILES = 8;
 
 constexpr useconds_t LOCK_POLL_US = 1'000;
@@ -66,7 +63,7 @@ LogDebug* LogDebug::obtemReferencia() {
     return m_log;
 }
 
-LogDebug::LogDebug() : m_pathLog(DIRECTORY) { mkdir(m_pathLog.c_str(), DIRECTORY_MODE); }
+LogDebug::LogDebug() : m_pathLog(LOG_DIRECTORY) { mkdir(m_pathLog.c_str(), DIRECTORY_MODE); }
 
 std::string LogDebug::currentDate() { return localTimeText("%Y%m%d"); }
 std::string LogDebug::currentDateTime() { return localTimeText("%Y-%m-%d.%X"); }
@@ -75,7 +72,7 @@ std::string LogDebug::getFileNameLog() {
     const std::string date = currentDate();
     if (date == m_currentDate) return m_fileNameLog;
     compress(m_fileNameLog);
-    m_fileNameLog = m_pathLog + NAME_PREFIX + date + NAME_SUFFIX;
+    m_fileNameLog = m_pathLog + "/" + LOG_PREFIX + date + LOG_SUFFIX;
     m_currentDate = date;
     return m_fileNameLog;
 }
@@ -110,7 +107,7 @@ void LogDebug::compress(const std::string& fileName) {
     if (!archived) remove(archive.c_str());
     sync();
     std::string finalName = archive;
-    finalName.erase(NAME_SUFFIX_POSITION, sizeof NAME_SUFFIX - 1);
+    finalName.erase(SUFFIX_POSITION, sizeof LOG_SUFFIX - 1);
     std::cout << "[removeLastDays] erase " << finalName << std::endl;
     const bool renamed = rename(archive.c_str(), finalName.c_str()) == 0;
     if (renamed)
@@ -133,7 +130,7 @@ void LogDebug::removeLastDays(char* path) {
     }
     if (fts_children(walk.get(), 0) == nullptr) return;
 
-    const std::string wanted = std::string(path) + NAME_PREFIX;
+    const std::string wanted = std::string(path) + "/" + LOG_PREFIX;
     std::vector<std::string> files;
     while (const FTSENT* entry = fts_read(walk.get()))
         if (entry->fts_info == FTS_F && std::string(entry->fts_path).find(wanted) != std::string::npos)

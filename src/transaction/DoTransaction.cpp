@@ -8,6 +8,7 @@
 #include <string_view>
 
 #include "diagnostics/logdebug.h"
+#include "fields.h"
 #include "fiscora.h"
 #include "local_time.h"
 #include "protocol/Message.h"
@@ -18,44 +19,42 @@ namespace {
 /// Names this side of the line to the device.
 constexpr int SOURCE_ID = 3;
 
-/// Stands in the log for a field that the answer does not have.
+/// Logged in place of a missing field.
 constexpr char MISSING_FIELD[] = " ";
 
-const char* fieldOr(const std::vector<std::string>& fields, std::size_t index, const char* missing) {
-    return index < fields.size() ? fields[index].c_str() : missing;
+/// The fields of `split`, as views of `text`; at most `most`, the last one with the rest.
+std::vector<std::string_view> splitViews(const std::string& text, char delimiter,
+                                         std::size_t most = std::string::npos) {
+    std::string_view pieces = text.c_str();
+    if (pieces.empty()) return {};
+    if (pieces.back() == delimiter) pieces.remove_suffix(1);
+    return fieldsOf(pieces, delimiter, most);
 }
 
-/// The first fields of a text, without the documents that may stand behind them.
-std::vector<std::string> firstFields(const std::string& text, int count) {
-    std::size_t end = 0;
-    for (; count > 0; --count) {
-        const std::size_t separator = text.find('|', end);
-        if (separator == std::string::npos) return split(text, '|');
-        end = separator + 1;
-    }
-    return split(text.substr(0, end), '|');
+std::string fieldOr(const std::vector<std::string_view>& fields, std::size_t index, const char* missing) {
+    return index < fields.size() ? std::string(fields[index]) : missing;
 }
 
 void logRequest(const char* command, const std::string& request) {
     logOrDrop([&](LogDebug& log) {
-        const auto fields = firstFields(request, 1);
+        const auto fields = splitViews(request, '|', 2);
         std::array<char, 100> line{};
         std::snprintf(line.data(), line.size(), "txCode: %s txSessao:%s txBufferSize:%d", command,
-                      fieldOr(fields, 0, ""), static_cast<int>(request.size()));
+                      fieldOr(fields, 0, "").c_str(), static_cast<int>(request.size()));
         log.saveLog("info", line.data());
     });
 }
 
 void logAnswer(const pbs::Message& answer, int status) {
     logOrDrop([&](LogDebug& log) {
-        const auto fields = firstFields(answer.body(), 4);
+        const auto fields = splitViews(answer.body(), '|', 5);
         std::array<char, 512> line{};
         std::snprintf(
             line.data(), line.size(),
             "rxCode: %s rxSessao: %s rxEEEEE: %s rxCCCC: %s rxMessage: %s rxBufferSize: %d status: %d",
-            answer.code().c_str(), fieldOr(fields, 0, MISSING_FIELD), fieldOr(fields, 1, MISSING_FIELD),
-            fieldOr(fields, 2, MISSING_FIELD), fieldOr(fields, 3, MISSING_FIELD),
-            static_cast<int>(answer.bodySize()), status);
+            answer.code().c_str(), fieldOr(fields, 0, MISSING_FIELD).c_str(),
+            fieldOr(fields, 1, MISSING_FIELD).c_str(), fieldOr(fields, 2, MISSING_FIELD).c_str(),
+            fieldOr(fields, 3, MISSING_FIELD).c_str(), static_cast<int>(answer.bodySize()), status);
         log.saveLog("info", line.data());
     });
 }
@@ -121,13 +120,6 @@ void DoTransaction::fileDump(const char* code, const char* tx, std::uint32_t txS
 }
 
 std::vector<std::string> split(const std::string& text, char delimiter) {
-    std::vector<std::string> pieces;
-    std::string_view rest = text.c_str();
-    while (!rest.empty()) {
-        const auto end = rest.find(delimiter);
-        pieces.emplace_back(rest.substr(0, end));
-        if (end == std::string_view::npos) break;
-        rest.remove_prefix(end + 1);
-    }
-    return pieces;
+    const auto pieces = splitViews(text, delimiter);
+    return {pieces.begin(), pieces.end()};
 }
