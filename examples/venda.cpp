@@ -1,6 +1,7 @@
 // A day at the till in C++, with the classes: status, sale, cancellation, the device's log. README.md says
 // how to build and run it. Exit status: 0 all done, 1 not done, 2 nothing begun, 3 nobody knows what became
 // of a document.
+#include <fiscora.h>
 #include <fiscora/encoding/Base64.h>
 #include <fiscora/fiscal/UCManipulaDadosSat.h>
 #include <fiscora/transaction/DoTransaction.h>

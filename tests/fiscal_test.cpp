@@ -8,6 +8,7 @@
 
 #include "encoding/Base64.h"
 #include "fiscal/UCManipulaDadosSat.h"
+#include "fiscora.h"
 #include "platform.h"
 
 namespace {

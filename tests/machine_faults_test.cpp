@@ -23,6 +23,7 @@
 #include "diagnostics/logdebug.h"
 #include "encoding/Base64.h"
 #include "fiscal/UCManipulaDadosSat.h"
+#include "fiscora.h"
 #include "platform.h"
 #include "transaction/DoTransaction.h"
 

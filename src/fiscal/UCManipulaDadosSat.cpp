@@ -12,14 +12,15 @@
 
 #include "encoding/Base64.h"
 #include "file_probe.h"
+#include "fiscora.h"
 #include "local_time.h"
 #include "protocol/Message.h"
 #include "protocol/pbs.h"
 #include "transaction/DoTransaction.h"
 
-// In assembly language, because no object of C++ has a byte of its own behind its end: the symbol keeps its
-// size, and an answer that fills the buffer is still a zero-terminated text. The size is
-// FISCORA_ANSWER_MAX_BYTES.
+// In assembly, because the zero byte after the buffer must not count in the symbol's size: it terminates an
+// answer that fills the buffer. An alias of a longer array with a .size directive works in most builds, but
+// with gcc's link-time optimisation the directive can land in another partition, and the size is wrong.
 asm(R"(
     .pushsection .bss
     .balign 64
@@ -30,11 +31,11 @@ g_resp:
     .zero 1572864 + 1
     .popsection
 )");
-static_assert(sizeof g_resp == 1572864);
+static_assert(sizeof g_resp == 1572864 && sizeof g_resp == FISCORA_ANSWER_MAX_BYTES);
 
-char g_bufferVenda[FISCORA_ANSWER_MAX_BYTES + 40];
-char g_bufferCancela[FISCORA_ANSWER_MAX_BYTES + 88];
-char g_bufferFimAFim[FISCORA_ANSWER_MAX_BYTES + 40];
+char g_bufferVenda[manipulaDados::ANSWER_MAX_BYTES + 40];
+char g_bufferCancela[manipulaDados::ANSWER_MAX_BYTES + 88];
+char g_bufferFimAFim[manipulaDados::ANSWER_MAX_BYTES + 40];
 
 namespace manipulaDados {
 

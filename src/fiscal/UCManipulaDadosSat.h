@@ -6,17 +6,14 @@
 #include <variant>
 #include <vector>
 
-#include "fiscora.h"
+#include "../protocol/Message.h"
+#include "answer_size.h"
 #include "operations.h"
-
-namespace pbs {
-class Message;
-}
 
 /// Body of the last answer, filled up with zeros: what every operation returns. One more zero byte, which
 /// nothing writes, stands right behind it. Read it by the pointer that an operation returns: a program that
 /// names this symbol may get a copy of its own, without that byte.
-extern char g_resp[FISCORA_ANSWER_MAX_BYTES];
+extern char g_resp[manipulaDados::ANSWER_MAX_BYTES];
 
 namespace manipulaDados {
 
@@ -106,7 +103,7 @@ class ManipulaDadosSat {
     char* respond(int status, const std::string& body);
 
     std::string m_lastCommand;  ///< name of the last operation's command, however it ended
-    int m_status = FISCORA_STATUS_OK;
+    int m_status = 0;
 };
 
 }  // namespace manipulaDados

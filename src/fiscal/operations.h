@@ -4,13 +4,13 @@
 #include <cstddef>
 #include <string_view>
 
-#include "fiscora.h"
+#include "answer_size.h"
 
 /// Where the three document operations build their requests: a document of an answer's size, and what else
 /// the request holds. Each keeps its last request.
-extern char g_bufferVenda[FISCORA_ANSWER_MAX_BYTES + 40];
-extern char g_bufferCancela[FISCORA_ANSWER_MAX_BYTES + 88];
-extern char g_bufferFimAFim[FISCORA_ANSWER_MAX_BYTES + 40];
+extern char g_bufferVenda[manipulaDados::ANSWER_MAX_BYTES + 40];
+extern char g_bufferCancela[manipulaDados::ANSWER_MAX_BYTES + 88];
+extern char g_bufferFimAFim[manipulaDados::ANSWER_MAX_BYTES + 40];
 
 namespace manipulaDados {
 

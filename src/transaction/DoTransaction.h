@@ -5,10 +5,7 @@
 #include <vector>
 
 #include "../link/SerialCommChannel.h"
-
-namespace pbs {
-class Message;
-}
+#include "../protocol/Message.h"
 
 /// One command/answer exchange with the fiscal device. An object serves one exchange: build it, `run` it
 /// once, let it go. Its destructor takes one second, the pause that the device needs between two exchanges.

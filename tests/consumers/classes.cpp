@@ -1,4 +1,5 @@
 // Built by find_package against an installed copy: an operation that only the class has.
+#include <fiscora.h>
 #include <fiscora/fiscal/UCManipulaDadosSat.h>
 
 #include <iostream>
