@@ -119,7 +119,7 @@ struct SerialCommChannel::Reception {
     int wrongAnswers = 0;
 };
 
-SerialCommChannel::SerialCommChannel() = default;
+SerialCommChannel::SerialCommChannel() : m_transmissionWaitUs(MAX_TRANSMISSION_WAIT_US) {}
 
 SerialCommChannel::~SerialCommChannel() { disconnect_client(); }
 
@@ -132,7 +132,7 @@ int SerialCommChannel::connect_client() {
 int SerialCommChannel::openSerial(const std::string& path) {
     if (path.empty()) return -1;
     fdSerial = aboveStandardStreams(open(path.c_str(), O_RDWR | O_NOCTTY));
-    transmissionWaitUs = MAX_TRANSMISSION_WAIT_US;
+    m_transmissionWaitUs = MAX_TRANSMISSION_WAIT_US;
     if (isatty(fdSerial) == 0) return errno;
     if (const int status = statusErro(); status != PORT_OPEN) return status;
 
@@ -146,7 +146,7 @@ int SerialCommChannel::openSerial(const std::string& path) {
     settings.c_cc[VTIME] = READ_TIMEOUT_TENTHS;  // after cfmakeraw, which sets both
     settings.c_cc[VMIN] = 0;
     tcflush(fdSerial, TCIOFLUSH);
-    readsTimeOut = tcsetattr(fdSerial, TCSANOW, &settings) == 0;
+    m_readsTimeOut = tcsetattr(fdSerial, TCSANOW, &settings) == 0;
     return 0;
 }
 
@@ -180,7 +180,7 @@ int SerialCommChannel::send(const char* data, std::uint32_t length) {
 
 int SerialCommChannel::writePiece(const char* data, std::uint32_t length) {
     if (fdSerial == -1) return -1;
-    if (transmissionWaitUs > 0) return static_cast<int>(write(fdSerial, data, length));
+    if (m_transmissionWaitUs > 0) return static_cast<int>(write(fdSerial, data, length));
     // All the time for waits is used up, so the line may have stopped taking anything, and a write that the
     // driver has no room for would wait without end.
     return writeWhereThereIsRoom(fdSerial, data, length);
@@ -190,7 +190,7 @@ int SerialCommChannel::readPiece(char* buffer, unsigned long capacity) {
     if (fdSerial == -1) return -1;
     const SignalsHeldBack guard;
     pollfd input{fdSerial, POLLIN, 0};
-    if (!readsTimeOut && poll(&input, 1, READ_TIMEOUT_MS) == 0) return 0;
+    if (!m_readsTimeOut && poll(&input, 1, READ_TIMEOUT_MS) == 0) return 0;
     return static_cast<int>(read(fdSerial, buffer, capacity));
 }
 
@@ -216,12 +216,12 @@ bool SerialCommChannel::tooManyFailures() {
 /// would never arrive.
 void SerialCommChannel::awaitTransmission() {
     int queued = 0;
-    while (transmissionWaitUs > 0 && ioctl(fdSerial, TIOCOUTQ, &queued) == 0 && queued > 0) {
+    while (m_transmissionWaitUs > 0 && ioctl(fdSerial, TIOCOUTQ, &queued) == 0 && queued > 0) {
         timeval start;
         gettimeofday(&start, nullptr);
         usleep(TRANSMISSION_POLL_US);
         // A clock that was set back must not stretch the wait.
-        transmissionWaitUs -= std::max<std::int64_t>(microsecondsSince(start), TRANSMISSION_POLL_US);
+        m_transmissionWaitUs -= std::max<std::int64_t>(microsecondsSince(start), TRANSMISSION_POLL_US);
     }
 }
 

@@ -5,9 +5,7 @@
 #include <cstdint>
 #include <string>
 
-namespace pbs {
-class Message;
-}
+#include "../protocol/Message.h"
 
 namespace serial {
 
@@ -90,11 +88,12 @@ class SerialCommChannel {
     void judge(const char* code, Reception& reception);
     int elapsedMs() const;
 
-    int fdSerial = -1;                    ///< -1 when closed
-    bool readsTimeOut = true;             ///< whether the port has been set up so
-    std::uint32_t failCount = 0;          ///< calls of send and receive in a row that moved no byte
-    timeval startTime{};                  ///< the exchange's clock; started by send_data
-    std::int64_t transmissionWaitUs = 0;  ///< what is left of the connection's time to wait for transmission
+    int fdSerial = -1;            ///< -1 when closed
+    std::uint32_t failCount = 0;  ///< consecutive calls of send and receive that moved no byte
+    timeval startTime{};          ///< the exchange's clock; started by send_data
+
+    bool m_readsTimeOut = true;         ///< false if the port refused its settings
+    std::int64_t m_transmissionWaitUs;  ///< what is left of the connection's time to wait for transmission
 };
 
 }  // namespace serial
