@@ -34,7 +34,8 @@ class LogDebug {
   private:
     LogDebug();
 
-    static LogDebug* m_log;
+    // Protected: a program's own LogDebug::m_log must not take its place.
+    __attribute__((visibility("protected"))) static LogDebug* m_log;
 
     std::string m_currentDate;  ///< date of the file in use; empty before the first line
     std::string m_pathLog;      ///< the directory

@@ -11,7 +11,7 @@ namespace {
 
 constexpr std::string_view ALPHABET = "ABCDEFGHIJKLMNOPQRSTUVWXYZabcdefghijklmnopqrstuvwxyz0123456789+/";
 
-/// How much text is made before it is appended: small enough to stay in a first-level cache.
+/// Quads per append: their text stays in a first-level cache.
 constexpr std::size_t BLOCK_QUADS = 256;
 
 /// The two characters of each 12 bits.
@@ -24,10 +24,10 @@ constexpr std::array<Pair, 4096> makePairs() {
 }
 constexpr auto PAIRS = makePairs();
 
-/// In VALUES, of a byte that is none of the alphabet's: a bit that no value's share of a quad has.
+/// Marks a byte outside the alphabet in VALUES, by a bit that no share of a quad uses.
 constexpr std::uint32_t FOREIGN = 1U << 24;
 
-/// The value of each byte, as the first, second, third or fourth of a quad shifts it.
+/// The value of each byte, shifted to its place as the first, second, third or fourth of a quad.
 constexpr std::array<std::array<std::uint32_t, 256>, 4> makeValues() {
     std::array<std::array<std::uint32_t, 256>, 4> values{};
     for (std::size_t place = 0; place < 4; ++place) {
@@ -39,8 +39,8 @@ constexpr std::array<std::array<std::uint32_t, 256>, 4> makeValues() {
 }
 constexpr auto VALUES = makeValues();
 
-/// Appends the text of groups of six bytes, as long as the eight that are read at once are there; returns the
-/// bytes taken.
+/// Appends the text of groups of six bytes. Each step reads eight bytes, so a few are left at the end.
+/// Returns the number of bytes taken.
 std::size_t encodeSixes(std::string& text, const unsigned char* bytes, std::size_t length) {
     std::array<char, 4 * BLOCK_QUADS> block;
     std::size_t taken = 0;
@@ -60,8 +60,8 @@ std::size_t encodeSixes(std::string& text, const unsigned char* bytes, std::size
     return taken;
 }
 
-/// Appends the bytes of the quads up to the first that has a foreign byte; returns the characters taken.
-/// What is left is for the plain rule, which gives the same for whole quads.
+/// Appends the bytes of the quads before the first foreign byte; returns the number of characters taken. The
+/// plain rule decodes the rest, and would decode these quads the same.
 std::size_t decodeQuads(std::string& bytes, const std::string& text) {
     std::array<char, 3 * BLOCK_QUADS> block;
     const auto* const characters = reinterpret_cast<const unsigned char*>(text.data());
@@ -85,7 +85,16 @@ std::size_t decodeQuads(std::string& bytes, const std::string& text) {
 
 }  // namespace
 
-const std::string Base64::base64_chars(ALPHABET);
+// Defines Base64::base64_chars, under its name in the C++ ABI. If a program has such a member in a class of
+// its own, the dynamic linker makes one object of both, and destroying it twice would crash that program. So
+// this definition leaves the object alone at exit, and the functions below read ALPHABET.
+union Base64Chars {
+    std::string text;
+    Base64Chars() : text(ALPHABET) {}
+    ~Base64Chars() {}
+};
+extern Base64Chars base64Chars __asm__("_ZN6Base6412base64_charsB5cxx11E");
+Base64Chars base64Chars;
 
 bool Base64::is_base64(unsigned char byte) { return std::isalnum(byte) != 0 || byte == '+' || byte == '/'; }
 
@@ -97,10 +106,10 @@ std::string Base64::encode(const unsigned char* bytes, std::uint32_t length) {
         const std::uint32_t group = static_cast<std::uint32_t>(bytes[i]) << 16 |
                                     (left > 1 ? static_cast<std::uint32_t>(bytes[i + 1]) << 8 : 0) |
                                     (left > 2 ? bytes[i + 2] : 0);
-        text += base64_chars[group >> 18];
-        text += base64_chars[group >> 12 & 0x3f];
-        text += left > 1 ? base64_chars[group >> 6 & 0x3f] : '=';
-        text += left > 2 ? base64_chars[group & 0x3f] : '=';
+        text += ALPHABET[group >> 18];
+        text += ALPHABET[group >> 12 & 0x3f];
+        text += left > 1 ? ALPHABET[group >> 6 & 0x3f] : '=';
+        text += left > 2 ? ALPHABET[group & 0x3f] : '=';
     }
     return text;
 }
@@ -113,8 +122,8 @@ std::string Base64::decode(const std::string& text) {
     for (std::size_t i = decodeQuads(bytes, text); i < text.size(); ++i) {
         const char character = text[i];
         if (!is_base64(static_cast<unsigned char>(character))) break;
-        // A letter of the locale's own that the alphabet does not have counts as npos, all bits set.
-        bits = bits << 6 | (static_cast<std::uint32_t>(base64_chars.find(character)) & 0x3f);
+        // A letter of the locale that is not in the alphabet counts as npos, all bits set.
+        bits = bits << 6 | (static_cast<std::uint32_t>(ALPHABET.find(character)) & 0x3f);
         bitCount += 6;
         if (bitCount < 8) continue;
         bitCount -= 8;
