@@ -269,7 +269,7 @@ SimCommand::SimCommand(CLI::App& application)
             "--state", [this](const std::string& name) { m_device.state = states.at(name); },
             "State at the start (default active)")
         ->type_name("STATE")
-        ->check(CLI::IsMember(&states));
+        ->check(oneOf({"active", "blocked", "not-activated"}));
     m_options
         ->add_option("--activation-code", m_device.activationCode,
                      "Activation code (default " + m_device.activationCode + ")")
@@ -277,13 +277,13 @@ SimCommand::SimCommand(CLI::App& application)
         ->check(CLI::Validator(codeIsValid, ""));
     m_options->add_option("--baud", m_port.baud, "Speed of the line in bits a second (default: no limit)")
         ->type_name("N")
-        ->check(CLI::Range(300, 10000000));
+        ->check(numberFrom(300, 10000000));
     m_options
         ->add_option_function<int>(
             "--latency", [this](int ms) { m_port.latency = std::chrono::milliseconds(ms); },
             "Time that the device takes for each answer, in ms (default 0)")
         ->type_name("MS")
-        ->check(CLI::Range(0, 3600000));
+        ->check(numberFrom(0, 3600000));
     m_options
         ->add_option_function<std::vector<std::string>>(
             "--fault",

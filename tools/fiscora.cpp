@@ -18,20 +18,26 @@ namespace {
 constexpr int USAGE_STATUS = 2;
 
 int refuse(const std::string& name, const std::string& reason, const std::string& usage) {
-    std::cerr << name << ": " << tool::withoutControls(reason) << " (usage: " << usage << ")\n";
+    std::cerr << name << ": " << tool::withoutControls(reason) << " ("
+              << tool::filled(tool::tr("usage: %s"), usage.c_str()) << ")\n";
     return USAGE_STATUS;
 }
 
 int runTool(int argc, char** argv) {
-    CLI::App application("Tools for the fiscal device library libfiscora.", "fiscora");
+    const std::string usage = tool::tr("fiscora [OPTIONS] SUBCOMMAND ...");
+    CLI::App application(tool::tr("Tools for the fiscal device library libfiscora."), "fiscora");
+    application.formatter(std::make_shared<tool::HelpFormatter>(usage));
+    application.set_help_flag("-h,--help", tool::tr("Show this help"));
     application.set_version_flag("--version",
-                                 std::string("fiscora " FISCORA_VERSION ", driver ") + getVersion());
+                                 std::string("fiscora " FISCORA_VERSION ", driver ") + getVersion(),
+                                 tool::tr("Show the versions of the tool and of the driver"));
     application.require_subcommand(1);
     std::vector<std::unique_ptr<tool::Subcommand>> subcommands;
     subcommands.push_back(std::make_unique<tool::SimCommand>(application));
     subcommands.push_back(std::make_unique<tool::CallCommand>(application));
     subcommands.push_back(std::make_unique<tool::DoctorCommand>(application));
     subcommands.push_back(std::make_unique<tool::LogCommand>(application));
+    for (CLI::App* options : application.get_subcommands({})) options->group(tool::tr("Subcommands"));
     const auto chosen = [&]() -> tool::Subcommand* {
         for (const auto& subcommand : subcommands) {
             if (subcommand->options().parsed()) return subcommand.get();
@@ -39,7 +45,7 @@ int runTool(int argc, char** argv) {
         return nullptr;
     };
 
-    // The words behind "--" belong to the subcommand untouched: CLI11 would take some of them apart.
+    // The words after "--" belong to the subcommand untouched: CLI11 would take some of them apart.
     char** const end = argv + argc;
     char** const marker = std::find(argv, end, std::string("--"));
     const std::vector<std::string> operands(marker == end ? end : marker + 1, end);
@@ -50,13 +56,10 @@ int runTool(int argc, char** argv) {
         return application.exit(help);
     } catch (const CLI::ParseError& error) {
         const tool::Subcommand* subcommand = chosen();
-        if (subcommand == nullptr) {
-            const auto unknown = application.remaining();
-            return refuse("fiscora",
-                          unknown.empty() ? error.what() : "there is no \"" + unknown.front() + "\"",
-                          "fiscora sim|call|doctor|log ..., see fiscora --help");
-        }
-        return refuse("fiscora " + subcommand->options().get_name(), error.what(), subcommand->usage());
+        if (subcommand == nullptr)
+            return refuse("fiscora", tool::reasonOf(error, application, application), usage);
+        return refuse("fiscora " + subcommand->options().get_name(),
+                      tool::reasonOf(error, application, subcommand->options()), subcommand->usage());
     }
 }
 
@@ -69,7 +72,7 @@ int main(int argc, char** argv) {
         if (std::cout.flush()) return status;
         std::cerr << "fiscora: " << tool::tr("cannot write to the standard output") << "\n";
     } catch (const std::exception& error) {
-        std::cerr << "fiscora: " << error.what() << "\n";
+        std::cerr << "fiscora: " << tool::withoutControls(error.what()) << "\n";
     }
     return EXIT_FAILURE;
 }

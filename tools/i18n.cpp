@@ -1,15 +1,39 @@
 #include "i18n.h"
 
+#include <algorithm>
 #include <clocale>
+#include <cstdarg>
+#include <cstdio>
+#include <cstdlib>
 #include <filesystem>
 #include <system_error>
 
 namespace tool {
+namespace {
+
+/// What `category` has in the environment, by the order of POSIX.
+const char* localeOf(const char* category) {
+    for (const char* const name : {"LC_ALL", category, "LANG"}) {
+        const char* const value = std::getenv(name);
+        if (value != nullptr && *value != '\0') return value;
+    }
+    return "";
+}
+
+/// A locale that was never generated, as in most containers, leaves the C locale, in which gettext translates
+/// nothing. C.UTF-8, which is always there, lets it look at LANGUAGE. Programs started from here inherit that
+/// variable; it repeats what the user has asked for anyway.
+void chooseWithoutLocale() {
+    std::setlocale(LC_MESSAGES, "C.UTF-8");
+    setenv("LANGUAGE", localeOf("LC_MESSAGES"), 0);
+}
+
+}  // namespace
 
 void chooseLanguage() {
     namespace fs = std::filesystem;
-    std::setlocale(LC_CTYPE, "");
-    std::setlocale(LC_MESSAGES, "");
+    if (std::setlocale(LC_CTYPE, "") == nullptr) std::setlocale(LC_CTYPE, "C.UTF-8");
+    if (std::setlocale(LC_MESSAGES, "") == nullptr) chooseWithoutLocale();
     std::error_code error;
     const fs::path here = fs::read_symlink("/proc/self/exe", error).parent_path();
     const fs::path inBuildTree = here / "locale";
@@ -17,6 +41,18 @@ void chooseLanguage() {
     bindtextdomain("fiscora", folder.c_str());
     bind_textdomain_codeset("fiscora", "UTF-8");
     textdomain("fiscora");
+}
+
+std::string filled(const char* format, ...) {
+    va_list arguments, again;
+    va_start(arguments, format);
+    va_copy(again, arguments);
+    std::string text(static_cast<std::size_t>(std::max(std::vsnprintf(nullptr, 0, format, arguments), 0)),
+                     '\0');
+    std::vsnprintf(text.data(), text.size() + 1, format, again);
+    va_end(again);
+    va_end(arguments);
+    return text;
 }
 
 }  // namespace tool

@@ -2,11 +2,14 @@
 
 #include <libintl.h>
 
+#include <string>
+
 namespace tool {
 
 /// Chooses the language of messages from the environment (LC_ALL, LC_MESSAGES, LANG; LANGUAGE overrides
-/// them). The catalogue is in `locale` beside this program in a build tree, or in the installed share/locale;
-/// without it, and for every language that it lacks, texts stay English. Numbers and times keep the C locale.
+/// them), even if the locale named there is not installed. The catalogue is in `locale` beside this program
+/// in a build tree, or in the installed share/locale; without it, and for every language that it lacks, texts
+/// stay English. Numbers and times keep the C locale.
 void chooseLanguage();
 
 /// `text` in the user's language. The catalogue is tools/po/pt.po; scripts/translate keeps it up to date.
@@ -18,8 +21,11 @@ __attribute__((format_arg(1), format_arg(2))) inline const char* tr(const char* 
     return ngettext(one, many, count);
 }
 
-/// Marks a text for the catalogue where it cannot be translated yet, as in a constant table; whoever prints
-/// it calls `tr`.
+/// Marks a text for the catalogue that cannot be translated yet, as in a constant table; whoever prints it
+/// calls `tr`.
 constexpr const char* translatable(const char* text) { return text; }
+
+/// `format` with its arguments filled in as printf does; `format` is what `tr` returns.
+__attribute__((format(printf, 1, 2))) std::string filled(const char* format, ...);
 
 }  // namespace tool

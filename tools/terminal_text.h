@@ -1,22 +1,34 @@
 #pragma once
 
+#include <cstddef>
+#include <functional>
 #include <string>
+#include <string_view>
+#include <vector>
 
 namespace tool {
 
-/// `text`, UTF-8, on one line and without the control characters that a terminal would obey: arguments, file
-/// and process names can hold them.
-inline std::string withoutControls(std::string text) {
-    constexpr char C1_LEAD = '\xC2';  // of U+0080 to U+00BF, of which the first half are controls
-    for (std::size_t i = 0; i < text.size(); ++i) {
-        const auto byte = static_cast<unsigned char>(text[i]);
-        if (byte == '\n')
-            text[i] = ' ';
-        else if (byte < ' ' || byte == 0x7f ||
-                 (byte >= 0x80 && byte < 0xA0 && i > 0 && text[i - 1] == C1_LEAD))
-            text[i] = '?';
-    }
-    return text;
-}
+/// Columns that a table or a help text may fill.
+constexpr std::size_t TERMINAL_COLUMNS = 80;
+
+/// `text` as UTF-8 without anything that a terminal would obey or could not show: control characters (C0,
+/// DEL, C1) and bytes that are not UTF-8. Each of them becomes what `replace` makes of its bytes.
+std::string withoutControls(std::string_view text,
+                            const std::function<std::string(std::string_view bytes)>& replace);
+/// The same on one line: a line feed becomes a blank, everything else `?`.
+std::string withoutControls(std::string_view text);
+
+/// `text` as UTF-8: unchanged if it is, else converted from ISO 8859-1, which fiscal devices send as well.
+std::string toUtf8(std::string_view text);
+
+/// How many columns `text`, UTF-8, takes: one per character.
+std::size_t width(std::string_view text);
+
+/// The first `columns` characters of `text`, UTF-8; "…" stands in place of the last one if more follow.
+std::string cut(std::string_view text, std::size_t columns);
+
+/// `text`, UTF-8, in lines of at most `columns` characters, broken at blanks; a longer word is broken
+/// anywhere. At least one line.
+std::vector<std::string> wrapped(std::string_view text, std::size_t columns);
 
 }  // namespace tool

@@ -11,6 +11,7 @@
 #include "local_time.h"
 #include "protocol/Message.h"
 #include "sim/SimulatedDevice.h"
+#include "terminal_text.h"
 
 namespace sim {
 namespace {
@@ -28,21 +29,15 @@ std::string timeOfDay() {
 
 /// `text` with its control characters as \xHH, so that no frame can play tricks on the terminal.
 std::string visible(std::string_view text) {
-    std::string result;
-    bool afterC2 = false;  // which begins the UTF-8 of the control characters U+0080 to U+009F
-    for (const char c : text) {
-        const auto byte = static_cast<unsigned char>(c);
-        const bool control = byte < 0x20 || byte == 0x7f || (afterC2 && byte < 0xa0);
-        afterC2 = byte == 0xc2;
-        if (!control) {
-            result += c;
-            continue;
+    return tool::withoutControls(text, [](std::string_view bytes) {
+        std::string result;
+        for (const char byte : bytes) {
+            std::array<char, 8> escape{};
+            std::snprintf(escape.data(), escape.size(), "\\x%02X", static_cast<unsigned char>(byte));
+            result += escape.data();
         }
-        std::array<char, 8> escape{};
-        std::snprintf(escape.data(), escape.size(), "\\x%02X", byte);
-        result += escape.data();
-    }
-    return result;
+        return result;
+    });
 }
 
 std::string shortened(std::string_view field) {

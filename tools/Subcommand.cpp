@@ -1,0 +1,124 @@
+#include "Subcommand.h"
+
+#include <algorithm>
+#include <charconv>
+#include <memory>
+
+#include "i18n.h"
+#include "terminal_text.h"
+
+namespace tool {
+namespace {
+
+constexpr std::size_t INDENT = 2;
+constexpr std::size_t EXPLANATION = 30;  ///< the column in which explanations begin
+
+/// The lines of `text`, each wrapped at `columns`.
+std::vector<std::string> linesOf(std::string_view text, std::size_t columns) {
+    std::vector<std::string> lines;
+    while (!text.empty()) {
+        const std::size_t end = std::min(text.find('\n'), text.size());
+        for (auto& line : wrapped(text.substr(0, end), columns)) lines.push_back(std::move(line));
+        text.remove_prefix(std::min(end + 1, text.size()));
+    }
+    return lines;
+}
+
+/// A name and, in a column of its own, what it means.
+std::string entry(const std::string& name, const std::string& explanation) {
+    std::string text = std::string(INDENT, ' ') + name;
+    bool fits = width(text) < EXPLANATION;
+    for (const auto& line : linesOf(explanation, TERMINAL_COLUMNS - EXPLANATION)) {
+        text += fits ? std::string(EXPLANATION - width(text), ' ') : "\n" + std::string(EXPLANATION, ' ');
+        text += line;
+        fits = false;
+    }
+    return text + "\n";
+}
+
+/// The option that `text`, CLI11's, is about; null if it names none.
+const CLI::Option* optionIn(const std::string& text, const CLI::App& options) {
+    const CLI::Option* found = nullptr;
+    for (const CLI::Option* option : options.get_options())
+        if (text.find(option->get_name()) != std::string::npos &&
+            (found == nullptr || option->get_name().size() > found->get_name().size()))
+            found = option;
+    return found;
+}
+
+std::string unexpected(const std::vector<std::string>& words) {
+    return filled(tr("unexpected argument: %s"), CLI::detail::join(words, " ").c_str());
+}
+
+}  // namespace
+
+Subcommand::Subcommand(CLI::App& application, const std::string& name, const std::string& description,
+                       const std::string& usage)
+    : m_options(application.add_subcommand(name, description)), m_usage(usage) {
+    m_options->formatter(std::make_shared<HelpFormatter>(usage));
+    m_options->set_help_flag("-h,--help", tr("Show this help"));
+}
+
+std::string HelpFormatter::make_usage(const CLI::App* /*app*/, std::string /*name*/) const {
+    return filled(tr("Usage: %s"), m_usage.c_str()) + "\n";
+}
+
+std::string HelpFormatter::make_group(std::string /*group*/, bool isPositional,
+                                      std::vector<const CLI::Option*> options) const {
+    return Formatter::make_group(tr("Options"), isPositional, std::move(options));
+}
+
+std::string HelpFormatter::make_option(const CLI::Option* option, bool isPositional) const {
+    return entry(make_option_name(option, isPositional) + make_option_opts(option), make_option_desc(option));
+}
+
+std::string HelpFormatter::make_subcommand(const CLI::App* subcommand) const {
+    return entry(subcommand->get_name(), subcommand->get_description());
+}
+
+std::string HelpFormatter::make_footer(const CLI::App* app) const {
+    std::string text;
+    for (const auto& line : linesOf(app->get_footer(), TERMINAL_COLUMNS)) text += line + "\n";
+    return text;
+}
+
+CLI::Validator numberFrom(long least, long most) {
+    const auto check = [least, most](const std::string& text) -> std::string {
+        long number = 0;
+        const auto [end, error] = std::from_chars(text.data(), text.data() + text.size(), number);
+        if (error == std::errc() && end == text.data() + text.size() && number >= least && number <= most)
+            return "";
+        return filled(tr("expected a number from %ld to %ld, not \"%s\""), least, most, text.c_str());
+    };
+    return {check, std::to_string(least) + "-" + std::to_string(most)};
+}
+
+CLI::Validator oneOf(std::vector<std::string> names) {
+    const std::string list = CLI::detail::join(names, ", ");
+    const auto check = [names = std::move(names), list](const std::string& text) -> std::string {
+        if (std::find(names.begin(), names.end(), text) != names.end()) return "";
+        return filled(tr("expected one of %s, not \"%s\""), list.c_str(), text.c_str());
+    };
+    return {check, "{" + list + "}"};
+}
+
+void refuseExtras(const std::vector<std::string>& words) {
+    if (!words.empty()) throw CLI::ValidationError(unexpected(words));
+}
+
+std::string reasonOf(const CLI::ParseError& error, const CLI::App& application, const CLI::App& options) {
+    const CLI::Option* option = optionIn(error.what(), options);
+    const std::string name = option == nullptr ? "" : option->get_name();
+    const auto extras = application.remaining(true);
+    if (!extras.empty()) return unexpected(extras);
+    if (&options == &application) return tr("a subcommand is missing");
+    if (dynamic_cast<const CLI::ArgumentMismatch*>(&error) != nullptr && option != nullptr)
+        return filled(option->count() > 1 ? tr("%s is given more than once") : tr("%s needs a value"),
+                      name.c_str());
+    if (dynamic_cast<const CLI::ConversionError*>(&error) != nullptr && option != nullptr)
+        return filled(tr("%s: \"%s\" is no value for it"), name.c_str(),
+                      CLI::detail::join(option->results(), " ").c_str());
+    return error.what();
+}
+
+}  // namespace tool
