@@ -3,7 +3,9 @@
 #include <fnmatch.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
+#include <csignal>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
@@ -12,24 +14,31 @@
 #include <memory>
 #include <optional>
 
+#include "i18n.h"
+#include "local_time.h"
 #include "log/Exchanges.h"
+#include "log/LiveLog.h"
 #include "log/LogFiles.h"
 #include "log/Picture.h"
 #include "log/Report.h"
+#include "terminal_text.h"
 
 namespace tool {
 namespace {
 
 namespace fs = std::filesystem;
 
-/// YYYYMMDD, of that or YYYY-MM-DD.
+using tool::filled;
+using tool::tr;
+
+/// YYYYMMDD, from that or YYYY-MM-DD.
 std::string dayFrom(const std::string& text) {
     std::string dashed = text;
     if (text.size() == 8) dashed.insert(6, "-").insert(4, "-");
     const auto time = logs::parseTime(dashed + ".00:00:00");
     if (!time)
-        throw CLI::ValidationError("--since: esperado um dia, AAAAMMDD ou AAAA-MM-DD, e não \"" + text +
-                                   "\"");
+        throw CLI::ValidationError(
+            filled(tr("--since: expected a day, YYYYMMDD or YYYY-MM-DD, not \"%s\""), text.c_str()));
     return logs::timeText(*time, "%Y%m%d");
 }
 
@@ -37,9 +46,9 @@ std::vector<logs::LogFile> logsIn(const fs::path& directory, const std::string& 
     try {
         return logs::findLogs(directory, since);
     } catch (const fs::filesystem_error& error) {
-        throw CLI::ValidationError("a pasta de logs " + directory.string() +
-                                   " não pode ser lida: " + error.code().message() +
-                                   "; esperada uma que tenha logDrsAAAAMMDD.log (--dir)");
+        throw CLI::ValidationError(
+            filled(tr("cannot read the log folder %s: %s; expected one with logDrsYYYYMMDD.log (--dir)"),
+                   directory.c_str(), error.code().message().c_str()));
     }
 }
 
@@ -50,27 +59,27 @@ fs::path logDirectory(const fs::path& given) {
     return logsIn(given, "").empty() && fs::is_directory(inside, error) ? inside : given;
 }
 
-/// Where the picture goes. What is wrong with the path shows before anything is read; a file that is there
-/// already gives way to a whole picture only.
+/// Where the picture goes. A wrong path is refused before anything is read, and an earlier file is replaced
+/// only by a complete picture.
 class PictureFile {
   public:
     explicit PictureFile(const std::string& path) : m_path(path) {
         std::error_code error;
-        if (fs::is_symlink(path, error) && !fs::exists(path, error)) refuse("é um link que não leva a nada");
+        if (fs::is_symlink(path, error) && !fs::exists(path, error)) refuse(tr("it is a dangling link"));
         if (fs::exists(path, error)) {
-            m_path = fs::canonical(path, error);  // a link stays, and what it leads to is replaced
-            if (!fs::is_regular_file(m_path, error)) refuse("não é um arquivo comum");
+            m_path = fs::canonical(path, error);  // a link stays, its target is replaced
+            if (!fs::is_regular_file(m_path, error)) refuse(tr("not a regular file"));
             if (access(m_path.c_str(), W_OK) != 0) refuse(std::strerror(errno));
         }
         const std::string name = m_path.filename();
-        if (name.empty()) refuse("não é o nome de um arquivo");
-        if (fnmatch("logDrs*", name.c_str(), 0) == 0) refuse("é o nome de um log");
+        if (name.empty()) refuse(tr("not the name of a file"));
+        if (fnmatch("logDrs*", name.c_str(), 0) == 0) refuse(tr("it is the name of a log"));
         m_new = m_path.string() + "." + std::to_string(getpid()) + ".new";
         if (!create()) refuse(std::strerror(errno));
         std::remove(m_new.c_str());
     }
 
-    /// Where it returns false, `errno` says why, and the file is as it was.
+    /// If it returns false, `errno` says why, and an earlier file is unchanged.
     bool save(const pugi::xml_document& picture) const {
         auto file = create();
         if (!file) return false;
@@ -90,7 +99,7 @@ class PictureFile {
     using File = std::unique_ptr<FILE, int (*)(FILE*)>;
 
     [[noreturn]] void refuse(const std::string& reason) const {
-        throw CLI::ValidationError("--svg: não é possível gravar " + m_path.string() + ": " + reason);
+        throw CLI::ValidationError(filled(tr("--svg: cannot write %s: %s"), m_path.c_str(), reason.c_str()));
     }
 
     File create() const { return {std::fopen(m_new.c_str(), "wxe"), std::fclose}; }
@@ -108,67 +117,123 @@ class PictureFile {
 
 void print(const std::vector<logs::Exchange>& exchanges, const fs::path& directory) {
     if (exchanges.empty()) {
-        std::cout << "Nenhuma chamada nos logs de " << directory.string() << '\n';
+        std::cout << withoutControls(filled(tr("No calls in the logs of %s"), directory.c_str())) << '\n';
         return;
     }
-    logs::printExchanges(std::cout, exchanges);
+    logs::ExchangeTable table(std::cout, exchanges);
+    table.printHeading();
+    for (const logs::Exchange& exchange : exchanges) table.print(exchange);
     std::cout << '\n';
     logs::printSummary(std::cout, exchanges);
+}
+
+std::string withoutLogs(const fs::path& directory, const std::string& since) {
+    return since.empty() ? filled(tr("No logs in %s"), directory.c_str())
+                         : filled(tr("No logs in %s since %s"), directory.c_str(), since.c_str());
+}
+
+/// NO_COLOR is the convention of no-color.org.
+logs::ExchangeTable::Colours coloursOfOutput() {
+    const char* const unwanted = std::getenv("NO_COLOR");
+    const char* const terminal = std::getenv("TERM");
+    const bool coloured = isatty(STDOUT_FILENO) != 0 && (unwanted == nullptr || *unwanted == '\0') &&
+                          terminal != nullptr && std::string_view(terminal) != "dumb";
+    return coloured ? logs::ExchangeTable::Colours::On : logs::ExchangeTable::Colours::Off;
+}
+
+/// Shows the calls of today's log as they end, until Ctrl-C.
+int follow(const fs::path& directory) {
+    constexpr std::size_t SHOWN_AT_START = 10;
+    constexpr timespec PAUSE{0, 200'000'000};
+    // Blocked signals wait for sigtimedwait, so none can end us in the middle of a line.
+    sigset_t ending;
+    sigemptyset(&ending);
+    sigaddset(&ending, SIGINT);
+    sigaddset(&ending, SIGTERM);
+    sigprocmask(SIG_BLOCK, &ending, nullptr);
+
+    logs::Exchanges exchanges;
+    logs::LiveLog log(directory, localTimeText("%Y%m%d"),
+                      [&](std::string_view line) { exchanges.take(line); });
+    logs::ExchangeTable table(std::cout, {}, coloursOfOutput());
+    table.printHeading();
+    log.read();
+    auto ended = exchanges.takeEnded();
+    ended.erase(ended.begin(),
+                ended.end() - static_cast<std::ptrdiff_t>(std::min(ended.size(), SHOWN_AT_START)));
+    while (true) {
+        for (const logs::Exchange& exchange : ended) table.print(exchange);
+        if (!std::cout.flush() || sigtimedwait(&ending, nullptr, &PAUSE) > 0) return EXIT_SUCCESS;
+        log.read();
+        ended = exchanges.takeEnded();
+    }
 }
 
 }  // namespace
 
 LogCommand::LogCommand(CLI::App& application)
-    : Subcommand(application, "log", "Mostra as chamadas nos logs da biblioteca, e quanto duraram",
-                 "fiscora log [--dir DIR] [--since DAY] [--svg FILE]") {
-    m_options->set_help_flag("-h,--help", "Mostra esta ajuda");
+    : Subcommand(application, "log", tr("Show the calls in the library's logs, and how long they took"),
+                 "fiscora log [--dir DIR] [--since DAY] [--svg FILE] [--json] | --follow") {
     m_options
         ->add_option("--dir", m_directory,
-                     "Pasta dos logs, ou a que contém a logsDrs deles (sem ela: logsDrs)")
+                     tr("Folder of the logs, or the one that contains their logsDrs (default: logsDrs)"))
         ->type_name("DIR");
     m_options
         ->add_option_function<std::string>(
             "--since", [this](const std::string& text) { m_since = dayFrom(text); },
-            "Deixa de fora os dias anteriores, AAAAMMDD ou AAAA-MM-DD")
+            tr("Leave out the days before, YYYYMMDD or YYYY-MM-DD"))
         ->type_name("DAY");
-    m_options->add_option("--svg", m_picturePath, "Desenha as durações ao longo do tempo em FILE, em SVG")
+    m_options->add_option("--svg", m_picturePath, tr("Draw the durations over time to FILE, as SVG"))
         ->type_name("FILE");
-    m_options->footer(
-        "Uma duração pode ter um segundo a mais ou a menos, pois o log só tem segundos inteiros; - está no lugar "
-        "do que o log não diz. Falhas são as chamadas com outro status que OK, incompletas aquelas cujo fim não "
-        "está no log.\n"
-        "Status de saída: 0 se todos os arquivos foram lidos (linhas danificadas são puladas e contadas), 1 se "
-        "um não foi lido até o fim ou a figura não foi gravada, 2 para uma linha de comando errada.");
+    m_options->add_flag("--json", m_json, tr("Print the result as one JSON object"));
+    m_options->add_flag("--follow", m_follow, tr("Show today's calls as they end, until Ctrl-C"));
+    m_options->footer(tr(
+        "\"refused\" is a call that the device answered with a code other than success; \"failed\", one whose "
+        "status is not OK; \"no end\", one whose end is not in the log. A duration may be off by one second, "
+        "because the log has whole seconds only; - stands for what the log does not say.\n"
+        "Exit status: 0 if all files were read (damaged lines are skipped and counted), 1 if one could not "
+        "be read to its end or the picture could not be saved, 2 for a wrong command line."));
 }
 
 int LogCommand::run(const std::vector<std::string>& operands) {
-    if (!operands.empty()) throw CLI::ExtrasError(m_options->get_name(), operands);
+    refuseExtras(operands);
+    if (m_follow && (m_json || m_options->count("--svg") > 0 || !m_since.empty()))
+        throw CLI::ValidationError(tr("--follow cannot be combined with --since, --svg or --json"));
     const fs::path directory = logDirectory(m_directory);
+    if (m_follow) return follow(directory);
     const auto files = logsIn(directory, m_since);
     std::optional<PictureFile> pictureFile;
     if (m_options->count("--svg") > 0) pictureFile.emplace(m_picturePath);
 
     logs::Exchanges exchanges;
-    const auto complaints = logs::readLogs(files, [&](std::string_view line) { exchanges.take(line); });
+    logs::Complaints complaints;
+    complaints.files = logs::readLogs(files, [&](std::string_view line) { exchanges.take(line); });
+    complaints.damagedLines = exchanges.damagedLines();
 
-    // What goes to a file comes first: a reader of the output that leaves early must not cost the picture.
+    // The file comes first: a reader of the output that leaves early must not cost the picture.
     const bool drawn = !pictureFile || pictureFile->save(logs::picture(exchanges.all()));
     const std::string reason = drawn ? "" : std::strerror(errno);
-    if (files.empty())
-        std::cout << "Nenhum log em " << directory.string() << (m_since.empty() ? "" : " desde " + m_since)
-                  << '\n';
+    if (m_json)
+        logs::printJson(std::cout, exchanges.all(), complaints);
+    else if (files.empty())
+        std::cout << withoutControls(withoutLogs(directory, m_since)) << '\n';
     else
         print(exchanges.all(), directory);
     std::cout.flush();
 
-    const auto complain = [](const std::string& text) { std::cerr << "fiscora log: " << text << '\n'; };
-    for (const std::string& complaint : complaints) complain(complaint);
-    if (!complaints.empty()) complain("arquivos não lidos até o fim: " + std::to_string(complaints.size()));
-    if (exchanges.damagedLines() > 0)
-        complain("linhas danificadas ou cortadas, não contadas acima: " +
-                 std::to_string(exchanges.damagedLines()));
-    if (!drawn) complain("não é possível gravar " + m_picturePath + ": " + reason);
-    return complaints.empty() && drawn ? EXIT_SUCCESS : EXIT_FAILURE;
+    const auto complain = [](const std::string& text) {
+        std::cerr << "fiscora log: " << withoutControls(text) << '\n';
+    };
+    for (const std::string& complaint : complaints.files) complain(complaint);
+    if (const auto count = complaints.files.size(); count > 0)
+        complain(filled(
+            tr("%zu file was not read to its end", "%zu files were not read to their ends", count), count));
+    if (const auto count = complaints.damagedLines; count > 0)
+        complain(filled(tr("%zu damaged or cut line is not counted above",
+                           "%zu damaged or cut lines are not counted above", count),
+                        count));
+    if (!drawn) complain(filled(tr("cannot write %s: %s"), m_picturePath.c_str(), reason.c_str()));
+    return complaints.files.empty() && drawn ? EXIT_SUCCESS : EXIT_FAILURE;
 }
 
 }  // namespace tool

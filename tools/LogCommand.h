@@ -4,7 +4,7 @@
 
 namespace tool {
 
-/// `fiscora log`: shows the exchanges of the library's daily logs and their archives.
+/// `fiscora log`: shows the calls in the library's daily logs and their archives.
 class LogCommand : public Subcommand {
   public:
     explicit LogCommand(CLI::App& application);
@@ -15,6 +15,8 @@ class LogCommand : public Subcommand {
     std::string m_directory = "logsDrs";
     std::string m_since;  ///< YYYYMMDD, or empty
     std::string m_picturePath;
+    bool m_json = false;
+    bool m_follow = false;
 };
 
 }  // namespace tool

@@ -108,14 +108,18 @@ void refuseExtras(const std::vector<std::string>& words) {
 
 std::string reasonOf(const CLI::ParseError& error, const CLI::App& application, const CLI::App& options) {
     const CLI::Option* option = optionIn(error.what(), options);
-    const std::string name = option == nullptr ? "" : option->get_name();
     const auto extras = application.remaining(true);
-    if (!extras.empty()) return unexpected(extras);
-    if (&options == &application) return tr("a subcommand is missing");
-    if (dynamic_cast<const CLI::ArgumentMismatch*>(&error) != nullptr && option != nullptr)
+    const bool lacksSubcommand =
+        dynamic_cast<const CLI::RequiredError*>(&error) != nullptr && &options == &application;
+    if (dynamic_cast<const CLI::ExtrasError*>(&error) != nullptr || (lacksSubcommand && !extras.empty()))
+        return unexpected(extras);
+    if (lacksSubcommand) return tr("a subcommand is missing");
+    if (option == nullptr) return error.what();
+    const std::string name = option->get_name();
+    if (dynamic_cast<const CLI::ArgumentMismatch*>(&error) != nullptr)
         return filled(option->count() > 1 ? tr("%s is given more than once") : tr("%s needs a value"),
                       name.c_str());
-    if (dynamic_cast<const CLI::ConversionError*>(&error) != nullptr && option != nullptr)
+    if (dynamic_cast<const CLI::ConversionError*>(&error) != nullptr)
         return filled(tr("%s: \"%s\" is no value for it"), name.c_str(),
                       CLI::detail::join(option->results(), " ").c_str());
     return error.what();

@@ -3,10 +3,11 @@
 #include <string_view>
 
 #include "fiscora.h"
+#include "i18n.h"
 
 namespace tool {
 
-/// Name of a FiscoraStatus without its prefix FISCORA_STATUS_; empty where it has none.
+/// Name of a FiscoraStatus without its prefix FISCORA_STATUS_; empty if it has none.
 constexpr std::string_view statusName(int status) {
     switch (status) {
         case FISCORA_STATUS_OK: return "OK";
@@ -19,18 +20,19 @@ constexpr std::string_view statusName(int status) {
     }
 }
 
-/// What a status says, in the technician's language.
-constexpr std::string_view statusMeaning(int status) {
+/// What a status means, in English; `tr` translates it.
+constexpr const char* statusMeaning(int status) {
     switch (status) {
-        case FISCORA_STATUS_OK: return "o equipamento respondeu";
+        case FISCORA_STATUS_OK: return translatable("the device answered");
         case FISCORA_STATUS_NO_ANSWER:
-            return "o equipamento não foi achado ou não abriu, ou a resposta veio danificada";
-        case FISCORA_STATUS_READ_ERROR: return "a linha caiu, ou ficou 50 s em silêncio";
+            return translatable("the device was not found or could not be opened, or its answer was damaged");
+        case FISCORA_STATUS_READ_ERROR: return translatable("the line went down, or was silent for 50 s");
         case FISCORA_STATUS_REFUSED:
-            return "o equipamento insistiu em responder a outro pedido, ou respondeu demais";
-        case FISCORA_STATUS_BAD_REQUEST: return "o pedido não coube na biblioteca, e nada foi enviado";
-        case FISCORA_STATUS_TIMEOUT: return "o prazo da operação acabou sem a resposta";
-        default: return "desconhecido por esta versão";
+            return translatable("the device kept answering another request, or answered too much");
+        case FISCORA_STATUS_BAD_REQUEST:
+            return translatable("the request does not fit the library, and nothing was sent");
+        case FISCORA_STATUS_TIMEOUT: return translatable("the operation's time ran out without an answer");
+        default: return translatable("unknown to this version");
     }
 }
 

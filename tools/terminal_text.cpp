@@ -13,7 +13,8 @@ struct Character {
     std::uint32_t code = 0;  ///< of Unicode, if it is UTF-8
 };
 
-/// UTF-8 by RFC 3629: neither longer than necessary, nor a surrogate, nor beyond U+10FFFF.
+/// UTF-8 by RFC 3629: neither longer than necessary, nor a surrogate, nor beyond U+10FFFF. Unicode's
+/// noncharacters do not count either: XML takes none of them.
 Character first(std::string_view text) {
     const auto lead = static_cast<unsigned char>(text.front());
     if (lead < 0x80) return {1, true, lead};
@@ -26,7 +27,9 @@ Character first(std::string_view text) {
         code = code << 6U | (byte & 0x3FU);
     }
     constexpr std::uint32_t LEAST[] = {0, 0, 0x80, 0x800, 0x10000};
-    if (code < LEAST[bytes] || code > 0x10FFFF || (code >= 0xD800 && code <= 0xDFFF)) return {};
+    if (code < LEAST[bytes] || code > 0x10FFFF || (code >= 0xD800 && code <= 0xDFFF) ||
+        (code & 0xFFFEU) == 0xFFFE)
+        return {};
     return {bytes, true, code};
 }
 

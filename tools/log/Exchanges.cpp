@@ -3,35 +3,40 @@
 #include <algorithm>
 #include <array>
 #include <charconv>
+#include <numeric>
 
 #include "fiscal/operations.h"
 #include "fiscora.h"
-#include "log/LogFiles.h"
+#include "log/Lines.h"
+#include "terminal_text.h"
 
 namespace logs {
 namespace {
 
-/// The library writes the time of day as the application's locale has it: almost everywhere as the first of
+/// The library writes the time of day in the application's locale: almost everywhere as in the first of
 /// these, in North America by twelve hours, in the north of Europe with points.
 constexpr const char* LOG_TIMES[] = {"%Y-%m-%d.%H:%M:%S", "%Y-%m-%d.%I:%M:%S %p", "%Y-%m-%d.%H.%M.%S"};
 
 /// The code of a message that no answer has filled.
 constexpr std::string_view NO_ANSWER_CODE = "0";
 
-/// An answer of a wrong kind starts the timeout anew, so often at most.
+/// How often an answer of a wrong kind can start the timeout anew.
 constexpr long MAX_RESTARTS = 5;
 /// How much longer than its timeouts an exchange can last: finding the device, sending, closing the port.
 constexpr long MARGIN_SECONDS = 120;
-/// For an operation that this version does not have.
+/// Of an operation that this version does not have.
 constexpr long LONGEST_TIMEOUT_SECONDS = 1800;
 
-/// More processes than that do not share a log; what is open beside so many will not end.
+/// More processes than that do not share a log: the oldest of more open exchanges will never end.
 constexpr std::size_t MAX_OPEN = 64;
 
-/// As much of a field as a table shows.
-constexpr std::size_t SHOWN_BYTES = 32;
+// What is kept of a field, in characters. The longest operation and session number of the library fit.
+constexpr std::size_t OPERATION_COLUMNS = 29;
+constexpr std::size_t SESSION_COLUMNS = 11;
+constexpr std::size_t CODE_COLUMNS = 8;
+constexpr std::size_t TEXT_COLUMNS = 160;
 
-/// Takes `text` up to `separator`, and that itself, off the front of `rest`; nothing where it is not there.
+/// Takes the text up to `separator`, and the separator, off the front of `rest`; nothing if it is not there.
 std::optional<std::string_view> takeUntil(std::string_view& rest, std::string_view separator) {
     const std::size_t end = rest.find(separator);
     if (end == std::string_view::npos) return std::nullopt;
@@ -46,14 +51,23 @@ bool takePrefix(std::string_view& rest, std::string_view prefix) {
     return true;
 }
 
-/// A field as it can be shown. It can hold any bytes of a device's answer, or one blank where it is missing.
-std::string shown(std::string_view field) {
+/// A field as it can be shown. It can hold any bytes of a device's answer, or one blank if it is missing.
+std::string shown(std::string_view field, std::size_t columns) {
     if (field == " ") return "";
-    std::string text(field.substr(0, SHOWN_BYTES));
-    std::replace_if(
-        text.begin(), text.end(), [](char byte) { return byte <= ' ' || byte > '~'; }, '?');
-    return text;
+    return tool::cut(tool::withoutControls(tool::toUtf8(field)), columns);
 }
+
+/// The text to EEEEE from what follows it, "CCCC rxMessage: ...". Most answers have no CCCC: their text
+/// stands in its place.
+std::string answerText(std::string_view rest) {
+    std::string_view message = rest;
+    const auto content = takeUntil(message, " rxMessage: ").value_or(rest);
+    const bool isCode = content.find_first_not_of("0123456789 ") == std::string_view::npos;
+    return shown(isCode ? message.substr(0, message.rfind(" rxBufferSize: ")) : content, TEXT_COLUMNS);
+}
+
+/// By the tax authority's tables, codes of success end in three zeros.
+bool isSuccess(std::string_view code) { return code.size() == 5 && code.substr(2) == "000"; }
 
 bool fits(const Exchange& exchange, std::time_t end, std::string_view code, int status) {
     if (code != NO_ANSWER_CODE && code != exchange.operation) return false;
@@ -85,7 +99,11 @@ std::string timeText(std::time_t time, const char* format) {
     return {text.data(), strftime(text.data(), text.size(), format, &fields)};
 }
 
-bool Exchange::hasFailed() const { return status && *status != FISCORA_STATUS_OK; }
+Outcome Exchange::outcome() const {
+    if (!status) return Outcome::Incomplete;
+    if (*status != FISCORA_STATUS_OK) return Outcome::Failed;
+    return isSuccess(answerCode) ? Outcome::Ok : Outcome::Refused;
+}
 
 std::optional<long> Exchange::duration() const {
     if (!start || !end || *end < *start) return std::nullopt;
@@ -95,6 +113,22 @@ std::optional<long> Exchange::duration() const {
 void Exchanges::take(std::string_view line) {
     if (!line.empty() && line.back() == '\r') line.remove_suffix(1);  // of a copy by way of Windows
     if (!isTaken(line)) ++m_damagedLines;
+}
+
+std::vector<Exchange> Exchanges::takeEnded() {
+    std::vector<Exchange> ended;
+    std::vector<Exchange> open;
+    std::sort(m_open.begin(), m_open.end());
+    for (std::size_t i = 0; i < m_all.size(); ++i) {
+        if (m_all[i].status)
+            ended.push_back(std::move(m_all[i]));
+        else if (std::binary_search(m_open.begin(), m_open.end(), i))
+            open.push_back(std::move(m_all[i]));
+    }
+    m_all = std::move(open);
+    m_open.resize(m_all.size());
+    std::iota(m_open.begin(), m_open.end(), 0);
+    return ended;
 }
 
 /// Whether `line` is one that the library writes.
@@ -112,11 +146,12 @@ bool Exchanges::isTaken(std::string_view line) {
 bool Exchanges::begins(std::time_t time, std::string_view text) {
     const auto operation = takeUntil(text, " txSessao:");
     if (!operation) return false;
-    // The size is cut off behind a long session number.
+    // After a long session number the size is cut off.
     const auto session = takeUntil(text, " txBufferSize:").value_or(text);
     if (m_open.size() == MAX_OPEN) m_open.erase(m_open.begin());
     m_open.push_back(m_all.size());
-    m_all.push_back({shown(*operation), shown(session), time, {}, {}, {}});
+    m_all.push_back(
+        {shown(*operation, OPERATION_COLUMNS), shown(session, SESSION_COLUMNS), time, {}, {}, {}, {}});
     return true;
 }
 
@@ -134,20 +169,23 @@ bool Exchanges::ends(std::time_t time, std::string_view text) {
     Exchange& exchange = endedExchange(time, *code, *session, status);
     exchange.end = time;
     exchange.status = status;
-    exchange.answerCode = shown(*answerCode);
+    exchange.answerCode = shown(*answerCode, CODE_COLUMNS);
+    exchange.answerText = answerText(text.substr(0, label));
     return true;
 }
 
 Exchange& Exchanges::endedExchange(std::time_t time, std::string_view code, std::string_view session,
                                    int status) {
     const auto fitting = [&](std::size_t place) { return fits(m_all[place], time, code, status); };
+    const std::string number = shown(session, SESSION_COLUMNS);
     const auto hasSession = [&](std::size_t place) {
-        return fitting(place) && m_all[place].session == shown(session);
+        return fitting(place) && m_all[place].session == number;
     };
     auto found = std::find_if(m_open.rbegin(), m_open.rend(), hasSession);
     if (found == m_open.rend()) found = std::find_if(m_open.rbegin(), m_open.rend(), fitting);
     if (found == m_open.rend()) {
-        m_all.push_back({code == NO_ANSWER_CODE ? "" : shown(code), shown(session), {}, {}, {}, {}});
+        const std::string operation = code == NO_ANSWER_CODE ? "" : shown(code, OPERATION_COLUMNS);
+        m_all.push_back({operation, number, {}, {}, {}, {}, {}});
         return m_all.back();
     }
     const std::size_t place = *found;

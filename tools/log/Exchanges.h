@@ -10,38 +10,47 @@
 namespace logs {
 
 /// A local time of the log: seconds since 1970-01-01 00:00:00 of the same local clock, without leaps for
-/// daylight saving. Nothing where `text` is not "YYYY-MM-DD.HH:MM:SS", or its
-/// time of day in the form of another locale, or there is no such time.
+/// daylight saving. Nothing if `text` is not "YYYY-MM-DD.HH:MM:SS", or its time of day in the form of another
+/// locale, or there is no such time.
 std::optional<std::time_t> parseTime(std::string_view text);
 /// `time` in a format of strftime.
 std::string timeText(std::time_t time, const char* format = "%Y-%m-%d %H:%M:%S");
 
-/// One call of a fiscal function, as far as the log tells. Texts are printable ASCII without blanks; an empty
-/// one is not known.
+/// What became of a call.
+enum class Outcome {
+    Ok,
+    Refused,    ///< answered, but not with the operation's code of success
+    Failed,     ///< any status but OK
+    Incomplete  ///< its end is not in the log
+};
+constexpr std::size_t OUTCOMES = 4;
+
+/// One call of a fiscal function, as far as the log tells. Texts are short UTF-8 without control characters;
+/// an empty one is not known.
 struct Exchange {
     std::string operation;
     std::string session;
-    std::optional<std::time_t> start;  ///< unknown where only the end is in the log
-    std::optional<std::time_t> end;    ///< unknown where only the start is
+    std::optional<std::time_t> start;  ///< unknown if only the end is in the log
+    std::optional<std::time_t> end;    ///< unknown if only the start is
     std::optional<int> status;         ///< known with the end
     std::string answerCode;            ///< EEEEE
+    std::string answerText;            ///< what the device says to it
 
     std::time_t time() const { return start ? *start : *end; }
-    bool isIncomplete() const { return !status; }
-    bool hasFailed() const;
-    /// In seconds; the log's times make that one more or less than it was. Unknown as well where the clock
-    /// was set back.
+    Outcome outcome() const;
+    /// In seconds; since the log has whole seconds, it may be off by one. Unknown as well if the clock was
+    /// set back.
     std::optional<long> duration() const;
 };
 
 /// Gathers the exchanges from the lines of the log.
 ///
 /// An exchange begins with a line "txCode" and ends with a line "rxCode". Several processes may write one log
-/// at the same time, and nothing in a line names its process. An end belongs to the newest exchange still
-/// open that it fits: one of the answer's operation, or of any where no answer came (code 0); one that has
-/// not been open for longer than such an exchange can last, nor, where it timed out, for less than its
-/// timeout. Where more than one fits, one with the answer's session number goes first. So an exchange whose
-/// process died stays open, and takes no other's end as long as later exchanges have theirs.
+/// at the same time, and nothing in a line names its process. An end belongs to the newest open exchange that
+/// it fits: one of the answer's operation, or of any operation if no answer came (code 0); one that has not
+/// been open for longer than such an exchange can last, nor, if it timed out, for less than its timeout. If
+/// more than one fits, one with the answer's session number comes first. So an exchange whose process died
+/// stays open, and takes no other's end as long as later exchanges have theirs.
 class Exchanges {
   public:
     /// `line` without its line break.
@@ -49,6 +58,9 @@ class Exchanges {
 
     /// In the order of the lines they begin with.
     const std::vector<Exchange>& all() const { return m_all; }
+    /// Hands over those that have ended, in the same order, and forgets those that never will: what is left
+    /// are a few dozen at most.
+    std::vector<Exchange> takeEnded();
     /// How many lines were not of the form that the library writes.
     std::size_t damagedLines() const { return m_damagedLines; }
 
@@ -56,11 +68,11 @@ class Exchanges {
     bool isTaken(std::string_view line);
     bool begins(std::time_t time, std::string_view text);
     bool ends(std::time_t time, std::string_view text);
-    /// Takes it out of the open ones, or makes a new one where none fits.
+    /// Takes it out of the open ones, or makes a new one if none fits.
     Exchange& endedExchange(std::time_t time, std::string_view code, std::string_view session, int status);
 
     std::vector<Exchange> m_all;
-    std::vector<std::size_t> m_open;  ///< places in m_all
+    std::vector<std::size_t> m_open;  ///< indices of m_all
     std::size_t m_damagedLines = 0;
 };
 

@@ -11,6 +11,9 @@
 #include <stdexcept>
 #include <tuple>
 
+#include "i18n.h"
+#include "log/Lines.h"
+
 namespace logs {
 namespace {
 
@@ -30,8 +33,8 @@ class Content {
         if (!m_archive) throw std::bad_alloc();
     }
 
-    /// The next bytes: so many, or fewer at the end or before damage, or none at the end. Throws
-    /// std::runtime_error with the reason where the file cannot be opened, or at the damage.
+    /// The next `bytes` bytes: fewer before the end or before damage, none at the end. Throws
+    /// std::runtime_error with the reason if the file cannot be opened, and at the damage.
     std::string next(std::size_t bytes) {
         if (!m_isOpen) open();
         std::string result;
@@ -48,7 +51,7 @@ class Content {
     void open() {
         std::error_code error;
         if (!fs::is_regular_file(m_file.path, error))
-            throw std::runtime_error(error ? error.message() : "not a regular file");
+            throw std::runtime_error(error ? error.message() : std::string(tool::tr("not a regular file")));
         const bool isLog = m_file.kind == LogFile::LOG;
         if (isLog) {
             // The one entry of a "raw" archive is the file itself.
@@ -73,7 +76,7 @@ class Content {
             const char* const path = archive_entry_pathname(entry);
             if (path != nullptr && fs::path(path).filename() == name) return;
         }
-        throw std::runtime_error("holds no " + name);
+        throw std::runtime_error(tool::filled(tool::tr("holds no %s"), name.c_str()));
     }
 
     archive_entry* nextEntry() {
@@ -84,7 +87,7 @@ class Content {
         return entry;
     }
 
-    /// Whether there are bytes at hand, of a new block where the one before is used up.
+    /// Whether there are bytes at hand; gets a new block if the last one is used up.
     bool hasBlock() {
         while (m_block.empty() && isGood()) {
             const void* data = nullptr;
@@ -100,7 +103,7 @@ class Content {
 
     [[noreturn]] void fail() {
         const char* const reason = archive_error_string(m_archive.get());
-        throw std::runtime_error(reason != nullptr ? reason : "damaged");
+        throw std::runtime_error(reason != nullptr ? reason : tool::tr("damaged"));
     }
 
     const LogFile& m_file;
@@ -119,61 +122,14 @@ std::string nextIfReadable(Content& content, std::size_t bytes) {
     }
 }
 
-/// Whether `later` begins with `earlier`. Throws where `earlier` is damaged and `later` begins with what
-/// stands before the damage.
+/// Whether `later` begins with `earlier`. Throws if `earlier` is damaged and `later` begins with what stands
+/// before the damage.
 bool beginsWith(const LogFile& later, const LogFile& earlier) {
     Content whole(later), beginning(earlier);
     for (std::string chunk; !(chunk = beginning.next(CHUNK_BYTES)).empty();)
         if (nextIfReadable(whole, chunk.size()) != chunk) return false;
     return true;
 }
-
-/// Cuts a file's bytes into lines.
-class Lines {
-  public:
-    explicit Lines(const std::function<void(std::string_view)>& take) : m_take(take) {}
-
-    void add(std::string_view bytes) {
-        constexpr std::string_view BREAKS("\n\0", 2);
-        while (!bytes.empty()) {
-            const std::size_t end = bytes.find_first_of(BREAKS);
-            append(bytes.substr(0, end));
-            if (end == std::string_view::npos) return;
-            if (bytes[end] == '\n')
-                give();
-            else
-                m_line.assign(1, '\0');
-            bytes.remove_prefix(end + 1);
-        }
-    }
-
-    /// The last line may lack its line break.
-    void end() {
-        if (!m_line.empty()) give();
-    }
-
-  private:
-    void append(std::string_view part) {
-        constexpr std::size_t ENOUGH =
-            LINE_MAX_BYTES + 3;  // a zero byte, and a carriage return, may be in it
-        m_line += part.substr(0, ENOUGH - std::min(m_line.size(), ENOUGH));
-    }
-
-    void give() {
-        std::string_view line = m_line;
-        if (!line.empty() && line.front() == '\0') {
-            m_take(line.substr(0, 1));
-            line.remove_prefix(1);
-            if (!line.empty()) m_take(line);
-        } else {
-            m_take(line);
-        }
-        m_line.clear();
-    }
-
-    const std::function<void(std::string_view)>& m_take;
-    std::string m_line;  ///< so far
-};
 
 void readFile(const LogFile& file, const std::function<void(std::string_view)>& take) {
     Content content(file);

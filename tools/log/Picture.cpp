@@ -8,10 +8,15 @@
 #include <string>
 #include <utility>
 
+#include "i18n.h"
 #include "log/Report.h"
+#include "terminal_text.h"
 
 namespace logs {
 namespace {
+
+using tool::tr;
+using tool::translatable;
 
 // In pixels.
 constexpr int WIDTH = 1000, LEFT = 70, RIGHT = 955;
@@ -21,32 +26,32 @@ constexpr int BOTTOM = 64;   ///< the axis of time
 constexpr int PANELS_HEIGHT = 320, LEAST_PANEL_HEIGHT = 90;
 constexpr int UNKNOWN_STRIP = 16;  ///< below a panel's zero, for what has no duration
 constexpr int MARK = 4;            ///< half the size of one
-constexpr int TICK_DISTANCE = 14;  ///< of two labels, one above the other, at least
+constexpr int TICK_DISTANCE = 14;  ///< between labels, one above the other, at least
 constexpr int MAX_TIME_TICKS = 9;
 
 constexpr char INK[] = "#222222", FAINT[] = "#d8d8d8";
 
-// Drawn in this order: what matters most lies on top.
-enum Kind { ANSWERED, INCOMPLETE, FAILED, KINDS };
-
-Kind kindOf(const Exchange& exchange) {
-    if (exchange.isIncomplete()) return INCOMPLETE;
-    return exchange.hasFailed() ? FAILED : ANSWERED;
-}
-
+/// In the order of Outcome.
 struct Look {
     const char* fill;
     const char* stroke;
+    const char* shape;  ///< path from the mark's middle; null for a dot
     const char* meaning;
 };
-constexpr std::array<Look, KINDS> LOOKS = {{
-    {"#2b6cb0", "none", "respondida (OK)"},
-    {"#ffffff", "#946200", "incompleta (sem fim no log)"},
-    {"none", "#c11f1f", "falha (outro status)"},
+constexpr std::array<Look, OUTCOMES> LOOKS = {{
+    {"#2b6cb0", "none", nullptr, translatable("ok")},
+    {"#ffd23f", "#7a4b00", "m0 -5l5 9l-10 0z", translatable("refused by the device")},
+    {"none", "#c11f1f", "m-4 -4l8 8m0 -8l-8 8", translatable("failed (status other than OK)")},
+    {"#ffffff", "#6b6b6b", "m0 -4l4 4l-4 4l-4 -4z", translatable("no end in the log")},
 }};
+constexpr Outcome LEGEND[] = {Outcome::Ok, Outcome::Refused, Outcome::Failed, Outcome::Incomplete};
+// What matters most lies on top.
+constexpr Outcome DRAWING_ORDER[] = {Outcome::Ok, Outcome::Incomplete, Outcome::Refused, Outcome::Failed};
+
+const Look& lookOf(Outcome outcome) { return LOOKS[static_cast<std::size_t>(outcome)]; }
 
 using Panel = std::vector<const Exchange*>;
-using Panels = std::map<std::string, Panel>;  ///< by operation
+using Panels = std::map<std::string, Panel, GroupOrder>;
 
 std::string point(int x, int y) { return std::to_string(x) + " " + std::to_string(y); }
 
@@ -65,28 +70,27 @@ void addLine(pugi::xml_node parent, int x1, int y1, int x2, int y2, const char* 
     node.append_attribute("stroke") = stroke;
 }
 
-/// What the marks of one kind in one place have in common.
-pugi::xml_node addMarks(pugi::xml_node parent, Kind kind) {
+/// What the marks of one outcome in one panel have in common.
+pugi::xml_node addMarks(pugi::xml_node parent, Outcome outcome) {
     auto group = parent.append_child("g");
-    group.append_attribute("fill") = LOOKS[kind].fill;
-    group.append_attribute("stroke") = LOOKS[kind].stroke;
-    group.append_attribute("stroke-width") = 2;
+    group.append_attribute("fill") = lookOf(outcome).fill;
+    group.append_attribute("stroke") = lookOf(outcome).stroke;
+    group.append_attribute("stroke-width") = outcome == Outcome::Refused ? 1 : 2;
     return group;
 }
 
-/// A dot, a cross or a diamond: nobody needs the colours.
-pugi::xml_node addMark(pugi::xml_node group, Kind kind, int x, int y) {
-    if (kind == ANSWERED) {
-        auto circle = group.append_child("circle");
-        circle.append_attribute("cx") = x;
-        circle.append_attribute("cy") = y;
-        circle.append_attribute("r") = MARK - 1;
-        return circle;
+/// Each outcome has a shape of its own: nobody needs the colours.
+pugi::xml_node addMark(pugi::xml_node group, Outcome outcome, int x, int y) {
+    const char* const shape = lookOf(outcome).shape;
+    auto mark = group.append_child(shape == nullptr ? "circle" : "path");
+    if (shape == nullptr) {
+        mark.append_attribute("cx") = x;
+        mark.append_attribute("cy") = y;
+        mark.append_attribute("r") = MARK - 1;
+    } else {
+        mark.append_attribute("d") = ("M" + point(x, y) + shape).c_str();
     }
-    const std::string shape = kind == FAILED ? "m-4 -4l8 8m0 -8l-8 8" : "m0 -4l4 4l-4 4l-4 -4z";
-    auto node = group.append_child("path");
-    node.append_attribute("d") = ("M" + point(x, y) + shape).c_str();
-    return node;
+    return mark;
 }
 
 class TimeAxis {
@@ -96,7 +100,7 @@ class TimeAxis {
         const auto [first, last] =
             std::minmax_element(exchanges.begin(), exchanges.end(),
                                 [](const Exchange& a, const Exchange& b) { return a.time() < b.time(); });
-        // No mark stands on the border, and a single one in the middle.
+        // No mark touches the border; a single one is in the middle.
         const std::time_t margin = std::max<std::time_t>(LEAST_MARGIN, (last->time() - first->time()) / 50);
         m_first = first->time() - margin;
         m_last = last->time() + margin;
@@ -113,7 +117,7 @@ class TimeAxis {
                                                    static_cast<double>(m_last - m_first)));
     }
 
-    /// None where there is nothing to show.
+    /// None if there is nothing to show.
     std::vector<std::time_t> ticks() const {
         std::vector<std::time_t> times;
         if (m_first == m_last) return times;
@@ -136,8 +140,8 @@ class TimeAxis {
     std::time_t m_step = DAY;  ///< from tick to tick
 };
 
-/// Durations from one second to half an hour stand beside each other, so the scale is logarithmic: of the
-/// duration and one second, for there are durations of 0.
+/// Durations run from a second to half an hour, so the scale is logarithmic; of the duration plus one second,
+/// since there are durations of 0.
 class DurationAxis {
   public:
     DurationAxis(const std::vector<Exchange>& exchanges, int height) : m_height(height) {
@@ -190,13 +194,13 @@ class Drawing {
         m_svg = addRoot(result, bottom + BOTTOM);
         addHeader();
         int top = TOP + CAPTION;
-        for (const auto& [operation, panel] : m_panels) {
-            addPanel(operation, panel, top);
+        for (const auto& [group, panel] : m_panels) {
+            addPanel(group, panel, top);
             top += CAPTION + m_panelHeight + m_strip;
         }
         if (m_panels.empty()) {
             addFrame(top);
-            addText(m_svg, (LEFT + RIGHT) / 2, top + m_panelHeight / 2, "Nenhuma chamada", "middle");
+            addText(m_svg, (LEFT + RIGHT) / 2, top + m_panelHeight / 2, tr("No calls"), "middle");
         }
         addTimeLabels(bottom);
         addDurationTitle((TOP + bottom) / 2);
@@ -206,7 +210,7 @@ class Drawing {
   private:
     static Panels panelsOf(const std::vector<Exchange>& exchanges) {
         Panels panels;
-        for (const Exchange& exchange : exchanges) panels[exchange.operation].push_back(&exchange);
+        for (const Exchange& exchange : exchanges) panels[groupOf(exchange)].push_back(&exchange);
         return panels;
     }
 
@@ -231,17 +235,18 @@ class Drawing {
     }
 
     void addHeader() {
-        auto title = addText(m_svg, LEFT, 30, "Duração das chamadas ao equipamento fiscal", "start");
+        auto title = addText(m_svg, LEFT, 30, tr("Duration of the calls to the fiscal device"), "start");
         title.append_attribute("font-size") = 18;
         title.append_attribute("font-weight") = "bold";
-        constexpr int DISTANCE = 220, Y = 56;
+        constexpr int Y = 56, AROUND = 40, CHARACTER = 7;
         int x = LEFT + MARK;
-        for (const Kind kind : {ANSWERED, FAILED, INCOMPLETE}) {
-            addMark(addMarks(m_svg, kind), kind, x, Y - MARK);
-            addText(m_svg, x + 12, Y, LOOKS[kind].meaning, "start");
-            x += DISTANCE;
+        for (const Outcome outcome : LEGEND) {
+            const std::string meaning = tr(lookOf(outcome).meaning);
+            addMark(addMarks(m_svg, outcome), outcome, x, Y - MARK);
+            addText(m_svg, x + 12, Y, meaning, "start");
+            x += AROUND + CHARACTER * static_cast<int>(tool::width(meaning));
         }
-        if (m_strip > 0) addText(m_svg, x, Y, std::string(UNKNOWN) + "  duração desconhecida", "start");
+        if (m_strip > 0) addText(m_svg, x, Y, std::string(UNKNOWN) + "  " + tr("duration unknown"), "start");
     }
 
     void addFrame(int top) {
@@ -263,34 +268,38 @@ class Drawing {
         if (m_strip > 0) addText(m_svg, LEFT - 6, zero + m_strip, UNKNOWN, "end");
     }
 
-    void addPanel(const std::string& operation, const Panel& panel, int top) {
+    void addPanel(const std::string& group, const Panel& panel, int top) {
         addFrame(top);
-        std::array<std::size_t, KINDS> counts{};
-        for (const Exchange* exchange : panel) ++counts[kindOf(*exchange)];
-        auto caption =
-            addText(m_svg, LEFT, top - 8, operation.empty() ? "Operação desconhecida" : operation, "start");
+        std::array<std::size_t, OUTCOMES> counts{};
+        const auto count = [&](Outcome outcome) -> std::size_t& {
+            return counts[static_cast<std::size_t>(outcome)];
+        };
+        for (const Exchange* exchange : panel) ++count(exchange->outcome());
+        auto caption = addText(m_svg, LEFT, top - 8, groupName(group), "start");
         caption.append_attribute("font-size") = 13;
         caption.append_attribute("font-weight") = "bold";
         addText(m_svg, RIGHT, top - 8,
-                "chamadas: " + std::to_string(panel.size()) + ", falhas: " + std::to_string(counts[FAILED]) +
-                    ", incompletas: " + std::to_string(counts[INCOMPLETE]),
+                tool::filled(tr("calls: %zu, refused: %zu, failed: %zu, no end: %zu"), panel.size(),
+                             count(Outcome::Refused), count(Outcome::Failed), count(Outcome::Incomplete)),
                 "end");
-        for (const Kind kind : {ANSWERED, INCOMPLETE, FAILED})
-            if (counts[kind] > 0) addMarksOf(kind, panel, top + m_panelHeight);
+        for (const Outcome outcome : DRAWING_ORDER)
+            if (count(outcome) > 0) addMarksOf(outcome, panel, top + m_panelHeight);
     }
 
-    void addMarksOf(Kind kind, const Panel& panel, int zero) {
-        auto group = addMarks(m_svg, kind);
+    void addMarksOf(Outcome outcome, const Panel& panel, int zero) {
+        auto group = addMarks(m_svg, outcome);
         std::set<std::pair<int, int>> taken;
         for (const Exchange* exchange : panel) {
-            if (kindOf(*exchange) != kind) continue;
+            if (exchange->outcome() != outcome) continue;
             const auto duration = exchange->duration();
             const int x = m_time.x(exchange->time());
             const int y = duration ? zero - m_duration.height(*duration) : zero + m_strip - MARK - 1;
             if (!taken.insert({x / 2, y / 2}).second) continue;
-            const std::string tip = timeText(exchange->time()) + ", sessão " + known(exchange->session) +
-                                    ": " + statusText(*exchange) + ", " + durationText(duration);
-            addMark(group, kind, x, y).append_child("title").text() = tip.c_str();
+            std::string tip = tool::filled(tr("%s, session %s: %s, %s"), timeText(exchange->time()).c_str(),
+                                           known(exchange->session).c_str(), resultText(*exchange).c_str(),
+                                           durationText(duration).c_str());
+            if (outcome == Outcome::Refused) tip += ": " + known(exchange->answerText);
+            addMark(group, outcome, x, y).append_child("title").text() = tip.c_str();
         }
     }
 
@@ -300,17 +309,17 @@ class Drawing {
             if (m_time.showsHours()) addText(m_svg, x, bottom + 32, timeText(time, "%H:%M"), "middle");
             addText(m_svg, x, bottom + 18, timeText(time, "%Y-%m-%d"), "middle");
         }
-        addText(m_svg, (LEFT + RIGHT) / 2, bottom + 54, "Data e hora do início", "middle");
+        addText(m_svg, (LEFT + RIGHT) / 2, bottom + 54, tr("Date and time of the start"), "middle");
     }
 
     void addDurationTitle(int y) {
-        auto title = addText(m_svg, 0, 0, "Duração (s), escala logarítmica", "middle");
+        auto title = addText(m_svg, 0, 0, tr("Duration (s), logarithmic scale"), "middle");
         title.append_attribute("transform") = ("translate(22 " + std::to_string(y) + ") rotate(-90)").c_str();
     }
 
     Panels m_panels;
     int m_panelHeight;
-    int m_strip;  ///< 0 where all durations are known
+    int m_strip;  ///< 0 if all durations are known
     TimeAxis m_time;
     DurationAxis m_duration;
     pugi::xml_node m_svg;

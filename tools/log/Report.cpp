@@ -1,60 +1,55 @@
 #include "log/Report.h"
 
 #include <algorithm>
-#include <functional>
+#include <array>
 #include <map>
+#include <nlohmann/json.hpp>
 #include <ostream>
 
+#include "fiscal/operations.h"
+#include "i18n.h"
 #include "status_names.h"
+#include "terminal_text.h"
 
 namespace logs {
 namespace {
 
-using Row = std::vector<std::string>;
+using nlohmann::ordered_json;
+using tool::tr;
+using tool::translatable;
+using tool::width;
 
-struct Column {
-    const char* heading;
-    enum { LEFT, RIGHT } alignment = LEFT;
+struct OutcomeNames {
+    const char* shown;
+    const char* json;
+    const char* colour;  ///< ECMA-48, "select graphic rendition"
 };
+constexpr std::array<OutcomeNames, OUTCOMES> OUTCOME_NAMES = {{
+    {translatable("ok"), "ok", "32"},
+    {translatable("refused"), "refused", "33"},
+    {translatable("failed"), "failed", "31"},
+    {translatable("no end"), "incomplete", "2"},
+}};
 
-/// In characters: of UTF-8 all bytes count but the second and further ones of a character.
-std::size_t width(const std::string& text) {
-    return static_cast<std::size_t>(
-        std::count_if(text.begin(), text.end(), [](char byte) { return (byte & 0xC0) != 0x80; }));
+const OutcomeNames& namesOf(Outcome outcome) { return OUTCOME_NAMES[static_cast<std::size_t>(outcome)]; }
+
+std::string left(const std::string& text, std::size_t columns) {
+    return text + std::string(columns - std::min(columns, width(text)), ' ');
+}
+std::string right(const std::string& text, std::size_t columns) {
+    return std::string(columns - std::min(columns, width(text)), ' ') + text;
 }
 
-/// Prints a table. Asks for each row twice rather than keep them all.
-void print(std::ostream& out, const std::vector<Column>& columns, std::size_t rows,
-           const std::function<Row(std::size_t)>& row) {
-    std::vector<std::size_t> widths;
-    for (const Column& column : columns) widths.push_back(width(column.heading));
-    for (std::size_t i = 0; i < rows; ++i) {
-        const Row cells = row(i);
-        for (std::size_t j = 0; j < cells.size(); ++j) widths[j] = std::max(widths[j], width(cells[j]));
-    }
-
-    const auto printRow = [&](const Row& cells) {
-        for (std::size_t j = 0; j < cells.size(); ++j) {
-            const std::string blanks(widths[j] - width(cells[j]), ' ');
-            if (columns[j].alignment == Column::RIGHT)
-                out << blanks << cells[j];
-            else
-                out << cells[j] << (j + 1 < cells.size() ? blanks : "");
-            out << (j + 1 < cells.size() ? "  " : "\n");
-        }
-    };
-    Row headings;
-    for (const Column& column : columns) headings.emplace_back(column.heading);
-    printRow(headings);
-    for (std::size_t i = 0; i < rows; ++i) printRow(row(i));
-}
+// Columns of the table.
+constexpr std::size_t TIME = 8, LONGEST_OPERATION = 29, SESSION = 6, DURATION = 7, GAP = 2;
 
 /// What became of the calls of one operation.
 struct Totals {
     std::size_t calls = 0;
-    std::size_t failures = 0;
-    std::size_t incomplete = 0;
+    std::array<std::size_t, OUTCOMES> outcomes{};
     std::vector<long> seconds;  ///< the known durations
+
+    std::size_t count(Outcome outcome) const { return outcomes[static_cast<std::size_t>(outcome)]; }
 };
 
 /// Of an even number the later of the two in the middle, which was measured.
@@ -70,58 +65,151 @@ std::optional<long> longest(const std::vector<long>& values) {
     return *std::max_element(values.begin(), values.end());
 }
 
+using TotalsByGroup = std::map<std::string, Totals, GroupOrder>;
+
+TotalsByGroup totalsOf(const std::vector<Exchange>& exchanges) {
+    TotalsByGroup totals;
+    for (const Exchange& exchange : exchanges) {
+        Totals& operation = totals[groupOf(exchange)];
+        ++operation.calls;
+        ++operation.outcomes[static_cast<std::size_t>(exchange.outcome())];
+        if (const auto seconds = exchange.duration()) operation.seconds.push_back(*seconds);
+    }
+    return totals;
+}
+
+/// The status by its name in fiscora.h, without the prefix; its number if it has none.
+std::string statusText(int status) {
+    const std::string_view name = tool::statusName(status);
+    return name.empty() ? std::to_string(status) : std::string(name);
+}
+
+ordered_json orNull(const std::string& text) { return text.empty() ? ordered_json() : ordered_json(text); }
+template <typename Value>
+ordered_json orNull(const std::optional<Value>& value) {
+    return value ? ordered_json(*value) : ordered_json();
+}
+ordered_json timeOrNull(const std::optional<std::time_t>& time) {
+    return time ? ordered_json(timeText(*time, "%Y-%m-%dT%H:%M:%S")) : ordered_json();
+}
+
+ordered_json jsonOf(const Exchange& exchange) {
+    return {{"operation", orNull(exchange.operation)}, {"session", orNull(exchange.session)},
+            {"start", timeOrNull(exchange.start)},     {"end", timeOrNull(exchange.end)},
+            {"seconds", orNull(exchange.duration())},  {"outcome", namesOf(exchange.outcome()).json},
+            {"status", orNull(exchange.status)},       {"code", orNull(exchange.answerCode)},
+            {"text", orNull(exchange.answerText)}};
+}
+
+ordered_json jsonOf(const std::string& group, const Totals& totals) {
+    return {{"operation", orNull(group)},
+            {"calls", totals.calls},
+            {"refused", totals.count(Outcome::Refused)},
+            {"failed", totals.count(Outcome::Failed)},
+            {"incomplete", totals.count(Outcome::Incomplete)},
+            {"median_seconds", orNull(median(totals.seconds))},
+            {"longest_seconds", orNull(longest(totals.seconds))}};
+}
+
 }  // namespace
 
-std::string statusText(const Exchange& exchange) {
-    if (exchange.isIncomplete()) return "incompleta";
-    const std::string_view name = tool::statusName(*exchange.status);
-    return name.empty() ? std::to_string(*exchange.status) : std::string(name);
-}
+std::string known(const std::string& text) { return text.empty() ? UNKNOWN : text; }
 
 std::string durationText(const std::optional<long>& seconds) {
     return seconds ? std::to_string(*seconds) + " s" : UNKNOWN;
 }
 
-std::string known(const std::string& text) { return text.empty() ? UNKNOWN : text; }
+std::string resultText(const Exchange& exchange) {
+    const Outcome outcome = exchange.outcome();
+    const std::string name = tr(namesOf(outcome).shown);
+    switch (outcome) {
+        case Outcome::Ok:
+        case Outcome::Refused: return name + " " + known(exchange.answerCode);
+        case Outcome::Failed: return name + " " + statusText(*exchange.status);
+        default: return name;
+    }
+}
 
-void printExchanges(std::ostream& out, const std::vector<Exchange>& exchanges) {
-    print(out,
-          {{"Hora"},
-           {"Operação"},
-           {"Sessão", Column::RIGHT},
-           {"Duração", Column::RIGHT},
-           {"Status"},
-           {"EEEEE"}},
-          exchanges.size(), [&](std::size_t i) -> Row {
-              const Exchange& exchange = exchanges[i];
-              return {timeText(exchange.time()), known(exchange.operation),
-                      known(exchange.session),   durationText(exchange.duration()),
-                      statusText(exchange),      known(exchange.answerCode)};
-          });
+std::string groupOf(const Exchange& exchange) {
+    return manipulaDados::findOperation(exchange.operation) == nullptr ? "" : exchange.operation;
+}
+
+std::string groupName(const std::string& group) { return group.empty() ? tr("others") : group; }
+
+ExchangeTable::ExchangeTable(std::ostream& out, const std::vector<Exchange>& exchanges, Colours colours)
+    : m_out(out),
+      m_colours(colours),
+      m_operation(exchanges.empty() ? LONGEST_OPERATION : width(tr("Operation"))),
+      m_session(std::max(SESSION, width(tr("Session")))) {
+    for (const Exchange& exchange : exchanges) {
+        m_operation = std::max(m_operation, width(exchange.operation));
+        m_session = std::max(m_session, width(exchange.session));
+    }
+}
+
+void ExchangeTable::printHeading() {
+    const std::string gap(GAP, ' ');
+    m_out << left(tr("Time"), TIME) << gap << left(tr("Operation"), m_operation) << gap
+          << right(tr("Session"), m_session) << gap << right(tr("Took"), DURATION) << gap << tr("Result")
+          << '\n';
+}
+
+void ExchangeTable::print(const Exchange& exchange) {
+    const std::string day = timeText(exchange.time(), "%Y-%m-%d");
+    if (day != m_day) m_out << day << '\n';
+    m_day = day;
+
+    const std::string gap(GAP, ' ');
+    const std::string call = timeText(exchange.time(), "%H:%M:%S") + gap +
+                             left(known(exchange.operation), m_operation) + gap +
+                             right(known(exchange.session), m_session) + gap +
+                             right(durationText(exchange.duration()), DURATION) + gap;
+    std::string result = resultText(exchange);
+    const OutcomeNames& names = namesOf(exchange.outcome());
+    if (m_colours == Colours::On) {
+        result.insert(std::string_view(tr(names.shown)).size(), "\033[m");
+        result.insert(0, std::string("\033[") + names.colour + "m");
+    }
+    m_out << call << result << '\n';
+    if (exchange.outcome() != Outcome::Refused || exchange.answerText.empty()) return;
+    const std::string indent(TIME + GAP, ' ');
+    for (const auto& line : tool::wrapped(exchange.answerText, tool::TERMINAL_COLUMNS - indent.size()))
+        m_out << indent << line << '\n';
 }
 
 void printSummary(std::ostream& out, const std::vector<Exchange>& exchanges) {
-    std::map<std::string, Totals> totals;
-    for (const Exchange& exchange : exchanges) {
-        Totals& operation = totals[exchange.operation];
-        ++operation.calls;
-        operation.failures += exchange.hasFailed() ? 1 : 0;
-        operation.incomplete += exchange.isIncomplete() ? 1 : 0;
-        if (const auto seconds = exchange.duration()) operation.seconds.push_back(*seconds);
+    const std::array<std::string, 7> headings = {tr("Operation"), tr("Calls"),  tr("Refused"), tr("Failed"),
+                                                 tr("No end"),    tr("Median"), tr("Longest")};
+    std::vector<std::array<std::string, 7>> rows = {headings};
+    for (const auto& [group, totals] : totalsOf(exchanges))
+        rows.push_back(
+            {groupName(group), std::to_string(totals.calls), std::to_string(totals.count(Outcome::Refused)),
+             std::to_string(totals.count(Outcome::Failed)), std::to_string(totals.count(Outcome::Incomplete)),
+             durationText(median(totals.seconds)), durationText(longest(totals.seconds))});
+    std::array<std::size_t, 7> widths{};
+    for (const auto& row : rows)
+        for (std::size_t i = 0; i < row.size(); ++i) widths[i] = std::max(widths[i], width(row[i]));
+    for (const auto& row : rows) {
+        out << left(row[0], widths[0]);
+        for (std::size_t i = 1; i < row.size(); ++i) out << "  " << right(row[i], widths[i]);
+        out << '\n';
     }
-    std::vector<Row> rows;
-    for (const auto& [name, operation] : totals)
-        rows.push_back({known(name), std::to_string(operation.calls), std::to_string(operation.failures),
-                        std::to_string(operation.incomplete), durationText(median(operation.seconds)),
-                        durationText(longest(operation.seconds))});
-    print(out,
-          {{"Operação"},
-           {"Chamadas", Column::RIGHT},
-           {"Falhas", Column::RIGHT},
-           {"Incompletas", Column::RIGHT},
-           {"Mediana", Column::RIGHT},
-           {"Pior", Column::RIGHT}},
-          rows.size(), [&](std::size_t i) { return rows[i]; });
+}
+
+void printJson(std::ostream& out, const std::vector<Exchange>& exchanges, const Complaints& complaints) {
+    // One call per line, and none of them kept: there may be a million.
+    out << "{\"calls\": [";
+    for (std::size_t i = 0; i < exchanges.size(); ++i)
+        out << (i == 0 ? "\n  " : ",\n  ") << jsonOf(exchanges[i]).dump();
+    out << "\n],\n\"operations\": [";
+    const char* separator = "\n  ";
+    for (const auto& [group, totals] : totalsOf(exchanges)) {
+        out << separator << jsonOf(group, totals).dump();
+        separator = ",\n  ";
+    }
+    out << "\n],\n\"damaged_lines\": " << complaints.damagedLines << ",\n\"unread_files\": "
+        << ordered_json(complaints.files).dump(-1, ' ', false, ordered_json::error_handler_t::replace)
+        << "}\n";
 }
 
 }  // namespace logs

@@ -12,16 +12,55 @@ namespace logs {
 /// Stands for what the log does not tell.
 constexpr char UNKNOWN[] = "-";
 
-/// The status by its name in fiscora.h, without the prefix; its number where it has none.
-std::string statusText(const Exchange& exchange);
+/// `text`, or UNKNOWN if it is empty.
+std::string known(const std::string& text);
 /// Such as "6 s".
 std::string durationText(const std::optional<long>& seconds);
-/// `text`, or UNKNOWN where it is empty.
-std::string known(const std::string& text);
+/// What became of the call, with the device's code or the status: "refused 06010".
+std::string resultText(const Exchange& exchange);
 
-/// Prints the exchanges, one a line.
-void printExchanges(std::ostream& out, const std::vector<Exchange>& exchanges);
-/// Prints for each operation how often it was called and failed, and its median and longest duration.
+/// The operation, as far as totals and pictures tell operations apart: empty if this version has no such
+/// operation. However many names a log makes up, there are no more groups than operations and one.
+std::string groupOf(const Exchange& exchange);
+/// The group's name for people.
+std::string groupName(const std::string& group);
+/// Groups by name; what this version does not have comes last.
+struct GroupOrder {
+    bool operator()(const std::string& a, const std::string& b) const {
+        return a.empty() != b.empty() ? b.empty() : a < b;
+    }
+};
+
+/// A table of calls, at most 80 columns wide, with a line for each new day. What the device said to a refused
+/// call stands below it.
+class ExchangeTable {
+  public:
+    enum class Colours { Off, On };
+
+    /// Columns are wide enough for `exchanges`; if that is empty, for whatever comes.
+    ExchangeTable(std::ostream& out, const std::vector<Exchange>& exchanges, Colours colours = Colours::Off);
+
+    void printHeading();
+    void print(const Exchange& exchange);
+
+  private:
+    std::ostream& m_out;
+    Colours m_colours;
+    std::size_t m_operation = 0;  ///< columns
+    std::size_t m_session = 0;    ///< columns
+    std::string m_day;            ///< of the last line
+};
+
+/// Prints for each operation how often it was called, refused and failed, and its median and longest
+/// duration.
 void printSummary(std::ostream& out, const std::vector<Exchange>& exchanges);
+
+/// The files that could not be read to their ends, each with the reason, and the damaged lines.
+struct Complaints {
+    std::vector<std::string> files;
+    std::size_t damagedLines = 0;
+};
+/// Prints calls, totals and complaints as one JSON object. Times are local; what is not known is null.
+void printJson(std::ostream& out, const std::vector<Exchange>& exchanges, const Complaints& complaints);
 
 }  // namespace logs

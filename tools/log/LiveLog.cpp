@@ -1,0 +1,52 @@
+#include "log/LiveLog.h"
+
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <array>
+#include <system_error>
+
+#include "log/LogFiles.h"
+
+namespace logs {
+
+LiveLog::LiveLog(std::filesystem::path directory, std::string since,
+                 std::function<void(std::string_view)> take)
+    : m_directory(std::move(directory)), m_since(std::move(since)), m_take(std::move(take)) {}
+
+void LiveLog::read() {
+    for (auto& [id, file] : m_files) file.isListed = false;
+    try {
+        for (const LogFile& log : findLogs(m_directory, m_since))
+            if (log.kind == LogFile::LOG) open(log.path);
+    } catch (const std::filesystem::filesystem_error&) {
+    }
+    for (auto file = m_files.begin(); file != m_files.end();) {
+        readRest(file->second);
+        file = file->second.isListed ? std::next(file) : m_files.erase(file);
+    }
+}
+
+void LiveLog::open(const std::filesystem::path& path) {
+    // A FIFO of that name must not hold us.
+    sim::Descriptor descriptor(::open(path.c_str(), O_RDONLY | O_NONBLOCK | O_CLOEXEC));
+    struct stat status {};
+    if (descriptor.get() < 0 || fstat(descriptor.get(), &status) != 0 || !S_ISREG(status.st_mode)) return;
+    const Id id(status.st_dev, status.st_ino);
+    auto file = m_files.find(id);
+    if (file == m_files.end()) file = m_files.emplace(id, File{std::move(descriptor), Lines(m_take)}).first;
+    file->second.isListed = true;
+}
+
+void LiveLog::readRest(File& file) {
+    const int fd = file.descriptor.get();
+    struct stat status {};
+    if (fstat(fd, &status) == 0 && status.st_size < lseek(fd, 0, SEEK_CUR))
+        lseek(fd, 0, SEEK_SET);  // begun anew
+    std::array<char, 65536> bytes{};
+    for (ssize_t count; (count = ::read(fd, bytes.data(), bytes.size())) > 0;)
+        file.lines.add({bytes.data(), static_cast<std::size_t>(count)});
+}
+
+}  // namespace logs

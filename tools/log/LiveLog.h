@@ -1,0 +1,46 @@
+#pragma once
+
+#include <sys/types.h>
+
+#include <filesystem>
+#include <functional>
+#include <map>
+#include <string>
+#include <string_view>
+#include <utility>
+
+#include "log/Lines.h"
+#include "sim/Descriptor.h"
+
+namespace logs {
+
+/// Today's log and those of the days to come, while the library writes them. A log stays open while it is in
+/// its folder, so its last lines are read even if the change of day archives and removes it meanwhile.
+class LiveLog {
+  public:
+    /// `since` is the first day to read, YYYYMMDD. Each line goes to `take`, as `Lines` cuts it.
+    LiveLog(std::filesystem::path directory, std::string since,
+            std::function<void(std::string_view line)> take);
+
+    /// Reads what has been written since the last time. A log or folder that is not there, or cannot be read,
+    /// is tried again the next time.
+    void read();
+
+  private:
+    using Id = std::pair<dev_t, ino_t>;
+    struct File {
+        sim::Descriptor descriptor;
+        Lines lines;
+        bool isListed = false;
+    };
+
+    void open(const std::filesystem::path& path);
+    static void readRest(File& file);
+
+    std::filesystem::path m_directory;
+    std::string m_since;
+    std::function<void(std::string_view)> m_take;
+    std::map<Id, File> m_files;
+};
+
+}  // namespace logs
