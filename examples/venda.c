@@ -1,8 +1,9 @@
-/* A day at the till in C: status, sale, cancellation, the device's log. README.md says how to build and run
- * it. Exit status: 0 all done, 1 not done, 2 nothing begun, 3 nobody knows what became of a document. */
+/* A day at the till in C: query, sale, cancellation, the device's log. README.md says how to build and run
+ * it. Exit status: 0 all done, 1 stopped, 2 not started, 3 a document is pending. */
 #define _XOPEN_SOURCE 500 /* sync(2) */
 #include <errno.h>
 #include <fiscora.h>
+#include <fiscora_status.h>
 #include <stdbool.h>
 #include <stdio.h>
 #include <stdlib.h>
@@ -10,22 +11,22 @@
 #include <time.h>
 #include <unistd.h>
 
-enum { NOT_DONE = 1, NOT_BEGUN = 2, UNKNOWN = 3 };
-enum { SENDINGS = 2, QUESTIONS = 5, PAUSE = 2 }; /* s */
+enum { STOPPED = 1, NOT_STARTED = 2, DOCUMENT_PENDING = 3 };
+enum { ATTEMPTS = 2, QUERIES = 5, PAUSE_S = 2 };
 enum { SESSION = 0, EEEEE = 1, LOG = 5, DOCUMENT = 6, KEY = 8, FIELDS = 32 };
 
 static const char PENDING[] = "pendente.txt";
 
-static const char *code, *sale, *cancellation; /* of activation; documents */
-static char key[48];                           /* of access: "CFe" and 44 digits */
+static const char *activation_code, *sale, *cancellation;
+static char key[48]; /* the sale's access key: "CFe" and 44 digits */
 
-/* The last call's answer, copied since the next call overwrites the library's, and cut into fields; those
- * that it has not are empty. Bytes as the device sent them, UTF-8 or, from some devices, Latin-1: iconv(3)
- * converts. */
+/* The answer to the last call, copied because the next call overwrites the library's buffer, and split into
+ * fields; missing fields are empty. The bytes are as the device sent them: UTF-8 or, with some devices,
+ * Latin-1, which iconv(3) converts. */
 static char answer[FISCORA_ANSWER_MAX_BYTES + 1];
 static char* field[FIELDS];
 
-/* Ends the day; with UNKNOWN as long as pendente.txt stands. */
+/* Exits with `exit_status`, or with DOCUMENT_PENDING if pendente.txt exists. */
 static void stop(int exit_status, const char* why) {
     char pending[64] = "";
     FILE* file;
@@ -35,15 +36,15 @@ static void stop(int exit_status, const char* why) {
     if (file == NULL || fgets(pending, sizeof pending, file) == NULL) perror(PENDING);
     printf("Antes de enviar outro documento, pergunte pela sessão e apague pendente.txt (README.md): %s\n",
            pending);
-    exit(UNKNOWN);
+    exit(DOCUMENT_PENDING);
 }
 
 static void fail(const char* path, const char* problem) {
     fprintf(stderr, "%s: %s\n", path, problem);
-    stop(NOT_DONE, "Não foi possível continuar");
+    stop(STOPPED, "Não foi possível continuar");
 }
 
-/* Writes a file whole or not at all. */
+/* Writes the whole file or leaves the old one as it was. */
 static void write_file(const char* path, const char* content, size_t size) {
     FILE* file = fopen("gravando.tmp", "wb");
     bool written = file != NULL && fwrite(content, 1, size, file) == size;
@@ -51,19 +52,7 @@ static void write_file(const char* path, const char* content, size_t size) {
     if (!written || rename("gravando.tmp", path) != 0) fail(path, strerror(errno));
 }
 
-static const char* explain(int status) {
-    switch (status) {
-        case FISCORA_STATUS_OK: return "resposta ilegível ou de outra sessão";
-        case FISCORA_STATUS_NO_ANSWER: return "sem equipamento ou resposta danificada: verifique o cabo";
-        case FISCORA_STATUS_READ_ERROR: return "a linha caiu: verifique o cabo e a energia do equipamento";
-        case FISCORA_STATUS_REFUSED: return "resposta de outro comando: desligue e ligue o equipamento";
-        case FISCORA_STATUS_BAD_REQUEST: return "pedido grande demais, nada foi enviado: corrija os dados";
-        case FISCORA_STATUS_TIMEOUT: return "sem resposta a tempo: o equipamento pode estar ocupado";
-        default: return "status desconhecido";
-    }
-}
-
-/* A number that no call had before, in no earlier run either: a device books one document a number. */
+/* A number that no call has used, in earlier runs either: a device books one document per number. */
 static int next_session(void) {
     int last;
     char text[16];
@@ -77,15 +66,16 @@ static int next_session(void) {
     return last;
 }
 
-/* Whether EEEEE begins with these digits. */
-static bool says(const char* digits) { return strncmp(field[EEEEE], digits, strlen(digits)) == 0; }
+static bool code_begins_with(const char* digits) {
+    return strncmp(field[EEEEE], digits, strlen(digits)) == 0;
+}
 
 static bool is_number(const char* text, size_t digits) {
     return strlen(text) == digits && strspn(text, "0123456789") == digits;
 }
 
-/* Keeps and reports the answer. True where it is one: in time, whole, and under the number of this very call
- * or the one that it asks about, which some devices put there. */
+/* Keeps and reports the answer. True if it is complete, in time, and has this call's number in field 0, or
+ * the number asked about, which some devices put there. */
 static bool receive(const char* operation, int session, int asked, const char* result) {
     const int status = CodigoErro();
     char* rest = strcpy(answer, result);
@@ -97,49 +87,50 @@ static bool receive(const char* operation, int session, int asked, const char* r
     printf("%s, sessão %06d: ", operation, session);
     if (status != FISCORA_STATUS_OK || !is_number(field[SESSION], 6) || !is_number(field[EEEEE], 5) ||
         (atoi(field[SESSION]) != session && atoi(field[SESSION]) != asked)) {
-        printf("status %d, %s\n", status, explain(status));
+        printf("status %d. %s\n", status,
+               status == FISCORA_STATUS_OK ? "Resposta ilegível ou de outra sessão."
+                                           : fiscora_status_text(status));
         return false;
     }
-    printf("%s %s\n", field[EEEEE],
-           field[says("06") || says("07") ? 3 : 2]); /* a document's CCCC stands between */
+    /* In the answer to a document, CCCC comes before the message. */
+    printf("%s %s\n", field[EEEEE], field[code_begins_with("06") || code_begins_with("07") ? 3 : 2]);
     return true;
 }
 
 static void expect(bool received, const char* eeeee) {
-    if (!received || !says(eeeee)) stop(NOT_DONE, "Não foi feito: o dia termina aqui");
+    if (!received || !code_begins_with(eeeee)) stop(STOPPED, "Não foi feito: o programa termina aqui");
 }
 
-/* Learns what the device did in a session that had no answer. True: it answered, and that is the answer now.
- * False: it knows nothing of it. */
+/* Asks the device what it did in a session whose answer was lost. True: that answer is now the last answer.
+ * False: the device does not know the session. */
 static bool ask_about(int lost) {
     printf("Não envie de novo: perguntando pela sessão %06d\n", lost);
-    for (int question = 0; question < QUESTIONS; ++question) {
+    for (int query = 0; query < QUERIES; ++query) {
         const int session = next_session();
-        const char* const result = ConsultarNumeroSessao(session, code, lost);
+        const char* const result = ConsultarNumeroSessao(session, activation_code, lost);
         const bool answered = receive("ConsultarNumeroSessao", session, lost, result);
-        if (answered && says("11003")) return false;
-        if (answered && !says("11"))
-            return true; /* else the question is refused, by a busy device for example */
-        sleep(PAUSE);
+        if (answered && code_begins_with("11003")) return false;
+        if (answered && !code_begins_with("11")) return true; /* 11...: query refused, perhaps busy */
+        sleep(PAUSE_S);
     }
-    stop(UNKNOWN, "O equipamento não disse o que houve");
+    stop(DOCUMENT_PENDING, "O equipamento não disse o que houve");
     return false;
 }
 
-static const char* send_sale(int session) { return EnviarDadosVenda(session, code, sale); }
+static const char* send_sale(int session) { return EnviarDadosVenda(session, activation_code, sale); }
 
 static const char* send_cancellation(int session) {
-    return CancelarUltimaVenda(session, code, key, cancellation);
+    return CancelarUltimaVenda(session, activation_code, key, cancellation);
 }
 
-/* Sends a document until the device has answered, a second time only where it knows nothing of the first. */
+/* Sends a document; sends it again only if the device says that it never got it. */
 static bool deliver(const char* operation, const char* (*send)(int session)) {
-    for (int sending = 0; sending < SENDINGS; ++sending) {
+    for (int attempt = 0; attempt < ATTEMPTS; ++attempt) {
         const int session = next_session();
         char text[64];
         snprintf(text, sizeof text, "%s %06d", operation, session);
         write_file(PENDING, text, strlen(text));
-        sync(); /* a power cut from here on leaves pendente.txt */
+        sync(); /* pendente.txt must survive a power cut during the call */
         if (receive(operation, session, session, send(session))) return true;
         if (CodigoErro() == FISCORA_STATUS_BAD_REQUEST) return false;
         if (ask_about(session)) return true;
@@ -147,8 +138,8 @@ static bool deliver(const char* operation, const char* (*send)(int session)) {
     return false;
 }
 
-/* Decodes a field from Base64, in its place, to a file. Base64ToAscii decodes the last answer too, but not
- * one that was asked for by its session number, and prints it. */
+/* Decodes a field from Base64, in place, and writes it to a file. Base64ToAscii will not do: it does not
+ * decode answers to ConsultarNumeroSessao, and it prints the answer. */
 static void save(const char* path, char* base64) {
     static const char alphabet[] = "ABCDEFGHIJKLMNOPQRSTUVWXYZabcdefghijklmnopqrstuvwxyz0123456789+/";
     const size_t digits = strspn(base64, alphabet), padding = strspn(base64 + digits, "=");
@@ -166,14 +157,14 @@ static void save(const char* path, char* base64) {
     printf("Gravado: %s\n", path);
 }
 
-/* Books a document under `eeeee` and saves it as the device has signed it. Its key is in `key` then. */
+/* Books a document, saves the signed copy and keeps its access key in `key`. */
 static void book(const char* operation, const char* (*send)(int session), const char* eeeee) {
     const bool answered = deliver(operation, send);
-    if (answered && says(eeeee)) {
+    if (answered && code_begins_with(eeeee)) {
         char path[sizeof key + 4];
         const char* const given = field[KEY];
         if (strncmp(given, "CFe", 3) != 0 || !is_number(given + 3, 44))
-            fail(given, "chave inválida"); /* it becomes a file's name */
+            fail(given, "chave inválida"); /* it becomes a file name */
         sprintf(path, "%s.xml", strcpy(key, given));
         save(path, field[DOCUMENT]);
         sync();
@@ -182,27 +173,27 @@ static void book(const char* operation, const char* (*send)(int session), const 
     expect(answered, eeeee);
 }
 
-/* With room for a key behind it. */
+/* The content of a file, with room for a key to be inserted. */
 static char* read_file(const char* path) {
     enum { MOST = 2 * FISCORA_ANSWER_MAX_BYTES };
     char* text = calloc(1, MOST + sizeof key);
     FILE* file = fopen(path, "rb");
     if (text == NULL || file == NULL || fread(text, 1, MOST, file) == 0)
-        stop(NOT_BEGUN, "Faltam venda.xml e cancelamento.xml, em UTF-8, na pasta atual");
+        stop(NOT_STARTED, "Faltam venda.xml e cancelamento.xml, em UTF-8, na pasta atual");
     fclose(file);
     return text;
 }
 
 int main(void) {
-    char *form, *mark, *behind;
+    char *form, *mark, *rest;
     int session;
-    if (access(PENDING, F_OK) == 0) stop(UNKNOWN, "Nada foi enviado");
-    code = getenv("CODIGO_DE_ATIVACAO");
-    if (code == NULL) stop(NOT_BEGUN, "Informe o código de ativação em CODIGO_DE_ATIVACAO");
+    if (access(PENDING, F_OK) == 0) stop(DOCUMENT_PENDING, "Nada foi enviado");
+    activation_code = getenv("CODIGO_DE_ATIVACAO");
+    if (activation_code == NULL) stop(NOT_STARTED, "Informe o código de ativação em CODIGO_DE_ATIVACAO");
     sale = read_file("venda.xml");
     cancellation = form = read_file("cancelamento.xml");
     mark = strstr(form, "CHAVE");
-    if (mark == NULL) stop(NOT_BEGUN, "Falta a palavra CHAVE em cancelamento.xml");
+    if (mark == NULL) stop(NOT_STARTED, "Falta a palavra CHAVE em cancelamento.xml");
     printf("Biblioteca fiscora, driver %s\n", getVersion());
 
     session = next_session();
@@ -210,13 +201,13 @@ int main(void) {
 
     book("EnviarDadosVenda", send_sale, "06000");
 
-    behind = mark + strlen("CHAVE");
-    memmove(mark + strlen(key), behind, strlen(behind));
+    rest = mark + strlen("CHAVE");
+    memmove(mark + strlen(key), rest, strlen(rest) + 1);
     memcpy(mark, key, strlen(key));
     book("CancelarUltimaVenda", send_cancellation, "07000");
 
     session = next_session();
-    expect(receive("ExtrairLogs", session, session, ExtrairLogs(session, code)), "15000");
+    expect(receive("ExtrairLogs", session, session, ExtrairLogs(session, activation_code)), "15000");
     save("sat.log", field[LOG]);
     return EXIT_SUCCESS;
 }

@@ -1,10 +1,9 @@
-// A day at the till in C++, with the classes: status, sale, cancellation, the device's log. README.md says
-// how to build and run it. Exit status: 0 all done, 1 not done, 2 nothing begun, 3 nobody knows what became
-// of a document.
-#include <fiscora.h>
+// A day at the till in C++, with the classes: query, sale, cancellation, the device's log. README.md says
+// how to build and run it. Exit status: 0 all done, 1 stopped, 2 not started, 3 a document is pending.
 #include <fiscora/encoding/Base64.h>
 #include <fiscora/fiscal/UCManipulaDadosSat.h>
 #include <fiscora/transaction/DoTransaction.h>
+#include <fiscora_status.h>
 #include <unistd.h>
 
 #include <chrono>
@@ -24,14 +23,14 @@
 
 namespace {
 
-enum ExitStatus { NOT_DONE = 1, NOT_BEGUN = 2, UNKNOWN = 3 };
-constexpr int SENDINGS = 2;
-constexpr int QUESTIONS = 5;
+enum ExitStatus { STOPPED = 1, NOT_STARTED = 2, DOCUMENT_PENDING = 3 };
+constexpr int ATTEMPTS = 2;
+constexpr int QUERIES = 5;
 constexpr std::chrono::seconds PAUSE{2};
 constexpr const char* PENDING = "pendente.txt";
 
-/// Fields of an answer; those that it has not are empty. Bytes as the device sent them, UTF-8 or, from some
-/// devices, Latin-1: iconv(3) converts.
+/// The fields of an answer; missing ones are empty. The bytes are as the device sent them: UTF-8 or, with
+/// some devices, Latin-1, which iconv(3) converts.
 using Answer = std::vector<std::string>;
 enum Field { EEEEE = 1, LOG = 5, DOCUMENT = 6, KEY = 8, FIELDS = 32 };
 
@@ -40,28 +39,16 @@ std::string readFile(const char* path) {
     return {std::istreambuf_iterator<char>(file), {}};
 }
 
-/// Ends the day; with UNKNOWN as long as pendente.txt stands.
+/// Exits with `status`, or with DOCUMENT_PENDING if pendente.txt exists.
 [[noreturn]] void stop(ExitStatus status, const char* why) {
     std::cout << why << std::endl;
     if (!std::filesystem::exists(PENDING)) std::exit(status);
     std::cout << "Antes de enviar outro documento, pergunte pela sessão e apague pendente.txt (README.md): "
               << readFile(PENDING) << std::endl;
-    std::exit(UNKNOWN);
+    std::exit(DOCUMENT_PENDING);
 }
 
-const char* explain(int status) {
-    switch (status) {
-        case FISCORA_STATUS_OK: return "resposta ilegível ou de outra sessão";
-        case FISCORA_STATUS_NO_ANSWER: return "sem equipamento ou resposta danificada: verifique o cabo";
-        case FISCORA_STATUS_READ_ERROR: return "a linha caiu: verifique o cabo e a energia do equipamento";
-        case FISCORA_STATUS_REFUSED: return "resposta de outro comando: desligue e ligue o equipamento";
-        case FISCORA_STATUS_BAD_REQUEST: return "pedido grande demais, nada foi enviado: corrija os dados";
-        case FISCORA_STATUS_TIMEOUT: return "sem resposta a tempo: o equipamento pode estar ocupado";
-        default: return "status desconhecido";
-    }
-}
-
-/// Writes a file whole or not at all.
+/// Writes the whole file or leaves the old one as it was.
 void writeFile(const std::string& path, const std::string& content) {
     std::ofstream file("gravando.tmp", std::ios::binary);
     file << content;
@@ -72,7 +59,7 @@ void writeFile(const std::string& path, const std::string& content) {
 
 std::string sixDigits(int session) { return std::to_string(1'000'000 + session).substr(1); }
 
-/// A number that no call had before, in no earlier run either: a device books one document a number.
+/// A number that no call has used, in earlier runs either: a device books one document per number.
 int nextSession() {
     unsigned last = 0;
     if (!(std::ifstream("sessao.txt") >> last)) last = static_cast<unsigned>(std::time(nullptr));
@@ -81,11 +68,12 @@ int nextSession() {
     return session;
 }
 
-/// Whether EEEEE begins with these digits.
-bool says(const Answer& answer, const std::string& digits) { return answer[EEEEE].rfind(digits, 0) == 0; }
+bool codeBeginsWith(const Answer& answer, const std::string& digits) {
+    return answer[EEEEE].rfind(digits, 0) == 0;
+}
 
 Answer expect(std::optional<Answer> answer, const char* eeeee) {
-    if (!answer || !says(*answer, eeeee)) stop(NOT_DONE, "Não foi feito: o dia termina aqui");
+    if (!answer || !codeBeginsWith(*answer, eeeee)) stop(STOPPED, "Não foi feito: o programa termina aqui");
     return *std::move(answer);
 }
 
@@ -109,7 +97,7 @@ class Till {
         const int log = nextSession();
         save("sat.log", expect(receive("ExtrairLogs", log, m_sat.ExtrairLogs(log, m_code)), "15000")[LOG]);
 
-        // Without a flat function, so only C++ has it: the answer to the last document, whatever its session.
+        // Has no C function: the answer to the last document, whatever its session number.
         const int last = nextSession();
         expect(receive("ConsultarUltimaSessaoFiscal", last, m_sat.ConsultarUltimaSessaoFiscal(last, m_code)),
                "07000");
@@ -118,9 +106,9 @@ class Till {
   private:
     using Send = std::function<const char*(int session)>;
 
-    /// Copies the answer, since the next call overwrites it, and reports it. None where there is none in
-    /// time, whole, and under the number of this very call or the one that it asks about, which some devices
-    /// put there.
+    /// Copies the answer, because the next call overwrites it, and reports it. Returns it if it is complete,
+    /// in time, and has this call's number in field 0, or the number asked about, which some devices put
+    /// there.
     std::optional<Answer> receive(const char* operation, int session, const char* result,
                                   std::optional<int> asked = std::nullopt) {
         const std::string text = result;
@@ -130,22 +118,25 @@ class Till {
                                 ")\\|[0-9]{5}\\|");
         const auto atStart = std::regex_constants::match_continuous;
         if (status != FISCORA_STATUS_OK || !std::regex_search(text, wanted, atStart)) {
-            std::cout << "status " << status << ", " << explain(status) << std::endl;
+            std::cout << "status " << status << ". "
+                      << (status == FISCORA_STATUS_OK ? "Resposta ilegível ou de outra sessão."
+                                                      : fiscora_status_text(status))
+                      << std::endl;
             return std::nullopt;
         }
         Answer answer = split(text + std::string(FIELDS, '|'), '|');
-        const bool document = says(answer, "06") || says(answer, "07");
-        std::cout << answer[EEEEE] << ' ' << answer[document ? 3 : 2] << std::endl;  // CCCC stands between
+        // In the answer to a document, CCCC comes before the message.
+        const bool document = codeBeginsWith(answer, "06") || codeBeginsWith(answer, "07");
+        std::cout << answer[EEEEE] << ' ' << answer[document ? 3 : 2] << std::endl;
         return answer;
     }
 
-    /// Sends a document until the device has answered, a second time only where it knows nothing of the
-    /// first.
+    /// Sends a document; sends it again only if the device says that it never got it.
     std::optional<Answer> deliver(const char* operation, const Send& send) {
-        for (int sending = 0; sending < SENDINGS; ++sending) {
+        for (int attempt = 0; attempt < ATTEMPTS; ++attempt) {
             const int session = nextSession();
             writeFile(PENDING, operation + (' ' + sixDigits(session)));
-            sync();  // a power cut from here on leaves pendente.txt
+            sync();  // pendente.txt must survive a power cut during the call
             auto answer = receive(operation, session, send(session));
             if (answer || m_sat.CodigoErro() == FISCORA_STATUS_BAD_REQUEST) return answer;
             answer = askAbout(session);
@@ -154,22 +145,23 @@ class Till {
         return std::nullopt;
     }
 
-    /// What the device answered in a session whose answer is missing; none where it knows nothing of it.
+    /// What the device answered in a session whose answer was lost; nothing if it does not know the session.
     std::optional<Answer> askAbout(int lost) {
         std::cout << "Não envie de novo: perguntando pela sessão " << sixDigits(lost) << std::endl;
-        for (int question = 0; question < QUESTIONS; ++question) {
+        for (int query = 0; query < QUERIES; ++query) {
             const int session = nextSession();
             const char* const result = m_sat.ConsultarNumeroSessao(session, m_code, lost);
             auto answer = receive("ConsultarNumeroSessao", session, result, lost);
-            if (answer && says(*answer, "11003")) return std::nullopt;
-            if (answer && !says(*answer, "11")) return answer;  // else it is refused, by a busy device say
+            if (answer && codeBeginsWith(*answer, "11003")) return std::nullopt;
+            if (answer && !codeBeginsWith(*answer, "11"))
+                return answer;  // 11...: query refused, perhaps busy
             std::this_thread::sleep_for(PAUSE);
         }
-        stop(UNKNOWN, "O equipamento não disse o que houve");
+        stop(DOCUMENT_PENDING, "O equipamento não disse o que houve");
     }
 
     static void save(const std::string& path, const std::string& base64) {
-        const std::string content = Base64::decode(base64);  // ends at what is no Base64
+        const std::string content = Base64::decode(base64);  // stops at the first invalid byte
         const auto* const bytes = reinterpret_cast<const unsigned char*>(content.data());
         if (content.empty() || Base64::encode(bytes, static_cast<std::uint32_t>(content.size())) != base64)
             throw std::runtime_error(path + ": Base64 danificado");
@@ -177,12 +169,12 @@ class Till {
         std::cout << "Gravado: " << path << std::endl;
     }
 
-    /// Books a document and saves it as the device has signed it; its key.
+    /// Books a document, saves the signed copy and returns its access key.
     std::string book(const char* eeeee, const char* operation, const Send& send) {
         const auto answer = deliver(operation, send);
-        if (answer && says(*answer, eeeee)) {
+        if (answer && codeBeginsWith(*answer, eeeee)) {
             const std::string& key = (*answer)[KEY];
-            if (!std::regex_match(key, std::regex("CFe[0-9]{44}")))  // it becomes a file's name
+            if (!std::regex_match(key, std::regex("CFe[0-9]{44}")))  // it becomes a file name
                 throw std::runtime_error("chave inválida: " + key);
             save(key + ".xml", (*answer)[DOCUMENT]);
             sync();
@@ -199,20 +191,20 @@ class Till {
 
 int main() {
     try {
-        if (std::filesystem::exists(PENDING)) stop(UNKNOWN, "Nada foi enviado");
+        if (std::filesystem::exists(PENDING)) stop(DOCUMENT_PENDING, "Nada foi enviado");
         const char* const code = std::getenv("CODIGO_DE_ATIVACAO");
-        if (code == nullptr) stop(NOT_BEGUN, "Informe o código de ativação em CODIGO_DE_ATIVACAO");
+        if (code == nullptr) stop(NOT_STARTED, "Informe o código de ativação em CODIGO_DE_ATIVACAO");
         const std::string sale = readFile("venda.xml");
         const std::string form = readFile("cancelamento.xml");
         if (sale.empty() || form.empty())
-            stop(NOT_BEGUN, "Faltam venda.xml e cancelamento.xml, em UTF-8, na pasta atual");
+            stop(NOT_STARTED, "Faltam venda.xml e cancelamento.xml, em UTF-8, na pasta atual");
         if (form.find("CHAVE") == std::string::npos)
-            stop(NOT_BEGUN, "Falta a palavra CHAVE em cancelamento.xml");
+            stop(NOT_STARTED, "Falta a palavra CHAVE em cancelamento.xml");
         std::cout << "Biblioteca fiscora, driver " << getVersion() << std::endl;
         Till(code).workADay(sale, form);
         return EXIT_SUCCESS;
     } catch (const std::exception& problem) {
         std::cerr << problem.what() << std::endl;
-        stop(NOT_DONE, "Não foi possível continuar");
+        stop(STOPPED, "Não foi possível continuar");
     }
 }

@@ -1,9 +1,9 @@
-{ A day at the till in Free Pascal: status, sale, cancellation, the device's log. README.md says how to build and run it.
-  Exit status: 0 all done, 1 not done, 2 nothing begun, 3 nobody knows what became of a document. }
+{ A day at the till in Free Pascal: query, sale, cancellation, the device's log. README.md says how to build and run it.
+  Exit status: 0 all done, 1 stopped, 2 not started, 3 a document is pending. }
 program Venda;
 
 {$mode objfpc}{$H+}
-{$linklib c} { begins the program by the C library, which libfiscora needs }
+{$linklib c} { the C library must start the program: libfiscora needs it }
 
 uses
   Classes, SysUtils;
@@ -18,32 +18,32 @@ function getVersion: PAnsiChar; cdecl; external 'fiscora';
 procedure sync; cdecl; external 'c';
 
 const
-  NOT_DONE = 1; NOT_BEGUN = 2; UNKNOWN = 3;
-  SENDINGS = 2; QUESTIONS = 5; PAUSE = 2000; { ms }
+  STOPPED = 1; NOT_STARTED = 2; DOCUMENT_PENDING = 3;
+  ATTEMPTS = 2; QUERIES = 5; PAUSE_MS = 2000;
   EEEEE = 1; LOG = 5; DOCUMENT = 6; KEY = 8; { fields of an answer }
-  OK = 0; NO_ANSWER = 1; READ_ERROR = 2; REFUSED = 4; BAD_REQUEST = 8; TIMED_OUT = 32768;
+  OK = 0; BAD_REQUEST = 8;
   PENDING = 'pendente.txt';
 
 type
-  { Fields of an answer. Bytes as the device sent them, UTF-8 or, from some devices, Latin-1: with the unit cwstring
-    SetCodePage(Text, 28591, False) and then SetCodePage(Text, CP_UTF8, True) convert a RawByteString. }
+  { The fields of an answer. The bytes are as the device sent them: UTF-8 or, with some devices, Latin-1. To convert a
+    RawByteString: the unit cwstring, SetCodePage(Text, 28591, False), then SetCodePage(Text, CP_UTF8, True). }
   TFields = TStringArray;
   TSend = function(Session: LongInt): PAnsiChar;
 
 var
   Code, Sale, SaleKey, Cancellation: AnsiString;
 
-function Explain(Status: LongInt): AnsiString;
+function StatusText(Status: LongInt): AnsiString;
 begin
   case Status of
-    OK: Explain := 'resposta ilegível ou de outra sessão';
-    NO_ANSWER: Explain := 'sem equipamento ou resposta danificada: verifique o cabo';
-    READ_ERROR: Explain := 'a linha caiu: verifique o cabo e a energia do equipamento';
-    REFUSED: Explain := 'resposta de outro comando: desligue e ligue o equipamento';
-    BAD_REQUEST: Explain := 'pedido grande demais, nada foi enviado: corrija os dados';
-    TIMED_OUT: Explain := 'sem resposta a tempo: o equipamento pode estar ocupado';
+    OK: Result := 'Resposta ilegível ou de outra sessão.';
+    1: Result := 'Equipamento não encontrado ou resposta danificada. Verifique o cabo.';
+    2: Result := 'A comunicação caiu. Verifique o cabo e a energia do equipamento.';
+    4: Result := 'O equipamento respondeu a outro pedido. Desligue-o e ligue-o de novo.';
+    BAD_REQUEST: Result := 'Dados inválidos ou grandes demais: nada foi enviado. Corrija-os.';
+    32768: Result := 'O equipamento não respondeu a tempo. Ele pode estar ocupado.';
   else
-    Explain := 'status desconhecido';
+    Result := 'Status desconhecido.';
   end;
 end;
 
@@ -58,7 +58,7 @@ begin
   end;
 end;
 
-{ Writes a file whole or not at all. }
+{ Writes the whole file or leaves the old one as it was. }
 procedure WriteFile(const Path, Content: AnsiString);
 begin
   with TStringStream.Create(Content) do
@@ -70,16 +70,16 @@ begin
   if not RenameFile('gravando.tmp', Path) then RaiseLastOSError;
 end;
 
-{ Ends the day; with UNKNOWN as long as pendente.txt stands. }
+{ Exits with ExitStatus, or with DOCUMENT_PENDING if pendente.txt exists. }
 procedure Stop(ExitStatus: Integer; const Why: AnsiString);
 begin
   WriteLn(Why);
   if not FileExists(PENDING) then Halt(ExitStatus);
   WriteLn('Antes de enviar outro documento, pergunte pela sessão e apague pendente.txt (README.md): ', ReadFile(PENDING));
-  Halt(UNKNOWN);
+  Halt(DOCUMENT_PENDING);
 end;
 
-{ A number that no call had before, in no earlier run either: a device books one document a number. }
+{ A number that no call has used, in earlier runs either: a device books one document per number. }
 function NextSession: LongInt;
 var
   Last: Int64;
@@ -90,9 +90,9 @@ begin
   WriteFile('sessao.txt', Format('%.6d'#10, [Result]));
 end;
 
-{ Copies the answer, since the next call overwrites it, and reports it. The fields, those that it has not empty; nil
-  where there is none in time, whole, and under the number of this very call or the one that it asks about, which some
-  devices put there. }
+{ Copies the answer, because the next call overwrites it, and reports it. Returns its fields, missing ones empty, if it
+  is complete, in time, and has this call's number in field 0, or the number asked about, which some devices put there.
+  Otherwise nil. }
 function Receive(const Operation: AnsiString; Session: LongInt; Answer: PAnsiChar; Asked: LongInt = -1): TFields;
 var
   Status, Number: LongInt;
@@ -103,38 +103,39 @@ begin
   if (Status <> OK) or (Length(Result[EEEEE]) <> 5) or not TryStrToInt(Result[EEEEE], Number)
     or ((Result[0] <> Format('%.6d', [Session])) and (Result[0] <> Format('%.6d', [Asked]))) then
   begin
-    WriteLn(Format('status %d, %s', [Status, Explain(Status)]));
+    WriteLn(Format('status %d. %s', [Status, StatusText(Status)]));
     Exit(nil);
   end;
-  if Result[EEEEE].StartsWith('06') or Result[EEEEE].StartsWith('07') then { a document's CCCC stands between }
+  { In the answer to a document, CCCC comes before the message. }
+  if Result[EEEEE].StartsWith('06') or Result[EEEEE].StartsWith('07') then
     WriteLn(Result[EEEEE], ' ', Result[3])
   else
     WriteLn(Result[EEEEE], ' ', Result[2]);
 end;
 
-{ The fields of an answer that says so; there is no other way on. }
+{ Stops unless the answer has that code. }
 function Expect(const Code: AnsiString; const Fields: TFields): TFields;
 begin
-  if (Fields = nil) or (Fields[EEEEE] <> Code) then Stop(NOT_DONE, 'Não foi feito: o dia termina aqui');
+  if (Fields = nil) or (Fields[EEEEE] <> Code) then Stop(STOPPED, 'Não foi feito: o programa termina aqui');
   Result := Fields;
 end;
 
-{ What the device answered in a session whose answer is missing; nil where it knows nothing of it. }
+{ What the device answered in a session whose answer was lost; nil if it does not know the session. }
 function AskAbout(Lost: LongInt): TFields;
 var
-  Question: Integer;
+  Query: Integer;
   Session: LongInt;
 begin
   WriteLn(Format('Não envie de novo: perguntando pela sessão %.6d', [Lost]));
-  for Question := 1 to QUESTIONS do
+  for Query := 1 to QUERIES do
   begin
     Session := NextSession;
     Result := Receive('ConsultarNumeroSessao', Session, ConsultarNumeroSessao(Session, PAnsiChar(Code), Lost), Lost);
     if (Result <> nil) and (Result[EEEEE] = '11003') then Exit(nil);
-    if (Result <> nil) and not Result[EEEEE].StartsWith('11') then Exit; { else it is refused, by a busy device say }
-    Sleep(PAUSE);
+    if (Result <> nil) and not Result[EEEEE].StartsWith('11') then Exit; { 11...: query refused, perhaps busy }
+    Sleep(PAUSE_MS);
   end;
-  Stop(UNKNOWN, 'O equipamento não disse o que houve');
+  Stop(DOCUMENT_PENDING, 'O equipamento não disse o que houve');
 end;
 
 function SendSale(Session: LongInt): PAnsiChar;
@@ -147,17 +148,17 @@ begin
   Result := CancelarUltimaVenda(Session, PAnsiChar(Code), PAnsiChar(SaleKey), PAnsiChar(Cancellation));
 end;
 
-{ Sends a document until the device has answered, a second time only where it knows nothing of the first. }
+{ Sends a document; sends it again only if the device says that it never got it. }
 function Deliver(const Operation: AnsiString; Send: TSend): TFields;
 var
-  Sending: Integer;
+  Attempt: Integer;
   Session: LongInt;
 begin
-  for Sending := 1 to SENDINGS do
+  for Attempt := 1 to ATTEMPTS do
   begin
     Session := NextSession;
     WriteFile(PENDING, Format('%s %.6d', [Operation, Session]));
-    sync; { a power cut from here on leaves pendente.txt }
+    sync; { pendente.txt must survive a power cut during the call }
     Result := Receive(Operation, Session, Send(Session));
     if (Result <> nil) or (CodigoErro = BAD_REQUEST) then Exit;
     Result := AskAbout(Session);
@@ -165,7 +166,7 @@ begin
   end;
 end;
 
-{ Decodes a field from Base64 to a file. The unit base64 of the larger package fp-units-fcl decodes too. }
+{ Decodes a field from Base64 and writes it to a file. With the package fp-units-fcl, the unit base64 decodes it. }
 procedure Save(const Path, Field: AnsiString);
 const
   DIGITS = 'ABCDEFGHIJKLMNOPQRSTUVWXYZabcdefghijklmnopqrstuvwxyz0123456789+/';
@@ -191,7 +192,7 @@ begin
   WriteLn('Gravado: ', Path);
 end;
 
-{ Books a document and saves it as the device has signed it; its key. }
+{ Books a document, saves the signed copy and returns its access key. }
 function Book(const Expected, Operation: AnsiString; Send: TSend): AnsiString;
 var
   Fields: TFields;
@@ -199,7 +200,7 @@ begin
   Fields := Deliver(Operation, Send);
   if (Fields <> nil) and (Fields[EEEEE] = Expected) then
   begin
-    { The key becomes a file's name: "CFe" and 44 digits. }
+    { The key becomes a file name: it must be "CFe" and 44 digits. }
     if (Length(Fields[KEY]) <> 47) or (Fields[KEY].TrimRight('0123456789'.ToCharArray) <> 'CFe') then
       raise Exception.Create('chave inválida: ' + Fields[KEY]);
     Save(Fields[KEY] + '.xml', Fields[DOCUMENT]);
@@ -213,14 +214,14 @@ var
   Session: LongInt;
 begin
   try
-    if FileExists(PENDING) then Stop(UNKNOWN, 'Nada foi enviado');
+    if FileExists(PENDING) then Stop(DOCUMENT_PENDING, 'Nada foi enviado');
     Code := GetEnvironmentVariable('CODIGO_DE_ATIVACAO');
-    if Code = '' then Stop(NOT_BEGUN, 'Informe o código de ativação em CODIGO_DE_ATIVACAO');
+    if Code = '' then Stop(NOT_STARTED, 'Informe o código de ativação em CODIGO_DE_ATIVACAO');
     if not FileExists('venda.xml') or not FileExists('cancelamento.xml') then
-      Stop(NOT_BEGUN, 'Faltam venda.xml e cancelamento.xml, em UTF-8, na pasta atual');
+      Stop(NOT_STARTED, 'Faltam venda.xml e cancelamento.xml, em UTF-8, na pasta atual');
     Sale := ReadFile('venda.xml');
     Cancellation := ReadFile('cancelamento.xml');
-    if Pos('CHAVE', Cancellation) = 0 then Stop(NOT_BEGUN, 'Falta a palavra CHAVE em cancelamento.xml');
+    if Pos('CHAVE', Cancellation) = 0 then Stop(NOT_STARTED, 'Falta a palavra CHAVE em cancelamento.xml');
     WriteLn('Biblioteca fiscora, driver ', getVersion);
 
     Session := NextSession;
@@ -237,7 +238,7 @@ begin
     on Problem: Exception do
     begin
       WriteLn(StdErr, Problem.Message);
-      Stop(NOT_DONE, 'Não foi possível continuar');
+      Stop(STOPPED, 'Não foi possível continuar');
     end;
   end;
 end.
