@@ -167,6 +167,24 @@ std::string readFile(const std::string& path) {
     return text.str();
 }
 
+std::string readLog(const std::string& path) {
+    constexpr char GZIP_MARK[] = "\x1f\x8b";
+    const std::string content = readFile(path);
+    if (content.rfind(GZIP_MARK, 0) != 0) return content;
+    FILE* const tar = realPopen(("tar -xzOf '" + path + "'").c_str());
+    std::string text;
+    for (int byte; (byte = std::fgetc(tar)) != EOF;) text += static_cast<char>(byte);
+    next<int(FILE*)>("pclose")(tar);
+    return text;
+}
+
+pbs::Message compressedMessage(const std::string& code, const std::string& body) {
+    pbs::Message message(code, "3");
+    message.setBody(body);
+    message.compress();
+    return message;
+}
+
 long openDescriptors() { return std::distance(std::filesystem::directory_iterator("/proc/self/fd"), {}); }
 
 FakeLine::FakeLine() {
@@ -288,8 +306,8 @@ std::vector<std::string> WorkingDirectory::logLines() const {
     std::sort(files.begin(), files.end());
     std::vector<std::string> lines;
     for (const auto& path : files) {
-        std::ifstream file(path);
-        for (std::string line; std::getline(file, line);) {
+        std::istringstream text(readLog(path));
+        for (std::string line; std::getline(text, line);) {
             const auto start = line.find("] - [");
             lines.push_back(start == std::string::npos ? line
                                                        : line.substr(start + 5, line.size() - start - 6));

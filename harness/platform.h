@@ -75,6 +75,11 @@ void setClock(const std::string& localTime);
 /// Makes or replaces a file.
 void writeFile(const std::string& path, const std::string& content);
 std::string readFile(const std::string& path);
+/// Text of a day's log or, of a tar.gz file, of the log in it.
+std::string readLog(const std::string& path);
+
+/// A message as the library and the device send it, with a compressed body.
+pbs::Message compressedMessage(const std::string& code, const std::string& body);
 
 /// How many descriptors the process has open.
 long openDescriptors();
@@ -131,7 +136,8 @@ class WorkingDirectory {
     WorkingDirectory& operator=(const WorkingDirectory&) = delete;
     ~WorkingDirectory();
 
-    /// All log lines below logsDrs, in the order of their files, without time: "info, text".
+    /// All log lines below logsDrs, archived ones too, in the order of their files, without their times:
+    /// "info, text".
     std::vector<std::string> logLines() const;
 
   private:

@@ -1,0 +1,16 @@
+#pragma once
+
+#include <sys/resource.h>
+
+#include <memory>
+#include <string>
+
+/// What a test has done to its process; undone when the last copy goes.
+using Undo = std::shared_ptr<void>;
+
+/// Lowers the soft limit of a resource (RLIMIT_FSIZE ...).
+Undo limit(decltype(RLIMIT_FSIZE) resource, rlim_t most);
+/// Makes `path` the only folder in which commands are found.
+Undo searchIn(const std::string& path);
+/// Closes the standard output, and forgets its errors in the end.
+Undo closeOutput();
