@@ -167,6 +167,13 @@ std::string readFile(const std::string& path) {
     return text.str();
 }
 
+Files files() {
+    Files result;
+    for (const auto& entry : std::filesystem::recursive_directory_iterator("."))
+        if (entry.is_regular_file()) result[entry.path()] = readFile(entry.path());
+    return result;
+}
+
 std::string readLog(const std::string& path) {
     constexpr char GZIP_MARK[] = "\x1f\x8b";
     const std::string content = readFile(path);
@@ -299,13 +306,9 @@ WorkingDirectory::~WorkingDirectory() {
 }
 
 std::vector<std::string> WorkingDirectory::logLines() const {
-    std::vector<std::filesystem::path> files;
-    if (std::filesystem::exists("logsDrs"))
-        for (const auto& entry : std::filesystem::recursive_directory_iterator("logsDrs"))
-            files.push_back(entry);
-    std::sort(files.begin(), files.end());
     std::vector<std::string> lines;
-    for (const auto& path : files) {
+    for (const auto& [path, content] : files()) {
+        if (path.rfind("./logsDrs/", 0) != 0) continue;
         std::istringstream text(readLog(path));
         for (std::string line; std::getline(text, line);) {
             const auto start = line.find("] - [");

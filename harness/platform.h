@@ -8,6 +8,7 @@
 #include <ctime>
 #include <deque>
 #include <functional>
+#include <map>
 #include <string>
 #include <string_view>
 #include <vector>
@@ -75,6 +76,9 @@ void setClock(const std::string& localTime);
 /// Makes or replaces a file.
 void writeFile(const std::string& path, const std::string& content);
 std::string readFile(const std::string& path);
+/// Contents of all files below the working directory, by path: "./logsDrs/logDrs20310228.log".
+using Files = std::map<std::string, std::string>;
+Files files();
 /// Text of a day's log or, of a tar.gz file, of the log in it.
 std::string readLog(const std::string& path);
 

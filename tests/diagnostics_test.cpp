@@ -3,10 +3,9 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
-#include <cstdlib>
+#include <cerrno>
+#include <cstring>
 #include <filesystem>
-#include <fstream>
-#include <map>
 
 #include "diagnostics/logdebug.h"
 #include "fiscal/UCManipulaDadosSat.h"
@@ -16,19 +15,17 @@
 namespace {
 
 namespace fs = std::filesystem;
-using Files = std::map<std::string, std::string>;  ///< contents by path
 
-const std::string VERSION_LINE = "DRS Version: 01.00.01.001\n", LOG = "./logsDrs/logDrs20310228.log";
+const std::string VERSION_LINE = "DRS Version: 01.00.01.001\n", LOG = "./logsDrs/logDrs20310228.log",
+                  OLDEST = "./logsDrs/logDrs20300101.log";
 
-/// All files below the working directory.
-Files files() {
-    Files result;
-    for (const auto& entry : fs::recursive_directory_iterator("."))
-        if (entry.is_regular_file()) result[entry.path()] = readFile(entry.path());
-    return result;
+/// Makes empty logs of the first days of 2030.
+void makeLogs(int count) {
+    for (int day = 0; day < count; ++day)
+        writeFile("logsDrs/logDrs" + std::to_string(20300101 + day) + ".log", "");
 }
 
-/// Logs `text` at that time; returns the line to be found.
+/// Logs `text` at that time; returns the line that the log should have.
 std::string logged(const std::string& localTime, const std::string& text) {
     setClock(localTime);
     LogDebug::obtemReferencia()->saveLog("info", text);
@@ -43,25 +40,28 @@ class Diagnostics : public testing::Test {
     WorkingDirectory m_folder;
 };
 
-TEST_F(Diagnostics, TheFirstLineEverLacksItsDirectory) {
+TEST_F(Diagnostics, TheFirstLineMakesItsDirectoryOrIsDropped) {
     testing::FLAGS_gtest_death_test_style = "threadsafe";  // a new process, whose log has not begun
-    const auto isWritten = [] {
+    const auto logFirstLine = [](int error) {
         fs::remove("logsDrs");
         umask(0);
-        const Files expected = {{LOG, VERSION_LINE + logged("2031-02-28 14:05:09", "x")}};
-        const bool result = files() == expected && fs::status("logsDrs").permissions() == fs::perms(0775);
+        platform.failure = [error](auto call) { return call == "mkdir" ? error : 0; };
+        const Files written = {{LOG, VERSION_LINE + logged("2031-02-28 14:05:09", "x")}};
+        EXPECT_EQ(files(), error == 0 ? written : Files());
+        EXPECT_EQ(fs::status("logsDrs").permissions(), error == 0 ? fs::perms(0775) : fs::perms::unknown);
         fs::remove_all(fs::current_path());
-        return result;
+        std::_Exit(HasFailure() ? 1 : 0);
     };
-    EXPECT_EXIT(std::_Exit(isWritten() ? 0 : 1), testing::ExitedWithCode(0), "");
+    for (const int error : {0, ENOSPC})
+        EXPECT_EXIT(logFirstLine(error), testing::ExitedWithCode(0), "") << std::strerror(error);
 }
 
-TEST_F(Diagnostics, ANewDaysStepsAreOutOfOrderOrPrintOtherLines) {
-    for (const char* day : {"1", "2", "3", "4", "5", "6"})
-        writeFile(std::string("./logsDrs/logDrs2030010") + day + ".log", "");
+TEST_F(Diagnostics, ANewDayArchivesAndPrunesInOrder) {
+    makeLogs(6);
     const std::string day = VERSION_LINE + logged("2031-02-28 23:59:59", "old");
     std::string steps;
-    const auto note = [&steps](const std::string& step) {  // with the number of files, and how today's begins
+    // Notes a step, the number of files and how today's begins.
+    const auto note = [&steps](const std::string& step) {
         const std::string today = files()["./logsDrs/logDrs20310301.log"].substr(0, 3);
         steps += step + " " + std::to_string(files().size()) + today + ", ";
         return AT_FDCWD;
@@ -86,7 +86,7 @@ TEST_F(Diagnostics, ANewDaysStepsAreOutOfOrderOrPrintOtherLines) {
     EXPECT_EQ(files()[LOG], day);
 }
 
-TEST_F(Diagnostics, RetentionCountsOrRemovesTheWrongFile) {
+TEST_F(Diagnostics, OfEightLogFilesTheOldestGoes) {
     const std::tuple<int, std::string, bool> cases[] = {
         {7, "notes.txt", false},           {8, "notes.txt", true},     {13, "notes.txt", true},
         {7, "old/logDrs1.log", false},     {7, "xlogDrs1.log", false}, {7, "logDrsX/any", true},
@@ -94,25 +94,20 @@ TEST_F(Diagnostics, RetentionCountsOrRemovesTheWrongFile) {
     for (const auto& [logs, other, removes] : cases) {
         fs::remove_all("logsDrs");
         for (const auto* directory : {"logsDrs/old", "logsDrs/logDrsX"}) fs::create_directories(directory);
-        for (int day = 0; day < logs; ++day)
-            writeFile("logsDrs/logDrs" + std::to_string(20300101 + day) + ".log", "");
+        makeLogs(logs);
         writeFile("logsDrs/" + other, "");
         auto expected = files();
-        if (removes) expected.erase("./logsDrs/logDrs20300101.log");
+        if (removes) expected.erase(OLDEST);
         LogDebug::obtemReferencia()->removeLastDays(std::string("logsDrs").data());
-        EXPECT_EQ(files(), expected) << logs << other;
+        EXPECT_EQ(files(), expected) << logs << " logs and " << other;
     }
+    makeLogs(8);
+    logged("2001-01-01 12:00:00", "x");
+    EXPECT_TRUE(fs::exists("logsDrs/logDrs20010101.log")) << "the file in use stays, whatever its date";
+    EXPECT_FALSE(fs::exists(OLDEST));
 }
 
-TEST_F(Diagnostics, WithTheClockInThePastTheFileInUseGoes) {
-    for (const char* day : {"1", "2", "3", "4", "5", "6", "7", "8"})
-        writeFile(std::string("logsDrs/logDrs2030010") + day + ".log", "");
-    const std::string line = logged("2001-01-01 12:00:00", "x");
-    EXPECT_EQ(files()["./logsDrs/logDrs20010101.log"], VERSION_LINE + line);
-    EXPECT_FALSE(fs::exists("logsDrs/logDrs20300101.log"));
-}
-
-TEST_F(Diagnostics, ALineIsLostOrCutOrItsFileBegunWrongly) {
+TEST_F(Diagnostics, ALineIsAppendedAndCutAt511Bytes) {
     const std::string time = "2031-02-28 12:00:00";
     writeFile(LOG, "of an earlier process\n");
     const std::string fits = logged(time, std::string(479, 'x')), cut = logged(time, std::string(480, 'x'));
@@ -129,7 +124,7 @@ TEST_F(Diagnostics, ALineIsLostOrCutOrItsFileBegunWrongly) {
     EXPECT_TRUE(files().empty());
 }
 
-TEST_F(Diagnostics, ADumpHasAnotherNameOrContent) {
+TEST_F(Diagnostics, ADumpHoldsTheBytesAsGiven) {
     platform.usleep = [](useconds_t) { return 0; };
     setClock("2026-02-03 14:05:09");
     const std::string name = "./20260302140509_",
@@ -149,7 +144,7 @@ TEST_F(Diagnostics, ADumpHasAnotherNameOrContent) {
     EXPECT_EQ(files(), expected);
 }
 
-TEST_F(Diagnostics, ARecordMixesUpItsStagesOrItsDate) {
+TEST_F(Diagnostics, ARecordListsTheStagesAndTheirDifferences) {
     setClock("2015-06-30 14:05:09");
     pbs::Message answer("C", "1");
     answer.addHeader("DELTA_DRS", "120");
@@ -157,19 +152,20 @@ TEST_F(Diagnostics, ARecordMixesUpItsStagesOrItsDate) {
     answer.addHeader("DELTA_CCO", "4294967297");
     answer.addHeader("DELTA_CSE_COM", "12;a");
     answer.addHeader("DELTA_SWB", "-2147483648");
-    const std::string rows[] = {
+    const std::string heading =
         R"("DATA_HORA";"CODE";"DELTA_DRS";"PROC_DRS";"DELTA_DRS_CCO";"TRANS_DRS_CCO";"DELTA_CCO";"PROC_CCO";)"
         R"("DELTA_CSE_COM";"TRANS_CCO_CSE";"DELTA_CSE";"PROC_CSE";"DELTA_SWB";)"
-        "\n",
-        "2015/30/06/14:05:09;C;120;-30;150;149;4294967297;-11;12;a;12;;-2147483648;-2147483648;\n",
-        "\"DATA_HORA\";\"DELTA_DRS\";\n", "2015/30/06/14:05:09;text;\n"};
+        "\n";
+    const std::string ofAnswer =
+        "2015/30/06/14:05:09;C;120;-30;150;149;4294967297;-11;12;a;12;;-2147483648;-2147483648;\n";
+    const std::string ofText = "2015/30/06/14:05:09;text;\n", file = "./teste_desempenho.csv";
     objManipulaDadosSat.gravaArquivoDesempenho(answer);
     objManipulaDadosSat.gravaArquivoDesempenho("text");
-    EXPECT_EQ(files(), Files({{"./teste_desempenho.csv", rows[0] + rows[1] + rows[3]}}));
-    fs::remove("teste_desempenho.csv");
+    EXPECT_EQ(files(), Files({{file, heading + ofAnswer + ofText}}));
+    fs::remove(file);
     objManipulaDadosSat.gravaArquivoDesempenho("text");
     objManipulaDadosSat.gravaArquivoDesempenho(answer);
-    EXPECT_EQ(files(), Files({{"./teste_desempenho.csv", rows[2] + rows[3] + rows[1]}}));
+    EXPECT_EQ(files(), Files({{file, "\"DATA_HORA\";\"DELTA_DRS\";\n" + ofText + ofAnswer}}));
 }
 
 }  // namespace
