@@ -13,6 +13,7 @@
 #include <csignal>
 #include <limits>
 
+#include "descriptor.h"
 #include "diagnostics/logdebug.h"
 #include "fiscora.h"
 #include "local_time.h"
@@ -84,15 +85,6 @@ class NotBlocking {
     int m_before;
 };
 
-/// The same file under a descriptor that is none of the standard ones: where the application has closed
-/// these, what is printed would go to the device.
-int aboveStandardStreams(int fd) {
-    if (fd < 0 || fd > STDERR_FILENO) return fd;
-    const int moved = fcntl(fd, F_DUPFD, STDERR_FILENO + 1);
-    close(fd);
-    return moved;
-}
-
 void pauseFor(useconds_t us) {
     const SignalsHeldBack guard;
     usleep(us);
@@ -131,7 +123,7 @@ int SerialCommChannel::connect_client() {
 
 int SerialCommChannel::openSerial(const std::string& path) {
     if (path.empty()) return -1;
-    fdSerial = aboveStandardStreams(open(path.c_str(), O_RDWR | O_NOCTTY));
+    fdSerial = keptToItself(open(path.c_str(), O_RDWR | O_NOCTTY));
     m_transmissionWaitUs = MAX_TRANSMISSION_WAIT_US;
     if (isatty(fdSerial) == 0) return errno;
     if (const int status = statusErro(); status != PORT_OPEN) return status;
