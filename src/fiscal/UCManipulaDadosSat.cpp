@@ -16,6 +16,7 @@
 #include "local_time.h"
 #include "protocol/Message.h"
 #include "protocol/pbs.h"
+#include "quiet_writes.h"
 #include "transaction/DoTransaction.h"
 
 // In assembly, because the zero byte after the buffer must not count in the symbol's size: it terminates an
@@ -62,6 +63,7 @@ constexpr Stage STAGES[] = {
 void appendToPerformanceRecord(const std::vector<std::string>& columns, const std::string& cells) {
     constexpr char NAME[] = "teste_desempenho.csv";
     const bool isNew = !opensForUpdate(NAME);
+    const QuietWrites guard;
     std::ofstream file(NAME, std::ios::app);
     if (isNew) {
         for (const auto& column : columns) file << '"' << column << "\";";
@@ -247,6 +249,7 @@ void ManipulaDadosSat::replaceTag(std::string& text) {
 
 std::vector<std::string> ManipulaDadosSat::split(const std::string& text, char delimiter) {
     auto pieces = ::split(text, delimiter);
+    const QuietWrites guard;
     for (const auto& piece : pieces) std::cout << piece << std::endl;
     return pieces;
 }
