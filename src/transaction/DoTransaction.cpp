@@ -11,7 +11,9 @@
 #include "fields.h"
 #include "fiscora.h"
 #include "local_time.h"
+#include "printable.h"
 #include "protocol/Message.h"
+#include "quiet_writes.h"
 #include "version.h"
 
 namespace {
@@ -48,13 +50,16 @@ void logRequest(const char* command, const std::string& request) {
 void logAnswer(const pbs::Message& answer, int status) {
     logOrDrop([&](LogDebug& log) {
         const auto fields = splitViews(answer.body(), '|', 5);
+        // A line break from the device must not begin a line of the log.
+        const auto received = [&](std::size_t index) {
+            return printable(fieldOr(fields, index, MISSING_FIELD));
+        };
         std::array<char, 512> line{};
         std::snprintf(
             line.data(), line.size(),
             "rxCode: %s rxSessao: %s rxEEEEE: %s rxCCCC: %s rxMessage: %s rxBufferSize: %d status: %d",
-            answer.code().c_str(), fieldOr(fields, 0, MISSING_FIELD).c_str(),
-            fieldOr(fields, 1, MISSING_FIELD).c_str(), fieldOr(fields, 2, MISSING_FIELD).c_str(),
-            fieldOr(fields, 3, MISSING_FIELD).c_str(), static_cast<int>(answer.bodySize()), status);
+            printable(answer.code()).c_str(), received(0).c_str(), received(1).c_str(), received(2).c_str(),
+            received(3).c_str(), static_cast<int>(answer.bodySize()), status);
         log.saveLog("info", line.data());
     });
 }
@@ -106,6 +111,7 @@ void DoTransaction::fileDump(const char* code, const char* tx, std::uint32_t txS
     const auto write = [&](const char* suffix, const char* data, std::uint32_t size) {
         std::array<char, 256> name{};
         std::snprintf(name.data(), name.size(), "%s_%s_%s", time.c_str(), code, suffix);
+        const QuietWrites guard;
         const std::unique_ptr<FILE, int (*)(FILE*)> file(std::fopen(name.data(), "wb+"), std::fclose);
         if (file && size > 0) std::fwrite(data, 1, size, file.get());
     };
