@@ -1,9 +1,8 @@
 #include "diagnostics/logdebug.h"
 
-#include <dirent.h>
 #include <err.h>
+#include <fcntl.h>
 #include <fts.h>
-#include <sys/file.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -12,14 +11,16 @@
 #include <cerrno>
 #include <cstdio>
 #include <cstdlib>
-#include <fstream>
 #include <iostream>
 #include <memory>
+#include <utility>
 #include <vector>
 
+#include "diagnostics/LogFile.h"
+#include "diagnostics/archive_check.h"
 #include "diagnostics/log_names.h"
-#include "file_probe.h"
 #include "local_time.h"
+#include "quiet_writes.h"
 #include "version.h"
 
 namespace {
@@ -32,26 +33,65 @@ constexpr std::size_t SUFFIX_POSITION = 22;
 /// If a day begins with this many files or more, the oldest goes.
 constexpr std::size_t MAX_FILES = 8;
 
+// Who archives a log waits this long for the processes that are just appending to it.
 constexpr useconds_t LOCK_POLL_US = 1'000;
-constexpr int MAX_LOCK_POLLS = 5'000;
+constexpr int MAX_LOCK_POLLS = 20;
 
-/// Holds the log's directory against other processes, from the look at the date to the written line: else
-/// one could write to a log that another has just archived, and then archive that line over the whole day. A
-/// process that stands still must not hold the others for ever, so these go on without the lock after 5 s.
-class DirectoryLock {
+/// How often a line looks for its file before it gives up: each time another process has just taken the day's
+/// file away.
+constexpr int MAX_TRIES = 3;
+
+/// Opens the standard streams that the application has closed, on /dev/null. Without them tar fails.
+class StandardStreams {
   public:
-    explicit DirectoryLock(const std::string& path) : m_directory(opendir(path.c_str()), closedir) {
-        if (!m_directory) return;
-        const int fd = dirfd(m_directory.get());
-        for (int polls = 0; flock(fd, LOCK_EX | LOCK_NB) != 0; ++polls) {
-            if ((errno != EWOULDBLOCK && errno != EINTR) || polls == MAX_LOCK_POLLS) return;
-            usleep(LOCK_POLL_US);
+    StandardStreams() {
+        for (int fd = openNull(); fd != -1; fd = openNull()) {
+            if (fd > STDERR_FILENO) {
+                close(fd);
+                break;
+            }
+            m_opened.push_back(fd);
         }
+    }
+    StandardStreams(const StandardStreams&) = delete;
+    StandardStreams& operator=(const StandardStreams&) = delete;
+    ~StandardStreams() {
+        for (const int fd : m_opened) close(fd);
     }
 
   private:
-    std::unique_ptr<DIR, int (*)(DIR*)> m_directory;
+    static int openNull() { return openat(AT_FDCWD, "/dev/null", O_RDWR); }
+
+    std::vector<int> m_opened;
 };
+
+void print(const std::string& line) {
+    const QuietWrites guard;
+    std::cout << "[removeLastDays] " << line << std::endl;
+}
+
+bool lockAlone(const LogFile& log) {
+    for (int polls = 0; !log.lockAlone(); ++polls) {
+        if (polls == MAX_LOCK_POLLS) return false;
+        usleep(LOCK_POLL_US);
+    }
+    return true;
+}
+
+/// The day's file, open for appending.
+struct DayFile {
+    LogFile file;
+    bool isNew = false;  ///< made by this call
+};
+
+DayFile openDayFile(const std::string& path) {
+    constexpr int FLAGS = O_WRONLY | O_APPEND;
+    LogFile existing(path, FLAGS);
+    if (existing.isOpen() || errno != ENOENT) return {std::move(existing)};
+    LogFile created(path, FLAGS | O_CREAT | O_EXCL);
+    if (created.isOpen() || errno != EEXIST) return {std::move(created), true};
+    return {LogFile(path, FLAGS | O_CREAT)};  // another process was quicker, or a link has no target yet
+}
 
 }  // namespace
 
@@ -78,45 +118,61 @@ std::string LogDebug::getFileNameLog() {
 }
 
 void LogDebug::saveLog(const std::string& level, const std::string& text) {
-    const DirectoryLock lock(m_pathLog);
-    const std::string fileName = getFileNameLog();
-    const bool isNew = !opensForUpdate(fileName);
-    // A new file is appended to as well: another process may have begun it since.
-    std::ofstream file(fileName, std::ios::app);
-    if (isNew) {
-        file << "DRS Version: " << DRIVER_VERSION << std::endl;
-        removeLastDays(m_pathLog.data());
+    for (int tries = 0; tries < MAX_TRIES; ++tries) {
+        const std::string fileName = getFileNameLog();
+        const auto [file, isNew] = openDayFile(fileName);
+        if (!file.isOpen()) return;
+        // Nobody archives the file under this lock. Whether the day is over is looked at under it, too: a log
+        // that another process has archived by now must not be begun again and archived over the whole day.
+        file.lockShared();
+        if (!file.isLinked()) continue;
+        if (currentDate() != m_currentDate) {
+            if (isNew) remove(fileName.c_str());
+            continue;
+        }
+        if (isNew) {
+            file.append(std::string("DRS Version: ") + DRIVER_VERSION);
+            removeLastDays(m_pathLog.data());
+        }
+        std::array<char, 512> line{};
+        std::snprintf(line.data(), line.size(), "[%s] - [%s, %s]", currentDateTime().c_str(), level.c_str(),
+                      text.c_str());
+        file.append(line.data());
+        return;
     }
-    if (!file.is_open()) return;
-
-    std::array<char, 512> line{};
-    std::snprintf(line.data(), line.size(), "[%s] - [%s, %s]", currentDateTime().c_str(), level.c_str(),
-                  text.c_str());
-    file << line.data() << std::endl;
 }
 
 void LogDebug::compress(const std::string& fileName) {
-    if (!opensForUpdate(fileName)) return;
+    const LogFile log(fileName, O_RDWR);
+    if (!log.isOpen() || !lockAlone(log) || !log.isLinked()) return;
+    const StandardStreams guard;
     const std::string archive = fileName + ARCHIVE_SUFFIX;
-    std::cout << "[removeLastDays] file to zip " << fileName << std::endl;
+    print("file to zip " + fileName);
     sync();
     const std::string command = "tar -zcvf " + archive + " " + fileName;
-    std::cout << "[removeLastDays] cmd to zip " << command << std::endl;
-    const bool archived = system(command.c_str()) == 0;
-    // What a failed tar has left must not take the place of an earlier archive of that day.
-    if (!archived) remove(archive.c_str());
+    print("cmd to zip " + command);
+    [[maybe_unused]] const int result = system(command.c_str());  // the archive itself tells more
+    const bool isArchived = archiveHolds(archive, fileName, log);
+    // What a failed tar has left must not replace an earlier archive of that day.
+    if (!isArchived) remove(archive.c_str());
     sync();
     std::string finalName = archive;
     finalName.erase(SUFFIX_POSITION, sizeof LOG_SUFFIX - 1);
-    std::cout << "[removeLastDays] erase " << finalName << std::endl;
-    const bool renamed = rename(archive.c_str(), finalName.c_str()) == 0;
-    if (renamed)
-        puts("File successfully renamed");
-    else
-        perror("Error renaming file");
+    print("erase " + finalName);
+    const bool isRenamed = rename(archive.c_str(), finalName.c_str()) == 0;
+    {
+        const int error = errno;
+        const QuietWrites guard;
+        errno = error;
+        if (isRenamed)
+            puts("File successfully renamed");
+        else
+            perror("Error renaming file");
+        std::fflush(stdout);
+    }
     sync();
-    // The log goes only where there is an archive, whatever tar said.
-    if (archived && (renamed || opensForUpdate(archive))) remove(fileName.c_str());
+    // Compared again, since a process without the lock may have appended a line.
+    if (isArchived && archiveHolds(isRenamed ? finalName : archive, fileName, log)) remove(fileName.c_str());
     sync();
 }
 
