@@ -108,6 +108,8 @@ TEST(Link, TheLogShowsTheFirstFieldsAndCutsThemForItselfAlone) {
         {"1|2||4", "1 txBufferSize:6", "1 rxEEEEE: 2 rxCCCC:  rxMessage: 4 rxBufferSize: 6"},
         {"1|2|3|4|5|6", "1 txBufferSize:11", "1 rxEEEEE: 2 rxCCCC: 3 rxMessage: 4 rxBufferSize: 11"},
         {{"\0|2", 3}, " txBufferSize:3", "  rxEEEEE:   rxCCCC:   rxMessage:   rxBufferSize: 3"},
+        {"1|\n\x7f|\x1b[\x9b|\xc2\x9b\xc3\x8d\xc3|", "1 txBufferSize:15",
+         "1 rxEEEEE: ?? rxCCCC: ?[? rxMessage: ?\xc3\x8d\xc3 rxBufferSize: 15"},
         {text, text.substr(0, 80), text}};
     for (const auto& [body, request, answer] : rows) {
         World world;
@@ -226,6 +228,11 @@ TEST(Link, WithoutATerminalNothingIsSentOrLeftOpen) {
     EXPECT_EQ(world.channel.openSerial("missing"), EBADF);
     EXPECT_EQ(world.channel.openSerial("file"), ENOTTY);
     EXPECT_EQ(world.channel.statusErro(), 0) << "the file stays open";
+    for (const auto& entry : std::filesystem::directory_iterator("/proc/self/fd")) {
+        const bool isFile = std::filesystem::exists(entry) && std::filesystem::equivalent(entry, "file");
+        const int fd = std::stoi(entry.path().filename());
+        EXPECT_TRUE(!isFile || fcntl(fd, F_GETFD) == FD_CLOEXEC) << "children inherit it";
+    }
 }
 
 TEST(Link, TheTimerPutsTheDayBeforeTheMonth) {
