@@ -3,6 +3,6 @@
 #include <ctime>
 #include <string>
 
-/// A time of the local clock, by default the present one, in a format of strftime, at most 79 bytes of it.
-/// Not safe beside another thread's localtime.
+/// Local time, by default the present one, in a strftime format; empty if that is longer than 79 bytes. Not
+/// safe while another thread calls localtime.
 std::string localTimeText(const char* format, std::time_t when = time(nullptr));

@@ -194,7 +194,7 @@ void LogDebug::removeLastDays(char* path) {
 
     if (files.size() < MAX_FILES) return;
     std::sort(files.begin(), files.end());
-    // Where the clock has gone back, the file in use is the oldest by its name.
+    // If the clock was set back, the file in use is the oldest by its name.
     const bool firstIsInUse = files.front() == m_fileNameLog;
     remove(files[firstIsInUse ? 1 : 0].c_str());
     sync();

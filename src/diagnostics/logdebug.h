@@ -3,32 +3,36 @@
 #include <exception>
 #include <string>
 
-/// The process-wide debug log: one text file a day, logsDrs/logDrsYYYYMMDD.log below the working directory,
-/// each line written out when `saveLog` returns. A finished day's file is archived by tar, and the oldest of
-/// eight files goes. Nothing here fails a fiscal operation: a line that cannot be written is dropped. Several
-/// processes may share the directory: each holds it, by a lock, for the length of a line.
+/// The process-wide debug log: one text file per day, logsDrs/logDrsYYYYMMDD.log in the working directory of
+/// the moment. Each line is written when `saveLog` returns. tar archives the previous day's file, and the
+/// oldest of eight or more files is removed. Nothing here fails a fiscal operation: a line that cannot be
+/// written is dropped.
+///
+/// Several processes may share the folder, and none waits for another: a line is one append. Only who
+/// archives a day excludes those who append, by a lock on that day's file (flock), and whoever cannot have
+/// the lock within 20 ms goes on without archiving.
 class LogDebug {
   public:
-    /// The one instance, made (with the log's directory) at the first call and kept to the end of the
-    /// process.
+    /// The one instance. The first call makes it, with the log's folder; it lives to the end of the process.
     static LogDebug* obtemReferencia();
 
-    /// Writes "[date.time] - [level, text]", cut at 511 characters. The first line of a new day first
-    /// archives the old day's file, then removes the oldest of eight or more.
+    /// Writes "[date.time] - [level, text]", cut at 511 bytes. Before the first line of a new day it archives
+    /// the old day's file and, if it has created the new one, removes the oldest of eight or more. Raises no
+    /// signal.
     void saveLog(const std::string& level, const std::string& text);
 
-    /// Path of the file in use. Archives the one before where the date has changed.
+    /// Path of the file in use. Archives the previous one if the date has changed.
     std::string getFileNameLog();
     /// Local date, "%Y%m%d".
     std::string currentDate();
     /// Local date and time, "%Y-%m-%d.%X".
     std::string currentDateTime();
 
-    /// Turns the day's log `fileName`, a path of the form that `getFileNameLog` gives, into
-    /// logDrsYYYYMMDD.tar.gz beside it. A log whose archive could not be made stays; a file that is not there
-    /// is passed over.
+    /// Archives the day's log `fileName`, a path as `getFileNameLog` returns it, as logDrsYYYYMMDD.tar.gz in
+    /// the same folder. The log is removed only if the archive holds all of it. Does nothing if the file is
+    /// missing or another process holds its lock.
     void compress(const std::string& fileName);
-    /// Removes the oldest of the files `path`/logDrs... where there are eight or more.
+    /// Removes the oldest of the files `path`/logDrs... if there are eight or more.
     void removeLastDays(char* path);
 
   private:
@@ -42,7 +46,7 @@ class LogDebug {
     std::string m_fileNameLog;  ///< path of the file in use; empty before the first line
 };
 
-/// Calls `write` with the log. A line that there is no memory for is dropped: no line is worth an exchange.
+/// Calls `write` with the log. Without memory for a line, drops it: no line is worth an exchange.
 template <typename Write>
 void logOrDrop(Write write) noexcept {
     try {

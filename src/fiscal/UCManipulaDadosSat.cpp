@@ -47,19 +47,19 @@ void replaceFirst(std::string& text, std::string_view wanted, std::string_view r
     if (position != std::string::npos) text.replace(position, wanted.size(), replacement);
 }
 
-/// The headers in which an answer tells when it passed each stage, from the outermost to the innermost, each
-/// with the name of the record's column for the step from it to the next.
+/// A header that tells when an answer passed a stage, and the record's column for the step to the next stage.
+/// From the outermost stage to the innermost.
 struct Stage {
     const char* header;
-    const char* step;  ///< null at the innermost
+    const char* step;  ///< null for the innermost
 };
 constexpr Stage STAGES[] = {
     {"DELTA_DRS", "PROC_DRS"},          {"DELTA_DRS_CCO", "TRANS_DRS_CCO"}, {"DELTA_CCO", "PROC_CCO"},
     {"DELTA_CSE_COM", "TRANS_CCO_CSE"}, {"DELTA_CSE", "PROC_CSE"},          {"DELTA_SWB", nullptr},
 };
 
-/// Appends a row, which the time begins, to the performance record; a new file gets its heading first.
-/// Nothing happens where the file cannot be opened.
+/// Appends a row to the performance record, starting with the time; a new file gets its heading first. Does
+/// nothing if the file cannot be opened.
 void appendToPerformanceRecord(const std::vector<std::string>& columns, const std::string& cells) {
     constexpr char NAME[] = "teste_desempenho.csv";
     const bool isNew = !opensForUpdate(NAME);
@@ -174,7 +174,7 @@ char* ManipulaDadosSat::run(const char* command, std::initializer_list<Argument>
     const Operation& operation = *findOperation(command);
     pbs::Message answer;
     return exchange(operation, makeRequest(operation, arguments), answer);
-} catch (const std::exception&) {  // of the standard library, where memory runs out
+} catch (const std::exception&) {  // out of memory
     return respond(FISCORA_STATUS_NO_ANSWER, {});
 }
 
@@ -232,7 +232,7 @@ char* ManipulaDadosSat::Base64ToAscii() {
                                                                          : Operation::NO_DOCUMENT);
         if (field != Operation::NO_DOCUMENT && field < fields.size())
             document = Base64::decode(fields[field]);
-    } catch (const std::exception&) {  // as where the answer holds no document
+    } catch (const std::exception&) {  // out of memory: the document stays empty
     }
     return document.data();
 }

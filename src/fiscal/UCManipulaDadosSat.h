@@ -10,9 +10,9 @@
 #include "answer_size.h"
 #include "operations.h"
 
-/// Body of the last answer, filled up with zeros: what every operation returns. One more zero byte, which
-/// nothing writes, stands right behind it. Read it by the pointer that an operation returns: a program that
-/// names this symbol may get a copy of its own, without that byte.
+/// Body of the last answer, padded with zeros; every operation returns its address. One more zero byte, which
+/// nothing writes, follows. Read it through the pointer that an operation returns: a program that names this
+/// symbol may get a copy of its own, without that byte.
 extern char g_resp[manipulaDados::ANSWER_MAX_BYTES];
 
 namespace manipulaDados {
@@ -20,12 +20,12 @@ namespace manipulaDados {
 /// One argument of an operation.
 using Argument = std::variant<int, const char*>;
 
-/// A request's text; none where it can't be made.
+/// A request's text; none if it cannot be made.
 using Request = std::optional<std::string>;
 
-/// The fiscal operations. Each turns its arguments into one request, exchanges it with the device and returns
-/// the address of `g_resp`; fiscora.h documents those that have a flat function, and what they all have in
-/// common. The operations and Base64ToAscii throw nothing, since C calls them.
+/// The fiscal operations. Each makes one request of its arguments, exchanges it with the device and returns
+/// the address of `g_resp`. fiscora.h documents those with a flat function, and what all have in common. The
+/// operations and Base64ToAscii throw nothing, since C calls them.
 class ManipulaDadosSat {
   public:
     ManipulaDadosSat();
@@ -77,36 +77,35 @@ class ManipulaDadosSat {
     void cleanEmptyFields(std::string& text);
     /// Replaces the first "<CNPJ/>" by "<CNPJ></CNPJ>", then the first "<CPF/>" by "<CPF></CPF>".
     void replaceTag(std::string& text);
-    /// The pieces that the free function of this name gives, each also printed on a line of the standard
-    /// output.
+    /// Splits as the free function of this name does, and prints each piece on a line of the standard output.
     std::vector<std::string> split(const std::string& text, char delimiter);
 
-    /// Appends a row with the answer's timing headers, and the differences between neighbouring stages, to
-    /// teste_desempenho.csv in the working directory; a new file gets a heading first. Nothing happens where
-    /// the file cannot be opened.
+    /// Appends a row with the answer's timing headers and the differences between neighbouring stages to
+    /// teste_desempenho.csv in the working directory; a new file gets a heading first. Does nothing if the
+    /// file cannot be opened.
     void gravaArquivoDesempenho(pbs::Message& answer);
-    /// The same with `text` as the only cell behind the time.
+    /// The same with `text` as the only cell after the time.
     void gravaArquivoDesempenho(std::string text);
 
-    /// The request text of any operation from its arguments, numeroSessao first, of the kinds that its
-    /// format has. None where their number differs, where a text is null, or where the request and its
+    /// Makes the request of any operation from its arguments, numeroSessao first, of the types that its
+    /// format asks for. None if their number differs, if a text is null, or if the request and its
     /// terminating zero do not fit the operation's buffer: a shortened document or activation code must never
     /// reach the device.
     Request makeRequest(const Operation& operation, const std::vector<Argument>& arguments);
-    /// Exchanges a request of that operation with the device; what each of the operations above does.
-    /// `answer`, a fresh message, is left as the exchange left it, with its headers. Without a request
-    /// nothing is sent, and the status is FISCORA_STATUS_BAD_REQUEST.
+    /// Exchanges a request of `operation` with the device, as each of the operations above does. `answer`, a
+    /// fresh message, then holds the answer with its headers, if one was accepted. Without a request nothing
+    /// is sent, and the status is FISCORA_STATUS_BAD_REQUEST.
     char* exchange(const Operation& operation, const Request& request, pbs::Message& answer);
 
   private:
     char* run(const char* command, std::initializer_list<Argument> arguments);
     char* respond(int status, const std::string& body);
 
-    std::string m_lastCommand;  ///< name of the last operation's command, however it ended
+    std::string m_lastCommand;  ///< of the last operation, however it ended
     int m_status = 0;
 };
 
 }  // namespace manipulaDados
 
-/// The object behind the flat functions.
+/// The object that the flat functions call.
 extern manipulaDados::ManipulaDadosSat objManipulaDadosSat;

@@ -8,8 +8,8 @@ manipulaDados::ManipulaDadosSat objManipulaDadosSat;
 
 namespace {
 
-/// The low 16 bits as an unsigned number. Done on an `int`: what the upper half of a 16-bit parameter's
-/// register holds is the caller's affair in one compiler's view and the callee's in another's.
+/// The low 16 bits as an unsigned number. The parameters are `int`, because compilers disagree on who clears
+/// the upper half of a 16-bit parameter's register, caller or callee.
 int low16(int value) { return static_cast<std::uint16_t>(value); }
 
 }  // namespace

@@ -51,9 +51,9 @@ void error(const char* text) {
     logOrDrop([&](LogDebug& log) { log.saveLog("error", text); });
 }
 
-/// Holds signals back from the calling thread while it lives, but for those that a fault of its own raises. A
-/// handler would cut a pause short, and end a read or (SA_RESTART) start its tenth of a second anew: where
-/// signals come more often than that, a silent device would hold the caller without end.
+/// Blocks signals in the calling thread while it lives, except those raised by its own faults. A handler
+/// would cut a pause short, and end a read or (SA_RESTART) restart its tenth of a second: if signals came
+/// more often than that, a silent device would hold the caller forever.
 class SignalsHeldBack {
   public:
     SignalsHeldBack() {
@@ -90,8 +90,8 @@ void pauseFor(useconds_t us) {
     usleep(us);
 }
 
-/// A write that waits no longer than a second for the driver to have room.
-int writeWhereThereIsRoom(int fd, const char* data, std::uint32_t length) {
+/// A write that waits at most a second for room in the driver.
+int writeIfThereIsRoom(int fd, const char* data, std::uint32_t length) {
     const NotBlocking guard(fd);
     for (std::int64_t waitedUs = 0;; waitedUs += TRANSMISSION_POLL_US) {
         const auto result = static_cast<int>(write(fd, data, length));
@@ -102,7 +102,7 @@ int writeWhereThereIsRoom(int fd, const char* data, std::uint32_t length) {
 
 }  // namespace
 
-/// What one call of receive_data works with.
+/// The state of one call of receive_data.
 struct SerialCommChannel::Reception {
     pbs::Message& answer;
     pbs::Message message{};  ///< the parser's target: a frame may span many chunks
@@ -173,9 +173,8 @@ int SerialCommChannel::send(const char* data, std::uint32_t length) {
 int SerialCommChannel::writePiece(const char* data, std::uint32_t length) {
     if (fdSerial == -1) return -1;
     if (m_transmissionWaitUs > 0) return static_cast<int>(write(fdSerial, data, length));
-    // All the time for waits is used up, so the line may have stopped taking anything, and a write that the
-    // driver has no room for would wait without end.
-    return writeWhereThereIsRoom(fdSerial, data, length);
+    // The time for waits is used up, so the line may have stopped, and a plain write could block forever.
+    return writeIfThereIsRoom(fdSerial, data, length);
 }
 
 int SerialCommChannel::readPiece(char* buffer, unsigned long capacity) {
@@ -195,7 +194,7 @@ int SerialCommChannel::receive(char* buffer, unsigned long capacity) {
     return result;
 }
 
-/// Counts a transfer that moved nothing; true when it was one too many and has closed the port.
+/// Counts a transfer that moved nothing. True if it reached the limit, which closes the port.
 bool SerialCommChannel::tooManyFailures() {
     if (++failCount < MAX_FAILURES) return false;
     disconnect_client();
@@ -203,9 +202,8 @@ bool SerialCommChannel::tooManyFailures() {
     return true;
 }
 
-/// Waits until the kernel has handed over what was written, or the connection's time for that is used up.
-/// Drivers of current kernels cancel transfers in flight when their output is discarded, and the request
-/// would never arrive.
+/// Waits until the kernel has sent what was written, or the connection's time for that is used up. In current
+/// kernels, discarding the output cancels transfers in flight, and the request would never arrive.
 void SerialCommChannel::awaitTransmission() {
     int queued = 0;
     while (m_transmissionWaitUs > 0 && ioctl(fdSerial, TIOCOUTQ, &queued) == 0 && queued > 0) {
@@ -238,8 +236,8 @@ int SerialCommChannel::send_data(pbs::Message& message) {
     while (offset < size) {
         unsigned long pending = size - offset;
         result = send(&text.at(offset), static_cast<std::uint32_t>(std::min(pending, PIECE_BYTES)));
-        // What the log shows: after a full piece what is left behind it (one more than before, where it
-        // failed with -1), at the last piece its own length.
+        // Logs the bytes that remain after a full piece; off by one after a failed write, as the log has
+        // always shown it. For the last piece, logs its length.
         if (pending >= PIECE_BYTES) pending -= static_cast<unsigned long>(result);
         logOrDrop([&](LogDebug& log) {
             log.saveLog("info", "[SerialCommChannel::send_data] Bytes enviados: " + std::to_string(pending) +
@@ -295,8 +293,7 @@ void SerialCommChannel::parseChunk(const char* code, const char* chunk, unsigned
     }
 }
 
-/// Accepts the complete message as the answer, or refuses it and, the first five times, starts the clock
-/// anew.
+/// Accepts the complete message as the answer, or refuses it; the first five refusals restart the clock.
 void SerialCommChannel::judge(const char* code, Reception& reception) {
     pbs::Message& message = reception.message;
     if (message.isCompressed()) message.uncompress();
@@ -321,7 +318,7 @@ int SerialCommChannel::elapsedMs() const {
     gettimeofday(&now, nullptr);
     const std::int64_t elapsed =
         std::int64_t{now.tv_sec - startTime.tv_sec} * 1000 + (now.tv_usec - startTime.tv_usec) / 1000;
-    // A clock that was set by weeks in one direction must not come out as one set in the other.
+    // Clamped, so that a clock set forward by weeks does not look like one set back.
     using Limits = std::numeric_limits<int>;
     return static_cast<int>(std::clamp<std::int64_t>(elapsed, Limits::min(), Limits::max()));
 }

@@ -24,7 +24,7 @@ constexpr std::string_view NODE_PREFIX = "ttyACM";
 
 using Stream = std::unique_ptr<FILE, int (*)(FILE*)>;
 
-/// The sorted paths that match a pattern; none where the search failed.
+/// The sorted paths that match a pattern; none if the search failed.
 class PathList {
   public:
     explicit PathList(const std::string& pattern)
@@ -52,8 +52,8 @@ std::string firstLine(FILE* stream) {
     return std::string(text.back() == '\n' ? text.substr(0, text.size() - 1) : text);
 }
 
-/// Path of the vendor file of the first USB device with the fiscal device's vendor; empty where there is
-/// none, or where a file before it can't be read.
+/// Path of the vendor file of the first USB device with the fiscal device's vendor; empty if there is none,
+/// or if a file before it cannot be read.
 std::string findVendorFile() {
     const PathList files("/sys/bus/usb/devices/*/idVendor");
     for (std::size_t i = 0; i < files.size(); ++i) {
@@ -64,9 +64,10 @@ std::string findVendorFile() {
     return {};
 }
 
-/// Directory of a vendor file, its trailing slash included; empty where the path is no vendor file.
+/// Directory of a vendor file, its trailing slash included; empty if the path is no vendor file.
 std::string deviceDirectory(const std::string& vendorFile) {
     regex_t expression;
+    // That this ends the process is given. It takes memory that has run out.
     if (regcomp(&expression, "^(.*)idVendor[ \t\n]*$", REG_EXTENDED) != 0) std::exit(1);
     const std::unique_ptr<regex_t, void (*)(regex_t*)> owner(&expression, regfree);
     std::array<regmatch_t, 2> match;
@@ -74,7 +75,7 @@ std::string deviceDirectory(const std::string& vendorFile) {
     return vendorFile.substr(0, static_cast<std::size_t>(match[1].rm_eo));
 }
 
-/// First name in a directory that does not begin with a dot; empty where there is none.
+/// First name in a directory that does not begin with a dot; empty if there is none.
 std::string firstEntry(const char* path) {
     const std::unique_ptr<DIR, int (*)(DIR*)> directory(opendir(path), closedir);
     if (!directory) return {};

@@ -86,7 +86,7 @@ void Message::setBody(const std::string& body) {
 void Message::setBody(const char* data, std::uint32_t size) { setBody(std::string(data, size)); }
 
 void Message::addHeader(const std::string& key, const std::string& value) {
-    // Such a header would come out as another one, or as the end of the head.
+    // Such a header would be read as another one, or as the end of the head.
     const bool fitsFrame =
         key.find_first_of(":\r\n") == std::string::npos && value.find_first_of("\r\n") == std::string::npos;
     if (fitsFrame) d->headerMap[key] = value;
@@ -130,7 +130,7 @@ int Message::compress() {
     d->headerMap[HDR_CONTENT_UNCOMPRESSED_SIZE] = sizeText(d->body.size());
 
     uLongf size = compressBound(d->body.size());
-    // Not a string: its zeros would bring all of the worst case into memory.
+    // Not a string, which would touch all of the worst case's memory to clear it.
     const std::unique_ptr<Bytef[]> output(new Bytef[size]);
     const int result = compress2(output.get(), &size, zlibBytes(d->body), d->body.size(), Z_BEST_COMPRESSION);
     if (result != Z_OK) return result;
@@ -149,7 +149,7 @@ int Message::uncompress() {
 
     std::string output;
     try {
-        // At least a byte: without room zlib takes a stream of one byte for an empty one.
+        // At least one byte: without room, zlib takes a stream of one byte for an empty one.
         output.resize(static_cast<std::size_t>(std::max(announced, 1)));
     } catch (const std::bad_alloc&) {
         return Z_MEM_ERROR;

@@ -12,11 +12,10 @@ namespace {
 constexpr char CR = '\r';
 constexpr char LF = '\n';
 
-/// Tested on the head's text alone: the LF behind byte 4096 still passes.
+/// Applies to the head's text only: an LF right after byte 4096 still passes.
 constexpr std::uint64_t MAX_HEAD_TEXT = 4096;
 
-/// The most that is reserved for a body because a head announces it: any answer fits, and a head that
-/// promises more than ever comes costs about this much.
+/// The most memory reserved on a head's announcement: any answer fits, and a head that lies costs no more.
 constexpr std::uint64_t MAX_RESERVED = std::uint64_t{2} * 1024 * 1024;
 
 /// The last header line's own CR LF and the two of HDR_START_DATA.
@@ -49,8 +48,8 @@ Message::ParserState MessagePrivate::parse(const char* data, unsigned long lengt
             result = parseHeadByte(data[taken++]);
             continue;
         }
-        // A body is opaque, so all that belongs to it is taken in one run; at least a byte, where setBody
-        // came between.
+        // A body is opaque, so the rest of it is taken in one run; at least one byte, in case setBody was
+        // called in between.
         const std::uint64_t missing = contentSize > body.size() ? contentSize - body.size() : 1;
         const auto run = std::min<std::uint64_t>(length - taken, missing);
         body.append(data + taken, run);
@@ -72,7 +71,7 @@ Message::ParserState MessagePrivate::parseHeadByte(char byte) {
         if (byte == wanted)
             parserState = next;
         else
-            endAttempt();  // the byte goes with its attempt: it is not tried again as a first one
+            endAttempt();  // the byte is dropped, too: it does not start a new frame
         return Message::PARSER_IN_PROGRESS;
     };
     switch (parserState) {
@@ -151,8 +150,7 @@ bool MessagePrivate::processHeaders() {
     for (const auto* key : {&HDR_CONTENT_SIZE, &HDR_CODE, &HDR_SOURCE, &HDR_EDC_WORD})
         if (headerMap.count(*key) == 0) return false;
 
-    // A negative size would widen to more bytes than any device ever sends, and hold the parser until the
-    // timeout.
+    // Widened, a negative size would be more than any device sends and hold the parser until the timeout.
     const int size = readNumber(headerMap[HDR_CONTENT_SIZE]);
     if (size < 0) return false;
 

@@ -11,7 +11,7 @@ namespace pbs {
 /// What a Message holds, and the incremental parser that fills it.
 class MessagePrivate {
   public:
-    /// Positions of the parser, in the order in which a frame passes them.
+    /// States of the parser, in the order of a frame.
     enum State : std::uint32_t {
         WAIT_S = 1,  ///< at rest
         WAIT_M,
@@ -19,7 +19,7 @@ class MessagePrivate {
         WAIT_START_CR,
         WAIT_START_LF,
         HEADER_TEXT,  ///< head text up to a CR
-        HEADER_LF,    ///< the LF behind a CR of the head
+        HEADER_LF,    ///< the LF after a CR of the head
         BODY_BYTES,
         NO_BODY  ///< a frame that ended with its head; seen only in `lastState`
     };
@@ -29,10 +29,10 @@ class MessagePrivate {
     MessagePrivate(const MessagePrivate& other);
     MessagePrivate& operator=(const MessagePrivate&) = delete;
 
-    /// Takes up to `length` bytes at `data`, as Message::parse tells; `data` is not null.
+    /// As Message::parse; `data` is not null.
     Message::ParserState parse(const char* data, unsigned long length, unsigned long* consumed);
-    /// Turns `headText` into `headerMap`. True when the head is acceptable; code, source and `contentSize`
-    /// are then those of the head. A refused head leaves them alone.
+    /// Turns `headText` into `headerMap`. True if the head is valid; only then sets code, source and
+    /// `contentSize`.
     bool processHeaders();
     /// Whether the body, as received, matches the header `edc-word`.
     bool bodyIntegrityIsOk();

@@ -18,7 +18,7 @@
 
 namespace {
 
-/// Names this side of the line to the device.
+/// Tells the device who sends.
 constexpr int SOURCE_ID = 3;
 
 /// Logged in place of a missing field.
@@ -74,7 +74,7 @@ int DoTransaction::run(int timeoutMs, const char* command, const std::string& re
     int status = FISCORA_STATUS_NO_ANSWER;
     try {
         status = exchange(timeoutMs, command, request, answer);
-    } catch (const std::exception&) {  // of the standard library, where memory runs out
+    } catch (const std::exception&) {  // out of memory
         m_channel.disconnect_client();
     }
     logAnswer(answer, status);
@@ -84,7 +84,7 @@ int DoTransaction::run(int timeoutMs, const char* command, const std::string& re
 int DoTransaction::exchange(int timeoutMs, const char* command, const std::string& request,
                             pbs::Message& answer) {
     if (m_channel.connect_client() != 0) return FISCORA_STATUS_NO_ANSWER;
-    // A failed sending shows as the silence that follows it.
+    // A failed sending shows as a missing answer.
     WriteMessageCommand(command, request);
     const int status = ReadMessageAnswer(command, answer, timeoutMs);
     m_channel.disconnect_client();
