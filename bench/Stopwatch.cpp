@@ -3,11 +3,6 @@
 #include <zlib.h>
 
 #include <ctime>
-#include <string>
-
-#include "diagnostics/logdebug.h"
-#include "protocol/pbs.h"
-
 namespace {
 
 bool running = false;
@@ -65,18 +60,4 @@ int uncompress(Bytef* to, uLongf* toSize, const Bytef* from, uLong size) {
     static auto* const real = next<decltype(::uncompress)>("uncompress");
     const Stopwatch::In part(INFLATE);
     return real(to, toSize, from, size);
-}
-
-// By the names that the C++ ABI of this platform gives them.
-std::uint16_t pbs::crc16_ccitt(const void* data, int length) {
-    static auto* const real = next<std::uint16_t(const void*, int)>("_ZN3pbs11crc16_ccittEPKvi");
-    const Stopwatch::In part(CHECKSUM);
-    return real(data, length);
-}
-
-void LogDebug::saveLog(const std::string& level, const std::string& text) {
-    static auto* const real = next<void(LogDebug*, const std::string&, const std::string&)>(
-        "_ZN8LogDebug7saveLogERKNSt7__cxx1112basic_stringIcSt11char_traitsIcESaIcEEES7_");
-    const Stopwatch::In part(LOG);
-    real(this, level, text);
 }

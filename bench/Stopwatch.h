@@ -6,13 +6,12 @@
 
 /// What the time of a call goes to.
 enum Part {
-    OWN,       ///< the library's, and all that is named nowhere else
-    LOG,       ///< lines of the debug log
-    CHECKSUM,  ///< the CRC of a body
-    DEFLATE,   ///< zlib's compress2
-    INFLATE,   ///< zlib's uncompress
-    SEARCH,    ///< the shell of the device search
-    LINE,      ///< the kernel's part in open, set-up, read, write and close
+    OWN,      ///< the library's, and all that is named nowhere else
+    LOG,      ///< lines of the debug log, from the look at the clock to the closing of the file
+    DEFLATE,  ///< zlib's compress2
+    INFLATE,  ///< zlib's uncompress
+    SEARCH,   ///< the shell of the device search
+    LINE,     ///< the kernel's part in open, set-up, read, write and close
     PAUSES,
     PARTS
 };
@@ -23,15 +22,14 @@ struct Times {
     std::array<double, PARTS> wall{};
 };
 
-/// Shares the time of the one thread that calls the library out among the parts. The program's own compress2,
-/// uncompress, pbs::crc16_ccitt and LogDebug::saveLog stand before those of the libraries, and say where they
-/// are; for the platform's functions whoever stands in for them does.
+/// Divides the time of the one thread that calls the library among the parts. The program's own compress2 and
+/// uncompress replace zlib's and book their time; the stand-ins for the platform's functions book theirs.
 class Stopwatch {
   public:
     static void start();
     static Times stop();
 
-    /// While it lives, time belongs to `part`. Of no effect where the stopwatch does not run.
+    /// While it lives, time belongs to `part`. No effect if the stopwatch is not running.
     class In {
       public:
         explicit In(Part part);
@@ -44,7 +42,7 @@ class Stopwatch {
     };
 };
 
-/// The function of that name that comes behind this program's own.
+/// The function of that name that this program's own replaces.
 template <typename Function>
 Function* next(const char* name) {
     return reinterpret_cast<Function*>(dlsym(RTLD_NEXT, name));

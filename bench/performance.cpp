@@ -215,7 +215,7 @@ std::vector<Bar> barsOf(const Least& seconds) {
         return seconds["ConsultarSAT " + std::string(PART_NAMES[which])] * MS;
     };
     const auto ofSale = [&](const char* counter) { return seconds[sale(CALL_BYTES.back(), counter)] * MS; };
-    const double others = part(OWN) + part(CHECKSUM) + part(DEFLATE) + part(INFLATE);
+    const double others = part(OWN) + part(DEFLATE) + part(INFLATE);
     const double wakeUp = part(PAUSES) - PAUSES_S * MS;
     const double rest = part(SEARCH) + part(LOG) + part(LINE) + wakeUp + others;
     return {{"ConsultarSAT, elapsed time", {{"the two fixed pauses", PAUSES_S * MS}, {"all else", rest}}},
