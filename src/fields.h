@@ -7,8 +7,8 @@
 /// The fields of `text` between its delimiters; an empty text is one empty field, and a delimiter at the end
 /// adds an empty one. At most `most` fields (1 or more): the last one then holds the rest, delimiters
 /// included. Valid as long as the text.
-inline std::vector<std::string_view> fieldsOf(std::string_view text, char delimiter = '|',
-                                              std::size_t most = static_cast<std::size_t>(-1)) {
+__attribute__((visibility("hidden"))) inline std::vector<std::string_view> fieldsOf(
+    std::string_view text, char delimiter = '|', std::size_t most = static_cast<std::size_t>(-1)) {
     std::vector<std::string_view> fields;
     while (fields.size() + 1 < most) {
         const auto end = text.find(delimiter);

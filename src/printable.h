@@ -7,7 +7,7 @@
 
 /// `text` with "?" in place of each control character: C0, DEL and C1, the last as a byte of its own or in
 /// UTF-8. Safe to print on a terminal and to write on one line. Other bytes stay as they are.
-inline std::string printable(std::string_view text) {
+__attribute__((visibility("hidden"))) inline std::string printable(std::string_view text) {
     const auto isContinuation = [](unsigned char byte) { return byte >= 0x80 && byte < 0xC0; };
     const auto isC1 = [](unsigned char byte) { return byte >= 0x80 && byte < 0xA0; };
     std::string result;

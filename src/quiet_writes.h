@@ -4,10 +4,11 @@
 
 #include <csignal>
 #include <ctime>
+#include <initializer_list>
 
 /// While it lives, a write of this thread fails with an error instead of raising a signal: SIGPIPE if nobody
 /// reads what is printed, SIGXFSZ if a file may not grow. Signals that were pending before stay so.
-class QuietWrites {
+class __attribute__((visibility("hidden"))) QuietWrites {
   public:
     QuietWrites() {
         sigemptyset(&m_signals);

@@ -90,8 +90,8 @@ std::size_t decodeQuads(std::string& bytes, const std::string& text) {
 // this definition leaves the object alone at exit, and the functions below read ALPHABET.
 union Base64Chars {
     std::string text;
-    Base64Chars() : text(ALPHABET) {}
-    ~Base64Chars() {}
+    __attribute__((visibility("hidden"))) Base64Chars() : text(ALPHABET) {}
+    __attribute__((visibility("hidden"))) ~Base64Chars() {}
 };
 extern Base64Chars base64Chars __asm__("_ZN6Base6412base64_charsB5cxx11E");
 Base64Chars base64Chars;
