@@ -1,5 +1,6 @@
 #include "DoctorCommand.h"
 
+#include <algorithm>
 #include <cstdlib>
 #include <iostream>
 #include <map>
@@ -7,6 +8,7 @@
 #include <string_view>
 
 #include "doctor/Examination.h"
+#include "i18n.h"
 #include "terminal_text.h"
 
 namespace tool {
@@ -28,54 +30,58 @@ struct Check {
     const char* label;  ///< name for people
     Finding (*find)(Examination&);
     Scope scope = Scope::Always;
-    const char* needs = "";  ///< the step without which this one makes no sense
+    const char* needs = "";  ///< the step that has to be in order first
 };
 
 constexpr Check CHECKS[] = {
-    {"simulation", "simulação", doctor::checkSimulation, Scope::Simulation},
+    {"simulation", translatable("simulation"), doctor::checkSimulation, Scope::Simulation},
     {"usb_device", "USB", doctor::checkUsbDevice, Scope::Machine},
     {"by_id_entry", "by-id", doctor::checkEntry, Scope::Machine},
-    {"node_number", "número do nó", doctor::checkNodeNumber, Scope::Machine, "by_id_entry"},
-    {"node", "nó", doctor::checkNode, Scope::Machine, "node_number"},
-    {"permission", "permissão", doctor::checkPermission, Scope::Machine, "node"},
-    {"holder", "uso por outros", doctor::checkHolders, Scope::Machine, "node"},
-    {"terminal", "terminal", doctor::checkTerminal, Scope::Always, "permission"},
-    {"log_directory", "logs", doctor::checkLogDirectory},
-    {"commands", "comandos", doctor::checkCommands},
-    {"answer", "resposta", doctor::checkAnswer, Scope::Asked, "terminal"},
+    {"node_number", translatable("node number"), doctor::checkNodeNumber, Scope::Machine, "by_id_entry"},
+    {"node", translatable("node"), doctor::checkNode, Scope::Machine, "node_number"},
+    {"permission", translatable("permission"), doctor::checkPermission, Scope::Machine, "node"},
+    {"holder", translatable("other users"), doctor::checkHolders, Scope::Machine, "node"},
+    {"terminal", translatable("terminal"), doctor::checkTerminal, Scope::Always, "permission"},
+    {"log_directory", translatable("logs"), doctor::checkLogDirectory},
+    {"commands", translatable("commands"), doctor::checkCommands},
+    {"answer", translatable("answer"), doctor::checkAnswer, Scope::Asked, "terminal"},
 };
 
 struct VerdictNames {
-    const char* shown;  ///< all of one width
+    const char* shown;
     const char* json;
 };
 
 constexpr VerdictNames namesOf(Verdict verdict) {
     switch (verdict) {
-        case Verdict::Ok: return {"ok    ", "ok"};
-        case Verdict::Warning: return {"aviso ", "warning"};
-        case Verdict::Error: return {"ERRO  ", "error"};
-        default: return {"pulado", "skipped"};
+        case Verdict::Ok: return {translatable("ok"), "ok"};
+        case Verdict::Warning: return {translatable("warning"), "warning"};
+        case Verdict::Error: return {translatable("ERROR"), "error"};
+        default: return {translatable("skipped"), "skipped"};
     }
 }
+
+/// Of the longest verdict, in either language.
+constexpr std::size_t VERDICT_COLUMNS = 7;
 
 /// Runs the checks and gives each finding to `report` as it comes.
 template <typename Report>
 void examine(bool ask, Report report) {
     Examination examination;
     const bool simulated = examination.simulatedLine != nullptr;
-    std::map<std::string_view, const char*> causes;  // step that has failed or fell with another; why
+    std::map<std::string_view, const char*> causes;  // a step not in order; the label of its cause
     for (const Check& check : CHECKS) {
         if (check.scope == Scope::Simulation && !simulated) continue;
         if (check.scope == Scope::Asked && !ask) continue;
         if (check.scope == Scope::Machine && simulated) {
-            report(check, doctor::skipped("não se aplica à simulação"));
+            report(check, doctor::skipped(tr("does not apply to the simulation")));
             continue;
         }
         const auto cause = causes.find(check.needs);
-        const Finding finding = cause != causes.end()
-                                    ? doctor::skipped(std::string("resolva antes: ") + cause->second)
-                                    : check.find(examination);
+        const Finding finding =
+            cause != causes.end() ? doctor::skipped(filled(tr("depends on the step \"%s\"; solve that first"),
+                                                           tr(cause->second)))
+                                  : check.find(examination);
         if (finding.verdict == Verdict::Error || finding.verdict == Verdict::Skipped)
             causes[check.step] = cause != causes.end() ? cause->second : check.label;
         report(check, finding);
@@ -85,20 +91,20 @@ void examine(bool ask, Report report) {
 }  // namespace
 
 DoctorCommand::DoctorCommand(CLI::App& application)
-    : Subcommand(application, "doctor", "Diz por que o equipamento não é achado ou não responde",
+    : Subcommand(application, "doctor", tr("Say why the device is not found or does not answer"),
                  "fiscora doctor [--ask] [--json]") {
-    m_options->set_help_flag("-h,--help", "Mostra esta ajuda");
-    m_options->add_flag("--ask", m_ask, "No fim, faz um ConsultarSAT; sem isto nada é enviado");
-    m_options->add_flag("--json", m_json, "Escreve o resultado como um objeto JSON");
-    m_options->footer(
-        "Rode na conta, na pasta de trabalho e no ambiente do aplicativo: permissões, logs e o caminho de "
-        "busca são julgados como valem ali.\n"
-        "Status de saída: 0 se tudo está em ordem, 1 com algum ERRO ou aviso (um aviso não impede as "
-        "chamadas), 2 para uma linha de comando errada.");
+    m_options->add_flag("--ask", m_ask,
+                        tr("Make a call, ConsultarSAT, at the end; nothing is sent without this"));
+    m_options->add_flag("--json", m_json, tr("Print the result as one JSON object"));
+    m_options->footer(tr(
+        "Run it as the application's user, in its folder and environment: permissions, logs and PATH are "
+        "checked as they are there.\n"
+        "Exit status: 0 if everything is in order, 1 with an ERROR or a warning (a warning does not prevent "
+        "calls), 2 for a wrong command line."));
 }
 
 int DoctorCommand::run(const std::vector<std::string>& operands) {
-    if (!operands.empty()) throw CLI::ExtrasError(operands);
+    refuseExtras(operands);
     int errors = 0;
     int warnings = 0;
     bool knowsAll = true;
@@ -114,7 +120,9 @@ int DoctorCommand::run(const std::vector<std::string>& operands) {
                                 {"advice", finding.advice}});
             return;
         }
-        std::cout << namesOf(finding.verdict).shown << "  " << check.label << ": "
+        const std::string verdict = tr(namesOf(finding.verdict).shown);
+        std::cout << verdict << std::string(VERDICT_COLUMNS - std::min(VERDICT_COLUMNS, width(verdict)), ' ')
+                  << "  " << tr(check.label) << ": "
                   << withoutControls(finding.found + "." + (finding.advice.empty() ? "" : " ") +
                                      finding.advice)
                   << std::endl;
@@ -125,12 +133,17 @@ int DoctorCommand::run(const std::vector<std::string>& operands) {
             {"findings", findings}, {"errors", errors}, {"warnings", warnings}};
         std::cout << result.dump(2, ' ', false, nlohmann::ordered_json::error_handler_t::replace) << "\n";
     } else if (errors > 0) {
-        std::cout << doctor::counted(errors, "problema")
-                  << (errors == 1 ? ": resolva-o e rode de novo.\n" : ": comece pelo primeiro.\n");
+        std::cout << filled(tr("%d problem: solve it and run this again.",
+                               "%d problems: begin with the first one.", static_cast<unsigned long>(errors)),
+                            errors)
+                  << '\n';
     } else if (warnings > 0) {
-        std::cout << "Nenhum problema, " << doctor::counted(warnings, "aviso") << ".\n";
+        std::cout << filled(tr("No problem, %d warning.", "No problem, %d warnings.",
+                               static_cast<unsigned long>(warnings)),
+                            warnings)
+                  << '\n';
     } else {
-        std::cout << (knowsAll ? "Tudo em ordem.\n" : "Nada errado à vista.\n");
+        std::cout << (knowsAll ? tr("Everything is in order.") : tr("No problem found.")) << '\n';
     }
     return errors + warnings == 0 ? EXIT_SUCCESS : EXIT_FAILURE;
 }

@@ -4,8 +4,8 @@
 
 namespace tool {
 
-/// `fiscora doctor`: goes along the way of a call and says, in Portuguese, what is in order and what to do
-/// about what is not. Sends nothing unless asked to.
+/// `fiscora doctor`: checks everything that a call needs, in the order of a call, and says what to do about
+/// what is not in order. Sends nothing unless asked to.
 class DoctorCommand : public Subcommand {
   public:
     explicit DoctorCommand(CLI::App& application);

@@ -8,7 +8,6 @@
 #include <csignal>
 #include <cstdio>
 #include <cstdlib>
-#include <cstring>
 #include <filesystem>
 #include <iostream>
 #include <memory>
@@ -28,9 +27,6 @@ namespace {
 
 namespace fs = std::filesystem;
 
-using tool::filled;
-using tool::tr;
-
 /// YYYYMMDD, from that or YYYY-MM-DD.
 std::string dayFrom(const std::string& text) {
     std::string dashed = text;
@@ -48,7 +44,7 @@ std::vector<logs::LogFile> logsIn(const fs::path& directory, const std::string& 
     } catch (const fs::filesystem_error& error) {
         throw CLI::ValidationError(
             filled(tr("cannot read the log folder %s: %s; expected one with logDrsYYYYMMDD.log (--dir)"),
-                   directory.c_str(), error.code().message().c_str()));
+                   directory.c_str(), systemError(error.code().value()).c_str()));
     }
 }
 
@@ -69,13 +65,13 @@ class PictureFile {
         if (fs::exists(path, error)) {
             m_path = fs::canonical(path, error);  // a link stays, its target is replaced
             if (!fs::is_regular_file(m_path, error)) refuse(tr("not a regular file"));
-            if (access(m_path.c_str(), W_OK) != 0) refuse(std::strerror(errno));
+            if (access(m_path.c_str(), W_OK) != 0) refuse(tool::systemError(errno));
         }
         const std::string name = m_path.filename();
         if (name.empty()) refuse(tr("not the name of a file"));
         if (fnmatch("logDrs*", name.c_str(), 0) == 0) refuse(tr("it is the name of a log"));
         m_new = m_path.string() + "." + std::to_string(getpid()) + ".new";
-        if (!create()) refuse(std::strerror(errno));
+        if (!create()) refuse(tool::systemError(errno));
         std::remove(m_new.c_str());
     }
 
@@ -212,7 +208,7 @@ int LogCommand::run(const std::vector<std::string>& operands) {
 
     // The file comes first: a reader of the output that leaves early must not cost the picture.
     const bool drawn = !pictureFile || pictureFile->save(logs::picture(exchanges.all()));
-    const std::string reason = drawn ? "" : std::strerror(errno);
+    const std::string reason = drawn ? "" : systemError(errno);
     if (m_json)
         logs::printJson(std::cout, exchanges.all(), complaints);
     else if (files.empty())

@@ -5,6 +5,7 @@
 #include <cstdarg>
 #include <cstdio>
 #include <cstdlib>
+#include <cstring>
 #include <filesystem>
 #include <system_error>
 
@@ -28,6 +29,26 @@ void chooseWithoutLocale() {
     setenv("LANGUAGE", localeOf("LC_MESSAGES"), 0);
 }
 
+/// glibc's texts in English, for the catalogue.
+[[maybe_unused]] constexpr const char* SYSTEM_ERRORS[] = {
+    translatable("Bad file descriptor"),
+    translatable("Cannot allocate memory"),
+    translatable("Device or resource busy"),
+    translatable("File exists"),
+    translatable("File name too long"),
+    translatable("File too large"),
+    translatable("Input/output error"),
+    translatable("Is a directory"),
+    translatable("No space left on device"),
+    translatable("No such file or directory"),
+    translatable("Not a directory"),
+    translatable("Operation not permitted"),
+    translatable("Permission denied"),
+    translatable("Read-only file system"),
+    translatable("Too many levels of symbolic links"),
+    translatable("Too many open files"),
+};
+
 }  // namespace
 
 void chooseLanguage() {
@@ -42,6 +63,8 @@ void chooseLanguage() {
     bind_textdomain_codeset("fiscora", "UTF-8");
     textdomain("fiscora");
 }
+
+std::string systemError(int error) { return tr(std::strerror(error)); }
 
 std::string filled(const char* format, ...) {
     va_list arguments, again;

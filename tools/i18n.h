@@ -25,6 +25,10 @@ __attribute__((format_arg(1), format_arg(2))) inline const char* tr(const char* 
 /// calls `tr`.
 constexpr const char* translatable(const char* text) { return text; }
 
+/// What an `errno` means, in the user's language. The common ones are in our own catalogue, for machines
+/// whose C library has none.
+std::string systemError(int error);
+
 /// `format` with its arguments filled in as printf does; `format` is what `tr` returns.
 __attribute__((format(printf, 1, 2))) std::string filled(const char* format, ...);
 

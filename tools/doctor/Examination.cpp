@@ -7,9 +7,9 @@
 #include <cerrno>
 #include <cstdio>
 #include <cstdlib>
-#include <cstring>
 #include <memory>
 
+#include "i18n.h"
 #include "link/discovery.h"
 #include "sim/LineContract.h"
 
@@ -22,14 +22,10 @@ Examination::Examination()
 
 std::string reason(int error) {
     switch (error) {
-        case ENOENT: return "não existe";
-        case EACCES: return "sem permissão";
-        case EPERM: return "proibido pelo sistema; em um contêiner, dê-lhe acesso ao dispositivo";
+        case EPERM: return tool::tr("forbidden by the system; give the container access to the device");
         case ENXIO:
-        case ENODEV: return "não há aparelho atrás dele";
-        case EIO: return "erro de entrada ou saída";
-        case ELOOP: return "links em círculo";
-        default: return std::strerror(error);
+        case ENODEV: return tool::tr("its device is gone");
+        default: return tool::systemError(error);
     }
 }
 
@@ -37,10 +33,6 @@ std::string listed(const std::vector<std::string>& words) {
     std::string text;
     for (const auto& word : words) text += (text.empty() ? "" : ", ") + word;
     return text;
-}
-
-std::string counted(int count, const std::string& noun) {
-    return std::to_string(count) + " " + noun + (count == 1 ? "" : "s");
 }
 
 std::string userName() {

@@ -11,24 +11,24 @@
 
 namespace doctor {
 
-/// One walk along the way of a call: what the library's own search gives, and what the checks learn one from
-/// another. They read; nothing is sent and no setting of the line is changed, but by `checkAnswer`.
+/// What the library's own search finds, and what one check leaves to the next. Checks only read; nothing is
+/// sent and no setting of the line is changed, except by `checkAnswer`.
 struct Examination {
     Examination();
 
     serial::SerialCommChannel channel;  ///< never opened, so its destructor takes a second
-    std::string node;                   ///< what the library would open; empty where it finds nothing
-    std::string listing;                ///< the line that it finds the node in
+    std::string node;                   ///< what the library would open; empty if it finds nothing
+    std::string listing;                ///< the line in which it finds the node
     const char* simulatedLine;          ///< path of the line of `fiscora sim`; null without it
 
     bool usbDevicePresent = false;   ///< left by checkUsbDevice
-    std::string target;              ///< where the winning entry leads to; left by checkEntry
+    std::string target;              ///< of the entry that counts; left by checkEntry
     struct stat nodeStatus {};       ///< left by checkNode
-    std::vector<Process> holders{};  ///< that have the node open; left by checkHolders
-    bool processesHidden = false;    ///< and there may be more of them; left by checkHolders
+    std::vector<Process> holders{};  ///< have the node open; left by checkHolders
+    bool processesHidden = false;    ///< there may be more of them; left by checkHolders
 };
 
-/// The checks, in the order of a call. Each needs what the ones before it have found in order.
+/// The checks, in the order of a call. DoctorCommand.cpp says which of them depend on which.
 Finding checkSimulation(Examination& examination);
 Finding checkUsbDevice(Examination& examination);
 Finding checkEntry(Examination& examination);
@@ -42,13 +42,11 @@ Finding checkCommands(Examination& examination);
 /// Makes a call to the device, which takes up to a minute.
 Finding checkAnswer(Examination& examination);
 
-/// What an errno means, in the technician's language.
+/// What an errno means, in the user's language; more helpful than strerror for a device.
 std::string reason(int error);
 /// Words with commas between them.
 std::string listed(const std::vector<std::string>& words);
-/// "1 log", "2 logs".
-std::string counted(int count, const std::string& noun);
-/// Name of the user that this process acts as; the number where it has no name.
+/// Name of the user that this process acts as; its number if it has no name.
 std::string userName();
 /// The first line that a shell's command line prints, without its newline.
 std::string firstLineOf(const std::string& commandLine);

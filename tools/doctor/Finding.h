@@ -7,11 +7,11 @@ namespace doctor {
 
 enum class Verdict { Ok, Warning, Error, Skipped };
 
-/// What one check found out, in the technician's language.
+/// What one check found out, in the user's language.
 struct Finding {
     Verdict verdict;
-    std::string found;        ///< without a point at the end
-    std::string advice = {};  ///< what to do, in whole sentences; empty where there is nothing to do
+    std::string found;        ///< without a full stop
+    std::string advice = {};  ///< what to do, in whole sentences; empty if there is nothing to do
 };
 
 inline Finding ok(std::string found) { return {Verdict::Ok, std::move(found)}; }

@@ -8,26 +8,33 @@
 #include "doctor/Examination.h"
 #include "fiscal/operations.h"
 #include "fiscora.h"
+#include "i18n.h"
 #include "status_names.h"
+#include "terminal_text.h"
 #include "transaction/DoTransaction.h"
 
 namespace doctor {
+
+using tool::filled;
+using tool::tr;
+
 namespace {
 
-/// What to do where the device did not answer.
+/// What to do if the device did not answer.
 const char* adviceFor(int status) {
     switch (status) {
         case FISCORA_STATUS_NO_ANSWER:
-            return "Rode de novo; se repetir, troque o cabo USB e reinicie o equipamento.";
+            return tr("Run this again; if it happens again, replace the USB cable and restart the device.");
         case FISCORA_STATUS_READ_ERROR:
-            return "Confira o cabo USB e a fonte, reinicie o equipamento e rode de novo.";
+            return tr("Check the USB cable and the power supply, restart the device and run this again.");
         case FISCORA_STATUS_REFUSED:
-            return "Feche os outros programas que usam o equipamento, espere um minuto e rode de novo.";
-        case FISCORA_STATUS_BAD_REQUEST: return "Reinstale a biblioteca: este pedido sempre cabe.";
+            return tr("Close the other programs that use the device, wait a minute and run this again.");
+        case FISCORA_STATUS_BAD_REQUEST: return tr("Reinstall the library: this request always fits.");
         case FISCORA_STATUS_TIMEOUT:
-            return "O equipamento pode estar ocupado ou iniciando: espere um minuto e rode de novo; se repetir, "
-                   "reinicie-o.";
-        default: return "Atualize este programa.";
+            return tr(
+                "The device may be busy or starting: wait a minute and run this again; if it happens again, "
+                "restart it.");
+        default: return tr("Update this program.");
     }
 }
 
@@ -43,7 +50,7 @@ int anySessionNumber() {
 
 Finding checkAnswer(Examination& examination) {
     if (!examination.holders.empty())
-        return skipped("o pedido atrapalharia o programa que tem o terminal aberto");
+        return skipped(tr("the request would disturb the program that has the terminal open"));
 
     std::vector<std::string> fields;
     {
@@ -54,18 +61,19 @@ Finding checkAnswer(Examination& examination) {
     }
     fields.resize(std::max<std::size_t>(fields.size(), 3));
     const int status = CodigoErro();
-    const std::string found = "ConsultarSAT: status " + std::to_string(status) + " (FISCORA_STATUS_" +
-                              std::string(tool::statusName(status)) + "), " +
-                              std::string(tool::statusMeaning(status));
+    const std::string found =
+        filled("ConsultarSAT: status %d (FISCORA_STATUS_%s), %s", status,
+               std::string(tool::statusName(status)).c_str(), tr(tool::statusMeaning(status)));
     if (status != FISCORA_STATUS_OK)
-        return error(found,
-                     (examination.processesHidden
-                          ? "Veja com \"sudo fiscora doctor\" se outro programa tem o terminal aberto. "
-                          : "") +
-                         std::string(adviceFor(status)));
-    const std::string answer = found + " " + fields[1] + ": " + fields[2];
+        return error(
+            found, (examination.processesHidden
+                        ? tr("Run \"sudo fiscora doctor\" to see if another program has the terminal open.") +
+                              std::string(" ")
+                        : "") +
+                       std::string(adviceFor(status)));
+    const std::string answer = found + " " + fields[1] + ": " + tool::toUtf8(fields[2]);
     if (fields[1] == IN_OPERATION) return ok(answer);
-    return warning(answer, "Procure o código no manual do equipamento.");
+    return warning(answer, tr("Look the code up in the manual of the device."));
 }
 
 }  // namespace doctor

@@ -21,15 +21,15 @@ std::string nameOf(const fs::path& process) {
     return name;
 }
 
-/// Whether `file`, an open file that shows as `target`, is the device. Only what stands below /dev is
-/// asked for more than its name: a network file system that does not answer would hold us.
+/// Whether `file`, an open file that shows as `target`, is the device. Nothing
+/// outside /dev is looked at: a network file system that does not answer would block us.
 bool isDevice(const fs::path& file, const std::string& target, dev_t device) {
     struct stat status {};
     return target.compare(0, 5, "/dev/") == 0 && stat(file.c_str(), &status) == 0 &&
            S_ISCHR(status.st_mode) && status.st_rdev == device;
 }
 
-/// Whether a process has the device open; nothing where that can't be seen.
+/// Whether a process has the device open; nothing if that cannot be seen.
 std::optional<bool> holds(const fs::path& process, dev_t device) {
     std::error_code failure;
     for (fs::directory_iterator file(process / "fd", failure), end; !failure && file != end;

@@ -20,10 +20,10 @@ struct Holders {
     std::vector<Process> holding{};  ///< have the node open
     std::vector<Process> unread{};   ///< do not show their files
     bool modemManagerRuns = false;
-    bool allShown = true;  ///< false where /proc hides other users' processes altogether
+    bool allShown = true;  ///< false if /proc hides other users' processes altogether
 };
 
-/// Who has the character device of that number open, under whatever name.
+/// Who has the character device of that number open, whatever its name.
 Holders findHolders(dev_t device);
 
 }  // namespace doctor

@@ -14,19 +14,20 @@
 #include <fstream>
 
 #include "doctor/Examination.h"
+#include "i18n.h"
 #include "sim/Descriptor.h"
 
 namespace doctor {
+
+using tool::filled;
+using tool::tr;
+using tool::translatable;
+
 namespace {
 
-std::string adviseRule(const std::string& purpose) {
-    return purpose +
-           ", instale a regra do udev que vem com a biblioteca (pacote libfiscora1) e religue o cabo USB.";
-}
-
-std::string adviseRuleAgainstModemManager() {
-    return adviseRule("Para que o ModemManager ignore o equipamento");
-}
+constexpr const char* RULE_AGAINST_MODEM_MANAGER = translatable(
+    "Install the udev rule that comes with the library (package libfiscora1), so that ModemManager "
+    "ignores the device, and reconnect the USB cable.");
 
 std::string groupName(gid_t group) {
     const struct group* entry = getgrgid(group);
@@ -50,7 +51,7 @@ bool isInGroup(gid_t group) {
     return getegid() == group || std::find(groups.begin(), groups.end(), group) != groups.end();
 }
 
-/// Whether the user has it by the machine's records, and so in sessions that are newer than this one.
+/// Whether the machine's records give the user this group, so that sessions newer than this one have it.
 bool isRegisteredInGroup(gid_t group) {
     const struct passwd* user = getpwuid(geteuid());
     if (user == nullptr) return false;
@@ -61,8 +62,8 @@ bool isRegisteredInGroup(gid_t group) {
     return std::find(groups.cbegin(), end, group) != end;
 }
 
-/// Whether a udev rule tells modem managers to leave the node alone: ModemManager's documented properties, in
-/// the file where udev keeps the node's.
+/// Whether a udev rule tells modem managers to leave the node alone: udev keeps the properties that
+/// ModemManager documents for this in a file per node.
 bool isHiddenFromModemManagers(dev_t node) {
     std::ifstream properties("/run/udev/data/c" + std::to_string(major(node)) + ":" +
                              std::to_string(minor(node)));
@@ -86,8 +87,8 @@ bool isSimulatedLine(int fd, const char* line) {
     return stat(line, &expected) == 0 && fstat(fd, &opened) == 0 && opened.st_rdev == expected.st_rdev;
 }
 
-/// Opens the library's node as the library does. Where fiscora sim has been left behind but for its
-/// environment variable, that node is a real one and stays closed.
+/// Opens the library's node as the library does. If only the environment variable is left of a simulation,
+/// that node is a real one and stays closed.
 sim::Descriptor openNode(const Examination& examination) {
     const char* path = examination.node.c_str();
     if (examination.simulatedLine != nullptr && access(path, F_OK) == 0) return sim::Descriptor();
@@ -100,11 +101,12 @@ Finding checkNode(Examination& examination) {
     const std::string& node = examination.node;
     struct stat& status = examination.nodeStatus;
     if (stat(node.c_str(), &status) != 0)
-        return error(node + ": " + reason(errno), "Religue o cabo USB do equipamento.");
+        return error(node + ": " + reason(errno), tr("Reconnect the device's USB cable."));
     if (!S_ISCHR(status.st_mode))
-        return error(node + " não é um dispositivo de caracteres",
-                     "Apague-o com \"sudo rm -r " + node + "\" e religue o cabo USB do equipamento.");
-    return ok(node + " é um dispositivo de caracteres");
+        return error(filled(tr("%s is not a character device"), node.c_str()),
+                     filled(tr("Remove it with \"sudo rm -r %s\" and reconnect the device's USB cable."),
+                            node.c_str()));
+    return ok(filled(tr("%s is a character device"), node.c_str()));
 }
 
 Finding checkPermission(Examination& examination) {
@@ -116,19 +118,26 @@ Finding checkPermission(Examination& examination) {
     constexpr mode_t GROUP_ACCESS = S_IRGRP | S_IWGRP;
     const bool servesGroup = (status.st_mode & GROUP_ACCESS) == GROUP_ACCESS && status.st_gid != 0;
     if (faccessat(AT_FDCWD, node.c_str(), R_OK | W_OK, AT_EACCESS) == 0)
-        return ok(user + " pode ler e gravar " + rights +
-                  (geteuid() == 0 && servesGroup
-                       ? "; um aplicativo de outro usuário precisa do grupo " + group
-                       : ""));
+        return ok(
+            geteuid() == 0 && servesGroup
+                ? filled(tr("%s may read and write %s; an application of another user needs the group %s"),
+                         user.c_str(), rights.c_str(), group.c_str())
+                : filled(tr("%s may read and write %s"), user.c_str(), rights.c_str()));
 
-    const std::string denied = user + " não pode ler e gravar " + rights;
     if (!servesGroup || isInGroup(status.st_gid))
-        return error(denied, adviseRule("Para dar o nó ao grupo dialout"));
+        return error(
+            filled(tr("%s may not read and write %s"), user.c_str(), rights.c_str()),
+            tr("Install the udev rule that comes with the library (package libfiscora1), so that the group "
+               "dialout gets the node, and reconnect the USB cable."));
     if (isRegisteredInGroup(status.st_gid))
-        return error(denied + "; já está no grupo " + group + ", mas esta sessão é mais antiga",
-                     "Saia da sessão e entre de novo, e reinicie o aplicativo.");
-    return error(denied + " e não está no grupo " + group,
-                 "Rode \"sudo usermod -aG " + group + " " + user + "\", saia da sessão e entre de novo.");
+        return error(
+            filled(tr("%s may not read and write %s: already in the group %s, but this session is older"),
+                   user.c_str(), rights.c_str(), group.c_str()),
+            tr("Log out and in again, and restart the application."));
+    return error(filled(tr("%s may not read and write %s and is not in the group %s"), user.c_str(),
+                        rights.c_str(), group.c_str()),
+                 filled(tr("Run \"sudo usermod -aG %s %s\", then log out and in again."), group.c_str(),
+                        user.c_str()));
 }
 
 Finding checkHolders(Examination& examination) {
@@ -138,34 +147,38 @@ Finding checkHolders(Examination& examination) {
     if (!holders.holding.empty()) {
         const bool byModemManager =
             std::any_of(holders.holding.begin(), holders.holding.end(), isModemManager);
-        return error(examination.node + " está aberto por " + describe(holders.holding),
-                     byModemManager
-                         ? adviseRuleAgainstModemManager()
-                         : "Espere o fim da chamada em curso, ou encerre esse programa, e rode de novo.");
+        return error(
+            filled(tr("%s is open in %s"), examination.node.c_str(), describe(holders.holding).c_str()),
+            byModemManager ? tr(RULE_AGAINST_MODEM_MANAGER)
+                           : tr("Wait for the end of its call, or end that program, and run this again."));
     }
-    const std::string found = "nenhum outro processo à vista tem " + examination.node + " aberto";
+    const std::string found = filled(tr("no other process seems to have %s open"), examination.node.c_str());
     if (holders.modemManagerRuns && !isHiddenFromModemManagers(examination.nodeStatus.st_rdev))
-        return warning(found + ", mas o ModemManager está em execução", adviseRuleAgainstModemManager());
+        return warning(found + tr(", but ModemManager is running"), tr(RULE_AGAINST_MODEM_MANAGER));
     if (!examination.processesHidden) return ok(found);
-    return {Verdict::Ok, found + ", mas nem todos se mostram", "Para ver todos: sudo fiscora doctor."};
+    return {Verdict::Ok, found + tr(", but not all of them can be seen"),
+            tr("To see all of them: sudo fiscora doctor.")};
 }
 
 Finding checkTerminal(Examination& examination) {
     const std::string& node = examination.node;
     const sim::Descriptor line = openNode(examination);
     if (examination.simulatedLine != nullptr && !isSimulatedLine(line.get(), examination.simulatedLine))
-        return error("a linha simulada não abre", "Rode de novo por \"fiscora sim -- fiscora doctor\".");
+        return error(tr("the simulated line cannot be opened"), tr("Run \"fiscora sim -- fiscora doctor\"."));
     if (line.get() < 0 && errno == EBUSY)
-        return error(node + " está aberto só para um outro processo", "Encerre o processo que o tem aberto.");
+        return error(filled(tr("another process has %s open for itself alone"), node.c_str()),
+                     tr("End the process that has it open."));
     if (line.get() < 0)
-        return error(node + " não abre: " + reason(errno), "Desligue e religue o equipamento e o cabo USB.");
+        return error(filled(tr("cannot open %s: %s"), node.c_str(), reason(errno).c_str()),
+                     tr("Switch the device off and on, and reconnect its USB cable."));
     if (isatty(line.get()) == 0)
-        return error(node + " abre, mas não é um terminal", "Desligue e religue o cabo USB do equipamento.");
+        return error(filled(tr("%s can be opened, but is not a terminal"), node.c_str()),
+                     tr("Reconnect the device's USB cable."));
     if (!examination.holders.empty())
-        return warning(
-            node + " abre e é um terminal, mas está aberto também por " + describe(examination.holders),
-            "Enquanto for assim, um programa tira a resposta do outro.");
-    return ok(node + " abre e é um terminal");
+        return warning(filled(tr("%s can be opened and is a terminal, but it is also open in %s"),
+                              node.c_str(), describe(examination.holders).c_str()),
+                       tr("As long as it is, one program takes the other's answers."));
+    return ok(filled(tr("%s can be opened and is a terminal"), node.c_str()));
 }
 
 }  // namespace doctor

@@ -1,4 +1,4 @@
-// How the library comes to the node's name.
+// How the library finds the name of the node.
 
 #include <unistd.h>
 
@@ -10,8 +10,13 @@
 #include <system_error>
 
 #include "doctor/Examination.h"
+#include "i18n.h"
 
 namespace doctor {
+
+using tool::filled;
+using tool::tr;
+
 namespace {
 
 namespace fs = std::filesystem;
@@ -23,7 +28,7 @@ constexpr char FRAGMENT[] = "-mfc+_with_musb";
 
 bool exists(const std::string& path) { return access(path.c_str(), F_OK) == 0; }
 
-/// The first word of a file; empty where it can't be read.
+/// The first word of a file; empty if it cannot be read.
 std::string wordIn(const fs::path& file) {
     std::string word;
     std::ifstream(file) >> word;
@@ -40,7 +45,7 @@ std::vector<std::string> namesIn(const char* folder, std::error_code& failure) {
     return names;
 }
 
-/// Where a link of by-id leads to; empty for anything that is no link.
+/// The target of a link in by-id; empty for anything else.
 std::string targetOf(const std::string& name) {
     std::error_code none;
     const fs::path target = fs::read_symlink(fs::path(BY_ID) / name, none);
@@ -48,36 +53,39 @@ std::string targetOf(const std::string& name) {
 }
 
 std::string usbDevice(const std::string& product, const std::string& port) {
-    return serial::SERIAL_VENDOR_ID + ":" + product + " na porta USB " + port;
+    return filled(tr("%s:%s at USB port %s"), serial::SERIAL_VENDOR_ID.c_str(), product.c_str(),
+                  port.c_str());
 }
 
-/// Why there is no entry to find. `names` are those that by-id holds, `failure` why it could not be read.
+/// Why there is no entry. `names` are those in by-id, `failure` says why it could not be read.
 Finding missingEntry(Examination& examination, const std::vector<std::string>& names,
                      const std::error_code& failure) {
     if (failure && failure != std::errc::no_such_file_or_directory)
-        return error(std::string(BY_ID) + " não pode ser lida: " + reason(failure.value()),
-                     "Rode na conta do aplicativo e confira as permissões da pasta.");
-    if (!examination.usbDevicePresent) return skipped("sem o aparelho no USB não há entrada");
+        return error(filled(tr("cannot read %s: %s"), BY_ID, reason(failure.value()).c_str()),
+                     tr("Run this as the application's user and check the folder's permissions."));
+    if (!examination.usbDevicePresent) return skipped(tr("without the device at the USB there is no entry"));
     const std::unique_ptr<char, decltype(&std::free)> terminal(examination.channel.findUsbDeviceByVendorId(),
                                                                &std::free);
     if (!terminal)
-        return error("o aparelho está no USB, mas o núcleo não lhe deu um terminal",
-                     "Carregue o driver com \"sudo modprobe cdc_acm\" e religue o cabo USB.");
+        return error(tr("the device is at the USB, but the kernel has not created its serial port"),
+                     tr("Load the driver with \"sudo modprobe cdc_acm\" and reconnect the USB cable."));
     if (failure)
-        return error(std::string(BY_ID) + " não existe, embora o aparelho seja " + terminal.get(),
-                     "Inicie o udev com \"sudo systemctl start systemd-udevd\" e religue o cabo USB; em um "
-                     "contêiner, monte /dev/serial.");
+        return error(
+            filled(tr("there is no %s, although the device is %s"), BY_ID, terminal.get()),
+            tr("Start udev with \"sudo systemctl start systemd-udevd\" and reconnect the USB cable; in a "
+               "container, mount /dev/serial."));
     return error(
-        std::string("nenhuma entrada com ") + FRAGMENT +
-            " no nome (há: " + (names.empty() ? "nada" : listed(names)) + ")",
-        "O aparelho ligado não é o equipamento fiscal, ou é de um modelo que a biblioteca não conhece.");
+        filled(tr("no entry with %s in its name (present: %s)"), FRAGMENT,
+               names.empty() ? tr("nothing") : listed(names).c_str()),
+        tr("The device that is connected is not the fiscal device, or is of a model that the library does not "
+           "know."));
 }
 
 }  // namespace
 
 Finding checkSimulation(Examination& /*examination*/) {
-    return {Verdict::Ok, "fiscora sim está ativo: o que segue julga a linha simulada, não o equipamento",
-            "Para examinar o equipamento, rode \"fiscora doctor\" fora do fiscora sim."};
+    return {Verdict::Ok, tr("fiscora sim is active: the next steps examine the simulated device"),
+            tr("To examine the real device, run \"fiscora doctor\" outside fiscora sim.")};
 }
 
 Finding checkUsbDevice(Examination& examination) {
@@ -94,16 +102,21 @@ Finding checkUsbDevice(Examination& examination) {
     examination.usbDevicePresent = !found.empty();
     if (expected) return ok(listed(found));
     if (!found.empty())
-        return warning(listed(found) + ", e o esperado é o produto " + serial::SERIAL_PRODUCT_ID,
-                       "Confira se é o equipamento fiscal; a biblioteca não olha o produto.");
-    const std::string absent = "nenhum aparelho USB do fabricante " + serial::SERIAL_VENDOR_ID;
+        return warning(
+            filled(tr("%s; expected product %s"), listed(found).c_str(), serial::SERIAL_PRODUCT_ID.c_str()),
+            tr("Check that this is the fiscal device; the library does not look at the product."));
+    const char* const vendor = serial::SERIAL_VENDOR_ID.c_str();
+    const char* const node = examination.node.c_str();
     if (exists(examination.node))
-        return warning(absent + ", mas a biblioteca acha " + examination.node,
-                       "Confira se " + examination.node + " é o equipamento fiscal.");
+        return warning(filled(tr("no USB device of vendor %s, but the library finds %s"), vendor, node),
+                       filled(tr("Check that %s is the fiscal device."), node));
     if (failure)
-        return error(std::string(USB_DEVICES) + " não pode ser lida: " + reason(failure.value()),
-                     "Em um contêiner ou máquina virtual, entregue-lhe o aparelho USB.");
-    return error(absent, "Ligue o equipamento, confira o cabo e a fonte, espere-o iniciar e rode de novo.");
+        return error(filled(tr("cannot read %s: %s"), USB_DEVICES, reason(failure.value()).c_str()),
+                     tr("Give the container or virtual machine access to the USB device."));
+    return error(
+        filled(tr("no USB device of vendor %s"), vendor),
+        tr("Switch the device on, check its cable and power supply, wait until it has started and run this "
+           "again."));
 }
 
 Finding checkEntry(Examination& examination) {
@@ -114,35 +127,41 @@ Finding checkEntry(Examination& examination) {
                  [](const std::string& name) { return name.find(FRAGMENT) != std::string::npos; });
     if (matching.empty()) return missingEntry(examination, names, failure);
 
-    // The order is that of ls in this locale, so the library's own listing says which entry wins.
+    // ls sorts by locale, so the library's own listing says which entry counts.
     const auto winner = std::find_if(matching.begin(), matching.end(), [&](const std::string& name) {
         return examination.listing.find(" " + name + " -> ") != std::string::npos;
     });
     if (winner == matching.end())
-        return error("há " + listed(matching) + ", mas a busca da biblioteca não lista um link",
-                     "Veja o passo dos comandos, e religue o cabo USB.");
+        return error(filled(tr("%s is there, but the library's search does not list it as a link"),
+                            listed(matching).c_str()),
+                     tr("See the step \"commands\", and reconnect the USB cable."));
     examination.target = targetOf(*winner);
     const std::string entry = *winner + " -> " + examination.target;
     if (examination.node.empty())
-        return error(entry + ", e a biblioteca só abre um terminal ttyACM",
-                     "Esse não é o equipamento fiscal: desligue o outro aparelho e religue o equipamento.");
+        return error(
+            filled(tr("%s, but the library opens only a ttyACM terminal"), entry.c_str()),
+            tr("That is not the fiscal device: disconnect the other device and reconnect the fiscal one."));
     if (!exists(examination.target))
-        return error(entry + ", que não existe",
-                     "O link sobrou: desligue e religue o cabo USB do equipamento.");
+        return error(filled(tr("%s, which does not exist"), entry.c_str()),
+                     tr("This link was left by an earlier connection: reconnect the device's USB cable."));
     if (matching.size() == 1) return ok(entry);
     matching.erase(winner);
-    return warning("vale a última de " + std::to_string(matching.size() + 1) + " entradas, " + entry +
-                       " (há também " + listed(matching) + ")",
-                   "Deixe ligado um só equipamento fiscal.");
+    return warning(filled(tr("the last of %zu entries counts, %s (there is also %s)"), matching.size() + 1,
+                          entry.c_str(), listed(matching).c_str()),
+                   tr("Leave only one fiscal device connected."));
 }
 
 Finding checkNodeNumber(Examination& examination) {
     const std::string& node = examination.node;
     if (examination.target == node) return ok(node);
     return error(
-        "o equipamento é " + examination.target + ", mas a biblioteca lê um só dígito e abriria " + node +
-            (exists(node) ? ", que é outro aparelho" : ", que não existe"),
-        "Desligue outros aparelhos seriais USB e religue o equipamento, até ele ter um número de 0 a 9.");
+        filled(
+            exists(node)
+                ? tr("the device is %s, but the library reads only one digit and would open %s, another device")
+                : tr("the device is %s, but the library reads only one digit and would open %s, which does not "
+                     "exist"),
+            examination.target.c_str(), node.c_str()),
+        tr("Disconnect other USB serial devices and reconnect the fiscal one until it has a number from 0 to 9."));
 }
 
 }  // namespace doctor

@@ -11,14 +11,19 @@
 #include <system_error>
 
 #include "doctor/Examination.h"
+#include "i18n.h"
 #include "local_time.h"
 
 namespace doctor {
+
+using tool::filled;
+using tool::tr;
+
 namespace {
 
 namespace fs = std::filesystem;
 
-/// The debug log's folder, below the working directory.
+/// Of the debug log, in the working directory.
 constexpr char LOG_DIRECTORY[] = "logsDrs";
 
 bool isWritable(const std::string& path, int mode) {
@@ -27,9 +32,9 @@ bool isWritable(const std::string& path, int mode) {
 
 bool matches(const char* pattern, const std::string& name) { return fnmatch(pattern, name.c_str(), 0) == 0; }
 
-/// Nothing that is wrong with the log fails a call.
+/// Only a warning: no fault of the log fails a call.
 Finding withoutLog(const std::string& found, const std::string& remedy) {
-    return warning(found, "As chamadas seguem, mas sem log: " + remedy);
+    return warning(found, tr("Calls work, but without a log.") + std::string(" ") + remedy);
 }
 
 /// `path` as one word of a shell.
@@ -43,17 +48,17 @@ std::string quoted(const std::string& path) {
 std::string adviceFor(const std::string& place) {
     struct stat status {};
     if (access(LOG_DIRECTORY, W_OK) != 0 && errno == EROFS)
-        return "o disco só permite leitura: veja por quê (dmesg).";
+        return tr("The disk is read-only; see why (dmesg).");
     if (stat(LOG_DIRECTORY, &status) == 0 && status.st_uid == geteuid())
-        return "rode \"chmod -R u+rwX " + quoted(place) + "\".";
-    return "rode \"sudo chown -R " + userName() + " " + quoted(place) + "\".";
+        return filled(tr("Run \"chmod -R u+rwX %s\"."), quoted(place).c_str());
+    return filled(tr("Run \"sudo chown -R %s %s\"."), userName().c_str(), quoted(place).c_str());
 }
 
 /// The present log directory, `place`.
 Finding checkLogs(const std::string& place) {
-    int logs = 0;
-    int archives = 0;
-    std::vector<std::string> unnamed;  // archives that a failed rename has left under their first name
+    unsigned long logs = 0;
+    unsigned long archives = 0;
+    std::vector<std::string> unnamed;  // archives left under their first name by a failed rename
     std::error_code unreadable;
     for (fs::directory_iterator entry(LOG_DIRECTORY, unreadable), end; !unreadable && entry != end;
          entry.increment(unreadable)) {
@@ -64,25 +69,28 @@ Finding checkLogs(const std::string& place) {
     }
     const std::string user = userName();
     const std::string mend = adviceFor(place);
-    if (unreadable) return withoutLog(place + " não pode ser lida: " + reason(unreadable.value()), mend);
-    const std::string found =
-        place + ": " + counted(logs, "log") + ", " + counted(archives, "arquivo") + " .tar.gz";
+    if (unreadable)
+        return withoutLog(filled(tr("cannot read %s: %s"), place.c_str(), reason(unreadable.value()).c_str()),
+                          mend);
+    const std::string found = place + ": " + filled(tr("%lu log", "%lu logs", logs), logs) + ", " +
+                              filled(tr("%lu archive .tar.gz", "%lu archives .tar.gz", archives), archives);
     const std::string today = std::string(LOG_DIRECTORY) + "/logDrs" + localTimeText("%Y%m%d") + ".log";
     if (!isWritable(LOG_DIRECTORY, W_OK | X_OK))
-        return withoutLog(found + "; " + user + " não pode gravar nela", mend);
+        return withoutLog(filled(tr("%s; %s may not write to it"), found.c_str(), user.c_str()), mend);
     if (fs::exists(today, unreadable) && !fs::is_regular_file(today, unreadable))
-        return withoutLog(today + " não é um arquivo", "renomeie-o.");
+        return withoutLog(filled(tr("%s is not a file"), today.c_str()), tr("Rename it."));
     if (fs::exists(today, unreadable) && !isWritable(today, W_OK))
-        return withoutLog(found + "; " + user + " não pode gravar o log de hoje", mend);
+        return withoutLog(filled(tr("%s; %s may not write today's log"), found.c_str(), user.c_str()), mend);
     if (fs::space(LOG_DIRECTORY, unreadable).available == 0)
-        return withoutLog(found + "; o disco está cheio", "libere espaço.");
+        return withoutLog(filled(tr("%s; the disk is full"), found.c_str()), tr("Free some space."));
     if (!unnamed.empty())
-        return warning(found + "; falhou a renomeação de " + listed(unnamed),
-                       "Tire o \".log\" do meio do nome, se o outro nome ainda não existe.");
+        return warning(
+            filled(tr("%s; %s could not be renamed"), found.c_str(), listed(unnamed).c_str()),
+            tr("Take the \".log\" out of the middle of the name, unless the other name exists already."));
     return ok(found);
 }
 
-/// Those of the programs `names` that the shell does not find, each behind a blank.
+/// Those of the programs `names` that the shell does not find, a blank before each.
 std::string missingOf(const std::string& names) {
     return firstLineOf("for name in " + names +
                        "; do command -v $name >/dev/null || printf ' %s' $name; done");
@@ -94,33 +102,37 @@ Finding checkLogDirectory(Examination& /*examination*/) {
     std::error_code failure;
     const fs::path here = fs::current_path(failure);
     if (failure)
-        return warning("a pasta de trabalho não existe mais", "Entre na pasta do aplicativo e rode de novo.");
+        return warning(tr("the working directory does not exist any more"),
+                       tr("Change to the application's folder and run this again."));
     const std::string place = here / LOG_DIRECTORY;
     const fs::file_status entry = fs::symlink_status(LOG_DIRECTORY, failure);
     if (!fs::exists(entry)) {
-        if (isWritable(".", W_OK | X_OK)) return ok(place + " ainda não existe, e pode ser criada");
-        return withoutLog(place + " não existe, e " + userName() + " não pode criá-la",
-                          "rode o aplicativo em uma pasta em que ele possa gravar.");
+        if (isWritable(".", W_OK | X_OK))
+            return ok(filled(tr("%s does not exist yet and can be created"), place.c_str()));
+        return withoutLog(
+            filled(tr("%s does not exist, and %s may not create it"), place.c_str(), userName().c_str()),
+            tr("Run the application in a folder that it may write."));
     }
     if (!fs::is_directory(LOG_DIRECTORY, failure))
-        return withoutLog(place + " não é uma pasta", "renomeie-o.");
+        return withoutLog(filled(tr("%s is not a folder"), place.c_str()), tr("Rename it."));
     return checkLogs(place);
 }
 
 Finding checkCommands(Examination& /*examination*/) {
     if (access(_PATH_BSHELL, X_OK) != 0)
-        return error(std::string("falta ") + _PATH_BSHELL, "Reinstale o shell do sistema.");
+        return error(filled(tr("%s is missing"), _PATH_BSHELL), tr("Reinstall the system's shell."));
     const std::string ofSearch = missingOf("ls grep tail");
     const std::string ofLog = missingOf("tar gzip");
     if (!ofSearch.empty())
-        return error(
-            "fora do caminho de busca (PATH):" + ofSearch + ofLog,
-            "Sem eles a biblioteca não acha o equipamento: corrija o PATH do aplicativo, ou instale-os.");
+        return error(filled(tr("not in the PATH:%s"), (ofSearch + ofLog).c_str()),
+                     tr("The library cannot find the device without them: correct the application's PATH, or "
+                        "install them."));
     if (!ofLog.empty())
         return warning(
-            "fora do caminho de busca (PATH):" + ofLog,
-            "Sem eles os logs antigos não são arquivados: corrija o PATH do aplicativo, ou instale-os.");
-    return ok("sh, ls, grep, tail, tar e gzip estão no caminho de busca");
+            filled(tr("not in the PATH:%s"), ofLog.c_str()),
+            tr("Old logs are not archived without them: correct the application's PATH, or install "
+               "them."));
+    return ok(tr("sh, ls, grep, tail, tar and gzip are in the PATH"));
 }
 
 }  // namespace doctor

@@ -30,9 +30,9 @@ constexpr long LONGEST_TIMEOUT_SECONDS = 1800;
 /// More processes than that do not share a log: the oldest of more open exchanges will never end.
 constexpr std::size_t MAX_OPEN = 64;
 
-// What is kept of a field, in characters. The longest operation and session number of the library fit.
+// What is kept of a field, in characters: enough for every operation and for session numbers of ten digits.
 constexpr std::size_t OPERATION_COLUMNS = 29;
-constexpr std::size_t SESSION_COLUMNS = 11;
+constexpr std::size_t SESSION_COLUMNS = 10;
 constexpr std::size_t CODE_COLUMNS = 8;
 constexpr std::size_t TEXT_COLUMNS = 160;
 

@@ -6,7 +6,6 @@
 #include <algorithm>
 #include <cerrno>
 #include <cstdio>
-#include <cstring>
 #include <memory>
 #include <stdexcept>
 #include <tuple>
@@ -51,7 +50,8 @@ class Content {
     void open() {
         std::error_code error;
         if (!fs::is_regular_file(m_file.path, error))
-            throw std::runtime_error(error ? error.message() : std::string(tool::tr("not a regular file")));
+            throw std::runtime_error(error ? tool::systemError(error.value())
+                                           : tool::tr("not a regular file"));
         const bool isLog = m_file.kind == LogFile::LOG;
         if (isLog) {
             // The one entry of a "raw" archive is the file itself.
@@ -62,7 +62,7 @@ class Content {
             archive_read_support_format_tar(m_archive.get());
         }
         m_stream.reset(std::fopen(m_file.path.c_str(), "rbe"));
-        if (!m_stream) throw std::runtime_error(std::strerror(errno));
+        if (!m_stream) throw std::runtime_error(tool::systemError(errno));
         if (archive_read_open_FILE(m_archive.get(), m_stream.get()) != ARCHIVE_OK) fail();
         if (isLog)
             nextEntry();
