@@ -120,7 +120,7 @@ std::string reasonOf(const CLI::ParseError& error, const CLI::App& application, 
         return filled(option->count() > 1 ? tr("%s is given more than once") : tr("%s needs a value"),
                       name.c_str());
     if (dynamic_cast<const CLI::ConversionError*>(&error) != nullptr)
-        return filled(tr("%s: \"%s\" is no value for it"), name.c_str(),
+        return filled(tr("%s does not take the value \"%s\""), name.c_str(),
                       CLI::detail::join(option->results(), " ").c_str());
     return error.what();
 }
