@@ -26,7 +26,8 @@ const char* localeOf(const char* category) {
 /// variable; it repeats what the user has asked for anyway.
 void chooseWithoutLocale() {
     std::setlocale(LC_MESSAGES, "C.UTF-8");
-    setenv("LANGUAGE", localeOf("LC_MESSAGES"), 0);
+    const char* const chosen = std::getenv("LANGUAGE");
+    if (chosen == nullptr || *chosen == '\0') setenv("LANGUAGE", localeOf("LC_MESSAGES"), 1);
 }
 
 /// glibc's texts in English, for the catalogue.
