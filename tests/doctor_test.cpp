@@ -2,6 +2,7 @@
 // this program, with a terminal that it has opened itself as the device's node.
 
 #include <fcntl.h>
+#include <gmock/gmock.h>
 #include <gtest/gtest.h>
 #include <pty.h>
 #include <sys/ioctl.h>
@@ -23,6 +24,8 @@
 namespace {
 
 namespace fs = std::filesystem;
+using testing::HasSubstr;
+using testing::StartsWith;
 
 struct Result {
     int exitStatus;
@@ -37,6 +40,7 @@ Result run(const std::string& line) {
     return {WIFEXITED(status) ? WEXITSTATUS(status) : -1, output};
 }
 
+const std::string ENGLISH = "LC_ALL=C.UTF-8 LANGUAGE= ";
 const std::string SIM = FISCORA_TOOL " sim ";
 const std::string DOCTOR = FISCORA_TOOL " doctor ";
 
@@ -76,51 +80,51 @@ struct World {
 void PrintTo(const World& world, std::ostream* stream) { *stream << world.name; }
 
 const World WORLDS[] = {
-    {"InOrder", "", "ooooooooo", "0525:a4a6 na porta USB 1-1"},
-    {"NoDevice", "rm -r /dev/ttyACM0 $BY devices/*", "essssssoo", "espere-o iniciar"},
-    {"OtherProduct", "echo a4a7 >$USB/idProduct", "woooooooo", "0525:a4a7 na porta USB 1-1, e o esperado"},
-    {"OtherVendor", "echo 05250 >$USB/idVendor", "woooooooo", "a biblioteca acha /dev/ttyACM0"},
+    {"InOrder", "", "ooooooooo", "0525:a4a6 at USB port 1-1"},
+    {"NoDevice", "rm -r /dev/ttyACM0 $BY devices/*", "essssssoo", "wait until it has started"},
+    {"OtherProduct", "echo a4a7 >$USB/idProduct", "woooooooo", "0525:a4a7 at USB port 1-1; expected product a4a6"},
+    {"OtherVendor", "echo 05250 >$USB/idVendor", "woooooooo", "the library finds /dev/ttyACM0"},
     {"NoDriver", "rm -r $BY $USB/1-1:1.0", "oesssssoo", "sudo modprobe cdc_acm"},
-    {"NoUdev", "rm -r $BY", "oesssssoo", "o aparelho seja /dev/ttyACM0"},
-    {"OtherName", "mv $BY/* $BY/usb-x_mfc+_with_musb", "oesssssoo", "no nome (há: usb-x_mfc+_with_musb)"},
+    {"NoUdev", "rm -r $BY", "oesssssoo", "the device is /dev/ttyACM0"},
+    {"OtherName", "mv $BY/* $BY/usb-x_mfc+_with_musb", "oesssssoo", "in its name (present: usb-x_mfc+_with_musb)"},
     {"SeveralDevices", "ln -s $PTY /dev/ttyACM3; ln -s ../../ttyACM3 $BY/usb-z$MARK", "owooooooo",
-     "usb-z-mfc+_with_musb-if00 -> /dev/ttyACM3 (há também usb-b-mfc+_with_musb-if00)"},
-    {"DanglingLink", "rm /dev/ttyACM0", "oesssssoo", "O link sobrou"},
-    {"NoLink", "rm $BY/*; touch $BY/usb-b$MARK", "oesssssoo", "não lista um link"},
+     "usb-z-mfc+_with_musb-if00 -> /dev/ttyACM3 (there is also usb-b-mfc+_with_musb-if00)"},
+    {"DanglingLink", "rm /dev/ttyACM0", "oesssssoo", "This link was left"},
+    {"NoLink", "rm $BY/*; touch $BY/usb-b$MARK", "oesssssoo", "does not list it as a link"},
     {"OtherTerminal", "mv /dev/ttyACM0 /dev/ttyUSB0; ln -sf ../../ttyUSB0 $BY/*", "oesssssoo",
-     "só abre um terminal ttyACM"},
+     "opens only a ttyACM terminal"},
     {"TwoDigits", "ln -s $PTY /dev/ttyACM12; mv /dev/ttyACM0 /dev/ttyACM1; ln -sf ../../ttyACM12 $BY/*",
-     "ooessssoos", "que é outro aparelho"},
-    {"PlainFile", "rm /dev/ttyACM0; touch /dev/ttyACM0", "oooesssoo", "não é um dispositivo"},
-    {"NoRights", "chmod 0 $PTY", "ooooeosoos", "não pode ler e gravar /dev/ttyACM0 ("},
+     "ooessssoos", "would open /dev/ttyACM1, another device"},
+    {"PlainFile", "rm /dev/ttyACM0; touch /dev/ttyACM0", "oooesssoo", "is not a character device"},
+    {"NoRights", "chmod 0 $PTY", "ooooeosoos", "may not read and write /dev/ttyACM0 ("},
     {"OtherGroup", "chmod 660 $PTY", "ooooeosoo", "sudo usermod -aG terminais ", giveAway},
     {"OldSession", "chmod 660 $PTY; echo terminais:x:4711:$(id -un) >group", "ooooeosoo",
-     "sessão é mais antiga", giveAway},
-    {"Held", "", "oooooewoos", "aberto por fiscora_tests (pid ", hold},
-    {"HeldByModemManager", "", "oooooewoo", "ModemManager ignore o equipamento", holdAsModemManager},
-    {"HeldAlone", "", "oooooeeoo", "só para um outro processo", holdAlone},
-    {"HiddenProcess", "", "ooooooooo", "Para ver todos", hide},
-    {"ModemManagerElsewhere", "", "ooooowooo", "o ModemManager está em execução", runAsModemManager},
-    {"HiddenModemManager", "", "ooooowooo", "o ModemManager está em execução", hideAsModemManager},
-    {"ModemManagerWithRule", "", "ooooooooo", "Para ver todos", hideFromModemManager},
-    {"NoTerminal", "ln -sf zero /dev/ttyACM0", "ooooooeoo", "não é um terminal"},
+     "this session is older", giveAway},
+    {"Held", "", "oooooewoos", "open in fiscora_tests (pid ", hold},
+    {"HeldByModemManager", "", "oooooewoo", "so that ModemManager ignores the device", holdAsModemManager},
+    {"HeldAlone", "", "oooooeeoo", "open for itself alone", holdAlone},
+    {"HiddenProcess", "", "ooooooooo", "To see all of them", hide},
+    {"ModemManagerElsewhere", "", "ooooowooo", "ModemManager is running", runAsModemManager},
+    {"HiddenModemManager", "", "ooooowooo", "ModemManager is running", hideAsModemManager},
+    {"ModemManagerWithRule", "", "ooooooooo", "To see all of them", hideFromModemManager},
+    {"NoTerminal", "ln -sf zero /dev/ttyACM0", "ooooooeoo", "is not a terminal"},
     {"Logs",
      "mkdir logsDrs; cd logsDrs; touch logDrs20260101.log logDrs20260102.log logDrs20251231.tar.gz notes.log",
-     "ooooooooo", "/logsDrs: 2 logs, 1 arquivo .tar.gz"},
-    {"LogsInAFile", "touch logsDrs", "ooooooowo", "logsDrs não é uma pasta"},
-    {"LogsReadOnly", "mkdir -m 555 logsDrs", "ooooooowo", "não pode gravar nela"},
+     "ooooooooo", "/logsDrs: 2 logs, 1 archive .tar.gz"},
+    {"LogsInAFile", "touch logsDrs", "ooooooowo", "logsDrs is not a folder"},
+    {"LogsReadOnly", "mkdir -m 555 logsDrs", "ooooooowo", "may not write to it"},
     {"LogOfTheDayReadOnly", "mkdir logsDrs; cd logsDrs; touch a logDrs$(date +%Y%m%d).log; chmod 444 *",
-     "ooooooowo", "não pode gravar o log de hoje"},
-    {"LogOfTheDayAFolder", "mkdir -p logsDrs/logDrs$(date +%Y%m%d).log", "ooooooowo", "não é um arquivo"},
-    {"FolderReadOnly", "mkdir -m 555 here", "ooooooowo", "não pode criá-la", enter},
-    {"FolderGone", "mkdir here", "ooooooowo", "pasta de trabalho não existe", enterAndRemove},
+     "ooooooowo", "may not write today's log"},
+    {"LogOfTheDayAFolder", "mkdir -p logsDrs/logDrs$(date +%Y%m%d).log", "ooooooowo", "is not a file"},
+    {"FolderReadOnly", "mkdir -m 555 here", "ooooooowo", "may not create it", enter},
+    {"FolderGone", "mkdir here", "ooooooowo", "working directory does not exist", enterAndRemove},
     {"ArchiveNotRenamed", "mkdir logsDrs; touch logsDrs/logDrs20260101.log.tar.gz", "ooooooowo",
-     "falhou a renomeação de logDrs20260101.log.tar.gz"},
+     "logDrs20260101.log.tar.gz could not be renamed"},
     {"NoProgramsOfTheSearch", "ln -s $(command -v ls) bin", "oesssssoe", "(PATH): grep tail tar gzip",
      searchInBin},
     {"NoProgramsOfTheArchive", "for p in ls grep tail; do ln -s $(command -v $p) bin; done", "oooooooow",
      "(PATH): tar gzip", searchInBin},
-    {"SimulationLeft", "", "osssssseoos", "a linha simulada não abre", leaveSimulation},
+    {"SimulationLeft", "", "osssssseoos", "the simulated line cannot be opened", leaveSimulation},
 };
 
 /// Whether /dev and /sys are those of a world, and its folders in the working directory.
@@ -174,7 +178,7 @@ TEST_P(Doctor, NamesTheFault) {
     close(node);
 
     const std::string verdicts = world.verdicts;
-    const Result result = run(DOCTOR + (verdicts.back() == 's' ? "--json --ask" : "--json"));
+    const Result result = run(ENGLISH + DOCTOR + (verdicts.back() == 's' ? "--json --ask" : "--json"));
     const auto report = nlohmann::json::parse(result.output);
     std::string found;
     std::string told;
@@ -184,41 +188,42 @@ TEST_P(Doctor, NamesTheFault) {
             finding.at("found").get<std::string>() + ". " + finding.at("advice").get<std::string>() + "\n";
     }
     EXPECT_EQ(found, verdicts) << told;
-    EXPECT_NE(told.find(world.told), std::string::npos) << told;
+    EXPECT_THAT(told, HasSubstr(world.told));
     EXPECT_EQ(result.exitStatus, verdicts.find_first_of("ew") == std::string::npos ? 0 : 1);
 }
 
-TEST(DoctorCommand, SimulatedDevice) {
+TEST(DoctorCommand, ExaminesTheSimulatedDeviceAndSendsOnlyIfAsked) {
     const struct {
-        const char* options;
-        const char* asked;
+        std::string language, options, asked;
         int exitStatus;
-        const char* told;
+        const char *begin, *told;
     } cases[] = {
-        {"", "--ask", 0,
-         "ok      resposta: ConsultarSAT: status 0 (FISCORA_STATUS_OK), o equipamento respondeu 08000: SAT em Op"},
-        {"--fault silence", "--ask", 1,
-         "ERRO    resposta: ConsultarSAT: status 32768 (FISCORA_STATUS_TIMEOUT)"},
-        {"--fault hang-up", "--ask", 1, "\n1 problema: resolva-o e rode de novo.\n"},
-        {"--trace", "", 0, "\nNada errado à vista.\n"},
+        {ENGLISH, "", "--ask", 0, "ok       simulation: fiscora sim is active",
+         "ok       answer: ConsultarSAT: status 0 (FISCORA_STATUS_OK), the device answered 08000: SAT em Op"},
+        {ENGLISH, "--fault silence", "--ask", 1, "ok       sim",
+         "ERROR    answer: ConsultarSAT: status 32768 (FISCORA_STATUS_TIMEOUT)"},
+        {ENGLISH, "--fault hang-up", "--ask", 1, "ok       sim", "\n1 problem: solve it and run this again.\n"},
+        {ENGLISH, "--trace", "", 0, "ok       sim", "\nNo problem found.\n"},
+        {"LC_ALL=C.UTF-8 LANGUAGE=pt ", "--trace", "", 0,
+         "ok       simulação: fiscora sim está ativo: os passos seguintes examinam o equipamento simulado.",
+         "\nNenhum problema encontrado.\n"},
     };
-    for (const auto& [options, asked, exitStatus, told] : cases) {
+    for (const auto& [language, options, asked, exitStatus, begin, told] : cases) {
         const WorkingDirectory folder;
-        const Result result = run(SIM + options + " -- " + DOCTOR + asked + " 2>&1");
+        const Result result = run(language + SIM + options + " -- " + DOCTOR + asked + " 2>&1");
         EXPECT_EQ(result.exitStatus, exitStatus) << options;
-        EXPECT_EQ(result.output.find("ok      simulação: fiscora sim está ativo"), 0U) << result.output;
-        EXPECT_NE(result.output.find(told), std::string::npos) << result.output;
-        const bool sent = fs::exists("logsDrs") || result.output.find("smx") != std::string::npos;
-        EXPECT_EQ(sent, *asked != '\0') << result.output;
+        EXPECT_THAT(result.output, AllOf(StartsWith(begin), HasSubstr(told)));
+        EXPECT_EQ(fs::exists("logsDrs"), !asked.empty()) << result.output;
+        EXPECT_EQ(result.output.find("smx"), std::string::npos) << result.output;
     }
 }
 
-TEST(DoctorCommand, WrongCommandLines) {
+TEST(DoctorCommand, WrongCommandLinesAreRefusedInOneLine) {
     for (const auto* arguments : {"now", "-- now", "--asked", "--json=x"}) {
         const WorkingDirectory folder;
-        const Result result = run(SIM + "-- " + DOCTOR + arguments + " 2>&1");
+        const Result result = run(ENGLISH + SIM + "-- " + DOCTOR + arguments + " 2>&1");
         EXPECT_EQ(result.exitStatus, 2) << arguments;
-        EXPECT_EQ(result.output.find("fiscora doctor: "), 0U) << result.output;
+        EXPECT_THAT(result.output, StartsWith("fiscora doctor: "));
         EXPECT_EQ(std::count(result.output.begin(), result.output.end(), '\n'), 1) << result.output;
     }
 }

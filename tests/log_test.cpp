@@ -1,23 +1,30 @@
 // `fiscora log`, on logs that the library has written and on damaged ones.
 
+#include <gmock/gmock.h>
 #include <gtest/gtest.h>
+#include <pty.h>
 #include <sys/wait.h>
+#include <unistd.h>
 
 #include <algorithm>
 #include <cstdio>
 #include <ctime>
 #include <filesystem>
 #include <fstream>
+#include <nlohmann/json.hpp>
 #include <pugixml.hpp>
+#include <regex>
 #include <string>
 #include <vector>
 
 #include "fiscora.h"
+#include "local_time.h"
 #include "platform.h"
 
 namespace {
 
 namespace fs = std::filesystem;
+using testing::HasSubstr;
 
 /// Runs a shell line in the working directory; exit status, standard output and error come back together.
 std::string shell(const std::string& line) {
@@ -28,14 +35,15 @@ std::string shell(const std::string& line) {
     return std::to_string(WIFEXITED(status) ? WEXITSTATUS(status) : -1) + "\n" + output;
 }
 
-std::string log(const std::string& arguments = "") { return shell(FISCORA_TOOL " log " + arguments); }
+const std::string LOG = "LC_ALL=C.UTF-8 LANGUAGE= " FISCORA_TOOL " log ";
+std::string log(const std::string& arguments = "") { return shell(LOG + arguments); }
 
-void put(const std::string& path, const std::string& content) {
+void put(const std::string& path, const std::string& content, std::ios::openmode mode = std::ios::trunc) {
     fs::create_directories(fs::path(path).parent_path());
-    std::ofstream(path, std::ios::binary) << content;
+    std::ofstream(path, std::ios::binary | std::ios::out | mode) << content;
 }
 
-const std::string DAY = "logsDrs/logDrs20310228", NEXT_DAY = "logsDrs/logDrs20310301";
+const std::string DAY = "logsDrs/logDrs20310228";
 
 std::string line(const std::string& time, const std::string& text) {
     return "[2031-02-28." + time + "] - [info, " + text + "]\n";
@@ -51,18 +59,17 @@ std::string failure(const std::string& time, int status) {
     return end(time, "0", " ", "  rxCCCC:   rxMessage:   rxBufferSize: 0 status: " + std::to_string(status));
 }
 
-/// The table of exchanges without its heading and dates, one blank between columns; and the complaints.
+/// The table of calls without its heading and days, one blank between columns; and the complaints.
 std::string rows(const std::string& arguments = "") {
     const std::string output = log(arguments);
-    const auto start = output.find("EEEEE\n") + 6, summary = output.find("\n\n") + 1;
+    const auto start = output.find("Result\n") + 7, summary = output.find("\n\n") + 1;
     const auto complaints = std::min(output.find("fiscora log:", summary), output.size());
-    std::string shown = output.substr(start, summary - start) + output.substr(complaints);
-    for (std::size_t at; (at = shown.find("2031-02-28")) != std::string::npos;) shown.erase(at, 11);
-    for (std::size_t at; (at = shown.find("  ")) != std::string::npos;) shown.erase(at, 1);
-    return shown;
+    const std::string shown = output.substr(start, summary - start) + output.substr(complaints);
+    return std::regex_replace(std::regex_replace(shown, std::regex("2031-02-28\n"), ""), std::regex(" +"),
+                              " ");
 }
 
-TEST(Log, CallsOfTheLibraryAreShownOtherwiseThanTheyWere) {
+TEST(Log, CallsOfTheLibraryAreShownAsTheyWere) {
     const WorkingDirectory folder;
     FakeLine line;
     tm fields{};
@@ -72,41 +79,60 @@ TEST(Log, CallsOfTheLibraryAreShownOtherwiseThanTheyWere) {
     line.answers = [&line](const pbs::Message& command) {
         line.advanceMs(2900);
         pbs::Message answer(command.code(), "1");
-        answer.setBody("000001|08000|SAT em Opera\xe7\xe3o||");
+        const bool isSale = command.code() == "EnviarDadosVenda";
+        answer.setBody(isSale ? "000002|06010|1999|C\xf3"
+                                "digo inv\xe1lido||"
+                              : "000001|08000|SAT em Opera\xe7\xe3o||");
         return std::vector{answer};
     };
     testing::internal::CaptureStdout();
     ConsultarSAT(1);
-    line.answers = nullptr;
     EnviarDadosVenda(2, "12345678", "<CFe/>");
-    ConsultarSAT(3);  // through midnight, at which the log becomes an archive
+    line.answers = nullptr;
+    ConsultarSAT(3);
+    ConsultarSAT(4);  // through midnight, at which the log becomes an archive
     line.listing.clear();
-    ConsultarStatusOperacional(4, "12345678");
+    ConsultarStatusOperacional(5, "12345678");
     testing::internal::GetCapturedStdout();
-    ASSERT_TRUE(fs::exists(DAY + ".tar.gz") && fs::exists(NEXT_DAY + ".log"));
-    EXPECT_EQ(log(),
+    ASSERT_TRUE(fs::exists(DAY + ".tar.gz") && fs::exists("logsDrs/logDrs20310301.log"));
+    const std::string shown = log();
+    EXPECT_EQ(shown,
               "0\n"
-              "Hora                 Operação                    Sessão  Duração  Status     EEEEE\n"
-              "2031-02-28 23:59:40  ConsultarSAT                000001      3 s  OK         08000\n"
-              "2031-02-28 23:59:44  EnviarDadosVenda            000002     10 s  TIMEOUT    -\n"
-              "2031-02-28 23:59:55  ConsultarSAT                000003      6 s  TIMEOUT    -\n"
-              "2031-03-01 00:00:02  ConsultarStatusOperacional  000004      0 s  NO_ANSWER  -\n"
+              "Time      Operation                   Session     Took  Result\n"
+              "2031-02-28\n"
+              "23:59:40  ConsultarSAT                 000001      3 s  ok 08000\n"
+              "23:59:44  EnviarDadosVenda             000002      3 s  refused 06010\n"
+              "          Código inválido\n"
+              "23:59:48  ConsultarSAT                 000003      6 s  failed TIMEOUT\n"
+              "23:59:55  ConsultarSAT                 000004      6 s  failed TIMEOUT\n"
+              "2031-03-01\n"
+              "00:00:02  ConsultarStatusOperacional   000005      0 s  failed NO_ANSWER\n"
               "\n"
-              "Operação                    Chamadas  Falhas  Incompletas  Mediana  Pior\n"
-              "ConsultarSAT                       2       1            0      6 s   6 s\n"
-              "ConsultarStatusOperacional         1       1            0      0 s   0 s\n"
-              "EnviarDadosVenda                   1       1            0     10 s  10 s\n");
+              "Operation                   Calls  Refused  Failed  No end  Median  Longest\n"
+              "ConsultarSAT                    3        0       2       0     6 s      6 s\n"
+              "ConsultarStatusOperacional      1        0       1       0     0 s      0 s\n"
+              "EnviarDadosVenda                1        1       0       0     3 s      3 s\n");
+    for (const auto* locale : {"LC_ALL=C.UTF-8 LANGUAGE=pt ", "LC_ALL=pt_BR.UTF-8 LANGUAGE= "})
+        EXPECT_THAT(
+            shell(locale + std::string(FISCORA_TOOL " log --dir absent; ") + locale + FISCORA_TOOL " log"),
+            AllOf(HasSubstr("não foi possível ler a pasta de logs absent"), HasSubstr("recusada 06010\n")));
+
+    const auto report = nlohmann::json::parse(log("--json").substr(2));
+    EXPECT_EQ(
+        report.at("calls").at(1).dump(),
+        R"({"code":"06010","end":"2031-02-28T23:59:47","operation":"EnviarDadosVenda","outcome":"refused",)"
+        R"("seconds":3,"session":"000002","start":"2031-02-28T23:59:44","status":0,"text":"Código inválido"})");
+    EXPECT_EQ(report.at("operations").at(0).dump(),
+              R"({"calls":3,"failed":2,"incomplete":0,"longest_seconds":6,"median_seconds":6,)"
+              R"("operation":"ConsultarSAT","refused":0})");
 }
 
-TEST(Log, AnEndGoesToAnotherExchangeOrALineIsLost) {
+TEST(Log, EachEndGoesToItsCallAndDamageIsCounted) {
     const WorkingDirectory folder;
     const std::string sat = "ConsultarSAT", sale = "EnviarDadosVenda",
                       good = begin("12:00:00", sat, "000001");
-    const std::string shown = "12:00:00 ConsultarSAT 000001 ", whole = shown + "1 s OK 08000\n";
-    const auto damaged = [](int lines) {
-        return "fiscora log: linhas danificadas ou cortadas, não contadas acima: " + std::to_string(lines) +
-               "\n";
-    };
+    const std::string shown = "12:00:00 ConsultarSAT 000001 ", whole = shown + "1 s ok 08000\n";
+    const std::string one = "fiscora log: 1 damaged or cut line is not counted above\n";
     const std::string ended = end("12:00:01", sat, "000001"), cut = ended.substr(0, 60);
     const struct {
         const char* fault;
@@ -114,30 +140,32 @@ TEST(Log, AnEndGoesToAnotherExchangeOrALineIsLost) {
     } cases[] = {
         // clang-format off
         {"a process that died takes the next one's end", good + begin("12:00:05", sat, "000002") + failure("12:00:05", 1),
-         shown + "- incompleta -\n12:00:05 ConsultarSAT 000002 0 s NO_ANSWER -\n"},
+         shown + "- no end\n12:00:05 ConsultarSAT 000002 0 s failed NO_ANSWER\n"},
         {"two processes' operations are mixed up",
          begin("11:59:59", sale, "7") + good + end("12:00:01", sale, "7", "06000 rxCCCC: x status: 0") + ended,
-         "11:59:59 EnviarDadosVenda 7 2 s OK 06000\n" + whole},
-        {"or their sessions", good + begin("12:00:00", sat, "000002") + ended, whole + "12:00:00 ConsultarSAT 000002 - incompleta -\n"},
+         "11:59:59 EnviarDadosVenda 7 2 s ok 06000\n" + whole},
+        {"or their sessions", good + begin("12:00:00", sat, "000002") + ended, whole + "12:00:00 ConsultarSAT 000002 - no end\n"},
         {"the application's locale counts twelve hours", begin("12:00:00 PM", sat, "000001") + end("12:00:01 PM", sat, "000001"), whole},
         {"a timeout goes to one that has just begun", good + begin("12:00:05", sat, "000002") + failure("12:00:06", 32768),
-         shown + "6 s TIMEOUT -\n12:00:05 ConsultarSAT 000002 - incompleta -\n"},
+         shown + "6 s failed TIMEOUT\n12:00:05 ConsultarSAT 000002 - no end\n"},
         {"an end without beginning is lost, or goes to a dead process", good + end("12:30:00", sat, "000009"),
-         shown + "- incompleta -\n12:30:00 ConsultarSAT 000009 - OK 08000\n"},
-        {"a clock set back gives a time below zero", good + end("11:00:00", sat, "000001"), shown + "- OK 08000\n"},
-        {"a status without name, or an operation of another version",
-         begin("12:00:00", "Nova", "1") + end("12:00:02", "Nova", "1", "x\x1b[1m\xe7 rxCCCC: rxMessage: status: 0 status: -7"),
-         "12:00:00 Nova 1 2 s -7 x?[1m?\n"},
+         shown + "- no end\n12:30:00 ConsultarSAT 000009 - ok 08000\n"},
+        {"a clock set back gives a time below zero", good + end("11:00:00", sat, "000001"), shown + "- ok 08000\n"},
+        {"controls reach the terminal; a status without name", begin("12:00:00", "Nova\x9b", "1") +
+             end("12:00:02", "Nova\x9b", "1", "x\x1b[1m\xc2\x9b rxCCCC: rxMessage: status: 0 status: -7"), "12:00:00 Nova? 1 2 s failed -7\n"},
+        {"a refusal is shown as a success, or its text bursts the table", good + end("12:00:01", sat, "000001",
+             "08098 rxCCCC: 1999 rxMessage: em\x1b]0;uso " + std::string(70, 'z') + " rxBufferSize: 9 status: 0"),
+         shown + "1 s refused 08098\n em?]0;uso\n " + std::string(70, 'z') + "\n"},
         {"texts in ISO 8859-1 or lines of Windows are damage", good.substr(0, good.size() - 1) + "\r\n" +
              end("12:00:01", sat, "000001", "08000 rxCCCC: opera\xe7\xe3o, ] rxMessage: status: 5 rxBufferSize: 9 status: 0"), whole},
-        {"a cut line ends the exchange", good + cut, shown + "- incompleta -\n" + damaged(1)},
-        {"zeros of a power cut take the next line along", good + cut + std::string(70000, '\0') + ended, whole + damaged(1)},
-        {"a line without end fills the memory, or the one behind is lost", good + std::string(3 << 20, 'x') + "\n" + ended, whole + damaged(1)},
+        {"a cut line ends the exchange", good + cut, shown + "- no end\n" + one},
+        {"zeros of a power cut take the next line along", good + cut + std::string(70000, '\0') + ended, whole + one},
+        {"a line without end fills the memory, or the next one is lost", good + std::string(3 << 20, 'x') + "\n" + ended, whole + one},
         {"forms that the library does not write pass", good +
              "\n[2031-02-29.12:00:00] - [info, x]\n[2031-02-28.24:00:00] - [info, x]\n[2031-2-28.12:00:00] - [info, x]\n"
              "[2031-02-28.1:00:00 PM] - [info, x]\n[2031-02-28.12:00:00] - [info x]\n" + line("12:00:00", "txCode: x") +
              line("12:00:00", "rxCode: x rxSessao: 1 rxEEEEE: 2 rxCCCC: 3") + end("12:00:01", sat, "1", "2 rxCCCC: 3 status: 0x") +
-             line("12:00:01", std::string(512, 'x')) + ended, whole + damaged(10)},
+             line("12:00:01", std::string(512, 'x')) + ended, whole + "fiscora log: 10 damaged or cut lines are not counted above\n"},
     };  // clang-format on
     for (const auto& [fault, text, expected] : cases) {
         put(DAY + ".log", "DRS Version: 01.00.01.001\n" + text);
@@ -145,15 +173,15 @@ TEST(Log, AnEndGoesToAnotherExchangeOrALineIsLost) {
     }
 }
 
-TEST(Log, AFileIsReadTwiceOrNotAtAll) {
+TEST(Log, EachFileIsReadOnce) {
     const std::string first = begin("10:00:00", "ConsultarSAT", "1") + end("10:00:00", "ConsultarSAT", "1");
     const std::string second = begin("11:00:00", "ConsultarSAT", "2") + end("11:00:01", "ConsultarSAT", "2");
-    const std::string firstRow = "10:00:00 ConsultarSAT 1 0 s OK 08000\n";
-    const std::string secondRow = "11:00:00 ConsultarSAT 2 1 s OK 08000\n", both = firstRow + secondRow;
+    const std::string firstRow = "10:00:00 ConsultarSAT 1 0 s ok 08000\n";
+    const std::string secondRow = "11:00:00 ConsultarSAT 2 1 s ok 08000\n", both = firstRow + secondRow;
     std::string large;  // more than is read or unpacked at a time
     for (int i = 0; i < 20000; ++i) large += line("09:00:00", std::to_string(i * 7919));
     const auto unread = [](const std::string& complaint) {
-        return "fiscora log: " + DAY + complaint + "\nfiscora log: arquivos não lidos até o fim: 1\n";
+        return "fiscora log: " + DAY + complaint + "\nfiscora log: 1 file was not read to its end\n";
     };
     const struct {
         const char* fault;
@@ -187,77 +215,85 @@ TEST(Log, AFileIsReadTwiceOrNotAtAll) {
     }
 }
 
-TEST(Log, DaysBeforeAreShownOrAnEmptyFolderIsAnError) {
-    const WorkingDirectory folder;
-    put(DAY + ".log", begin("10:00:00", "ConsultarSAT", "1"));
-    EXPECT_NE(log("--since 20310228").find("incompleta"), std::string::npos);
-    EXPECT_EQ(log("--since 2031-03-01"), "0\nNenhum log em logsDrs desde 20310301\n");
-    put(DAY + ".log", "DRS Version: 01.00.01.001\n");
-    EXPECT_EQ(log(), "0\nNenhuma chamada nos logs de logsDrs\n");
-    fs::remove(DAY + ".log");
-    EXPECT_EQ(log(), "0\nNenhum log em logsDrs\n");
-}
-
-TEST(Log, WrongCommandLinesPrintOrChangeSomething) {
-    const WorkingDirectory folder;
-    put(DAY + ".log", begin("10:00:00", "ConsultarSAT", "1"));
+TEST(Log, ArgumentsChooseWhatIsShownOrAreRefused) {
     const std::pair<std::string, std::string> cases[] = {
-        {"--since 20310229", "--since: esperado um dia, AAAAMMDD ou AAAA-MM-DD, e não \"20310229\""},
-        {"--since 2031-2-28", "esperado um dia"},
-        {"--since 20310228x", "esperado um dia"},
-        {"--since ''", "esperado um dia"},
-        {"--dir absent",
-         "a pasta de logs absent não pode ser lida: No such file or directory; esperada uma que"},
+        {"--since 20310228", "0\nTime"},
+        {"--since 2031-03-01", "0\nNo logs in logsDrs since 20310301\n"},
+        {"--since 20310229", "--since: expected a day, YYYYMMDD or YYYY-MM-DD, not \"20310229\""},
+        {"--since 2031-2-28", "expected a day"},
+        {"--since 20310228x", "expected a day"},
+        {"--since ''", "expected a day"},
+        {"--since", "--since needs a value"},
+        {"--dir a --dir b", "--dir is given more than once"},
+        {"--json=x", "--json does not take the value \"x\""},
+        {"--dir absent", "cannot read the log folder absent: No such file or directory; expected one"},
+        {"--dir $(printf 'x\\033\\233')", "cannot read the log folder x??: No such"},
         {"--dir " + DAY + ".log", "Not a directory"},
-        {"--svg absent/picture.svg", "não é possível gravar absent/picture.svg: No such file or directory"},
-        {"--svg logsDrs", "logsDrs: não é um arquivo comum"},
-        {"--svg ./" + DAY + ".log", "é o nome de um log"},
-        {"--svg ''", "não é o nome de um arquivo"},
-        {"today", "not expected: today"},
-        {"-- today", "not expected: today"},
+        {"--svg absent/picture.svg", "cannot write absent/picture.svg: No such file or directory"},
+        {"--svg logsDrs", "logsDrs: not a regular file"},
+        {"--svg ./" + DAY + ".log", "it is the name of a log"},
+        {"--svg ''", "not the name of a file"},
+        {"--follow --json", "--follow cannot be combined"},
+        {"today", "unexpected argument: today"},
+        {"-- today", "unexpected argument: today"},
     };
+    const WorkingDirectory folder;
+    put(DAY + ".log", begin("10:00:00", "ConsultarSAT", "1"));
     for (const auto& [arguments, expected] : cases) {
         const std::string output = log(arguments);
+        EXPECT_THAT(output, HasSubstr(expected)) << arguments;
+        if (output[0] == '0') continue;
         EXPECT_EQ(output.substr(0, 15), "2\nfiscora log: ") << output;
-        EXPECT_NE(output.find(expected), std::string::npos) << output;
         EXPECT_EQ(std::count(output.begin(), output.end(), '\n'), 2) << output;
         EXPECT_EQ(shell("find . -type f"), "0\n./" + DAY + ".log\n") << arguments;
     }
+    put(DAY + ".log", "DRS Version: 01.00.01.001\n");
+    EXPECT_EQ(log(), "0\nNo calls in the logs of logsDrs\n");
 }
 
-TEST(Log, ThePictureIsBrokenOrLacksMarksOrDrawsThemElsewhere) {
+TEST(Log, ThePictureHasAMarkForEachOutcomeAndOnePanelForUnknownOperations) {
     const WorkingDirectory folder;
     std::string many;
-    for (int minute = 0; minute < 1200; ++minute) {  // one a minute, 20 of them a failure, 20 without end
+    for (int minute = 0; minute < 1200; ++minute) {  // one a minute; 20 fail, 20 have no end, 20 are refused
         const auto twoDigits = [](int number) { return std::to_string(100 + number).substr(1); };
         const std::string time = twoDigits(minute / 60) + ":" + twoDigits(minute % 60) + ":0";
         many += begin(time + "0", "ConsultarSAT", "1");
-        if (minute % 60 == 7) many += failure(time + "6", 32768);
-        if (minute % 60 != 7 && minute % 60 != 8) many += end(time + "6", "ConsultarSAT", "1");
+        const int kind = minute % 60;
+        if (kind == 7) many += failure(time + "6", 32768);
+        if (kind == 9)
+            many += end(time + "6", "ConsultarSAT", "1",
+                        "08098 rxCCCC: x rxMessage: x rxBufferSize: 1 status: 0");
+        if (kind < 7 || kind > 9) many += end(time + "6", "ConsultarSAT", "1");
     }
+    const std::string forged =
+        begin("10:00:00", "A<&>", "1") + begin("10:00:00", "B", "2") + failure("10:00:01", 1);
     const struct {
         std::string log;
-        std::size_t answered, failed, incomplete;  ///< marks, those of the legend not counted
+        std::size_t panels, answered, refused, failed,
+            incomplete;  ///< marks, those of the legend not counted
     } cases[] = {
-        {"", 0, 0, 0},
-        {begin("10:00:00", "A<&>", "1") + end("10:00:00", "A<&>", "1", "\"\x1b\xff rxCCCC: x status: 0"), 1,
-         0, 0},
-        {begin("10:00:00", "A", "1") + begin("10:00:00", "B", "2") + failure("10:00:01", 1), 0, 1, 1},
-        {many, 400, 20, 20},
+        {"", 0, 0, 0, 0, 0},
+        {end("10:00:00", "A<&>", "1", "\"\x1b\xff rxCCCC: \xef\xbf\xbf rxMessage: status: 0"), 1, 0, 1, 0, 0},
+        {forged, 1, 0, 0, 1, 1},
+        {many, 1, 400, 20, 20, 20},
     };
-    for (const auto& [text, answered, failed, incomplete] : cases) {
+    for (const auto& [text, panels, answered, refused, failed, incomplete] : cases) {
         put(DAY + ".log", text);
-        ASSERT_EQ(log("--svg picture.svg").substr(0, 2), "0\n");
+        const std::string output = log("--svg picture.svg");
+        ASSERT_EQ(output.substr(0, 2), "0\n");
+        EXPECT_EQ(output.find("\nothers ") != std::string::npos, !text.empty() && text != many) << output;
         pugi::xml_document picture;
         ASSERT_TRUE(picture.load_file("picture.svg"));
         const auto svg = picture.child("svg");
         const auto marks = [&](const std::string& name) {
             return svg.select_nodes(("g/" + name + "[title]").c_str());
         };
+        EXPECT_EQ(svg.select_nodes("text[@font-size=13]").size(), panels);
         EXPECT_GE(marks("circle").size(), answered);
         EXPECT_LE(marks("circle").size(), answered * 3);
+        EXPECT_EQ(marks("path[contains(@d,'5l5')]").size(), refused);
         EXPECT_EQ(marks("path[contains(@d,'8m')]").size(), failed);
-        EXPECT_EQ(marks("path[contains(@d,'z')]").size(), incomplete);
+        EXPECT_EQ(marks("path[contains(@d,'4z')]").size(), incomplete);
         for (const auto& mark : marks("circle")) {
             const int x = mark.node().attribute("cx").as_int(), y = mark.node().attribute("cy").as_int();
             EXPECT_TRUE(x >= 70 && x <= 955 && y > 70 && y < svg.attribute("height").as_int() - 60)
@@ -266,22 +302,71 @@ TEST(Log, ThePictureIsBrokenOrLacksMarksOrDrawsThemElsewhere) {
     }
 }
 
-TEST(Log, AFailedPictureTakesTheFileWithIt) {
+TEST(Log, AFailedPictureLeavesTheEarlierFile) {
     const WorkingDirectory folder;
     put(DAY + ".log", begin("10:00:00", "ConsultarSAT", "1"));
     put("pictures/old.svg", "old");
     fs::permissions("pictures/old.svg", fs::perms(0604));
     fs::create_symlink("pictures/old.svg", "link.svg");
-    const std::string failed = shell("trap '' XFSZ; ulimit -f 1; " FISCORA_TOOL " log --svg link.svg");
+    const std::string failed = shell("trap '' XFSZ; ulimit -f 1; " + LOG + "--svg link.svg");
     EXPECT_EQ(failed.substr(0, 2), "1\n");
-    EXPECT_NE(failed.find("\nfiscora log: não é possível gravar link.svg: File too large\n"),
-              std::string::npos)
-        << failed;
+    EXPECT_THAT(failed, HasSubstr("\nfiscora log: cannot write link.svg: File too large\n"));
     EXPECT_EQ(shell("cat pictures/old.svg"), "0\nold");
     EXPECT_EQ(log("--svg link.svg").substr(0, 2), "0\n");
-    EXPECT_EQ(shell("head -c 5 pictures/old.svg"), "0\n<?xml");
-    EXPECT_EQ(fs::status("pictures/old.svg").permissions(), fs::perms(0604));
+    EXPECT_EQ(shell("head -c 5 pictures/old.svg; stat -c %a pictures/old.svg"), "0\n<?xml604\n");
     EXPECT_EQ(shell("ls . pictures"), "0\n.:\nlink.svg\nlogsDrs\npictures\n\npictures:\nold.svg\n");
+}
+
+/// `fiscora log --follow` on a terminal of its own.
+class Following {
+  public:
+    explicit Following(const std::string& commandLine)
+        : m_pid(forkpty(&m_terminal, nullptr, nullptr, nullptr)) {
+        if (m_pid == 0) execl("/bin/sh", "sh", "-c", commandLine.c_str(), nullptr);
+    }
+    ~Following() { close(m_terminal); }
+    /// Reads on until `text` has come, or the end.
+    void waitFor(const std::string& text) {
+        char byte = 0;
+        while (shown.find(text) == std::string::npos && read(m_terminal, &byte, 1) == 1) shown += byte;
+    }
+    /// The exit status after Ctrl-C.
+    int interrupt() {
+        EXPECT_EQ(write(m_terminal, "\x03", 1), 1);
+        int status = -1;
+        waitpid(m_pid, &status, 0);
+        return status;
+    }
+    std::string shown;
+
+  private:
+    int m_terminal = -1;
+    pid_t m_pid;
+};
+
+TEST(Log, FollowShowsCallsAsTheyEndThroughTheChangeOfDay) {
+    for (const bool coloured : {true, false}) {
+        const WorkingDirectory folder;
+        const std::string today = "logsDrs/logDrs" + localTimeText("%Y%m%d") + ".log";
+        put(today, failure("09:00:00", 1) + begin("10:00:00", "ConsultarSAT", "000001"));
+        Following log("export TERM=xterm; " + std::string(coloured ? "exec " : "NO_COLOR=1 exec ") + "env " +
+                      LOG + "--follow");
+        log.waitFor("NO_ANSWER");
+        const std::string ending = end("10:00:02", "ConsultarSAT", "000001");
+        put(today, ending.substr(0, 50), std::ios::app);
+        put(today, ending.substr(50) + begin("23:59:59", "ConsultarSAT", "000002"), std::ios::app);
+        log.waitFor("08000");
+        put(today, end("23:59:59", "ConsultarSAT", "000002", "08098 rxCCCC: x status: 0"), std::ios::app);
+        fs::remove(today);
+        put("logsDrs/logDrs99991231.log",
+            begin("10:00:05", "EnviarDadosVenda", "3") + end("10:00:07", "EnviarDadosVenda", "3"));
+        log.waitFor("EnviarDadosVenda");
+        EXPECT_EQ(log.interrupt(), 0);
+        EXPECT_THAT(log.shown, AllOf(HasSubstr("000001      2 s  "), HasSubstr(" 08098")));
+        EXPECT_EQ(log.shown.find("\033[31mfailed\033[m NO_ANSWER") != std::string::npos, coloured)
+            << log.shown;
+        EXPECT_EQ(log.shown.find('\033') != std::string::npos, coloured) << log.shown;
+    }
 }
 
 }  // namespace

@@ -1,6 +1,5 @@
 #include "LogCommand.h"
 
-#include <fnmatch.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -13,6 +12,7 @@
 #include <memory>
 #include <optional>
 
+#include "diagnostics/log_names.h"
 #include "i18n.h"
 #include "local_time.h"
 #include "log/Exchanges.h"
@@ -50,7 +50,7 @@ std::vector<logs::LogFile> logsIn(const fs::path& directory, const std::string& 
 
 /// `given`, or the log directory in it: the working directory of the application is easily taken for it.
 fs::path logDirectory(const fs::path& given) {
-    const fs::path inside = (given / "logsDrs").lexically_normal();
+    const fs::path inside = (given / LOG_DIRECTORY).lexically_normal();
     std::error_code error;
     return logsIn(given, "").empty() && fs::is_directory(inside, error) ? inside : given;
 }
@@ -69,7 +69,7 @@ class PictureFile {
         }
         const std::string name = m_path.filename();
         if (name.empty()) refuse(tr("not the name of a file"));
-        if (fnmatch("logDrs*", name.c_str(), 0) == 0) refuse(tr("it is the name of a log"));
+        if (name.rfind(LOG_PREFIX, 0) == 0) refuse(tr("it is the name of a log"));
         m_new = m_path.string() + "." + std::to_string(getpid()) + ".new";
         if (!create()) refuse(tool::systemError(errno));
         std::remove(m_new.c_str());

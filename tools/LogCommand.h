@@ -1,6 +1,7 @@
 #pragma once
 
 #include "Subcommand.h"
+#include "diagnostics/log_names.h"
 
 namespace tool {
 
@@ -12,7 +13,7 @@ class LogCommand : public Subcommand {
     int run(const std::vector<std::string>& operands) override;
 
   private:
-    std::string m_directory = "logsDrs";
+    std::string m_directory = LOG_DIRECTORY;
     std::string m_since;  ///< YYYYMMDD, or empty
     std::string m_picturePath;
     bool m_json = false;

@@ -1,7 +1,6 @@
 // What a call needs besides the device: a folder for its log and the programs that it starts.
 
 #include <fcntl.h>
-#include <fnmatch.h>
 #include <paths.h>
 #include <sys/stat.h>
 #include <unistd.h>
@@ -10,6 +9,7 @@
 #include <filesystem>
 #include <system_error>
 
+#include "diagnostics/log_names.h"
 #include "doctor/Examination.h"
 #include "i18n.h"
 #include "local_time.h"
@@ -23,14 +23,14 @@ namespace {
 
 namespace fs = std::filesystem;
 
-/// Of the debug log, in the working directory.
-constexpr char LOG_DIRECTORY[] = "logsDrs";
-
 bool isWritable(const std::string& path, int mode) {
     return faccessat(AT_FDCWD, path.c_str(), mode, AT_EACCESS) == 0;
 }
 
-bool matches(const char* pattern, const std::string& name) { return fnmatch(pattern, name.c_str(), 0) == 0; }
+bool endsWith(const std::string& name, const std::string& suffix) {
+    return name.size() >= suffix.size() &&
+           name.compare(name.size() - suffix.size(), suffix.size(), suffix) == 0;
+}
 
 /// Only a warning: no fault of the log fails a call.
 Finding withoutLog(const std::string& found, const std::string& remedy) {
@@ -63,9 +63,10 @@ Finding checkLogs(const std::string& place) {
     for (fs::directory_iterator entry(LOG_DIRECTORY, unreadable), end; !unreadable && entry != end;
          entry.increment(unreadable)) {
         const std::string name = entry->path().filename();
-        if (matches("logDrs*.log", name)) ++logs;
-        if (matches("logDrs*.tar.gz", name)) ++archives;
-        if (matches("logDrs*.log.tar.gz", name)) unnamed.push_back(name);
+        if (name.rfind(LOG_PREFIX, 0) != 0) continue;
+        if (endsWith(name, LOG_SUFFIX)) ++logs;
+        if (endsWith(name, ARCHIVE_SUFFIX)) ++archives;
+        if (endsWith(name, std::string(LOG_SUFFIX) + ARCHIVE_SUFFIX)) unnamed.push_back(name);
     }
     const std::string user = userName();
     const std::string mend = adviceFor(place);
@@ -74,7 +75,8 @@ Finding checkLogs(const std::string& place) {
                           mend);
     const std::string found = place + ": " + filled(tr("%lu log", "%lu logs", logs), logs) + ", " +
                               filled(tr("%lu archive .tar.gz", "%lu archives .tar.gz", archives), archives);
-    const std::string today = std::string(LOG_DIRECTORY) + "/logDrs" + localTimeText("%Y%m%d") + ".log";
+    const std::string today =
+        std::string(LOG_DIRECTORY) + "/" + LOG_PREFIX + localTimeText("%Y%m%d") + LOG_SUFFIX;
     if (!isWritable(LOG_DIRECTORY, W_OK | X_OK))
         return withoutLog(filled(tr("%s; %s may not write to it"), found.c_str(), user.c_str()), mend);
     if (fs::exists(today, unreadable) && !fs::is_regular_file(today, unreadable))

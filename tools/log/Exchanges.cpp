@@ -69,8 +69,9 @@ std::string answerText(std::string_view rest) {
 /// By the tax authority's tables, codes of success end in three zeros.
 bool isSuccess(std::string_view code) { return code.size() == 5 && code.substr(2) == "000"; }
 
-bool fits(const Exchange& exchange, std::time_t end, std::string_view code, int status) {
-    if (code != NO_ANSWER_CODE && code != exchange.operation) return false;
+/// `operation` is the answer's, empty if no answer came.
+bool fits(const Exchange& exchange, std::time_t end, const std::string& operation, int status) {
+    if (!operation.empty() && operation != exchange.operation) return false;
     const auto* const known = manipulaDados::findOperation(exchange.operation);
     const long timeout = known == nullptr ? LONGEST_TIMEOUT_SECONDS : known->timeoutMs / 1000;
     const long open = end - *exchange.start;
@@ -176,7 +177,8 @@ bool Exchanges::ends(std::time_t time, std::string_view text) {
 
 Exchange& Exchanges::endedExchange(std::time_t time, std::string_view code, std::string_view session,
                                    int status) {
-    const auto fitting = [&](std::size_t place) { return fits(m_all[place], time, code, status); };
+    const std::string operation = code == NO_ANSWER_CODE ? "" : shown(code, OPERATION_COLUMNS);
+    const auto fitting = [&](std::size_t place) { return fits(m_all[place], time, operation, status); };
     const std::string number = shown(session, SESSION_COLUMNS);
     const auto hasSession = [&](std::size_t place) {
         return fitting(place) && m_all[place].session == number;
@@ -184,7 +186,6 @@ Exchange& Exchanges::endedExchange(std::time_t time, std::string_view code, std:
     auto found = std::find_if(m_open.rbegin(), m_open.rend(), hasSession);
     if (found == m_open.rend()) found = std::find_if(m_open.rbegin(), m_open.rend(), fitting);
     if (found == m_open.rend()) {
-        const std::string operation = code == NO_ANSWER_CODE ? "" : shown(code, OPERATION_COLUMNS);
         m_all.push_back({operation, number, {}, {}, {}, {}, {}});
         return m_all.back();
     }

@@ -10,6 +10,7 @@
 #include <stdexcept>
 #include <tuple>
 
+#include "diagnostics/log_names.h"
 #include "i18n.h"
 #include "log/Lines.h"
 
@@ -18,10 +19,10 @@ namespace {
 
 namespace fs = std::filesystem;
 
-constexpr std::string_view PREFIX = "logDrs";
+constexpr std::string_view PREFIX = LOG_PREFIX;
 constexpr std::size_t DAY_DIGITS = 8;
 /// What follows the day, by LogFile::Kind.
-constexpr std::string_view SUFFIXES[] = {".tar.gz", ".log.tar.gz", ".log"};
+const std::string SUFFIXES[] = {ARCHIVE_SUFFIX, std::string(LOG_SUFFIX) + ARCHIVE_SUFFIX, LOG_SUFFIX};
 
 constexpr std::size_t CHUNK_BYTES = 65536;
 
@@ -67,7 +68,7 @@ class Content {
         if (isLog)
             nextEntry();
         else
-            findEntry(std::string(PREFIX) + m_file.day + std::string(SUFFIXES[LogFile::LOG]));
+            findEntry(LOG_PREFIX + m_file.day + LOG_SUFFIX);
         m_isOpen = true;
     }
 
