@@ -253,17 +253,15 @@ TEST(Log, ArgumentsChooseWhatIsShownOrAreRefused) {
 
 TEST(Log, ThePictureHasAMarkForEachOutcomeAndOnePanelForUnknownOperations) {
     const WorkingDirectory folder;
+    const std::string refusal = "08098 rxCCCC: x rxMessage: x rxBufferSize: 1 status: 0";
     std::string many;
-    for (int minute = 0; minute < 1200; ++minute) {  // one a minute; 20 fail, 20 have no end, 20 are refused
-        const auto twoDigits = [](int number) { return std::to_string(100 + number).substr(1); };
-        const std::string time = twoDigits(minute / 60) + ":" + twoDigits(minute % 60) + ":0";
-        many += begin(time + "0", "ConsultarSAT", "1");
-        const int kind = minute % 60;
-        if (kind == 7) many += failure(time + "6", 32768);
-        if (kind == 9)
-            many += end(time + "6", "ConsultarSAT", "1",
-                        "08098 rxCCCC: x rxMessage: x rxBufferSize: 1 status: 0");
-        if (kind < 7 || kind > 9) many += end(time + "6", "ConsultarSAT", "1");
+    for (int i = 0; i < 1200; ++i) {  // one a minute; 20 fail, 20 have no end, 20 are refused
+        const std::string sat = "ConsultarSAT", hour = std::to_string(100 + i / 60).substr(1),
+                          time = hour + ":" + std::to_string(100 + i % 60).substr(1) + ":0";
+        many += begin(time + "0", sat, "1");
+        if (i % 60 == 7) many += failure(time + "6", 32768);
+        if (i % 60 == 9) many += end(time + "6", sat, "1", refusal);
+        if (i % 60 < 7 || i % 60 > 9) many += end(time + "6", sat, "1");
     }
     const std::string forged =
         begin("10:00:00", "A<&>", "1") + begin("10:00:00", "B", "2") + failure("10:00:01", 1);
@@ -317,55 +315,38 @@ TEST(Log, AFailedPictureLeavesTheEarlierFile) {
     EXPECT_EQ(shell("ls . pictures"), "0\n.:\nlink.svg\nlogsDrs\npictures\n\npictures:\nold.svg\n");
 }
 
-/// `fiscora log --follow` on a terminal of its own.
-class Following {
-  public:
-    explicit Following(const std::string& commandLine)
-        : m_pid(forkpty(&m_terminal, nullptr, nullptr, nullptr)) {
-        if (m_pid == 0) execl("/bin/sh", "sh", "-c", commandLine.c_str(), nullptr);
-    }
-    ~Following() { close(m_terminal); }
-    /// Reads on until `text` has come, or the end.
-    void waitFor(const std::string& text) {
-        char byte = 0;
-        while (shown.find(text) == std::string::npos && read(m_terminal, &byte, 1) == 1) shown += byte;
-    }
-    /// The exit status after Ctrl-C.
-    int interrupt() {
-        EXPECT_EQ(write(m_terminal, "\x03", 1), 1);
-        int status = -1;
-        waitpid(m_pid, &status, 0);
-        return status;
-    }
-    std::string shown;
-
-  private:
-    int m_terminal = -1;
-    pid_t m_pid;
-};
-
 TEST(Log, FollowShowsCallsAsTheyEndThroughTheChangeOfDay) {
     for (const bool coloured : {true, false}) {
         const WorkingDirectory folder;
-        const std::string today = "logsDrs/logDrs" + localTimeText("%Y%m%d") + ".log";
-        put(today, failure("09:00:00", 1) + begin("10:00:00", "ConsultarSAT", "000001"));
-        Following log("export TERM=xterm; " + std::string(coloured ? "exec " : "NO_COLOR=1 exec ") + "env " +
-                      LOG + "--follow");
-        log.waitFor("NO_ANSWER");
-        const std::string ending = end("10:00:02", "ConsultarSAT", "000001");
+        const std::string today = "logsDrs/logDrs" + localTimeText("%Y%m%d") + ".log", sat = "ConsultarSAT";
+        put(today, failure("09:00:00", 1) + begin("10:00:00", sat, "000001"));
+        const std::string tool =
+            std::string("TERM=xterm NO_COLOR=") + (coloured ? "" : "1") + " " + LOG + "--follow";
+        int terminal = -1;
+        const pid_t pid = forkpty(&terminal, nullptr, nullptr, nullptr);
+        if (pid == 0) _exit(execl("/bin/sh", "sh", "-c", ("exec env " + tool).c_str(), nullptr));
+        std::string shown;
+        const auto waitFor = [&](const std::string& text) {
+            for (char byte; shown.find(text) == std::string::npos && read(terminal, &byte, 1) == 1;)
+                shown += byte;
+        };
+        waitFor("NO_ANSWER");
+        const std::string ending = end("10:00:02", sat, "000001");
         put(today, ending.substr(0, 50), std::ios::app);
-        put(today, ending.substr(50) + begin("23:59:59", "ConsultarSAT", "000002"), std::ios::app);
-        log.waitFor("08000");
-        put(today, end("23:59:59", "ConsultarSAT", "000002", "08098 rxCCCC: x status: 0"), std::ios::app);
+        put(today, ending.substr(50) + begin("23:59:59", sat, "000002"), std::ios::app);
+        waitFor("08000");
+        put(today, end("23:59:59", sat, "000002", "08098 rxCCCC: x status: 0"), std::ios::app);
         fs::remove(today);
-        put("logsDrs/logDrs99991231.log",
-            begin("10:00:05", "EnviarDadosVenda", "3") + end("10:00:07", "EnviarDadosVenda", "3"));
-        log.waitFor("EnviarDadosVenda");
-        EXPECT_EQ(log.interrupt(), 0);
-        EXPECT_THAT(log.shown, AllOf(HasSubstr("000001      2 s  "), HasSubstr(" 08098")));
-        EXPECT_EQ(log.shown.find("\033[31mfailed\033[m NO_ANSWER") != std::string::npos, coloured)
-            << log.shown;
-        EXPECT_EQ(log.shown.find('\033') != std::string::npos, coloured) << log.shown;
+        put("logsDrs/logDrs99991231.log", begin("10:00:05", "Nova", "3") + end("10:00:07", "Nova", "3"));
+        waitFor("Nova");
+        EXPECT_EQ(write(terminal, "\x03", 1), 1);  // Ctrl-C
+        int status = -1;
+        waitpid(pid, &status, 0);
+        close(terminal);
+        EXPECT_EQ(status, 0) << shown;
+        EXPECT_THAT(shown, AllOf(HasSubstr("000001      2 s  "), HasSubstr(" 08098")));
+        EXPECT_EQ(shown.find("\033[31mfailed\033[m NO_ANSWER") != std::string::npos, coloured) << shown;
+        EXPECT_EQ(shown.find('\033') != std::string::npos, coloured) << shown;
     }
 }
 

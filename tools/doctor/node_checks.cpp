@@ -120,21 +120,21 @@ Finding checkPermission(Examination& examination) {
     if (faccessat(AT_FDCWD, node.c_str(), R_OK | W_OK, AT_EACCESS) == 0)
         return ok(
             geteuid() == 0 && servesGroup
-                ? filled(tr("%s may read and write %s; an application of another user needs the group %s"),
+                ? filled(tr("%s can read and write %s; an application of another user needs the group %s"),
                          user.c_str(), rights.c_str(), group.c_str())
-                : filled(tr("%s may read and write %s"), user.c_str(), rights.c_str()));
+                : filled(tr("%s can read and write %s"), user.c_str(), rights.c_str()));
 
     if (!servesGroup || isInGroup(status.st_gid))
         return error(
-            filled(tr("%s may not read and write %s"), user.c_str(), rights.c_str()),
+            filled(tr("%s cannot read and write %s"), user.c_str(), rights.c_str()),
             tr("Install the udev rule that comes with the library (package libfiscora1), so that the group "
                "dialout gets the node, and reconnect the USB cable."));
     if (isRegisteredInGroup(status.st_gid))
         return error(
-            filled(tr("%s may not read and write %s: already in the group %s, but this session is older"),
+            filled(tr("%s cannot read and write %s: already in the group %s, but this session is older"),
                    user.c_str(), rights.c_str(), group.c_str()),
             tr("Log out and in again, and restart the application."));
-    return error(filled(tr("%s may not read and write %s and is not in the group %s"), user.c_str(),
+    return error(filled(tr("%s cannot read and write %s and is not in the group %s"), user.c_str(),
                         rights.c_str(), group.c_str()),
                  filled(tr("Run \"sudo usermod -aG %s %s\", then log out and in again."), group.c_str(),
                         user.c_str()));
@@ -166,7 +166,7 @@ Finding checkTerminal(Examination& examination) {
     if (examination.simulatedLine != nullptr && !isSimulatedLine(line.get(), examination.simulatedLine))
         return error(tr("the simulated line cannot be opened"), tr("Run \"fiscora sim -- fiscora doctor\"."));
     if (line.get() < 0 && errno == EBUSY)
-        return error(filled(tr("another process has %s open for itself alone"), node.c_str()),
+        return error(filled(tr("another process has %s open exclusively"), node.c_str()),
                      tr("End the process that has it open."));
     if (line.get() < 0)
         return error(filled(tr("cannot open %s: %s"), node.c_str(), reason(errno).c_str()),
@@ -177,7 +177,7 @@ Finding checkTerminal(Examination& examination) {
     if (!examination.holders.empty())
         return warning(filled(tr("%s can be opened and is a terminal, but it is also open in %s"),
                               node.c_str(), describe(examination.holders).c_str()),
-                       tr("As long as it is, one program takes the other's answers."));
+                       tr("As long as it is, each program can take the other's answers."));
     return ok(filled(tr("%s can be opened and is a terminal"), node.c_str()));
 }
 

@@ -53,7 +53,7 @@ std::string targetOf(const std::string& name) {
 }
 
 std::string usbDevice(const std::string& product, const std::string& port) {
-    return filled(tr("%s:%s at USB port %s"), serial::SERIAL_VENDOR_ID.c_str(), product.c_str(),
+    return filled(tr("%s:%s on USB port %s"), serial::SERIAL_VENDOR_ID.c_str(), product.c_str(),
                   port.c_str());
 }
 
@@ -63,15 +63,15 @@ Finding missingEntry(Examination& examination, const std::vector<std::string>& n
     if (failure && failure != std::errc::no_such_file_or_directory)
         return error(filled(tr("cannot read %s: %s"), BY_ID, reason(failure.value()).c_str()),
                      tr("Run this as the application's user and check the folder's permissions."));
-    if (!examination.usbDevicePresent) return skipped(tr("without the device at the USB there is no entry"));
+    if (!examination.usbDevicePresent) return skipped(tr("no entry, because the device is not connected"));
     const std::unique_ptr<char, decltype(&std::free)> terminal(examination.channel.findUsbDeviceByVendorId(),
                                                                &std::free);
     if (!terminal)
-        return error(tr("the device is at the USB, but the kernel has not created its serial port"),
+        return error(tr("the device is connected, but the kernel has not created its serial port"),
                      tr("Load the driver with \"sudo modprobe cdc_acm\" and reconnect the USB cable."));
     if (failure)
         return error(
-            filled(tr("there is no %s, although the device is %s"), BY_ID, terminal.get()),
+            filled(tr("%s does not exist, although the device is %s"), BY_ID, terminal.get()),
             tr("Start udev with \"sudo systemctl start systemd-udevd\" and reconnect the USB cable; in a "
                "container, mount /dev/serial."));
     return error(

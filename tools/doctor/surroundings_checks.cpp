@@ -78,11 +78,11 @@ Finding checkLogs(const std::string& place) {
     const std::string today =
         std::string(LOG_DIRECTORY) + "/" + LOG_PREFIX + localTimeText("%Y%m%d") + LOG_SUFFIX;
     if (!isWritable(LOG_DIRECTORY, W_OK | X_OK))
-        return withoutLog(filled(tr("%s; %s may not write to it"), found.c_str(), user.c_str()), mend);
+        return withoutLog(filled(tr("%s; %s cannot write to it"), found.c_str(), user.c_str()), mend);
     if (fs::exists(today, unreadable) && !fs::is_regular_file(today, unreadable))
         return withoutLog(filled(tr("%s is not a file"), today.c_str()), tr("Rename it."));
     if (fs::exists(today, unreadable) && !isWritable(today, W_OK))
-        return withoutLog(filled(tr("%s; %s may not write today's log"), found.c_str(), user.c_str()), mend);
+        return withoutLog(filled(tr("%s; %s cannot write today's log"), found.c_str(), user.c_str()), mend);
     if (fs::space(LOG_DIRECTORY, unreadable).available == 0)
         return withoutLog(filled(tr("%s; the disk is full"), found.c_str()), tr("Free some space."));
     if (!unnamed.empty())
@@ -104,7 +104,7 @@ Finding checkLogDirectory(Examination& /*examination*/) {
     std::error_code failure;
     const fs::path here = fs::current_path(failure);
     if (failure)
-        return warning(tr("the working directory does not exist any more"),
+        return warning(tr("the working directory no longer exists"),
                        tr("Change to the application's folder and run this again."));
     const std::string place = here / LOG_DIRECTORY;
     const fs::file_status entry = fs::symlink_status(LOG_DIRECTORY, failure);
@@ -112,8 +112,8 @@ Finding checkLogDirectory(Examination& /*examination*/) {
         if (isWritable(".", W_OK | X_OK))
             return ok(filled(tr("%s does not exist yet and can be created"), place.c_str()));
         return withoutLog(
-            filled(tr("%s does not exist, and %s may not create it"), place.c_str(), userName().c_str()),
-            tr("Run the application in a folder that it may write."));
+            filled(tr("%s does not exist, and %s cannot create it"), place.c_str(), userName().c_str()),
+            tr("Run the application in a folder that it can write to."));
     }
     if (!fs::is_directory(LOG_DIRECTORY, failure))
         return withoutLog(filled(tr("%s is not a folder"), place.c_str()), tr("Rename it."));
