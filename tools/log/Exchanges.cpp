@@ -20,7 +20,7 @@ constexpr const char* LOG_TIMES[] = {"%Y-%m-%d.%H:%M:%S", "%Y-%m-%d.%I:%M:%S %p"
 /// The code of a message that no answer has filled.
 constexpr std::string_view NO_ANSWER_CODE = "0";
 
-/// How often an answer of a wrong kind can start the timeout anew.
+/// How often an answer of a wrong kind can restart the timeout.
 constexpr long MAX_RESTARTS = 5;
 /// How much longer than its timeouts an exchange can last: finding the device, sending, closing the port.
 constexpr long MARGIN_SECONDS = 120;
@@ -58,7 +58,7 @@ std::string shown(std::string_view field, std::size_t columns) {
 }
 
 /// The text to EEEEE from what follows it, "CCCC rxMessage: ...". Most answers have no CCCC: their text
-/// stands in its place.
+/// takes its place.
 std::string answerText(std::string_view rest) {
     std::string_view message = rest;
     const auto content = takeUntil(message, " rxMessage: ").value_or(rest);
@@ -112,7 +112,7 @@ std::optional<long> Exchange::duration() const {
 }
 
 void Exchanges::take(std::string_view line) {
-    if (!line.empty() && line.back() == '\r') line.remove_suffix(1);  // of a copy by way of Windows
+    if (!line.empty() && line.back() == '\r') line.remove_suffix(1);  // of a copy made on Windows
     if (!isTaken(line)) ++m_damagedLines;
 }
 

@@ -25,7 +25,7 @@ enum class Outcome {
 };
 constexpr std::size_t OUTCOMES = 4;
 
-/// One call of a fiscal function, as far as the log tells. Texts are short UTF-8 without control characters;
+/// What the log tells of one call of a fiscal function. Texts are short UTF-8 without control characters;
 /// an empty one is not known.
 struct Exchange {
     std::string operation;

@@ -43,7 +43,7 @@ void LiveLog::readRest(File& file) {
     const int fd = file.descriptor.get();
     struct stat status {};
     if (fstat(fd, &status) == 0 && status.st_size < lseek(fd, 0, SEEK_CUR))
-        lseek(fd, 0, SEEK_SET);  // begun anew
+        lseek(fd, 0, SEEK_SET);  // truncated
     std::array<char, 65536> bytes{};
     for (ssize_t count; (count = ::read(fd, bytes.data(), bytes.size())) > 0;)
         file.lines.add({bytes.data(), static_cast<std::size_t>(count)});

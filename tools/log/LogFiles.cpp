@@ -123,7 +123,7 @@ std::string nextIfReadable(Content& content, std::size_t bytes) {
     }
 }
 
-/// Whether `later` begins with `earlier`. Throws if `earlier` is damaged and `later` begins with what stands
+/// Whether `later` begins with `earlier`. Throws if `earlier` is damaged and `later` begins with the part
 /// before the damage.
 bool beginsWith(const LogFile& later, const LogFile& earlier) {
     Content whole(later), beginning(earlier);

@@ -19,8 +19,8 @@ std::string durationText(const std::optional<long>& seconds);
 /// What became of the call, with the device's code or the status: "refused 06010".
 std::string resultText(const Exchange& exchange);
 
-/// The operation, as far as totals and pictures tell operations apart: empty if this version has no such
-/// operation. However many names a log makes up, there are no more groups than operations and one.
+/// Totals and pictures go by groups: the operation by its name, or empty if this version has no such
+/// operation. Whatever names a log makes up, there is at most one group more than operations.
 std::string groupOf(const Exchange& exchange);
 /// The group's name for people.
 std::string groupName(const std::string& group);
