@@ -1,7 +1,9 @@
 #include "surroundings.h"
 
+#include <sys/wait.h>
 #include <unistd.h>
 
+#include <chrono>
 #include <cstdio>
 #include <cstdlib>
 #include <iostream>
@@ -29,4 +31,14 @@ Undo closeOutput() {
                 std::clearerr(stdout);
                 std::cout.clear();
             }};
+}
+
+ShellResult runShell(const std::string& line) {
+    const auto start = std::chrono::steady_clock::now();
+    FILE* const stream = popen(("{ " + line + "\n} 2>&1").c_str(), "r");
+    std::string output;
+    for (int byte; (byte = std::fgetc(stream)) != EOF;) output += static_cast<char>(byte);
+    const int status = pclose(stream);
+    const std::chrono::duration<double> duration = std::chrono::steady_clock::now() - start;
+    return {WIFEXITED(status) ? WEXITSTATUS(status) : -1, output, duration.count()};
 }

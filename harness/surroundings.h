@@ -14,3 +14,11 @@ Undo limit(decltype(RLIMIT_FSIZE) resource, rlim_t most);
 Undo searchIn(const std::string& path);
 /// Closes the standard output, and forgets its errors in the end.
 Undo closeOutput();
+
+/// How a shell line ended; exit status -1: by a signal.
+struct ShellResult {
+    int exitStatus;
+    std::string output;  ///< standard output and error together
+    double seconds;
+};
+ShellResult runShell(const std::string& line);

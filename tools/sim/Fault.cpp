@@ -3,22 +3,23 @@
 #include <algorithm>
 
 #include "fiscora.h"
+#include "i18n.h"
 
 namespace sim {
 namespace {
 
 using std::chrono::milliseconds;
 
-/// Between two answers, so that they come by two reads: more than the 100 ms that the library pauses behind
-/// its request.
+/// Between two answers, so that each comes with a read of its own: more than the 100 ms that the library
+/// pauses after its request.
 constexpr milliseconds BETWEEN_ANSWERS{300};
 constexpr milliseconds BETWEEN_BYTES{1};
 
-/// The library passes over five answers and gives up at the sixth.
+/// The library ignores five wrong answers and gives up at the sixth.
 constexpr unsigned ONE_TOO_MANY = 6;
 
 constexpr std::size_t LONG_HEAD = 5000;                      // bytes; a reader takes 4097
-constexpr std::size_t MISSING_BYTES = 100;                   // of a body, behind what is sent
+constexpr std::size_t MISSING_BYTES = 100;                   // of a body, after what is sent
 constexpr std::size_t BOMB = std::size_t{16} * 1024 * 1024;  // bytes; about 16 KiB on the line
 constexpr char JUNK[] = "\x01\xfejunk\r\n";
 
@@ -27,8 +28,8 @@ std::string withHeader(pbs::Message answer, const std::string& key, const std::s
     return answer.toString();
 }
 
-/// `zlibStream`, which need not be one, under the head of a compressed answer that announces the own answer's
-/// sizes.
+/// `zlibStream`, which need not be one, as the body of a compressed answer whose head announces the sizes of
+/// `answer`.
 std::string withCompressedBody(pbs::Message answer, const std::string& zlibStream) {
     answer.setBody(zlibStream);
     answer.addHeader(pbs::HDR_CONTENT_TYPE, pbs::HDR_CONTENT_COMPRESSED);
@@ -42,7 +43,7 @@ std::string compressed(const std::string& text) {
     return message.body();
 }
 
-/// The frame, `count` times, then the own answer.
+/// The frame, `count` times, then the device's own answer.
 Transmission before(const Exchange& exchange, const std::string& frame, unsigned count) {
     Transmission line{std::vector(count, frame), BETWEEN_ANSWERS};
     line.pieces.push_back(exchange.answer.toString());
@@ -129,57 +130,86 @@ Transmission byteByByte(const Exchange& exchange) {
 }  // namespace
 
 const std::vector<Fault>& faults() {
+    using tool::translatable;
     static const std::vector<Fault> table{
-        {"silence", 0, 32768,
-         "no answer, after the operation's whole time; where that is longer, 2 after 50 s",
-         "ask the device (ConsultarNumeroSessao) before you send a document again: it may have booked it",
+        {"silence", 0, 32768, Answer::None,
+         translatable(
+             "no answer, after the operation's whole time; if that is more than 50 s, status 2 after 50 s"),
+         translatable(
+             "ask the device (ConsultarNumeroSessao) before you send a document again: it may have booked it"),
          silence},
-        {"silence-in-answer", 0, 32768, "half of the answer, and the call waits for the rest as in silence",
-         "half of an answer is no answer: the result stays empty", silenceInAnswer},
-        {"hang-up", 0, 2, "the line fails in place of the answer; the next call finds the device again",
-         "the device has done its work all the same: ask it before you send a document again", hangUp},
-        {"hang-up-in-answer", 0, 2, "the line fails after half of the answer; the next call finds it again",
-         "as for hang-up: what had arrived of the answer is lost", hangUpInAnswer},
-        {"refused-write", 0, 2,
-         "the line fails at the request's first bytes, and the rest of a large request is refused",
-         "it looks like hang-up, but the device knows nothing of the request: only asking it tells which",
+        {"silence-in-answer", 0, 32768, Answer::None,
+         translatable("half of the answer; the call waits for the rest as in silence"),
+         translatable("half an answer counts as none: the result stays empty"), silenceInAnswer},
+        {"hang-up", 0, 2, Answer::None,
+         translatable("the line fails instead of the answer; the next call finds the device again"),
+         translatable("the device has done its work all the same: ask it before you send a document again"),
+         hangUp},
+        {"hang-up-in-answer", 0, 2, Answer::None,
+         translatable("the line fails after half of the answer; the next call finds the device again"),
+         translatable("as for hang-up; the half that arrived is lost"), hangUpInAnswer},
+        {"refused-write", 0, 2, Answer::None,
+         translatable(
+             "the line fails at the first bytes of the request; the rest of a large request is refused"),
+         translatable(
+             "it looks like hang-up, but the device knows nothing of the request: only asking it tells which"),
          nullptr},
-        {"wrong-code", ONE_TOO_MANY, 4,
-         "COUNT answers to another command (default 6), then the right one; with up to 5 it is that, status 0",
-         "each answer passed over starts the time anew: a call can last six times its time", wrongCode},
-        {"too-large", ONE_TOO_MANY, 4,
-         "COUNT answers of 1,572,865 bytes, one byte too many, then the right one: as wrong-code",
-         "an answer is never cut: it is there as a whole, or not at all", tooLarge},
-        {"bad-checksum", 0, 1, "no answer, at once: its checksum is wrong",
-         "status 1 is not only a missing device: ask it before you send a document again", badChecksum},
-        {"bad-head", 0, 32768, "no answer: a line of its head has no \":\", and the call waits as in silence",
-         "a device that answers can look silent; a slow line, whose reads can end there, can make it status 1",
+        {"wrong-code", ONE_TOO_MANY, 4, Answer::None,
+         translatable(
+             "COUNT answers to another command (default 6), then the right one; up to 5 are ignored and the status is 0"),
+         translatable("each ignored answer restarts the time: a call can last six times as long"), wrongCode},
+        {"too-large", ONE_TOO_MANY, 4, Answer::None,
+         translatable(
+             "COUNT answers of 1,572,865 bytes, one byte too many, then the right one; otherwise as wrong-code"),
+         translatable("an answer is never cut: you get all of it or nothing"), tooLarge},
+        {"bad-checksum", 0, 1, Answer::None, translatable("no answer, at once: its checksum is wrong"),
+         translatable(
+             "status 1 does not only mean that no device was found: ask it before you send a document again"),
+         badChecksum},
+        {"bad-head", 0, 32768, Answer::None,
+         translatable("no answer: a line of its head has no \":\"; the call waits as in silence"),
+         translatable(
+             "a device that answers can seem silent; on a slow line, where a read can end there, the status can be 1"),
          badHead},
-        {"long-head", 0, 32768, "no answer: its head has more than 4097 bytes; the call waits as in silence",
-         "as for bad-head", longHead},
-        {"negative-size", 0, 32768, "no answer: its head announces -1 bytes; the call waits as in silence",
-         "as for bad-head", negativeSize},
-        {"missing-bytes", 0, 32768,
-         "no answer: its head announces more bytes than come, and the call waits for them as in silence",
-         "as for silence-in-answer", missingBytes},
-        {"bad-body", 0, 0, "the answer cannot be inflated, and the result is its compressed bytes",
-         "status 0 is not enough: look whether field 0 is your session number and field 1 five digits",
+        {"long-head", 0, 32768, Answer::None,
+         translatable("no answer: its head has more than 4097 bytes; the call waits as in silence"),
+         translatable("as for bad-head"), longHead},
+        {"negative-size", 0, 32768, Answer::None,
+         translatable("no answer: its head announces -1 bytes; the call waits as in silence"),
+         translatable("as for bad-head"), negativeSize},
+        {"missing-bytes", 0, 32768, Answer::None,
+         translatable(
+             "no answer: its head announces more bytes than come; the call waits for them as in silence"),
+         translatable("as for silence-in-answer"), missingBytes},
+        {"bad-body", 0, 0, Answer::Compressed,
+         translatable("the answer cannot be decompressed; the result is its compressed bytes"),
+         translatable(
+             "status 0 is not enough: check that field 0 is your session number and field 1 has five digits"),
          badBody},
-        {"bomb", 0, 0,
-         "16 KiB that inflate to 16 MiB, more than announced: not inflated, the result is their bytes",
-         "as for bad-body", bomb},
-        {"junk-before", 0, 0, "stray bytes before the answer are skipped", "nothing to do", junkBefore},
-        {"junk-behind", 0, 32768,
-         "stray bytes right behind the answer: it is the result, yet the call waits on as in silence",
-         "look into the result after a timeout as well; a slow line can make it status 0", junkBehind},
-        {"two-answers", 0, 0, "the answer comes twice at once, and is the result once", "nothing to do",
-         twoAnswers},
-        {"previous-answer", 0, 0,
-         "the answer of the exchange before comes first, and is the result if both are of one operation",
-         "hold field 0 against your session number (the first exchange has none before it, and is right)",
+        {"bomb", 0, 0, Answer::Compressed,
+         translatable(
+             "16 KiB that would grow to 16 MiB, more than announced; they are not decompressed and are the result"),
+         translatable("as for bad-body"), bomb},
+        {"junk-before", 0, 0, Answer::Own, translatable("stray bytes before the answer are skipped"),
+         translatable("nothing to do"), junkBefore},
+        {"junk-behind", 0, 32768, Answer::Own,
+         translatable(
+             "stray bytes right after the answer: it is the result, but the call waits on as in silence"),
+         translatable("look at the result after a timeout too; on a slow line the status can be 0"),
+         junkBehind},
+        {"two-answers", 0, 0, Answer::Own,
+         translatable("the answer comes twice at once; the result has it once"),
+         translatable("nothing to do"), twoAnswers},
+        {"previous-answer", 0, 0, Answer::Previous,
+         translatable(
+             "the answer of the previous exchange comes first, and is the result if both are of the same operation"),
+         translatable(
+             "compare field 0 with your session number (the first exchange has none before it and is right)"),
          previousAnswer},
-        {"byte-by-byte", 0, 0, "the answer comes byte by byte, about a thousand in a second",
-         "nothing to do; a large answer (a log) can take longer than the operation's time", byteByByte},
+        {"byte-by-byte", 0, 0, Answer::Own,
+         translatable("the answer comes byte by byte, about a thousand per second"),
+         translatable("nothing to do; a large answer (a log) can take longer than the operation's time"),
+         byteByByte},
     };
     return table;
 }

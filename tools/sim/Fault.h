@@ -13,23 +13,32 @@ namespace sim {
 struct Transmission {
     std::vector<std::string> pieces;     ///< one after the other, none empty
     std::chrono::milliseconds pause{0};  ///< between two pieces
-    bool hangUp = false;                 ///< the line hangs up behind the last byte
+    bool hangUp = false;                 ///< the line hangs up after the last byte
 };
 
 /// An exchange that a fault spoils.
 struct Exchange {
     const pbs::Message& answer;        ///< the device's own, compressed
-    const std::string& previousFrame;  ///< of the answer before; empty at the first exchange
-    unsigned count;                    ///< of bad answers, where the kind of fault takes one
+    const std::string& previousFrame;  ///< of the previous answer; empty at the first exchange
+    unsigned count;                    ///< number of bad answers, for kinds of fault that take one
+};
+
+/// What the application reads when the call is over.
+enum class Answer {
+    None,
+    Own,         ///< the device's own, as without the fault
+    Previous,    ///< of the exchange before, if both are of the same operation
+    Compressed,  ///< the body as it came
 };
 
 /// A way for the device to fail, and what the application then sees.
 struct Fault {
     std::string_view name;
-    unsigned count;  ///< of bad answers, where a plan gives none; 0: the kind takes no count
-    int status;      ///< of the application's call, one of the FISCORA_... constants of fiscora.h
-    std::string_view effect;
-    std::string_view advice;  ///< to the application's programmer
+    unsigned count;      ///< number of bad answers if a plan gives none; 0: the kind takes no count
+    int status;          ///< of the application's call, one of the FISCORA_... constants of fiscora.h
+    Answer answer;       ///< in the result of that call
+    const char* effect;  ///< in English, as is `advice`; tools/po/ has the translations
+    const char* advice;  ///< to the application's programmer
     /// What goes out in place of the answer. Null: nothing, the line hangs up at the request's first bytes.
     Transmission (*spoil)(const Exchange& exchange);
 };
@@ -39,7 +48,7 @@ const std::vector<Fault>& faults();
 /// The one of that name, or null.
 const Fault* findFault(std::string_view name);
 
-/// A fault and the exchanges that it strikes.
+/// A fault and the exchanges that it spoils.
 struct FaultPlan {
     const Fault* fault;
     unsigned exchange;  ///< counted from 1; 0 for every one
