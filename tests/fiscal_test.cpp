@@ -1,8 +1,9 @@
 #include <dlfcn.h>
-#include <gtest/gtest.h>
+#include <gmock/gmock.h>
 
 #include <array>
 #include <cstring>
+#include <filesystem>
 #include <functional>
 #include <map>
 
@@ -23,9 +24,12 @@ Sat* const SAT = &objManipulaDadosSat;
 /// The library's g_resp. Naming the symbol would move it into this program, away from the zero behind it.
 char* const RESP = static_cast<char*>(dlsym(RTLD_DEFAULT, "g_resp"));
 
-bool respHolds(const std::string& text) {
-    return std::string(RESP, sizeof g_resp) == text + std::string(sizeof g_resp - text.size(), '\0');
+/// What a buffer holds up to its last byte that is not zero.
+std::string contentOf(const char* buffer, size_t size) {
+    const std::string all(buffer, size);
+    return all.substr(0, all.find_last_not_of('\0') + 1);
 }
+std::string respContent() { return contentOf(RESP, sizeof g_resp); }
 
 const struct Operation {
     std::string name, request;  ///< the request for the texts "a", "bb" and "ccc"
@@ -77,38 +81,36 @@ class Fiscal : public testing::Test {
     pbs::Message m_command;  ///< the last that reached the device
 };
 
-TEST_F(Fiscal, AnOperationHasAnothersNameFormatOrTimeout) {
+TEST_F(Fiscal, AnOperationSendsItsRequestAndWaitsItsTime) {
     for (const auto& operation : OPERATIONS) {
-        m_line.readings.assign(2000, {"x", 0, 1000});  // the device babbles, its answer comes too late
+        m_line.readings.assign(2000, {"x", 0, 1000});  // the device babbles, and its answer comes too late
         const long start = m_line.nowMs();
         EXPECT_EQ(sent(operation.call("a", "bb", "ccc")), operation.request);
         EXPECT_EQ(m_command.code(), operation.name);
         constexpr int PAUSES_MS = 1100;
         EXPECT_EQ(m_line.nowMs() - start, 1000 * operation.timeoutS + PAUSES_MS) << operation.name;
     }
+    m_line.calls.clear();
+    CloseSerial();
+    EXPECT_STREQ(getVersion(), "01.00.01.001");
+    EXPECT_THAT(m_line.calls, testing::IsEmpty()) << "neither needs the device";
 }
 
-TEST_F(Fiscal, ADocumentsBufferKeepsAnEarlierRequestOrAnothersOperation) {
+TEST_F(Fiscal, EachDocumentStaysInItsOwnBuffer) {
     for (const auto* document : {"longer", "x"}) {
         EnviarDadosVenda(1, "venda", document);
         CancelarUltimaVenda(1, "cancela", "k", document);
         TesteFimAFim(1, "fim", document);
-        const auto holds = [](const char* buffer, size_t size, const std::string& text) {
-            return std::string(buffer, size) == text + std::string(size - text.size(), '\0');
-        };
-        EXPECT_TRUE(holds(g_bufferVenda, sizeof g_bufferVenda, "000001|venda|"s + document));
-        EXPECT_TRUE(holds(g_bufferCancela, sizeof g_bufferCancela, "000001|cancela|k|"s + document));
-        EXPECT_TRUE(holds(g_bufferFimAFim, sizeof g_bufferFimAFim, "000001|fim|"s + document));
+        EXPECT_EQ(contentOf(g_bufferVenda, sizeof g_bufferVenda), "000001|venda|"s + document);
+        EXPECT_EQ(contentOf(g_bufferCancela, sizeof g_bufferCancela), "000001|cancela|k|"s + document);
+        EXPECT_EQ(contentOf(g_bufferFimAFim, sizeof g_bufferFimAFim), "000001|fim|"s + document);
     }
-    const auto calls = m_line.calls;
-    CloseSerial();
-    EXPECT_STREQ(getVersion(), "01.00.01.001");
-    EXPECT_EQ(m_line.calls, calls) << "a function that needs no device uses it";
 }
 
-TEST_F(Fiscal, ARequestIsCutOrOverrunsItsBuffer) {
+TEST_F(Fiscal, ARequestIsSentWholeOrRefused) {
     for (const auto& operation : OPERATIONS) {
         for (const size_t i : {0, 1, 2}) {
+            SCOPED_TRACE(testing::Message() << operation.name << ", text " << i);
             std::array<Text, 3> texts = {"a", "bb", "ccc"};
             const size_t place = operation.request.find("|"s + texts[i]);
             if (place == std::string::npos) continue;
@@ -122,26 +124,27 @@ TEST_F(Fiscal, ARequestIsCutOrOverrunsItsBuffer) {
                 std::strcpy(RESP, "before");
                 m_line.calls.clear();
                 EXPECT_EQ(std::apply(operation.call, texts), RESP);
-                EXPECT_TRUE(respHolds("") && m_line.calls.empty());  // no search, no write, no pause
-                EXPECT_EQ(CodigoErro(), FISCORA_STATUS_BAD_REQUEST) << operation.name << i;
+                EXPECT_EQ(respContent(), "");
+                EXPECT_THAT(m_line.calls, testing::IsEmpty()) << "no search, no write, no pause";
+                EXPECT_EQ(CodigoErro(), FISCORA_STATUS_BAD_REQUEST);
             }
         }
     }
 }
 
-TEST_F(Fiscal, AnAnswerIsCutUnterminatedOrOutlivesItsCall) {
+TEST_F(Fiscal, AnAnswerIsTerminatedAndLeavesNothingOfTheLast) {
     for (const auto& answer : {std::string(FISCORA_ANSWER_MAX_BYTES, 'x'), "1|a\0b|c"s, ""s, "x"s}) {
         m_answer = answer;
         EXPECT_EQ(std::strlen(ConsultarSAT(1)), std::strlen(answer.c_str()));
-        EXPECT_TRUE(respHolds(answer));
+        EXPECT_EQ(respContent(), answer);
     }
     m_line.listing = "";
     EXPECT_EQ(ConsultarSAT(1), RESP);
-    EXPECT_TRUE(respHolds(""));
+    EXPECT_EQ(respContent(), "");
     EXPECT_EQ(CodigoErro(), FISCORA_STATUS_NO_ANSWER);
 }
 
-TEST_F(Fiscal, TheDocumentIsTakenFromAnAbsentOrWrongField) {
+TEST_F(Fiscal, ADocumentIsTakenFromItsField) {
     const std::tuple<Text, Text, std::map<int, std::string>> cases[] = {
         {"0|1|||4", "0\n1\n\n\n4\n", {}},
         {"0|1|2|3|4|NQ==|", "0\n1\n2\n3\n4\nNQ==\n", {{5, "5"}}},
@@ -151,15 +154,16 @@ TEST_F(Fiscal, TheDocumentIsTakenFromAnAbsentOrWrongField) {
     for (const auto& operation : OPERATIONS) {
         operation.call(nullptr, nullptr, nullptr);  // a refused operation counts as the last one too
         for (auto [answer, printed, documents] : cases) {
+            SCOPED_TRACE(operation.name + " " + answer);
             std::strcpy(RESP, answer);
             testing::internal::CaptureStdout();
-            EXPECT_EQ(Base64ToAscii(), documents[operation.documentField]) << operation.name;
+            EXPECT_EQ(Base64ToAscii(), documents[operation.documentField]);
             EXPECT_EQ(testing::internal::GetCapturedStdout(), printed);
         }
     }
 }
 
-TEST_F(Fiscal, AnEmptyElementStaysShortOrOtherTextIsChanged) {
+TEST_F(Fiscal, OnlyACancellationLengthensItsFirstEmptyElements) {
     const std::string tags = "<CNPJ/><CPF/><CNPJ/><CPF/><cnpj/><CPF />";
     const std::string full = "<CPF/>" + std::string(sizeof g_bufferCancela - 18, 'x');  // outgrows its buffer
     EXPECT_EQ(sent(CancelarUltimaVenda(1, "<CPF/>", "", tags.c_str())),
@@ -170,7 +174,23 @@ TEST_F(Fiscal, AnEmptyElementStaysShortOrOtherTextIsChanged) {
     EXPECT_EQ(sent(TesteFimAFim(1, "a", tags.c_str())), "000001|a|" + tags);
 }
 
-TEST(Base64Test, BytesAreMisreadPaddedWronglyOrReadBeyondTheText) {
+TEST_F(Fiscal, NoActivationCodeReachesTheLog) {
+    const Text code = "segredo-1234";
+    std::filesystem::create_directory("logsDrs");
+    for (const auto* answer : {"000007|06000|0000|Ok|", "000007|06001||Errado|"}) {
+        m_answer = answer;
+        for (const auto& operation : OPERATIONS) operation.call(code, code, code);
+    }
+    m_line.answers = [](auto&) { return std::vector(6, compressedMessage("Other", "000007|06000|")); };
+    for (const auto& operation : OPERATIONS) operation.call(code, code, code);
+    m_line.answers = nullptr;
+    for (const auto& operation : OPERATIONS) operation.call(code, code, code);
+    const auto lines = m_folder.logLines();
+    EXPECT_GT(lines.size(), 4 * 5 * std::size(OPERATIONS));
+    EXPECT_THAT(lines, testing::Each(testing::Not(testing::HasSubstr(code))));
+}
+
+TEST(Base64Test, BytesComeBackFromTheirEncoding) {
     const std::string bytes = "\xffoo\x80\x00r"s;
     const char* const encoded[] = {"", "/w==", "/28=", "/29v", "/29vgA==", "/29vgAA=", "/29vgABy"};
     for (size_t size = 0; size <= bytes.size(); ++size) {
