@@ -6,6 +6,7 @@
 #include <string>
 #include <tuple>
 
+#include "plain_rules.h"
 #include "protocol/Message.h"
 #include "protocol/MessagePrivate.h"
 
@@ -20,15 +21,15 @@ inline Outcome outcome(pbs::Message::ParserState result, std::size_t taken,
             parser.headerMap, parser.body, parser.lastHeadText, parser.lastState};
 }
 
-/// The parser of docs/protocol.md a second time, to hold the library's against: a byte a call, and the text
-/// of the attempt itself in the place of states and counters.
+/// A second parser of docs/protocol.md, to compare the library's with: one byte per call, and the text of the
+/// attempt instead of states and counters.
 class PlainParser {
   public:
     pbs::Message::ParserState take(char byte) {
         if (m_inBody) {
             m_body += byte;
             if (m_body.size() < m_contentSize) return pbs::Message::PARSER_IN_PROGRESS;
-            const bool sound = number(m_headers["edc-word"]) == crcOfBody();
+            const bool sound = number(m_headers["edc-word"]) == plainCrc(m_body);
             return end(8, sound ? pbs::Message::PARSER_MESSAGE_READY : pbs::Message::PARSER_CHECKSUM_ERROR);
         }
         m_attempt += byte;
@@ -86,23 +87,13 @@ class PlainParser {
         return true;
     }
 
-    std::int32_t crcOfBody() const {
-        unsigned crc = 0;
-        for (const char byte : m_body)
-            for (int bit = 7; bit >= 0; --bit) {
-                const bool one = ((crc >> 15) & 1) != (static_cast<unsigned>(byte) >> bit & 1);
-                crc = ((crc << 1) ^ (one ? 0x1021 : 0)) & 0xffff;
-            }
-        return static_cast<std::int32_t>(crc);
-    }
-
     static std::int32_t number(const std::string& text) {
         return static_cast<std::int32_t>(std::strtol(text.c_str(), nullptr, 10));
     }
 
     inline static const std::string START = "smx\r\n", HEAD_END = "\r\n\r\n\r\n";
 
-    std::string m_attempt;  ///< the bytes from its first one on, those of a body excepted
+    std::string m_attempt;  ///< its bytes so far, without those of a body
     bool m_inBody = false;
     std::size_t m_contentSize = 0;
     std::string m_code = "0", m_source = "0", m_body, m_lastAttempt;

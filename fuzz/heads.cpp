@@ -1,5 +1,5 @@
-// Heads of frames, as text: the input is the header lines, each LF of it a CR LF on the wire. Which are
-// refused, and what code, source and headers are read, must be what a plain parser says.
+// Heads of frames. The input is the header lines, with LF for CR LF. A plain parser says which are refused,
+// and which code, source and headers are read.
 #include <cstddef>
 #include <cstdint>
 #include <string>

@@ -1,6 +1,6 @@
 // The incremental parser on a stream in chunks of any size: cut or whole, it must show what a plain parser
-// shows, at the same bytes. The last bytes of the input are the number of chunk sizes and the sizes, which
-// serve in turn.
+// shows, after the same bytes. The last bytes of the input are the number of chunk sizes, and the sizes, used
+// in turn.
 #include <fuzzer/FuzzedDataProvider.h>
 
 #include <vector>

@@ -3,7 +3,7 @@
 #include <cstdio>
 #include <cstdlib>
 
-/// Ends the program, upon which libFuzzer keeps the input, unless `holds`.
+/// Unless `holds`, ends the program; libFuzzer then keeps the input.
 inline void require(bool holds, const char* promise) {
     if (holds) return;
     std::fprintf(stderr, "Broken promise: %s\n", promise);

@@ -1,6 +1,6 @@
-// `Message::uncompress`. The input is a letter, the announced size up to the first LF, and the body: as it
-// stands, behind "p" a plain one that is compressed here, behind "o" one that is marked as plain, behind "n"
-// one without a mark.
+// `Message::uncompress`. The input is a letter, the announced size up to the first LF, and the body. The
+// letter says what the body is: "p" plain and compressed here, "o" marked as plain, "n" without a mark, any
+// other a compressed one as it stands.
 #include <zlib.h>
 
 #include <array>
@@ -17,8 +17,7 @@ namespace {
 
 constexpr int MAX_ANNOUNCED = 20'971'519;
 
-/// What zlib makes of the stream piece by piece; nothing where it is damaged, incomplete, or holds more than
-/// `limit`.
+/// The stream inflated piece by piece; nothing if it is damaged, incomplete, or holds more than `limit`.
 std::optional<std::string> inflated(std::string stream, std::size_t limit) {
     z_stream state{};
     state.next_in = reinterpret_cast<Bytef*>(stream.data());
@@ -61,7 +60,7 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* bytes, std::size_t siz
 
     const auto announced = static_cast<std::int32_t>(
         std::strtol(tried.header(pbs::HDR_CONTENT_UNCOMPRESSED_SIZE).c_str(), nullptr, 10));
-    // What lies between differs from the limit in time alone.
+    // A size in between differs from the limit in time alone.
     if (announced > 200'000 && announced < MAX_ANNOUNCED) return -1;
 
     const pbs::Message before = tried;

@@ -38,6 +38,19 @@ bool fails(const char* name) {
     return error != 0;
 }
 
+/// The stand-in's result or, without a stand-in, that of the platform's function `name`.
+template <typename Result, typename... Arguments>
+Result call(const char* name, const StandIn<Result(Arguments...)>& standIn, Arguments... arguments) {
+    return standIn ? standIn(arguments...) : next<Result(Arguments...)>(name)(arguments...);
+}
+
+/// The same, unless the call is to fail with `failed`.
+template <typename Result, typename... Arguments>
+Result callOrFail(const char* name, Result failed, const StandIn<Result(Arguments...)>& standIn,
+                  Arguments... arguments) {
+    return fails(name) ? failed : call(name, standIn, arguments...);
+}
+
 void* allocate(std::size_t size) noexcept { return fails("operator new") ? nullptr : std::malloc(size); }
 void* allocateOrThrow(std::size_t size) {
     void* const block = allocate(size);
@@ -63,9 +76,7 @@ int gettimeofday(timeval* now, void* zone) noexcept {
     return platform.gettimeofday ? platform.gettimeofday(now)
                                  : next<int(timeval*, void*)>(__func__)(now, zone);
 }
-int usleep(useconds_t us) {
-    return platform.usleep ? platform.usleep(us) : next<int(useconds_t)>(__func__)(us);
-}
+int usleep(useconds_t us) { return call(__func__, platform.usleep, us); }
 std::time_t time(std::time_t* result) noexcept {
     const std::time_t now =
         platform.time ? platform.time() : next<std::time_t(std::time_t*)>(__func__)(nullptr);
@@ -73,70 +84,49 @@ std::time_t time(std::time_t* result) noexcept {
     return now;
 }
 FILE* popen(const char* command, const char* mode) {
-    return fails(__func__)  ? nullptr
-           : platform.popen ? platform.popen(command)
-                            : next<FILE*(const char*, const char*)>(__func__)(command, mode);
+    if (fails(__func__)) return nullptr;
+    return platform.popen ? platform.popen(command)
+                          : next<FILE*(const char*, const char*)>(__func__)(command, mode);
 }
-int pclose(FILE* file) { return platform.pclose ? platform.pclose(file) : next<int(FILE*)>(__func__)(file); }
+int pclose(FILE* file) { return call(__func__, platform.pclose, file); }
 int open(const char* path, int flags, ...) {
     va_list rest;
     va_start(rest, flags);
     const auto mode = (flags & (O_CREAT | O_TMPFILE)) != 0 ? va_arg(rest, mode_t) : 0;
     va_end(rest);
-    return fails(__func__) ? -1
-           : platform.open ? platform.open(path, flags)
-                           : next<int(const char*, int, ...)>(__func__)(path, flags, mode);
+    if (fails(__func__)) return -1;
+    return platform.open ? platform.open(path, flags)
+                         : next<int(const char*, int, ...)>(__func__)(path, flags, mode);
 }
-int isatty(int fd) noexcept {
-    return fails(__func__) ? 0 : platform.isatty ? platform.isatty(fd) : next<int(int)>(__func__)(fd);
-}
+int isatty(int fd) noexcept { return callOrFail(__func__, 0, platform.isatty, fd); }
 int tcgetattr(int fd, termios* settings) noexcept {
-    return fails(__func__)      ? -1
-           : platform.tcgetattr ? platform.tcgetattr(fd, settings)
-                                : next<int(int, termios*)>(__func__)(fd, settings);
+    return callOrFail(__func__, -1, platform.tcgetattr, fd, settings);
 }
 int tcsetattr(int fd, int when, const termios* settings) noexcept {
-    return fails(__func__)      ? -1
-           : platform.tcsetattr ? platform.tcsetattr(fd, when, settings)
-                                : next<int(int, int, const termios*)>(__func__)(fd, when, settings);
+    return callOrFail(__func__, -1, platform.tcsetattr, fd, when, settings);
 }
-int tcflush(int fd, int queue) noexcept {
-    return platform.tcflush ? platform.tcflush(fd, queue) : next<int(int, int)>(__func__)(fd, queue);
-}
+int tcflush(int fd, int queue) noexcept { return call(__func__, platform.tcflush, fd, queue); }
 int ioctl(int fd, unsigned long request, ...) noexcept {
     va_list rest;
     va_start(rest, request);
     void* const argument = va_arg(rest, void*);
     va_end(rest);
-    return platform.ioctl ? platform.ioctl(fd, request, argument)
-                          : next<int(int, unsigned long, ...)>(__func__)(fd, request, argument);
+    return call(__func__, platform.ioctl, fd, request, argument);
 }
 ssize_t read(int fd, void* buffer, size_t capacity) {
     if (fd == FakeLine::DESCRIPTOR && fails(__func__)) return -1;
-    return platform.read ? platform.read(fd, buffer, capacity)
-                         : next<ssize_t(int, void*, size_t)>(__func__)(fd, buffer, capacity);
+    return call(__func__, platform.read, fd, buffer, capacity);
 }
 ssize_t write(int fd, const void* bytes, size_t length) {
     if (fd == FakeLine::DESCRIPTOR && fails(__func__)) return -1;
-    return platform.write ? platform.write(fd, bytes, length)
-                          : next<ssize_t(int, const void*, size_t)>(__func__)(fd, bytes, length);
+    return call(__func__, platform.write, fd, bytes, length);
 }
-int close(int fd) { return platform.close ? platform.close(fd) : next<int(int)>(__func__)(fd); }
+int close(int fd) { return call(__func__, platform.close, fd); }
 int rename(const char* from, const char* to) noexcept {
-    return fails(__func__)   ? -1
-           : platform.rename ? platform.rename(from, to)
-                             : next<int(const char*, const char*)>(__func__)(from, to);
+    return callOrFail(__func__, -1, platform.rename, from, to);
 }
-int remove(const char* path) noexcept {
-    return fails(__func__)   ? -1
-           : platform.remove ? platform.remove(path)
-                             : next<int(const char*)>(__func__)(path);
-}
-int system(const char* command) {
-    return fails(__func__)   ? -1
-           : platform.system ? platform.system(command)
-                             : next<int(const char*)>(__func__)(command);
-}
+int remove(const char* path) noexcept { return callOrFail(__func__, -1, platform.remove, path); }
+int system(const char* command) { return callOrFail(__func__, -1, platform.system, command); }
 int mkdir(const char* path, mode_t mode) noexcept {
     return fails(__func__) ? -1 : next<int(const char*, mode_t)>(__func__)(path, mode);
 }
@@ -147,7 +137,7 @@ FTS* fts_open(char* const* roots, int options, int (*order)(const FTSENT**, cons
     return fails(__func__) ? nullptr : next<decltype(::fts_open)>(__func__)(roots, options, order);
 }
 void sync() noexcept {
-    if (platform.sync) platform.sync();  // the disk of the machine that runs the tests is left alone
+    if (platform.sync) platform.sync();  // the real disk is left alone
 }
 
 }  // extern "C"
@@ -212,7 +202,7 @@ FakeLine::FakeLine() {
     platform.open = [this](const char* path, int flags) {
         note("open " + std::string(path) + " " + std::to_string(flags));
         open = true;
-        m_command = pbs::Message();  // what was left of a frame is forgotten
+        m_command = pbs::Message();  // drops an unfinished frame
         return DESCRIPTOR;
     };
     platform.isatty = [this](int fd) {

@@ -15,7 +15,7 @@
 
 #include "protocol/Message.h"
 
-/// Says, while it lives, that what this thread does is the test's doing and not the library's: nothing fails.
+/// While it lives, this thread's calls are the test's and not the library's: none of them fails.
 class TestsOwn {
   public:
     TestsOwn() { ++depth; }
@@ -26,7 +26,7 @@ class TestsOwn {
     static thread_local int depth;
 };
 
-/// What is called in the place of a platform function.
+/// Called instead of a platform function.
 template <typename Signature>
 class StandIn;
 template <typename Result, typename... Arguments>
@@ -40,8 +40,8 @@ class StandIn<Result(Arguments...)> : public std::function<Result(Arguments...)>
     }
 };
 
-/// Stand-ins for the platform functions of the same names. The test program defines these functions itself,
-/// so the library calls them here; where a test has set none, the call goes on to the platform.
+/// Stand-ins for the platform functions of the same names. The test program defines these functions, so the
+/// library's calls come here; without a stand-in they go on to the platform.
 struct Platform {
     StandIn<int(timeval*)> gettimeofday;
     StandIn<int(useconds_t)> usleep;
@@ -61,8 +61,8 @@ struct Platform {
     StandIn<int(const char* path)> remove;
     StandIn<int(const char* command)> system;
     StandIn<void()> sync;
-    /// Asked before each call that a fault of the machine can strike, `operator new` included, by its name
-    /// (`read` and `write` on the line alone): what `errno` it fails with, or 0 where it goes on.
+    /// Asked, by name, before each call that can fail, `operator new` included (`read` and `write`: only on
+    /// the line): the `errno` to fail with, or 0 to go on.
     StandIn<int(std::string_view call)> failure;
 };
 extern Platform platform;
@@ -85,14 +85,14 @@ std::string readLog(const std::string& path);
 /// A message as the library and the device send it, with a compressed body.
 pbs::Message compressedMessage(const std::string& code, const std::string& body);
 
-/// How many descriptors the process has open.
+/// Number of open descriptors of the process.
 long openDescriptors();
 
-/// A fiscal device on a serial line, and a clock that moves only when the library waits. While it lives the
+/// A fiscal device on a serial line, and a clock that moves only when the library waits. While it lives, the
 /// library finds it as /dev/ttyACM0 and talks to nothing else.
 class FakeLine {
   public:
-    /// What one read gives: bytes, or the result of a read without any (0 or -1), after so many milliseconds.
+    /// What one read gives after `afterMs`: bytes or, without any, its result (0 or -1).
     struct Reading {
         std::string bytes;
         int result = 0;
@@ -111,14 +111,13 @@ class FakeLine {
 
     std::string listing =
         "lrwxrwxrwx 1 root root 13 x-mfc+_with_musb-if00 -> ../../ttyACM0";  ///< of the discovery
-    std::string written;             ///< all bytes that the device has been sent
-    std::vector<std::string> calls;  ///< the calls in order, such as "usleep 100000"
-    std::deque<Reading> readings;    ///< what is read next; then silence, 100 ms a read
-    std::function<ssize_t(size_t length)>
-        writeResult;  ///< set: what each write takes of `length`, or fails with
+    std::string written;                                ///< all bytes that the device has been sent
+    std::vector<std::string> calls;                     ///< the calls in order, such as "usleep 100000"
+    std::deque<Reading> readings;                       ///< what is read next; then silence, 100 ms per read
+    std::function<ssize_t(size_t length)> writeResult;  ///< if set: what each write returns
     std::function<std::vector<pbs::Message>(pbs::Message& command)>
-        answers;     ///< set: what follows each command
-    int queued = 0;  ///< what TIOCOUTQ reads; below 0: it can't be asked
+        answers;     ///< if set: what answers each command
+    int queued = 0;  ///< what TIOCOUTQ reads; below 0: it fails
     bool isTerminal = true;
     termios settings;  ///< of the terminal; all bits set at first
     bool open = false;
@@ -132,7 +131,7 @@ class FakeLine {
     pbs::Message m_command;
 };
 
-/// A temporary folder that is the working directory while it lives.
+/// A temporary folder, and the working directory as long as it lives.
 class WorkingDirectory {
   public:
     WorkingDirectory();
