@@ -1,15 +1,22 @@
 // The device protocol: the message, its frame, the parser that reads it back, and compression.
 #include <gtest/gtest.h>
 
+#include <ostream>
 #include <tuple>
 
 #include "protocol/Message.h"
 #include "protocol/pbs.h"
 
+namespace pbs {
+
+void PrintTo(const Message& message, std::ostream* stream) { *stream << Message(message).toString(); }
+
+}  // namespace pbs
+
 namespace {
 
 using pbs::Message;
-// What a call of `parse` returned, the bytes it took, and what lastParsingState tells then.
+// What a call of `parse` returned, the bytes it took, and what lastParsingState says then.
 using Outcome = std::tuple<Message::ParserState, unsigned long, std::string, int>;
 constexpr auto IN_PROGRESS = Message::PARSER_IN_PROGRESS, READY = Message::PARSER_MESSAGE_READY,
                SYNTAX_ERROR = Message::PARSER_SYNTAX_ERROR, CHECKSUM_ERROR = Message::PARSER_CHECKSUM_ERROR;
@@ -46,17 +53,18 @@ Outcome feed(Message& message, const std::string& bytes) {
     return outcome;
 }
 
-// The result with the message's code, source and body, after a frame with these header lines.
+// Result, code, source and body after a frame with these header lines.
 std::string judge(const std::string& lines, const std::string& body = "") {
     Message message;
     const auto result = std::get<0>(feed(message, head(lines) + body));
     return std::to_string(result) + message.code() + message.sourceId() + message.body();
 }
 
-TEST(Message, AHeaderIsForgedOutOfOrderOrDiffersFromItsField) {
+TEST(Message, HeadersAreSortedAndCannotBeForged) {
     Message message;
     message.removeHeader("absent");
-    EXPECT_TRUE(message.header("absent").empty() && message == Message("0", "0"));
+    EXPECT_EQ(message.header("absent"), "");
+    EXPECT_EQ(message, Message("0", "0"));
     message.setCode(-1), message.setSourceId(7);
     for (const char* key : {"a:b", "a\r", "a\nb"}) message.addHeader(key, "forged");
     for (const char* value : {"1\r\nsource:X", "\r", "1\n"}) message.addHeader("code", value);
@@ -66,7 +74,7 @@ TEST(Message, AHeaderIsForgedOutOfOrderOrDiffersFromItsField) {
               message.code() + message.sourceId() + message.toString());
 }
 
-TEST(Message, ACopyIsSharedOrADifferenceIsOverlooked) {
+TEST(Message, CopiesAreIndependentAndEveryDifferenceCounts) {
     const Message original = command();
     Message changed[] = {original, original, original, original, original};
     changed[0].setCode("X"), changed[0].addHeader("code", "ConsultarSAT");
@@ -74,10 +82,10 @@ TEST(Message, ACopyIsSharedOrADifferenceIsOverlooked) {
     changed[2].removeHeader("drs-version"), changed[2].addHeader("drs-w", "01.00.01.001");
     changed[3].addHeader("drs-version", "");
     changed[4].setBody("123457");
-    for (const Message& copy : changed) EXPECT_FALSE(copy == original) << &copy - changed;
+    for (const Message& copy : changed) EXPECT_FALSE(copy == original) << "change " << &copy - changed;
 }
 
-TEST(Frame, AByteDiffersOrTheChecksumIsStale) {
+TEST(Frame, EachByteStandsInItsPlace) {
     Message message = command();
     message.addHeader("edc-word", "1");  // must not survive
     EXPECT_EQ(PLAIN_HEAD, message.headers());
@@ -89,7 +97,7 @@ TEST(Frame, AByteDiffersOrTheChecksumIsStale) {
     for (const int length : {0, -1}) EXPECT_EQ(0, pbs::crc16_ccitt(nullptr, length));
 }
 
-TEST(Parser, AnAttemptEndsOtherwiseWhenTheStreamIsCutOrTheMessageCopied) {
+TEST(Parser, AnAttemptEndsAlikeHoweverTheStreamIsCut) {
     // Bytes before the attempt, its head, its body, the result, and the state in which it ends.
     const std::tuple<std::string, std::string, std::string, Message::ParserState, int> attempts[] = {
         {"?", "ss", "", IN_PROGRESS, 2},
@@ -119,19 +127,20 @@ TEST(Parser, AnAttemptEndsOtherwiseWhenTheStreamIsCutOrTheMessageCopied) {
             ASSERT_EQ(feed(message, ""), feed(copy, ""));
             const std::string rest = wire.substr(cut);
             ASSERT_EQ(Outcome(result, rest.size(), text, state), feed(message, rest));
-            ASSERT_TRUE(result != READY || Message(message).toString() == text + body);
-            ASSERT_TRUE(text.back() == '\n' || message == before);
+            if (result == READY) ASSERT_EQ(Message(message).toString(), text + body);
+            if (text.back() != '\n') ASSERT_EQ(message, before);
             if (cut > stray.size() && cut < stray.size() + text.size()) continue;  // the copy lacks the head
             Outcome last;
             for (const char byte : rest) last = feed(copy, std::string(1, byte));
-            ASSERT_TRUE(last == Outcome(result, 1, cut > stray.size() ? "" : text, state) && copy == message);
+            ASSERT_EQ(last, Outcome(result, 1, cut > stray.size() ? "" : text, state));
+            ASSERT_EQ(copy, message);
         }
     }
     EXPECT_EQ("b:c 2", message.header("a") + message.header("")) << "lines up to the refused one stay";
     EXPECT_EQ("ConsultarSAT3" + DEFLATED, message.code() + message.sourceId() + message.body());
 }
 
-TEST(Parser, TheCounterIsSetInsteadOfAddedToOrNullTakesBytes) {
+TEST(Parser, TheCounterIsAddedToAndNullTakesNothing) {
     Message message;
     unsigned long consumed = 100;
     EXPECT_EQ(IN_PROGRESS, message.parse(PLAIN_HEAD.data(), 7, &consumed));
@@ -141,17 +150,17 @@ TEST(Parser, TheCounterIsSetInsteadOfAddedToOrNullTakesBytes) {
     EXPECT_EQ(Outcome(READY, 156, PLAIN_HEAD, 8), feed(message, PLAIN_HEAD.substr(7) + PLAIN + PLAIN));
 }
 
-TEST(Parser, TheLimitOfAHeadIsOffByOne) {
+TEST(Parser, AHeadHasAtMost4097Bytes) {
     for (const std::size_t size : {4096, 4097, 4098, 4099, 5000}) {
         const auto wire = head(EMPTY + "a:" + std::string(size - head(EMPTY + "a:\n").size(), '?') + "\n");
         const std::size_t taken = size == 4099 ? 4098 : 4097;  // an LF may pass
         const Outcome fits(READY, size, wire, 9), refused(SYNTAX_ERROR, taken, wire.substr(0, taken), 6);
         Message message;
-        EXPECT_TRUE(feed(message, wire) == (size < 4098 ? fits : refused)) << size;
+        EXPECT_EQ(feed(message, wire), size < 4098 ? fits : refused) << size;
     }
 }
 
-TEST(Head, ABadHeadIsAcceptedOrAGoodOneRefused) {
+TEST(Head, OnlyACompleteHeadOfVersion1IsAccepted) {
     for (const auto& lines : {"code:X\n" + EMPTY, EMPTY + "\nx\n"}) EXPECT_EQ("1C9", judge(lines)) << lines;
     for (const char* line : {"version:1.00\n", "version: 1.0\n", "code:\n", ":x\n", "x\n"})
         EXPECT_EQ("200", judge(EMPTY + line)) << line;
@@ -160,7 +169,7 @@ TEST(Head, ABadHeadIsAcceptedOrAGoodOneRefused) {
     EXPECT_EQ("200", judge("x:y\n\n" + EMPTY));
 }
 
-TEST(Head, ANumberIsReadOtherwiseThanByStrtolOrNotCutTo32Bits) {
+TEST(Head, NumbersAreReadByStrtolAndCutTo32Bits) {
     const auto read = [](const std::string& size, const std::string& word) {
         return judge(EMPTY + "edc-type:?\ncontent-size:" + size + "\nedc-word:" + word + "\n", PLAIN);
     };
@@ -171,24 +180,25 @@ TEST(Head, ANumberIsReadOtherwiseThanByStrtolOrNotCutTo32Bits) {
     for (const char* n : {"0x20E4", "73956", "-57116", "abc"}) EXPECT_EQ("3C9123456", read("6", n)) << n;
 }
 
-TEST(Compression, TheMessageComesBackChangedOrIsCompressedTwice) {
+TEST(Compression, AMessageComesBackAndIsCompressedOnce) {
     for (const std::string& body : {std::string(), std::string(300000, '\0') + "x"}) {
         Message message;
         EXPECT_EQ(Message::WRONG_CONTENT_TYPE, message.compress());
-        EXPECT_TRUE(message.hasHeader("content-type") && !message.isCompressed());
+        EXPECT_TRUE(message.hasHeader("content-type"));
+        EXPECT_FALSE(message.isCompressed());
         message.setBody(body.data(), body.size());
         const Message plain = message;
         EXPECT_EQ(Message::WRONG_CONTENT_TYPE, message.uncompress());
         EXPECT_EQ(0, message.compress());
         EXPECT_EQ(Message::WRONG_CONTENT_TYPE, message.compress());
-        EXPECT_TRUE(message.isCompressed() && !plain.isCompressed());
+        EXPECT_TRUE(message.isCompressed());
         EXPECT_EQ(0, message.uncompress());
-        EXPECT_TRUE(message == plain);
+        EXPECT_EQ(message, plain);
         EXPECT_EQ(body, std::string(message.bodyAsCString(), message.bodySize()));
     }
 }
 
-TEST(Compression, TheAnnouncedSizeDoesNotBoundTheOutputOrAFailureLosesTheBody) {
+TEST(Compression, TheAnnouncedSizeBoundsTheBodyAndAFailureKeepsIt) {
     const std::pair<const char*, int> cases[] = {{"6", 0},  {"4294967302", 0}, {"20971519", 0},
                                                  {"5", -5}, {"20971520", -4},  {"-1", -4}};
     for (const auto& [announced, result] : cases) {
@@ -197,12 +207,13 @@ TEST(Compression, TheAnnouncedSizeDoesNotBoundTheOutputOrAFailureLosesTheBody) {
         message.addHeader("content-uncompressed-size", announced);
         const Message before = message;
         EXPECT_EQ(result, message.uncompress()) << announced;
-        EXPECT_TRUE(message == (result == 0 ? command() : before)) << announced;
+        EXPECT_EQ(message, result == 0 ? command() : before) << announced;
     }
     Message corrupt = command();
     corrupt.addHeader("content-type", "z-compressed");
     EXPECT_EQ(-3, corrupt.uncompress());
-    EXPECT_TRUE(corrupt.isCompressed() && corrupt.body() == PLAIN) << "an absent size has to be left empty";
+    EXPECT_TRUE(corrupt.isCompressed()) << "an absent size has to be left empty";
+    EXPECT_EQ(corrupt.body(), PLAIN);
     corrupt.setBody(DEFLATED);
     EXPECT_TRUE(corrupt.isCompressed()) << "a new body has to leave content-uncompressed-size";
 }
