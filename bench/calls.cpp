@@ -1,4 +1,4 @@
-// Whole calls, from the flat function's arguments to its result, with their time shared out among its parts.
+// Whole calls, from the flat function's arguments to its result, with their time divided among its parts.
 
 #include <benchmark/benchmark.h>
 #include <sys/prctl.h>
@@ -43,7 +43,7 @@ void chillCaches() {
     benchmark::ClobberMemory();
 }
 
-/// Takes requests and gives one answer again and again, at once; no device, terminal or shell is behind it.
+/// Takes requests and always gives the same answer, at once; there is no device, terminal or shell.
 class InstantLine {
   public:
     InstantLine() {
@@ -81,14 +81,14 @@ class InstantLine {
 
     std::string answer;  ///< to the next call
 
-    /// What the last call took up to its first write, and from there to its first read.
+    /// Time of the last call up to its first write, and from there to its first read.
     const Times& request() const { return m_request; }
     const Times& sending() const { return m_sending; }
 
   private:
     enum Phase { REQUEST, SENDING, ANSWER };
 
-    static constexpr int FD = 1'000'000;  // none of the process's, and no poll waits for it
+    static constexpr int FD = 1'000'000;  // not open in this process, and never polled
 
     ssize_t give(void* bytes, std::size_t size) {
         if (m_phase == SENDING) {
@@ -110,14 +110,14 @@ class InstantLine {
     Times m_request, m_sending;
 };
 
-/// The frame of an answer of that many bytes, with a document in Base64 as the largest field.
+/// The frame of an answer of that many bytes, most of them a document in Base64.
 std::string answerFrame(std::size_t bytes) {
     const std::string before = "000001|06000|0000|Emitido com sucesso|||";
-    const std::string behind = "|20261123120000|CFe35261114200166000166599000040190000011234567|100.00||QR";
-    const std::size_t left = bytes - before.size() - behind.size();
+    const std::string after = "|20261123120000|CFe35261114200166000166599000040190000011234567|100.00||QR";
+    const std::size_t left = bytes - before.size() - after.size();
     const std::string sale = saleDocument(FISCORA_ANSWER_MAX_BYTES);
     const auto* const document = reinterpret_cast<const unsigned char*>(sale.data());
-    std::string body = before + Base64::encode(document, static_cast<std::uint32_t>(left / 4 * 3)) + behind;
+    std::string body = before + Base64::encode(document, static_cast<std::uint32_t>(left / 4 * 3)) + after;
     body.resize(bytes, 'A');
     pbs::Message answer("EnviarDadosVenda", "3");
     answer.setBody(body);
@@ -125,7 +125,7 @@ std::string answerFrame(std::size_t bytes) {
     return answer.toString();
 }
 
-/// What is the library's own, with its log lines and checksums.
+/// The library's own time, with its log lines and checksums.
 double own(const Times& times) { return times.cpu[OWN] + times.cpu[LOG]; }
 
 /// Seconds of CPU that the checksum of `frame` takes, with the caches as a call leaves them.
@@ -174,9 +174,9 @@ void sale(State& state) {
         line.answer = answers[index];
         return sell(line, documents[index]);
     };
-    sellOfSize(CALL_BYTES.size() - 1);  // begins the day's log, and brings memory to its level
+    sellOfSize(CALL_BYTES.size() - 1);  // begins the day's log, and lets memory settle
 
-    // Of calls made in the same turn, so that what else the machine does strikes both alike.
+    // Of calls made in the same turn, so that the machine's load affects both alike.
     std::map<std::string, std::vector<double>> aByte;
     while (state.KeepRunning()) {
         const Costs smallest = sellOfSize(0);
@@ -194,7 +194,7 @@ void sale(State& state) {
 }
 
 /// A simulated device on a pty, in a process of its own; the library finds it by the real search in a folder
-/// in the place of /dev. What the platform does is the platform's own doing, and its time is booked.
+/// that stands for /dev. The platform's functions do their real work, and their time is measured.
 class SimulatedLine {
   public:
     SimulatedLine() : m_byId(m_line.folder() + "/serial") {
@@ -235,7 +235,7 @@ class SimulatedLine {
             return next<int(useconds_t)>("usleep")(us);
         };
         platform.popen = [this](const char*) {
-            m_search.emplace(SEARCH);  // till the shell has ended
+            m_search.emplace(SEARCH);  // until the shell has ended
             return realPopen(searched().c_str());
         };
         platform.pclose = [this](FILE* file) {
@@ -255,7 +255,7 @@ class SimulatedLine {
             const In part(LINE);
             return next<int(int, int, const termios*)>("tcsetattr")(fd, when, settings);
         };
-        // A pty discards what it has yet to hand over, where a line would have transmitted it.
+        // A pty would discard what a line would have transmitted by now.
         platform.tcflush = [](int fd, int queue) {
             const In part(LINE);
             return queue == TCOFLUSH ? 0 : next<int(int, int)>("tcflush")(fd, TCIFLUSH);
@@ -297,7 +297,7 @@ void consultarSAT(State& state) {
         if (answer.compare(0, 13, "000001|08000|") != 0) state.SkipWithError("a call failed");
         return times;
     };
-    call();  // begins the day's log, and makes the memory that it shares with the device's process its own
+    call();  // begins the day's log, and copies the memory shared with the device's process
     std::vector<Times> calls;
     while (state.KeepRunning()) calls.push_back(call());
     const auto median = calls.begin() + static_cast<std::ptrdiff_t>(calls.size() / 2);

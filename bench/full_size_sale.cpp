@@ -1,5 +1,5 @@
-// Makes one sale of the largest document there can be, and prints the status and the most memory that this
-// process has had resident, in KiB. To be run under `fiscora sim`.
+// Makes one sale of the largest possible document and prints the status and the peak of this process's
+// resident memory, in KiB. Run it under `fiscora sim`.
 
 #include <cstdio>
 #include <cstdlib>
@@ -11,7 +11,7 @@
 
 namespace {
 
-/// Not getrusage's ru_maxrss: that counts what the program had in memory that this one was started from.
+/// Not getrusage's ru_maxrss: that includes the memory of the program that started this one.
 long peakResidentKiB() {
     std::ifstream status("/proc/self/status");
     for (std::string word; status >> word;) {

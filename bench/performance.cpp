@@ -1,13 +1,13 @@
-// The library's speed beside what else does the same, each figure with the one to reach.
+// The library's speed compared with others that do the same, each figure with the one to reach.
 //
 //     performance [--quick] [--picture FILE]
 //
-//     --quick         only whether everything runs and no figure is missing: none is judged
+//     --quick         only checks that everything runs and no figure is missing: none is judged
 //     --picture FILE  also writes where the time of a call goes, as SVG
 //
-// What is compared is run in turns, a piece of each at a time, and the least of the repetitions counts: what
-// else the machine does only ever adds. What a byte more costs and how long ConsultarSAT takes are medians.
-// Exit status 1 where a figure is missing or not reached.
+// What is compared runs in turns, and the least of the repetitions counts, since other load on the machine
+// can only add time. The cost of one more byte and the duration of ConsultarSAT are medians. Exit status 1 if
+// a figure is missing or not reached.
 
 #include <benchmark/benchmark.h>
 #include <malloc.h>
@@ -30,10 +30,10 @@
 namespace {
 
 constexpr double BODY = FISCORA_ANSWER_MAX_BYTES;
-constexpr double PAUSES_S = 1.1;  ///< of a call: behind the sending, and before the next call
+constexpr double PAUSES_S = 1.1;  ///< of a call: after the sending, and before the next call
 constexpr double MS = 1e3, US = 1e6, NS = 1e9;
 
-/// The least of each figure, in seconds, by the benchmark's name; a counter's behind a blank.
+/// The least of each figure, in seconds, by the benchmark's name; a counter's name follows after a blank.
 class Least : public benchmark::BenchmarkReporter {
   public:
     bool ReportContext(const Context&) override { return true; }
@@ -50,8 +50,8 @@ class Least : public benchmark::BenchmarkReporter {
                 take(std::string(name).append(" ").append(counter), value);
         }
     }
-    /// Throws std::runtime_error where nothing was measured: a benchmark did not run, or no call of a
-    /// function came by the stopwatch, whose time would then count as another's.
+    /// Throws std::runtime_error if nothing was measured: a benchmark did not run, or the stopwatch saw no
+    /// call of a function, whose time would then count as another's.
     double operator[](const std::string& name) const {
         const auto place = m_least.find(name);
         if (place == m_least.end() || place->second == 0) throw std::runtime_error("missing: " + name);
@@ -73,7 +73,7 @@ std::string text(const char* format, double value) {
     return result.data();
 }
 
-/// A line of the table. One that wants nothing tells of the line above it.
+/// A line of the table. One without a figure to reach adds to the line above it.
 struct Row {
     std::string what, ours, theirs, ratio, wanted;
     bool isReached;
@@ -115,8 +115,8 @@ double byteCost(const Least& seconds, std::size_t bytes, const char* way) {
     return seconds[sale(bytes, std::string(way) + " a byte")] * NS;
 }
 
-/// Whether a byte costs a call of any size more than one of 256 KiB. Not than one of 64 KiB: its frame is a
-/// single piece of the line, as that of 1 KiB, and each further piece brings a line of the log.
+/// Whether a byte costs a call of any size more than one of 256 KiB. It is not compared with 64 KiB: that
+/// frame is a single piece, like that of 1 KiB, and each further piece adds a line to the log.
 Row growthRow(const Least& seconds) {
     constexpr double LIMIT = 1.2;
     const auto [least, small, medium, large, largest] = CALL_BYTES;
@@ -180,7 +180,7 @@ std::vector<Row> tableOf(const Least& seconds, double peak) {
     };
 }
 
-/// Whether each figure is reached, where they are judged.
+/// Whether each figure is reached, if they are judged.
 bool print(const std::vector<Row>& table, bool isJudged) {
     constexpr char FORMAT[] = "| %-47s | %-19s | %-10s | %-5s | %-11s | %-7s |\n";
     std::printf(FORMAT, "What; what it is held against", "Ours", "Theirs", "Ratio", "To reach", "Reached");
@@ -243,8 +243,8 @@ int main(int argc, char** argv) try {
     application.add_option("--picture", pictureFile, "Also write where the time of a call goes, as SVG");
     CLI11_PARSE(application, argc, argv);
 
-    // Memory stays with the process between calls, whatever sizes were freed before: else glibc gives more of
-    // it back after some sizes than after others.
+    // Keeps memory in the process between calls: glibc would give back more of it after some sizes than after
+    // others.
     mallopt(M_MMAP_THRESHOLD, 32 * 1024 * 1024);
     mallopt(M_TRIM_THRESHOLD, 256 * 1024 * 1024);
     setCalls(isQuick ? 2 : 600, isQuick ? 1 : 9);

@@ -11,5 +11,5 @@ struct Bar {
 };
 
 /// Writes the bars, each drawn to its own scale, as an SVG picture (W3C SVG 1.1). Throws std::runtime_error
-/// where the file cannot be written.
+/// if the file cannot be written.
 void savePicture(const std::vector<Bar>& bars, const std::string& file);

@@ -1,5 +1,5 @@
-// The library's functions that work on memory alone, each as NAME/ours, and what else does the same, as
-// NAME/theirs.
+// The library's functions that work on memory alone, each as NAME/ours, and another library's that does the
+// same, as NAME/theirs.
 
 #include <benchmark/benchmark.h>
 #include <openssl/evp.h>
@@ -54,7 +54,7 @@ void boostCrc(State& state) {
     }
 }
 
-/// A frame in pieces, to a fresh message each time, as an exchange has it.
+/// Parses a frame in pieces into a fresh message, as an exchange does.
 void parse(State& state, const std::string& frame) {
     while (state.KeepRunning()) {
         pbs::Message message;

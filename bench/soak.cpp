@@ -1,9 +1,9 @@
-// Thousands of calls through the library's flat functions in one process, as a till makes them in months: a
-// simulated device answers, the faults of `fiscora sim` and faults of the line strike at random, days pass,
-// and logs are archived by the real tar and removed. The line is a stand-in and the clock moves only when the
-// library waits, so that a timeout costs nothing. After each call its status, answer and time, the request
-// that reached the device and the open descriptors are held against what its fault promises; at the end the
-// logs and the memory.
+// Thousands of calls through the library's flat functions in one process, as many as a till makes in months.
+// A simulated device answers, the faults of `fiscora sim` and of the line strike at random, days pass, and
+// the real tar archives the logs. The line is a stand-in, and the clock moves only when the library waits, so
+// a timeout costs nothing. After each call its status, answer and time are compared with the reception's
+// model, and the request that reached the device and the open descriptors are checked; at the end, logs and
+// memory.
 //
 //     soak [--exchanges N] [--seed S]
 //
@@ -43,7 +43,7 @@ namespace {
 constexpr char CODE[] = "12345678";
 
 // What the library promises.
-constexpr long CLOSED_PAUSE_MS = 1'000;  ///< each time that a port which is closed already is to be closed
+constexpr long CLOSED_PAUSE_MS = 1'000;  ///< for closing a port that is closed already
 constexpr std::size_t MAX_LOGS = 7;      ///< files, between two days' beginnings
 
 constexpr long READ_MS = 100;                     ///< of a read that brings nothing
@@ -74,7 +74,7 @@ class Random {
 /// A call of a flat function.
 struct Call {
     std::string operation;
-    std::string request;  ///< what has to reach the device
+    std::string request;  ///< what must reach the device
     std::function<const char*()> make;
 };
 
@@ -83,7 +83,7 @@ std::string textOf(const std::string& text) { return text; }
 int argumentOf(int number) { return number; }
 const char* argumentOf(const std::string& text) { return text.c_str(); }
 
-/// `session` has six digits, and numbers have no leading zeros in the request.
+/// Requires a session of six digits, and numbers without leading zeros in the request.
 template <typename... Parameters, typename... Arguments>
 Call callOf(const char* operation, char* (*function)(int, Parameters...), int session,
             const Arguments&... arguments) {
@@ -92,7 +92,7 @@ Call callOf(const char* operation, char* (*function)(int, Parameters...), int se
     return {operation, request, [=] { return function(session, argumentOf(arguments)...); }};
 }
 
-/// A sale of about that many bytes, or exactly the most.
+/// A sale of about that many bytes; exactly that many if it is the largest.
 std::string saleOf(Random& random, int bytes) {
     const auto size = static_cast<std::size_t>(bytes);
     constexpr std::size_t LARGEST = FISCORA_ANSWER_MAX_BYTES;
@@ -162,7 +162,7 @@ Call callUnder(const Trouble& trouble, Random& random) {
     if (trouble.name == "bad request") {
         return callOf("ExtrairLogs", ExtrairLogs, session, random.digits(41));
     }
-    // At a byte a millisecond a large answer would not be there in time.
+    // At one byte per millisecond a large answer would come too late.
     if (trouble.name == "byte-by-byte") return callOf("ConsultarSAT", ConsultarSAT, session);
     const int saleBytes = random.oneIn(400) ? FISCORA_ANSWER_MAX_BYTES : random.number(0, 20'000);
     return anyCall(random, saleBytes);
@@ -211,7 +211,7 @@ class World {
         };
     }
 
-    /// Makes the call, and holds what comes of it against what has to. Returns how long it took, in ms.
+    /// Makes the call and checks its outcome. Returns its duration in ms.
     long exchange(const Call& call, const Trouble& trouble);
 
     std::string date() const { return localTimeText("%Y%m%d", now()); }
@@ -219,9 +219,9 @@ class World {
     void letTheDayPass() {
         const long left = SECONDS_OF_DAY - now() % SECONDS_OF_DAY - m_random.number(0, 4);
         m_line.advanceMs(1000 * std::max(0L, left));
-        m_device = sim::SimulatedDevice();  // so that what it remembers has an end
+        m_device = sim::SimulatedDevice();  // limits what it remembers
     }
-    /// Frees what the device and its line keep of the calls before.
+    /// Frees what the device and its line keep of earlier calls.
     void forget() {
         m_device = sim::SimulatedDevice();
         m_reception = {};
@@ -258,7 +258,7 @@ class World {
     long m_startMs = 0;
     Reception m_reception;  ///< as it must go; predicted at the first read
     int m_writes = 0;
-    int m_specialWrite = 0;  ///< which one fails, or before which none takes anything
+    int m_specialWrite = 0;  ///< the one that fails, or the first that takes anything
     bool m_writeFailed = false;
     int m_failures = 0;      ///< writes in a row that took nothing
     pbs::Message m_request;  ///< the parser's target
@@ -320,13 +320,13 @@ void World::prepare(const Call& call, const Trouble& trouble) {
     m_line.queued = is("no draining") ? 1 : 0;
 }
 
-/// What has arrived; at the beginning of a call that is all of the call before, the rest of its answers too.
+/// Discards what has arrived: at the beginning of a call, everything left of the previous one.
 void World::discardInput() {
     auto& readings = m_line.readings;
     while (!readings.empty() && (m_writes == 0 || readings.front().afterMs == 0)) readings.pop_front();
 }
 
-/// What the line takes of a write, or fails with.
+/// The result of a write.
 ssize_t World::accepted(size_t length) {
     const int number = m_writes++;
     const auto part = [&](size_t most) { return m_random.number(1, std::max(1, static_cast<int>(most))); };
@@ -373,7 +373,7 @@ void World::answer() {
     transmit(transmission);
 }
 
-/// Each piece is a read or, where it is larger, several.
+/// Each piece comes in a read of its own, or in several if it is larger.
 void World::transmit(const sim::Transmission& transmission) {
     const long pauseMs = transmission.pause.count();
     for (const std::string& piece : transmission.pieces) {
@@ -383,7 +383,7 @@ void World::transmit(const sim::Transmission& transmission) {
         m_line.readings.push_back({piece, 0, first ? 0 : pauseMs % READ_MS});
     }
     if (!transmission.hangUp) return;
-    // As a line fails that is unplugged, or a pty.
+    // As an unplugged line fails, or a pty.
     if (m_random.oneIn(2)) {
         m_line.readings.push_back({"", -1});
     } else {
@@ -399,7 +399,7 @@ Outcome World::expected() const {
     return {m_reception.status, m_reception.answer.bodyAsCString(), m_reception.endMs + pausesMs};
 }
 
-/// Holds the logs against the calls of each day.
+/// Checks the logs against the calls of each day.
 std::size_t checkLogs(std::map<std::string, long> callsOfDay) {
     constexpr std::size_t DATE_POSITION = 6, DATE_SIZE = 8;  // logDrsYYYYMMDD
     std::size_t files = 0;
@@ -438,7 +438,7 @@ class Soak {
   public:
     explicit Soak(unsigned seed) : m_seed(seed), m_random(seed), m_world(m_random) {}
 
-    /// Makes one call more; throws what differs.
+    /// Makes one more call; throws if anything differs.
     void call() {
         ++m_calls;
         if (m_random.oneIn(150)) m_world.letTheDayPass();
@@ -461,7 +461,7 @@ class Soak {
         m_world.forget();
         return residentKiB();
     }
-    /// Also holds the logs against the calls.
+    /// Also checks the logs.
     void print(FILE* report) const {
         std::fprintf(report, "%-18s %10s %10s  %s\n", "TROUBLE", "WORST ms", "(REAL)", "CALLS BY STATUS");
         for (const auto& [name, row] : m_rows) {
@@ -492,14 +492,14 @@ class Soak {
     std::map<std::string, long> m_callsOfDay;
 };
 
-#ifdef __SANITIZE_ADDRESS__  // which keeps what was freed, and looks for leaks itself
+#ifdef __SANITIZE_ADDRESS__  // keeps freed memory, and finds leaks itself
 constexpr long MOST_GROWTH_KIB = std::numeric_limits<long>::max();
 #else
 constexpr long MOST_GROWTH_KIB = 512;
 #endif
 
 void run(FILE* report, long exchanges, unsigned seed) {
-    constexpr long WARM_UP = 500;  // then memory has reached its level
+    constexpr long WARM_UP = 500;  // until memory has settled
     Soak soak(seed);
     const long warmUp = std::min(WARM_UP, exchanges);
     for (long i = 0; i < warmUp; ++i) soak.call();
@@ -520,11 +520,11 @@ int main(int argc, char** argv) try {
     CLI::App application("Thousands of calls of the library, with faults at random");
     application.add_option("--exchanges", exchanges, "Number of calls (default 20000)")
         ->check(CLI::Range(1, 100'000'000));
-    application.add_option("--seed", seed, "Of what is random (default: another each time)");
+    application.add_option("--seed", seed, "Seed of the random choices (default: different each time)");
     CLI11_PARSE(application, argc, argv);
 
     setenv("TZ", "UTC0", 1);
-    // The library prints as well: a line a field of an answer, and what tar says.
+    // The library prints too: the fields of answers, and tar's output.
     FILE* const report = fdopen(dup(STDOUT_FILENO), "w");
     if (report == nullptr || std::freopen("/dev/null", "w", stdout) == nullptr) return EXIT_FAILURE;
     setlinebuf(report);

@@ -86,7 +86,7 @@ Script readScript(const std::string& text) {
     return script;
 }
 
-/// Keeps the library's log from the disk: while it lives, the working directory is one that takes no files.
+/// Keeps the library's log off the disk: while it lives, the working directory takes no files.
 class WithoutLog {
   public:
     WithoutLog() { require(chdir("/proc") == 0, "there is a /proc"); }

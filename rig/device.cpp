@@ -3,7 +3,7 @@
 ///     driver_device LINE ACTIVATION_CODE [LATENCY_MS [BAUD]]
 ///
 /// Its answers begin LATENCY_MS after their requests (default 0), and the line takes BAUD (default 0: no
-/// limit). Where the line has hung up, or is not there, it waits for it.
+/// limit). If the line has hung up or is missing, it waits for it.
 
 #include <fcntl.h>
 #include <termios.h>
@@ -19,7 +19,7 @@
 
 namespace {
 
-/// The line in raw mode; -1 where it is not there.
+/// The line in raw mode; -1 if it is missing.
 sim::Descriptor openLine(const char* path) {
     sim::Descriptor line(open(path, O_RDWR | O_NOCTTY));
     termios mode;

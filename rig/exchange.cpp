@@ -1,10 +1,10 @@
-/// A till's application: asks the device for its state and sends it sales of 1 MiB in turn, and holds every
-/// answer against what was asked.
+/// A till's application: asks the device for its state and sends it sales of 1 MiB in turn, and checks that
+/// every answer fits its request.
 ///
 ///     driver_exchange COUNT ACTIVATION_CODE
 ///
 /// Prints a line for each failure and, for each kind of call, "total NAME COUNT FAILED WORST", the last in
-/// milliseconds. Exit status 1 where there was a failure.
+/// milliseconds. Exit status 1 if there was one.
 
 #include <fiscora.h>
 
@@ -42,7 +42,7 @@ struct Tally {
     int failed = 0;
     std::chrono::milliseconds worst{0};
 
-    /// The fields of the answer to `call`, whose time is taken.
+    /// Times `call`; returns the fields of its answer.
     std::vector<std::string> timed(const std::function<const char*()>& call) {
         const auto start = std::chrono::steady_clock::now();
         const std::string answer = call();

@@ -3,13 +3,13 @@
 ///
 ///     driver_faults CLOSE_MS
 ///
-/// CLOSE_MS: how long the driver may hold up the closing of a port whose device takes nothing. Every fault is
-/// followed by a call that has to work: it asks the device for its answer to the call before, and so tells
-/// whether that request had arrived.
+/// CLOSE_MS: how long the driver may delay the closing of a port whose device takes nothing. After every
+/// fault a call must work: it asks the device for its answer to the previous call, which tells whether that
+/// request had arrived.
 ///
 /// Prints for each scenario, separated by tabs: "fault", the scenario, its status, the ms that the call took,
 /// those of the closing in it, what was expected, the code that the next call brought, and what differs or
-/// "ok". Exit status 1 where something differs.
+/// "ok". Exit status 1 if anything differs.
 
 #include <fiscora.h>
 #include <sys/syscall.h>
@@ -72,8 +72,8 @@ struct Scenario {
 
 constexpr const char* NOT_RECEIVED = "11003";
 
-// A silent device ends a query after 6 s and a sale after 10 s; then comes a pause of one second, and where
-// the line failed a second one. The rest is for a slow machine.
+// A silent device ends a query after 6 s and a sale after 10 s; then comes a pause of one second, and a
+// second one if the line failed. The rest allows for a slow machine.
 constexpr std::array SCENARIOS{
     Scenario{"unplugged during the request",
              "usbdev tell sat delay 50 && usbdev tell sat when taken 65536 20 unplug", SALE,
@@ -137,7 +137,7 @@ std::string faultInAnswer(const Scenario& scenario, int session, const Observati
     return std::to_string(seen.bytesRead) + " bytes of an answer";
 }
 
-/// Meets one scenario and prints its line. False where something differs from what was expected.
+/// Meets one scenario and prints its line. False if anything differs.
 bool meet(const Scenario& scenario, int session, int closeMs) {
     std::string differences;
     const auto expect = [&](bool holds, const std::string& otherwise) {
@@ -168,7 +168,7 @@ bool meet(const Scenario& scenario, int session, int closeMs) {
     return differences.empty();
 }
 
-/// After HANG_SECONDS whatever the library waits for in the kernel ends with an error.
+/// After HANG_SECONDS, whatever the library waits for in the kernel fails.
 void interruptHangs() {
     struct sigaction action {};
     action.sa_handler = [](int) {};
@@ -177,7 +177,7 @@ void interruptHangs() {
 
 }  // namespace
 
-// These stand in for the platform's in the library's calls.
+// The library calls these instead of the platform's.
 extern "C" ssize_t read(int fd, void* buffer, size_t count) {
     const long result = syscall(SYS_read, fd, buffer, count);
     if (result > 0) g_bytesRead += result;

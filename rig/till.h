@@ -20,7 +20,7 @@ struct Sale {
 Sale writeSale(unsigned seed);
 
 /// What is wrong with the status of the last call, or with the session number or the code of its answer;
-/// empty where nothing is.
+/// empty if nothing is.
 std::string faultInHead(int session, const std::string& code, const std::vector<std::string>& answerFields);
 
 }  // namespace till

@@ -1,5 +1,5 @@
 /// A virtual USB serial device: plays one CDC ACM function to the kernel's virtual host controller, so that
-/// the kernel's own cdc_acm driver serves it as /dev/ttyACM..., and offers the device's end of the line on a
+/// the kernel's own cdc_acm driver serves it as /dev/ttyACM..., and offers the device's end of the line as a
 /// pty, which hangs up when the device is unplugged.
 ///
 ///     driver_vacm [OPTION...] play PATH    runs it; PATH links to the pty, PATH.sock takes orders
@@ -10,9 +10,9 @@
 ///     driver_vacm tell PATH ORDER          gives it an order and prints the answer:
 ///         delay MS | hold | release | unplug | plug | stats | when taken|given BYTES MS ORDER
 ///
-/// `hold` lets it take nothing more until `release`. `stats` counts what it took, what the host cancelled
+/// After `hold` it takes nothing until `release`. `stats` counts what it took, what the host cancelled
 /// before it was taken, and what it gave. `when` carries out ORDER once: MS milliseconds after it has taken
-/// (given) BYTES more bytes; a later `when` takes its place.
+/// (given) BYTES more bytes; a later `when` replaces it.
 ///
 /// Sources of the numbers: the Linux kernel's document usbip_protocol (messages of the host controller),
 /// USB 2.0, chapter 9 (control requests, descriptors), and the USB communications class's subclass for PSTN
@@ -202,7 +202,7 @@ void VirtualDevice::openLine() {
     m_pty = required(posix_openpt(O_RDWR | O_NOCTTY | O_NONBLOCK | O_CLOEXEC), "pty");
     if (grantpt(m_pty.get()) || unlockpt(m_pty.get())) fail("pty");
     const char* name = ptsname(m_pty.get());
-    // Held, so that the pty does not hang up when its reader goes.
+    // Held so that the pty does not hang up when its reader goes.
     m_terminal = required(open(name, O_RDWR | O_NOCTTY | O_CLOEXEC), name);
     termios mode;
     if (tcgetattr(m_terminal.get(), &mode)) fail(name);
@@ -249,7 +249,7 @@ void VirtualDevice::forgetHost() {
     m_toHost.clear();
 }
 
-/// Reads exactly `length` bytes. False where the host controller has gone.
+/// Reads exactly `length` bytes. False if the host controller has gone.
 bool VirtualDevice::readFromHost(void* data, std::size_t length) {
     char* next = static_cast<char*>(data);
     while (length > 0) {
@@ -335,8 +335,7 @@ void VirtualDevice::control(const Header& header) {
     reply(RET_SUBMIT, header[SEQNUM], 0, answer->size(), *answer);
 }
 
-/// The answer to a control request, empty where there is nothing to answer; none for what the driver never
-/// asks.
+/// The answer to a control request, which may be empty; none for a request that the driver never makes.
 std::optional<std::string> VirtualDevice::controlAnswer(const Header& header) const {
     std::array<std::uint8_t, 8> setup;  // bmRequestType, bRequest, wValue, wIndex, wLength
     std::memcpy(setup.data(), &header[SETUP], setup.size());
@@ -464,7 +463,7 @@ std::string VirtualDevice::obey(const std::string& order) {
     return "";
 }
 
-/// Takes up the order whose words after `when` are left. False where they make no sense.
+/// Takes an order from the words after `when`. False if they make no sense.
 bool VirtualDevice::postpone(std::istream& words) {
     std::string direction, order;
     std::uint64_t bytes;
@@ -527,7 +526,7 @@ void VirtualDevice::answer(int client, const std::string& order) {
 
 void VirtualDevice::run() {
     for (;;) {
-        // All that the host has said comes first: a transfer that it has cancelled already must not be taken.
+        // What the host has said comes first: a transfer that it has cancelled must not be taken.
         pollfd host{m_host.get(), POLLIN, 0};
         while (isPlugged() && poll(&host, 1, 0) > 0) takeMessage();
         takeFromHost();
@@ -577,7 +576,7 @@ int run(int argc, char** argv) {
 }  // namespace
 
 int main(int argc, char** argv) {
-    std::signal(SIGPIPE, SIG_IGN);  // whoever gives an order need not stay for the answer
+    std::signal(SIGPIPE, SIG_IGN);  // who gives an order may leave before the answer
     try {
         return run(argc, argv);
     } catch (const std::exception& error) {

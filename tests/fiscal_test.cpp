@@ -21,7 +21,7 @@ using Text = const char*;
 
 Sat* const SAT = &objManipulaDadosSat;
 
-/// The library's g_resp. Naming the symbol would move it into this program, away from the zero behind it.
+/// The library's g_resp. Naming the symbol would move it into this program, away from the zero after it.
 char* const RESP = static_cast<char*>(dlsym(RTLD_DEFAULT, "g_resp"));
 
 /// What a buffer holds up to its last byte that is not zero.
