@@ -25,6 +25,7 @@
 #include <string>
 #include <vector>
 
+#include "sim/Fault.h"
 #include "till.h"
 #include "transaction/DoTransaction.h"
 
@@ -72,31 +73,35 @@ struct Scenario {
 
 constexpr const char* NOT_RECEIVED = "11003";
 
+/// The status that `fiscora sim` lists for this fault of a device: under the real driver it is the same.
+int statusUnder(const char* fault) { return sim::findFault(fault)->status; }
+
 // A silent device ends a query after 6 s and a sale after 10 s; then comes a pause of one second, and a
 // second one if the line failed. The rest allows for a slow machine.
-constexpr std::array SCENARIOS{
+const std::array SCENARIOS{
     Scenario{"unplugged during the request",
              "usbdev tell sat delay 50 && usbdev tell sat when taken 65536 20 unplug", SALE,
-             FISCORA_STATUS_READ_ERROR, Answer::None, 5000,
+             statusUnder("refused-write"), Answer::None, 5000,
              "usbdev unplug sat && usbdev tell sat delay 0 && usbdev plug sat", NOT_RECEIVED},
     Scenario{"unplugged during the wait", "usbdev tell sat when taken 1 500 unplug", QUERY,
-             FISCORA_STATUS_READ_ERROR, Answer::None, 5000, "usbdev unplug sat && usbdev plug sat", "08000"},
+             statusUnder("hang-up"), Answer::None, 5000, "usbdev unplug sat && usbdev plug sat", "08000"},
     Scenario{"unplugged during the answer", "usbdev tell sat when given 65536 20 unplug", SALE,
-             FISCORA_STATUS_READ_ERROR, Answer::Part, 10000, "usbdev unplug sat && usbdev plug sat", "06000"},
+             statusUnder("hang-up-in-answer"), Answer::Part, 10000, "usbdev unplug sat && usbdev plug sat",
+             "06000"},
     Scenario{"not plugged in, then as ttyACM1", "usbdev unplug sat", QUERY, FISCORA_STATUS_NO_ANSWER,
              Answer::None, 1500,
              "usbdev add other -m Other && usbdev plug sat && [ \"$(usbdev node sat)\" = ttyACM1 ]",
              NOT_RECEIVED},
-    Scenario{"takes nothing of a query", "usbdev tell sat hold", QUERY, FISCORA_STATUS_TIMEOUT, Answer::None,
+    Scenario{"takes nothing of a query", "usbdev tell sat hold", QUERY, statusUnder("silence"), Answer::None,
              8000, "usbdev tell sat release", NOT_RECEIVED},
-    Scenario{"takes nothing of a sale", "usbdev tell sat hold", SALE, FISCORA_STATUS_TIMEOUT, Answer::None,
+    Scenario{"takes nothing of a sale", "usbdev tell sat hold", SALE, statusUnder("silence"), Answer::None,
              12500, "usbdev tell sat release", NOT_RECEIVED},
     Scenario{"takes nothing for 3 s", "usbdev tell sat hold && usbdev tell sat when taken 0 3000 release",
              SALE, FISCORA_STATUS_OK, Answer::Whole, 11500, "true", "06000"},
     Scenario{"takes nothing, unplugged after 7 s",
-             "usbdev tell sat hold && usbdev tell sat when taken 0 7000 unplug", SALE,
-             FISCORA_STATUS_READ_ERROR, Answer::None, 10000,
-             "usbdev unplug sat && usbdev tell sat release && usbdev plug sat", NOT_RECEIVED},
+             "usbdev tell sat hold && usbdev tell sat when taken 0 7000 unplug", SALE, statusUnder("hang-up"),
+             Answer::None, 10000, "usbdev unplug sat && usbdev tell sat release && usbdev plug sat",
+             NOT_RECEIVED},
     Scenario{"two devices, the later name answers", "usbdev add second -s 2", QUERY_OF_SECOND,
              FISCORA_STATUS_OK, Answer::Whole, 5000, "usbdev unplug second", NOT_RECEIVED},
 };

@@ -12,15 +12,15 @@ namespace {
 
 namespace fs = std::filesystem;
 
-/// Whether /dev/serial and /sys/bus/usb/devices are folders of the working directory. A test writes to these
-/// alone.
+/// Whether /dev/serial and /sys/bus/usb/devices are the working directory's folders, the only ones that a
+/// test writes to.
 bool devicesArePrivate() {
     std::error_code absent;
     return fs::equivalent("serial", "/dev/serial", absent) &&
            fs::equivalent("devices", "/sys/bus/usb/devices", absent);
 }
 
-/// Runs the present test once more, by bubblewrap, where they are.
+/// Runs the current test again under bubblewrap, where they are.
 void repeatWithPrivateDevices() {
     WorkingDirectory folder;
     for (const auto* root : {"serial", "devices"}) fs::create_directory(root);
@@ -42,50 +42,62 @@ void make(const std::string& entry) {
     if (mark != std::string::npos && entry[mark] == ' ') fs::create_symlink(entry.substr(mark + 4), path);
 }
 
-TEST(Discovery, TheDeviceIsMissedOrAnotherTaken) {
+TEST(Discovery, TheDeviceIsFoundByNameAndByVendor) {
     if (!devicesArePrivate()) return repeatWithPrivateDevices();
     const std::string usb = "serial/by-id/usb", mark = "-mfc+_with_musb-if00 -> ../../tty";
     const std::string device = "devices/1-1", vendor = device + "/idVendor=0525\n",
                       tty = "/1-1:1.0/tty/ttyACM";
     const std::string later = "devices/2-1", laterVendor = later + "/idVendor=0525\n";
     const struct {
+        const char* name;
         std::vector<std::string> entries;
         std::string byName, byVendor;
     } cases[] = {
-        {{}, "", ""},
-        {{"serial/by-id", vendor}, "", ""},
-        {{usb + mark + "ACM0", vendor, device + tty + "3"}, "/dev/ttyACM0", "/dev/ttyACM3"},
-        {{usb + "b" + mark + "ACM2", usb + "a" + mark + "ACM5"}, "/dev/ttyACM2", ""},
-        {{usb + mark + "ACM12", vendor, device + tty + "12"}, "/dev/ttyACM1", "/dev/ttyACM12"},
-        {{usb + "a" + mark + "ACM0", usb + "b" + mark + "USB0"}, "", ""},
-        {{usb + "-mfc_with_musb -> ../../ttyACM0", usb + "-mfcc_with_musb -> ../../ttyACM1"}, "", ""},
-        {{device + "/idVendor=0525", device + "/idProduct=ffff", device + tty + "3"}, "", "/dev/ttyACM3"},
-        {{device + "/idVendor=05250\n", device + tty + "3"}, "", ""},
-        {{device + "/idVendor=", "devices/1-2/idVendor=1d6b\n", laterVendor, later + tty + "7"},
+        {"no folders", {}, "", ""},
+        {"empty folders", {"serial/by-id", vendor}, "", ""},
+        {"one device", {usb + mark + "ACM0", vendor, device + tty + "3"}, "/dev/ttyACM0", "/dev/ttyACM3"},
+        {"two names", {usb + "b" + mark + "ACM2", usb + "a" + mark + "ACM5"}, "/dev/ttyACM2", ""},
+        {"two digits", {usb + mark + "ACM12", vendor, device + tty + "12"}, "/dev/ttyACM1", "/dev/ttyACM12"},
+        {"last name on another driver", {usb + "a" + mark + "ACM0", usb + "b" + mark + "USB0"}, "", ""},
+        {"similar names",
+         {usb + "-mfc_with_musb -> ../../ttyACM0", usb + "-mfcc_with_musb -> ../../ttyACM1"},
+         "",
+         ""},
+        {"vendor without line end",
+         {device + "/idVendor=0525", device + "/idProduct=ffff", device + tty + "3"},
+         "",
+         "/dev/ttyACM3"},
+        {"longer vendor", {device + "/idVendor=05250\n", device + tty + "3"}, "", ""},
+        {"empty and foreign vendor first",
+         {device + "/idVendor=", "devices/1-2/idVendor=1d6b\n", laterVendor, later + tty + "7"},
          "",
          "/dev/ttyACM7"},
-        {{"devices/1-0/idVendor -> nowhere", vendor, device + tty + "3"}, "", ""},
-        {{vendor, device + "/a/ttys/S0", device + "/b/tty/ttyS4", device + "/c/tty/ttyS5"}, "", "/dev/ttyS4"},
-        {{vendor, laterVendor, later + tty + "7"}, "", ""},
-        {{vendor, device + "/a/tty/.hidden"}, "", ""},
+        {"unreadable vendor first", {"devices/1-0/idVendor -> nowhere", vendor, device + tty + "3"}, "", ""},
+        {"folders beside tty",
+         {vendor, device + "/a/ttys/S0", device + "/b/tty/ttyS4", device + "/c/tty/ttyS5"},
+         "",
+         "/dev/ttyS4"},
+        {"first device without tty", {vendor, laterVendor, later + tty + "7"}, "", ""},
+        {"hidden entry", {vendor, device + "/a/tty/.hidden"}, "", ""},
     };
     platform.usleep = [](useconds_t) { return 0; };
     serial::SerialCommChannel channel;
     const long before = openDescriptors();
     for (const auto& one : cases) {
+        SCOPED_TRACE(one.name);
         for (const auto& entry : one.entries) make(entry);
         testing::internal::CaptureStderr();
-        EXPECT_EQ(channel.findUsbDevice(), one.byName) << testing::PrintToString(one.entries);
+        EXPECT_EQ(channel.findUsbDevice(), one.byName);
         EXPECT_EQ(testing::internal::GetCapturedStderr(), "");
         const std::unique_ptr<char, decltype(&std::free)> path(channel.findUsbDeviceByVendorId(), &std::free);
-        EXPECT_EQ(path ? path.get() : "", one.byVendor) << testing::PrintToString(one.entries);
+        EXPECT_EQ(path ? path.get() : "", one.byVendor);
         for (const auto* root : {"serial", "devices"})
             for (const auto& entry : fs::directory_iterator(root)) fs::remove_all(entry);
     }
     EXPECT_EQ(openDescriptors(), before);
 }
 
-TEST(Discovery, ALineIsReadBeyondOrShortOfItsBuffer) {
+TEST(Discovery, ALineOfTheListingIsReadUpToItsBuffer) {
     FakeLine line;
     serial::SerialCommChannel channel;
     line.listing = std::string(248, 'x') + "ttyACM12";

@@ -1,11 +1,11 @@
-// A till: asks the device for its state again and again, prints what came of each call, and looks at the end
-// whether a descriptor was left open.
+// A till: asks the device for its state again and again, prints what came of each call, and checks at the end
+// that no descriptor was left open.
 //
 //     till [--without-pauses] [--signals] CALLS
 //
 //     --signals  a signal arrives every few milliseconds, with a handler that restarts what it interrupts
 //
-// Prints a line a call: status, milliseconds, answer. Exit status 0 when no descriptor was left open.
+// Prints one line per call: status, milliseconds, answer. Exit status 1 if a descriptor was left open.
 
 #include <dlfcn.h>
 #include <sys/time.h>
@@ -25,8 +25,7 @@
 
 #include "fiscora.h"
 
-// A program's own names, which are names of the library, too: the library keeps to itself, and its calls
-// work.
+// Names of the program's own that the library uses too: the library must keep to its own.
 
 struct Base64 {
     static const std::string base64_chars;
@@ -69,7 +68,7 @@ void startSignals() {
 
 }  // namespace
 
-/// Comes before the platform's own.
+/// The library calls this one instead of the platform's.
 extern "C" int usleep(useconds_t us) {
     if (withoutPauses) return 0;
     return reinterpret_cast<int (*)(useconds_t)>(dlsym(RTLD_NEXT, "usleep"))(us);
