@@ -1,9 +1,11 @@
 // Exchanges on a line and a clock that the test controls: each byte and each pause is exact.
 #include <fcntl.h>
 #include <gtest/gtest.h>
+#include <sys/syscall.h>
 #include <unistd.h>
 
 #include <cerrno>
+#include <cstdio>
 #include <cstdlib>
 #include <filesystem>
 #include <tuple>
@@ -189,19 +191,58 @@ TEST(Link, AFullDriverIsWaitedForASecond) {
     }
 }
 
+/// A terminal of this process as the device, on the real platform.
+class Terminal {
+  public:
+    Terminal() {
+        platform = Platform();
+        grantpt(m_device);
+        unlockpt(m_device);
+    }
+    Terminal(const Terminal&) = delete;
+    Terminal& operator=(const Terminal&) = delete;
+    ~Terminal() {
+        platform = Platform();
+        close(m_device);
+    }
+    std::string path() const { return ptsname(m_device); }
+    void type(const char* text) { dprintf(m_device, "%s", text); }
+
+  private:
+    int m_device = posix_openpt(O_RDWR | O_NOCTTY);
+};
+
 TEST(Link, AReadEndsOnAPortThatCannotBeSetUp) {
-    const World world;
-    platform = Platform();
+    Terminal terminal;
     platform.tcsetattr = [](int, int, const termios*) { return -1; };
-    const int device = posix_openpt(O_RDWR | O_NOCTTY);
-    ASSERT_EQ(grantpt(device) | unlockpt(device), 0);
     serial::SerialCommChannel channel;
-    ASSERT_EQ(channel.openSerial(ptsname(device)), 0);
+    ASSERT_EQ(channel.openSerial(terminal.path()), 0);
     char byte = 0;
     EXPECT_EQ(channel.receive(&byte, 1), 0);
-    EXPECT_EQ(write(device, "\n", 1), 1);
+    terminal.type("\n");
     EXPECT_EQ(channel.receive(&byte, 1), 1);
-    close(device);
+}
+
+TEST(Link, APortBlocksAndKeepsClearOfTheStandardStreams) {
+    const Terminal terminal;
+    int port = -1;
+    platform.write = [&port](int fd, const void* bytes, size_t length) {
+        port = fd;
+        return syscall(SYS_write, fd, bytes, length);
+    };
+    platform.usleep = [](useconds_t) { return 0; };
+    platform.ioctl = [](int, unsigned long, void* queued) { return *static_cast<int*>(queued) = 1, 0; };
+    serial::SerialCommChannel channel;
+    const int standardError = dup(STDERR_FILENO);
+    close(STDERR_FILENO);
+    const int opened = channel.openSerial(terminal.path());
+    dup2(standardError, STDERR_FILENO);
+    close(standardError);
+    ASSERT_EQ(opened, 0);
+    EXPECT_EQ(channel.send("x", 1), 1) << "which uses up the time for waits";
+    EXPECT_EQ(channel.send("x", 1), 1) << "which waits for room";
+    EXPECT_GT(port, STDERR_FILENO);
+    EXPECT_EQ(fcntl(port, F_GETFL) & O_NONBLOCK, 0);
 }
 
 TEST(Link, WithoutATerminalNothingIsSentOrLeftOpen) {
