@@ -17,17 +17,20 @@
 #include <cstdlib>
 #include <cstring>
 #include <filesystem>
-#include <iomanip>
 #include <iostream>
 #include <map>
 #include <optional>
 #include <string_view>
 #include <system_error>
 
+#include "i18n.h"
 #include "sim/Fault.h"
 #include "sim/FrameTrace.h"
 #include "sim/LineContract.h"
 #include "sim/PtyLine.h"
+#include "sim/device_guard.h"
+#include "sim/search_stand_in.h"
+#include "terminal_text.h"
 
 namespace tool {
 namespace {
@@ -39,21 +42,29 @@ constexpr int CANNOT_EXECUTE = 126;
 constexpr int NOT_FOUND = 127;
 constexpr int KILLED_BY_SIGNAL = 128;
 
+constexpr char PRELOAD_LIBRARY[] = "libfiscora-sim.so";
+
 // Limits of a planned fault's numbers.
 constexpr unsigned MAX_BAD_ANSWERS = 1000;
 constexpr unsigned MAX_EXCHANGE = 999'999'999;
 
 int fail(int status, const std::string& text) {
-    std::cerr << "fiscora sim: " << text << "\n";
+    std::cerr << "fiscora sim: " << withoutControls(text) << "\n";
     return status;
 }
 
-/// Path of the program that a shell would run for `name`: the first one on the search path, one that can be
-/// executed before one that cannot. Empty where there is none.
+/// PATH, or what shells take in its place.
+std::string searchPath() {
+    const char* const path = std::getenv("PATH");
+    return path != nullptr ? path : "/usr/local/bin:/usr/bin:/bin";
+}
+
+/// Path of the program that a shell would run for `name`: the first one on the search path that can be
+/// executed, else the first one. Empty if there is none.
 fs::path findProgram(const std::string& name) {
     if (name.find('/') != std::string::npos) return access(name.c_str(), F_OK) == 0 ? name : "";
-    const char* searched = std::getenv("PATH");
-    std::string_view rest = searched != nullptr ? searched : "/usr/local/bin:/usr/bin:/bin";
+    const std::string searched = searchPath();
+    std::string_view rest = searched;
     fs::path inert;
     while (!name.empty()) {
         const std::string_view folder = rest.substr(0, rest.find(':'));
@@ -69,7 +80,8 @@ fs::path findProgram(const std::string& name) {
     return inert;
 }
 
-/// Whether the loader would drop the preloaded library, and with it the simulation.
+/// Whether the program would want privileges, which the guard keeps from it; it might run without them and
+/// fail in a strange way.
 bool raisesPrivileges(const fs::path& program) {
     struct stat file {};
     if (stat(program.c_str(), &file) != 0) return false;
@@ -78,37 +90,50 @@ bool raisesPrivileges(const fs::path& program) {
            getxattr(program.c_str(), "security.capability", nullptr, 0) > 0;
 }
 
-/// The preloaded library, beside this program in a build tree or below the libraries' folder where it is
-/// installed.
-fs::path findPreloadLibrary() {
+/// Folder of the preloaded library and of the stand-in for `ls`: that of this program in a build tree, or
+/// below the libraries' folder once installed. LD_PRELOAD is cut at blanks and colons, PATH at colons, so a
+/// path that has one is replaced by a link in the line's folder.
+std::string supportFolder(const sim::PtyLine& line) {
     const fs::path here = fs::read_symlink("/proc/self/exe").parent_path();
     for (const char* folder : {".", FISCORA_PRELOAD_FOLDER}) {
-        const fs::path candidate = here / folder / "libfiscora-sim.so";
-        if (fs::exists(candidate)) return fs::canonical(candidate);
+        if (!fs::exists(here / folder / PRELOAD_LIBRARY)) continue;
+        const fs::path found = fs::canonical(here / folder);
+        if (found.string().find_first_of(" :") == std::string::npos) return found;
+        fs::create_symlink(found, line.folder() + "/support");
+        return line.folder() + "/support";
     }
-    throw std::runtime_error(
-        "libfiscora-sim.so is missing: it belongs beside this program or in " FISCORA_PRELOAD_FOLDER);
+    throw std::runtime_error(filled(tr("%s is missing: it belongs beside this program or in %s"),
+                                    PRELOAD_LIBRARY, FISCORA_PRELOAD_FOLDER));
 }
 
-/// The loader cuts LD_PRELOAD at blanks and colons, so a path that has one is replaced by a link in the
-/// line's folder.
-std::string preloadList(const sim::PtyLine& line) {
-    std::string library = findPreloadLibrary();
-    if (library.find_first_of(" :") != std::string::npos) {
-        const std::string link = line.folder() + "/libfiscora-sim.so";
-        fs::create_symlink(library, link);
-        library = link;
+/// The environment in which programs meet the simulated device, or find none.
+class Environment {
+  public:
+    explicit Environment(const sim::PtyLine& line) : m_line(line.path()) {
+        const std::string folder = supportFolder(line);
+        m_preload = folder + "/" + PRELOAD_LIBRARY;
+        const char* const present = std::getenv("LD_PRELOAD");
+        if (present != nullptr && *present != '\0') m_preload.append(":").append(present);
+        m_path = folder + "/" + sim::STAND_IN_FOLDER + ":" + searchPath();
     }
-    const char* present = std::getenv("LD_PRELOAD");
-    return present != nullptr && *present != '\0' ? library + ":" + present : library;
-}
+    void enter() const {
+        setenv("LD_PRELOAD", m_preload.c_str(), 1);
+        setenv("PATH", m_path.c_str(), 1);
+        setenv(sim::LINE_VARIABLE, m_line.c_str(), 1);
+    }
+
+  private:
+    std::string m_line;
+    std::string m_preload;
+    std::string m_path;
+};
 
 /// Holds back the signals that concern `fiscora sim`, so that they are read one by one and none ends it
 /// before it has cleaned up.
 class Signals {
   public:
     Signals() {
-        std::signal(SIGCHLD, SIG_DFL);  // where it is ignored, no exit status could be had
+        std::signal(SIGCHLD, SIG_DFL);  // the kernel keeps no exit status while it is ignored
         sigset_t caught{};
         sigemptyset(&caught);
         for (const int signal : {SIGCHLD, SIGINT, SIGQUIT, SIGTERM, SIGHUP, SIGPIPE})
@@ -137,23 +162,23 @@ class Child {
     /// Starts `program` with `words` as its arguments (the first one its name) on the simulated line.
     Child(const fs::path& program, const std::vector<std::string>& words, const sim::PtyLine& line,
           const Signals& signals) {
-        const std::string preload = preloadList(line);
-        const std::string path = line.path();
+        const Environment environment(line);
         std::vector<char*> arguments;
         for (const std::string& word : words) arguments.push_back(const_cast<char*>(word.c_str()));
         arguments.push_back(nullptr);
 
         m_pid = fork();
-        if (m_pid < 0) throw std::system_error(errno, std::generic_category(), "cannot start the command");
+        if (m_pid < 0)
+            throw std::system_error(errno, std::generic_category(), tr("cannot start the command"));
         if (m_pid > 0) return;
         signals.restore();
-        prctl(PR_SET_PDEATHSIG, SIGTERM);  // a line that nobody plays would end in another's pty
-        setenv("LD_PRELOAD", preload.c_str(), 1);
-        setenv(sim::LINE_VARIABLE, path.c_str(), 1);
+        prctl(PR_SET_PDEATHSIG, SIGTERM);
+        environment.enter();
+        sim::guardDevices();
         execvp(program.c_str(), arguments.data());  // runs a script without "#!" as a shell would
         const int reason = errno;
         const bool lost = reason == ENOENT;  // the program itself has been found
-        fail(0, program.string() + ": " + (lost ? "its interpreter is missing" : std::strerror(reason)));
+        fail(0, program.string() + ": " + (lost ? tr("its interpreter is missing") : std::strerror(reason)));
         _exit(lost ? NOT_FOUND : CANNOT_EXECUTE);
     }
     Child(const Child&) = delete;
@@ -222,31 +247,38 @@ sim::FaultPlan parseFault(const std::string& text) {
     const std::size_t equals = std::min(text.find('='), at);
     const std::string kind = text.substr(0, equals);
     const sim::Fault* fault = sim::findFault(kind);
-    if (fault == nullptr) throw refuse("there is no fault \"" + kind + "\", see --list-faults");
+    if (fault == nullptr)
+        throw refuse(filled(tr("there is no fault \"%s\", see --list-faults"), kind.c_str()));
     sim::FaultPlan plan{fault, 0, fault->count};
     if (equals < at) {
-        if (fault->count == 0) throw refuse(kind + " takes no count");
+        if (fault->count == 0) throw refuse(filled(tr("%s takes no count"), kind.c_str()));
         plan.count = countOf(text.substr(equals + 1, at - equals - 1), MAX_BAD_ANSWERS);
-        if (plan.count == 0)
-            throw refuse("the count is a number from 1 to " + std::to_string(MAX_BAD_ANSWERS));
+        if (plan.count == 0) throw refuse(filled(tr("the count is a number from 1 to %u"), MAX_BAD_ANSWERS));
     }
     if (at < text.size()) {
         plan.exchange = countOf(text.substr(at + 1), MAX_EXCHANGE);
-        if (plan.exchange == 0) throw refuse("behind \"@\" stands the number of an exchange, from 1");
+        if (plan.exchange == 0) throw refuse(tr("\"@\" is followed by the number of an exchange, from 1"));
     }
     return plan;
 }
 
-/// For each kind a line that starts with its name and status, and one for the programmer.
+/// For each kind of fault its name and status, what the application sees, and what to learn from it.
 void listFaults() {
-    const auto print = [](std::string_view kind, std::string_view status, std::string_view text) {
-        std::cout << std::left << std::setw(19) << kind << std::setw(8) << status << text << "\n";
+    constexpr std::size_t NAME_COLUMNS = 19;
+    constexpr std::size_t STATUS_COLUMNS = 8;
+    const auto print = [](const std::string& kind, const std::string& status, const char* text) {
+        std::string head = kind + std::string(NAME_COLUMNS - kind.size(), ' ') + status;
+        for (const auto& line : wrapped(text, TERMINAL_COLUMNS - NAME_COLUMNS - STATUS_COLUMNS)) {
+            head.resize(NAME_COLUMNS + STATUS_COLUMNS, ' ');
+            std::cout << head << line << "\n";
+            head.clear();
+        }
     };
-    print("KIND", "STATUS", "WHAT THE APPLICATION SEES, and what to learn from it");
+    print(tr("KIND"), tr("STATUS"), tr("What the application sees, and what to learn from it"));
     for (const sim::Fault& fault : sim::faults()) {
         print(std::string(fault.name) + (fault.count > 0 ? "[=COUNT]" : ""), std::to_string(fault.status),
-              fault.effect);
-        print("", "", fault.advice);
+              tr(fault.effect));
+        print("", "", tr(fault.advice));
     }
 }
 
@@ -254,34 +286,35 @@ void listFaults() {
 
 SimCommand::SimCommand(CLI::App& application)
     : Subcommand(application, "sim",
-                 "Run a command with a simulated fiscal device in the place of the real one",
-                 "fiscora sim [OPTIONS] -- COMMAND [ARGUMENT...]") {
+                 tr("Run a command with a simulated fiscal device in place of the real one"),
+                 tr("fiscora sim [OPTIONS] -- COMMAND [ARGUMENT...]")) {
     using sim::DeviceState;
     static const std::map<std::string, DeviceState> states{{"not-activated", DeviceState::NotActivated},
                                                            {"active", DeviceState::Active},
                                                            {"blocked", DeviceState::Blocked}};
     const auto codeIsValid = [](const std::string& code) {
         return sim::SimulatedDevice::isActivationCode(code) ? ""
-                                                            : "expected 8 to 32 characters without \"|\"";
+                                                            : tr("expected 8 to 32 characters without \"|\"");
     };
     m_options
         ->add_option_function<std::string>(
             "--state", [this](const std::string& name) { m_device.state = states.at(name); },
-            "State at the start (default active)")
-        ->type_name("STATE")
+            tr("State of the device at the start (default active)"))
+        ->type_name(tr("STATE"))
         ->check(oneOf({"active", "blocked", "not-activated"}));
     m_options
         ->add_option("--activation-code", m_device.activationCode,
-                     "Activation code (default " + m_device.activationCode + ")")
-        ->type_name("CODE")
+                     filled(tr("Activation code (default %s)"), m_device.activationCode.c_str()))
+        ->type_name(tr("CODE"))
         ->check(CLI::Validator(codeIsValid, ""));
-    m_options->add_option("--baud", m_port.baud, "Speed of the line in bits a second (default: no limit)")
+    m_options
+        ->add_option("--baud", m_port.baud, tr("Speed of the line in bits per second (default: no limit)"))
         ->type_name("N")
         ->check(numberFrom(300, 10000000));
     m_options
         ->add_option_function<int>(
             "--latency", [this](int ms) { m_port.latency = std::chrono::milliseconds(ms); },
-            "Time that the device takes for each answer, in ms (default 0)")
+            tr("Time that the device takes for each answer, in ms (default 0)"))
         ->type_name("MS")
         ->check(numberFrom(0, 3600000));
     m_options
@@ -290,21 +323,24 @@ SimCommand::SimCommand(CLI::App& application)
             [this](const std::vector<std::string>& plans) {
                 for (const std::string& plan : plans) m_port.faults.push_back(parseFault(plan));
             },
-            "Let the device fail, on its N-th exchange or on every one; may be repeated. COUNT is of bad "
-            "answers")
-        ->type_name("KIND[=COUNT][@N]")
+            tr("Make the device fail, on its N-th exchange or on every one. COUNT is the number of bad answers, "
+               "for the kinds that have some. May be repeated"))
+        ->type_name(tr("KIND[=COUNT][@N]"))
         ->allow_extra_args(false);
     m_options->add_flag("--list-faults", m_listFaults,
-                        "List the kinds of fault and what the application will see");
-    m_options->add_flag("--trace", m_trace, "Print all frames to standard error, activation codes as ***");
-    m_options->add_flag("--trace-secrets", m_traceSecrets, "Show activation codes in the trace as well");
-    m_options->footer(
-        "COMMAND and the programs that it starts find the simulated device; a real one is out of their "
-        "reach.\n"
-        "Programs that raise their privileges (sudo), clear their environment (env -i) or are linked "
-        "statically leave the simulation, and would find a real device.\n"
-        "Programs built with gcc's address sanitizer want ASAN_OPTIONS=verify_asan_link_order=0.\n"
-        "The exit status is COMMAND's, 128 and the signal's number where a signal ended it.");
+                        tr("List the kinds of fault and what the application will see"));
+    m_options->add_flag("--trace", m_trace,
+                        tr("Print all frames to standard error, activation codes as ***"));
+    m_options->add_flag("--trace-secrets", m_traceSecrets, tr("Show activation codes in the trace as well"));
+    m_options->footer(tr(
+        "COMMAND and the programs that it starts meet the simulated device or none, never a real one. A "
+        "program that cannot meet it (32-bit, statically linked, or with an LD_PRELOAD of its own) finds no "
+        "device, and says so on standard error. Only a program that clears PATH (env -i), on a kernel older "
+        "than 5.19 or without Landlock, would find a real device.\n"
+        "Meanwhile COMMAND cannot write to /dev/ttyACM* or to devices plugged in later, raise its privileges "
+        "(sudo), mount file systems (containers), or write to files that it makes in / itself.\n"
+        "Programs built with gcc's address sanitizer need ASAN_OPTIONS=verify_asan_link_order=0.\n"
+        "The exit status is COMMAND's, or 128 plus the number of the signal that ended it."));
 }
 
 int SimCommand::run(const std::vector<std::string>& operands) {
@@ -312,16 +348,16 @@ int SimCommand::run(const std::vector<std::string>& operands) {
         listFaults();
         return EXIT_SUCCESS;
     }
-    if (operands.empty() || operands.front().empty()) throw CLI::RequiredError("COMMAND");
+    if (operands.empty() || operands.front().empty()) throw CLI::ValidationError(tr("COMMAND is missing"));
     const fs::path program = findProgram(operands.front());
-    if (program.empty()) return fail(NOT_FOUND, operands.front() + ": command not found");
+    if (program.empty()) return fail(NOT_FOUND, operands.front() + ": " + tr("command not found"));
     if (fs::is_directory(program) || access(program.c_str(), X_OK) != 0) {
-        return fail(CANNOT_EXECUTE, program.string() + ": not an executable file");
+        return fail(CANNOT_EXECUTE, program.string() + ": " + tr("not an executable file"));
     }
     if (raisesPrivileges(program)) {
-        return fail(CANNOT_EXECUTE, program.string() +
-                                        " raises its privileges and would leave the simulation; run "
-                                        "fiscora itself with those privileges");
+        return fail(CANNOT_EXECUTE, program.string() + ": " +
+                                        tr("raises its privileges and would leave the simulation; run "
+                                           "fiscora itself with those privileges"));
     }
 
     sim::FrameTrace trace(std::cerr, m_traceSecrets);

@@ -11,6 +11,7 @@
 #include "LogCommand.h"
 #include "SimCommand.h"
 #include "i18n.h"
+#include "sim/search_stand_in.h"
 #include "terminal_text.h"
 
 namespace {
@@ -66,6 +67,7 @@ int runTool(int argc, char** argv) {
 }  // namespace
 
 int main(int argc, char** argv) {
+    if (sim::isSearchStandIn()) return sim::standInForSearch(argv);
     tool::chooseLanguage();
     try {
         const int status = runTool(argc, argv);

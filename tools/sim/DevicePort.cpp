@@ -6,6 +6,7 @@
 #include <algorithm>
 #include <cerrno>
 
+#include "i18n.h"
 #include "sim/FrameTrace.h"
 #include "sim/SimulatedDevice.h"
 
@@ -19,7 +20,7 @@ constexpr int BITS_PER_BYTE = 10;
 /// A paced line moves bytes in slices of this length, and makes up for this much time lost by a late wake-up.
 constexpr milliseconds SLICE{10};
 constexpr milliseconds LONGEST_LAG{50};
-/// A request that stops half-way is forgotten after this silence, so that it cannot swallow the next one.
+/// A request that stops halfway is forgotten after this silence, so that it cannot swallow the next one.
 constexpr milliseconds REQUEST_TIMEOUT{2000};
 /// Between an answer's last byte and a hang-up, which would discard what the application has not read yet.
 constexpr milliseconds BEFORE_HANG_UP{100};
@@ -89,7 +90,7 @@ DevicePort::Interest DevicePort::interest() const {
     const int timeoutMs = wake == Clock::time_point::max()
                               ? -1
                               : static_cast<int>(std::chrono::ceil<milliseconds>(wake - now).count());
-    // A line that has hung up would wake the poll also where nothing is to be read or written yet.
+    // A line that has hung up would wake the poll even if there is nothing to read or write yet.
     return {{events == 0 ? -1 : m_fd, events, 0}, timeoutMs};
 }
 
@@ -133,7 +134,7 @@ void DevicePort::take(std::string_view bytes) {
         if (state == pbs::Message::PARSER_MESSAGE_READY) {
             exchange();
         } else if (m_settings.trace != nullptr) {
-            m_settings.trace->note("--> damaged request, not answered: " +
+            m_settings.trace->note(std::string("--> ") + tool::tr("damaged request, not answered") + ": " +
                                    pbs::Message::parserStateName(state));
         }
     });
@@ -145,7 +146,8 @@ void DevicePort::traceSent(std::string_view bytes) {
         if (state == pbs::Message::PARSER_MESSAGE_READY) {
             m_settings.trace->answer(m_tracedAnswer);
         } else {
-            m_settings.trace->note("<-- damaged answer: " + pbs::Message::parserStateName(state));
+            m_settings.trace->note(std::string("<-- ") + tool::tr("damaged answer") + ": " +
+                                   pbs::Message::parserStateName(state));
         }
     });
 }
@@ -157,7 +159,8 @@ const FaultPlan* DevicePort::planOf(unsigned exchange) const {
 }
 
 void DevicePort::traceFault(const FaultPlan& plan) {
-    if (m_settings.trace != nullptr) m_settings.trace->note("fault: " + std::string(plan.fault->name));
+    if (m_settings.trace != nullptr)
+        m_settings.trace->note(tool::tr("fault: ") + std::string(plan.fault->name));
 }
 
 void DevicePort::exchange() {

@@ -17,34 +17,33 @@ class FrameTrace;
 class SimulatedDevice;
 
 struct PortSettings {
-    int baud = 0;  ///< speed of the line in both directions, 10 bits a byte; 0: no limit
+    int baud = 0;  ///< speed of the line in each direction, 10 bits per byte; 0: no limit
     std::chrono::milliseconds latency{0};  ///< between a request's last byte and its answer's first
-    std::vector<FaultPlan> faults;         ///< the first one that names the exchange strikes
-    FrameTrace* trace = nullptr;           ///< where frames are printed; outlives the port
+    std::vector<FaultPlan> faults;         ///< the first one that names the exchange counts
+    FrameTrace* trace = nullptr;           ///< prints frames; outlives the port
 };
 
 /// Plays a SimulatedDevice on the device's end of a serial line: reads requests, writes answers. The line is
 /// any terminal in raw mode (VMIN 1), such as the master of a pty or a gadget's serial port.
 ///
-/// One exchange at a time, as a device: a request that arrives puts an end to an answer that is still going
-/// out.
+/// One exchange at a time, like a device: a request that arrives ends an answer that is still going out.
 class DevicePort {
   public:
     /// `device` outlives the port.
     DevicePort(SimulatedDevice& device, PortSettings settings);
 
-    /// Begins on a fresh line, which stays the caller's and is made non-blocking. What was under way is
-    /// dropped; exchanges are counted on.
+    /// Begins on a fresh line, which stays the caller's and is made non-blocking. Drops what was under way;
+    /// the count of exchanges goes on.
     void attach(int fd);
 
-    /// What to poll for, and for how many milliseconds at most (-1: no limit), before the next `step`.
+    /// What to poll for, and at most how many milliseconds (-1: no limit), before the next `step`.
     struct Interest {
         pollfd line;
         int timeoutMs;
     };
     Interest interest() const;
-    /// Reads and writes what the line takes now, without waiting. False when the line has ended: a fault
-    /// hangs it up (the caller then does), or the other end did.
+    /// Reads and writes what the line takes now, without waiting. False when the line has ended: the other
+    /// end has hung up, or a fault wants the caller to.
     bool step();
 
     /// Plays on `fd` until the line has ended.
@@ -53,7 +52,7 @@ class DevicePort {
   private:
     using Clock = std::chrono::steady_clock;
 
-    /// How many bytes one direction of the line has moved, and may move by now.
+    /// Paces one direction of the line: how many bytes it may move by now.
     class Pace {
       public:
         explicit Pace(int baud) : m_baud(baud) {}
@@ -86,12 +85,12 @@ class DevicePort {
     Pace m_outward;
     pbs::Message m_request;  ///< the parser's target
     Clock::time_point m_lastInput;
-    std::string m_previousFrame;  ///< of the last answer, whatever went out in its place
+    std::string m_previousFrame;  ///< of the last answer, whatever was sent in its place
     Transmission m_out;
     std::size_t m_piece = 0;      ///< the one that is being sent
     std::size_t m_sent = 0;       ///< bytes of it
-    pbs::Message m_tracedAnswer;  ///< target of the trace's parser
-    Clock::time_point m_due;  ///< when the next piece may start, and behind the last when the line hangs up
+    pbs::Message m_tracedAnswer;  ///< the trace's parser's target
+    Clock::time_point m_due;      ///< when the next piece may start, or after the last the line hang up
 };
 
 }  // namespace sim

@@ -10,8 +10,7 @@ class Message;
 namespace sim {
 
 /// Prints frames for a person to read: time of day and direction, head lines, then the body's text with long
-/// fields shortened and control characters made visible. Activation codes show as "***" unless they are asked
-/// for.
+/// fields shortened and control characters made visible. Activation codes show as "***" unless asked for.
 class FrameTrace {
   public:
     /// `out` outlives the trace.
@@ -19,7 +18,7 @@ class FrameTrace {
 
     void request(const pbs::Message& message);
     void answer(const pbs::Message& message);
-    /// One line of its own, for what is no sound frame.
+    /// Prints a line about something other than a good frame.
     void note(std::string_view text);
 
   private:

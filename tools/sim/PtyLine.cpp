@@ -1,6 +1,8 @@
 #include "sim/PtyLine.h"
 
 #include <fcntl.h>
+#include <sys/file.h>
+#include <sys/stat.h>
 #include <termios.h>
 #include <unistd.h>
 
@@ -10,6 +12,9 @@
 #include <cstdlib>
 #include <filesystem>
 #include <system_error>
+#include <utility>
+
+#include "i18n.h"
 
 namespace sim {
 namespace {
@@ -26,9 +31,13 @@ void removeFolder(const std::string& folder) {
 }  // namespace
 
 PtyLine::PtyLine() : m_folder(std::filesystem::temp_directory_path() / "fiscora-sim-XXXXXX") {
-    require(mkdtemp(m_folder.data()) != nullptr, "cannot make a temporary folder");
+    require(mkdtemp(m_folder.data()) != nullptr, tool::tr("cannot make a temporary folder"));
     try {
-        openPty();
+        require(chmod(m_folder.c_str(), S_IRWXU) == 0,
+                tool::tr("cannot set up a temporary folder"));  // any umask
+        m_lock = Descriptor(open(m_folder.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
+        require(flock(m_lock.get(), LOCK_EX | LOCK_NB) == 0, tool::tr("cannot lock a temporary folder"));
+        renew();
     } catch (...) {
         removeFolder(m_folder);
         throw;
@@ -38,31 +47,29 @@ PtyLine::PtyLine() : m_folder(std::filesystem::temp_directory_path() / "fiscora-
 PtyLine::~PtyLine() { removeFolder(m_folder); }
 
 void PtyLine::renew() {
-    m_device = Descriptor();
-    m_application = Descriptor();
-    openPty();
-}
-
-void PtyLine::openPty() {
     Descriptor device(posix_openpt(O_RDWR | O_NOCTTY | O_CLOEXEC));
-    require(device.get() >= 0, "cannot open a pseudo terminal");
-    require(grantpt(device.get()) == 0 && unlockpt(device.get()) == 0, "cannot unlock a pseudo terminal");
+    require(device.get() >= 0, tool::tr("cannot open a pseudo terminal"));
+    require(grantpt(device.get()) == 0 && unlockpt(device.get()) == 0,
+            tool::tr("cannot unlock a pseudo terminal"));
     std::array<char, 64> name{};
-    require(ptsname_r(device.get(), name.data(), name.size()) == 0, "cannot name a pseudo terminal");
+    require(ptsname_r(device.get(), name.data(), name.size()) == 0,
+            tool::tr("cannot name a pseudo terminal"));
     Descriptor application(open(name.data(), O_RDWR | O_NOCTTY | O_CLOEXEC));
-    require(application.get() >= 0, "cannot open a pseudo terminal");
+    require(application.get() >= 0, tool::tr("cannot open a pseudo terminal"));
 
     termios settings{};  // raw from the start: no echo of what arrives before the application sets it
-    require(tcgetattr(application.get(), &settings) == 0, "cannot set up a pseudo terminal");
+    require(tcgetattr(application.get(), &settings) == 0, tool::tr("cannot set up a pseudo terminal"));
     cfmakeraw(&settings);
-    require(tcsetattr(application.get(), TCSANOW, &settings) == 0, "cannot set up a pseudo terminal");
+    require(tcsetattr(application.get(), TCSANOW, &settings) == 0,
+            tool::tr("cannot set up a pseudo terminal"));
 
     const std::string fresh = path() + ".new";
     const bool linked =
         symlink(name.data(), fresh.c_str()) == 0 && std::rename(fresh.c_str(), path().c_str()) == 0;
-    require(linked, "cannot link the simulated line");
-    m_device = std::move(device);
-    m_application = std::move(application);
+    require(linked, tool::tr("cannot link the simulated line"));
+    // Only now the line of before hangs up: its number must not be free while the link leads to it.
+    std::swap(m_device, device);
+    std::swap(m_application, application);
 }
 
 }  // namespace sim

@@ -6,12 +6,13 @@
 
 namespace sim {
 
-/// The simulated line: a pty, with a path of its own that leads to the application's end. The path is a
-/// symbolic link in a private temporary folder, so that it stays the same when the line hangs up and comes
-/// back as another pty.
+/// The simulated line: a pty, and a path that leads to the application's end. The path is a symbolic link in
+/// a private temporary folder, so it stays the same when the line hangs up and comes back as another pty. The
+/// folder is locked (flock) as long as the line lives: a process killed without warning leaves the link,
+/// but not the lock, and the link may then lead to somebody else's terminal.
 class PtyLine {
   public:
-    /// Throws std::system_error where the machine gives no pty or no temporary folder.
+    /// Throws std::system_error if the machine gives no pty or no temporary folder.
     PtyLine();
     PtyLine(const PtyLine&) = delete;
     PtyLine& operator=(const PtyLine&) = delete;
@@ -19,20 +20,19 @@ class PtyLine {
 
     /// The device's end; another one after each `renew`.
     int fd() const { return m_device.get(); }
-    /// The private folder, which goes with all its files when the line does.
+    /// The private folder; removed with all its files when the line goes.
     const std::string& folder() const { return m_folder; }
     /// What the application opens.
     std::string path() const { return m_folder + "/line"; }
 
-    /// Hangs up, and puts a fresh pty behind `path`. Throws as the constructor does.
+    /// Hangs up; `path` then leads to a fresh pty. Throws as the constructor does.
     void renew();
 
   private:
-    void openPty();
-
     std::string m_folder;
+    Descriptor m_lock;  ///< of the folder
     Descriptor m_device;
-    Descriptor m_application;  ///< keeps the line up while no application has it open
+    Descriptor m_application;  ///< keeps the line up while no program has it open
 };
 
 }  // namespace sim

@@ -1,13 +1,20 @@
-// Preloaded by `fiscora sim` into the command that it runs and that command's own children. Puts the
-// simulated line in the place of the fiscal device, and leaves every other use of these functions alone. No
-// state, no initialisers, and nothing of the C++ library: it runs inside programs of any kind.
+// Preloaded by `fiscora sim` into its command and the programs that the command starts. Puts the simulated
+// line in place of the fiscal device, and leaves every other use of these functions alone. No state, no
+// initialisers, and nothing of the C++ library: it runs inside programs of any kind.
+//
+// A library can still be loaded so that it does not meet these functions; search_stand_in.h and
+// device_guard.h keep such a program from a real device.
 
 #include <dlfcn.h>
 #include <fcntl.h>
+#include <sys/file.h>
 #include <sys/stat.h>
 #include <termios.h>
+#include <unistd.h>
 
+#include <array>
 #include <cerrno>
+#include <climits>
 #include <cstdarg>
 #include <cstdio>
 #include <cstdlib>
@@ -18,8 +25,8 @@
 
 namespace {
 
-/// One line as the real search prints it. The node ends in a letter, where a real one has a digit: without
-/// the simulated line its opening fails, and a device that is plugged in is out of reach.
+/// One line as the real search prints it. The node ends in a letter where a real one has a digit: without
+/// the simulated line it cannot be opened, and no real device is.
 constexpr char DISCOVERY_ANSWER[] =
     "echo 'lrwxrwxrwx 1 root root 13 Jan  1 00:00 usb-fiscora_simulated-mfc+_with_musb-if00 -> "
     "../../ttyACMS'";
@@ -36,10 +43,23 @@ Function next(const char* name) {
     return function;
 }
 
-const char* lineOr(const char* path) {
-    if (path == nullptr || std::strcmp(path, NODE) != 0) return path;
-    const char* line = std::getenv(sim::LINE_VARIABLE);
-    return line != nullptr ? line : path;
+/// The simulated line's path if `path` is the device's node, else null.
+const char* lineFor(const char* path) {
+    return path != nullptr && std::strcmp(path, NODE) == 0 ? std::getenv(sim::LINE_VARIABLE) : nullptr;
+}
+
+/// Whether the `fiscora sim` that made `line` still runs: it holds a lock on the line's folder.
+bool simulationLives(const char* line) {
+    std::array<char, PATH_MAX> folder{};
+    const char* const end = std::strrchr(line, '/');
+    if (end == nullptr || end - line >= PATH_MAX) return false;
+    std::memcpy(folder.data(), line, static_cast<std::size_t>(end - line));
+    const int fd =
+        next<int (*)(const char*, int, ...)>("open")(folder.data(), O_RDONLY | O_DIRECTORY | O_CLOEXEC);
+    if (fd < 0) return false;
+    const bool locked = flock(fd, LOCK_SH | LOCK_NB) != 0 && errno == EWOULDBLOCK;
+    close(fd);
+    return locked;
 }
 
 bool isLine(int fd) {
@@ -55,9 +75,17 @@ bool isLine(int fd) {
 
 bool creates(int flags) { return (flags & O_CREAT) != 0 || (flags & O_TMPFILE) == O_TMPFILE; }
 
-/// `mode` is passed on also where nothing looks at it.
+/// `mode` is passed on even if nothing looks at it.
 int openBy(const char* name, const char* path, int flags, mode_t mode) {
-    return next<int (*)(const char*, int, ...)>(name)(creates(flags) ? path : lineOr(path), flags, mode);
+    const auto real = next<int (*)(const char*, int, ...)>(name);
+    const char* const line = creates(flags) ? nullptr : lineFor(path);
+    if (line == nullptr) return real(path, flags, mode);
+    const int fd = real(line, flags, mode);
+    // Asked after the opening: by then the terminal's number may be another program's.
+    if (fd < 0 || simulationLives(line)) return fd;
+    close(fd);
+    errno = ENXIO;
+    return -1;
 }
 
 }  // namespace
@@ -85,8 +113,19 @@ int open64(const char* path, int flags, ...) {
     return openBy("open64", path, flags, mode);
 }
 
+/// Without RTLD_DEEPBIND, with which the library would bind to the real functions (PHP's FFI sets it). The
+/// real dlopen judges by its return address whose search path and namespace count, so each of these must end
+/// in a jump to it, not in a call: CMakeLists.txt optimises this file in every build.
+void* dlopen(const char* file, int mode) noexcept {
+    return next<void* (*)(const char*, int)>("dlopen")(file, mode & ~RTLD_DEEPBIND);
+}
+
+void* dlmopen(Lmid_t space, const char* file, int mode) noexcept {
+    return next<void* (*)(Lmid_t, const char*, int)>("dlmopen")(space, file, mode & ~RTLD_DEEPBIND);
+}
+
 /// What was written to the simulated line counts as transmitted, so there is no output to discard: a pty
-/// hands it over a moment after the write, and its own discard would catch it on the way.
+/// hands it over a moment after the write, and a discard would catch it on the way.
 int tcflush(int fd, int queue) noexcept {
     const auto real = next<int (*)(int, int)>("tcflush");
     if ((queue != TCOFLUSH && queue != TCIOFLUSH) || !isLine(fd)) return real(fd, queue);

@@ -1,0 +1,14 @@
+#pragma once
+
+namespace sim {
+
+/// Puts the serial ports that the library would open (/dev/ttyACM*) out of reach of this process and
+/// all that it starts, whatever they do with their environment: they cannot open one for writing (EACCES),
+/// cannot gain privileges (set-user-ID programs run without), and cannot mount. Ports and other device nodes
+/// that appear later are out of reach as well, and so are files made in `/` itself.
+///
+/// Needs Landlock with the right to move files between folders (Linux 5.19). Without it this does no more
+/// than keep privileges from being gained.
+void guardDevices();
+
+}  // namespace sim
