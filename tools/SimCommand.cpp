@@ -266,7 +266,7 @@ sim::FaultPlan parseFault(const std::string& text) {
 void listFaults() {
     constexpr std::size_t NAME_COLUMNS = 19;
     constexpr std::size_t STATUS_COLUMNS = 8;
-    const auto print = [](const std::string& kind, const std::string& status, const char* text) {
+    const auto print = [](const std::string& kind, const std::string& status, const std::string& text) {
         std::string head = kind + std::string(NAME_COLUMNS - kind.size(), ' ') + status;
         for (const auto& line : wrapped(text, TERMINAL_COLUMNS - NAME_COLUMNS - STATUS_COLUMNS)) {
             head.resize(NAME_COLUMNS + STATUS_COLUMNS, ' ');
@@ -276,9 +276,9 @@ void listFaults() {
     };
     print(tr("KIND"), tr("STATUS"), tr("What the application sees, and what to learn from it"));
     for (const sim::Fault& fault : sim::faults()) {
-        print(std::string(fault.name) + (fault.count > 0 ? "[=COUNT]" : ""), std::to_string(fault.status),
-              tr(fault.effect));
-        print("", "", tr(fault.advice));
+        print(std::string(fault.name) + (fault.count > 0 ? std::string("[=") + tr("COUNT") + "]" : ""),
+              std::to_string(fault.status), tr(fault.effect));
+        print("", "", std::string("-> ") + tr(fault.advice));
     }
 }
 
