@@ -56,9 +56,10 @@ class RealDevice {
     std::string path() const { return m_path.data(); }
     /// Runs `line` with the device plugged in.
     std::string runWith(const std::string& line) const {
-        return run("exec bwrap --bind / / --dev /dev --dev-bind " + path() +
-                   " /dev/ttyACM0 --symlink ../../ttyACM0 /dev/serial/by-id/usb-x-mfc+_with_musb-if00 " +
-                   line);
+        return run(
+            "exec bwrap --bind / / --dev /dev --dev-bind " + path() +
+            " /dev/ttyS9 --symlink ttyS9 /dev/ttyACM0 --symlink ../../ttyACM0 /dev/serial/by-id/usb-x-mfc+_with_musb-if00 " +
+            line);
     }
     bool touched() const {
         pollfd device{m_device, POLLIN | POLLPRI, 0};
@@ -164,7 +165,7 @@ TEST(Simulation, KeepsToItself) {
         {"a folder stays, or none can be made",
          "mkdir tmp; (umask 777; TMPDIR=$PWD/tmp " + asUser + SIM + "-- true); echo $?; ls tmp", "0\n"},
         {"an argument's control characters reach the terminal",
-         "e=$(printf '\\33'); for option in -- --fault= --state=; do " + SIM +
+         "e=$(printf '\\33'); for option in '-- ' --fault= --state=; do " + SIM +
              "$option/$e[31m -- true; done 2>&1 | grep -c $e",
          "0\n"},
     };

@@ -7,12 +7,11 @@
 #include <sys/syscall.h>
 #include <unistd.h>
 
-#include <algorithm>
 #include <cstdint>
 #include <filesystem>
+#include <set>
 #include <string>
 #include <system_error>
-#include <vector>
 
 #include "sim/Descriptor.h"
 
@@ -28,8 +27,6 @@ constexpr std::uint64_t MOVE = std::uint64_t{1} << 13;
 constexpr long VERSION_WITH_MOVE = 2;
 
 constexpr char PORT[] = "ttyACM";
-
-bool isPort(const fs::path& entry) { return entry.filename().string().rfind(PORT, 0) == 0; }
 
 /// What is allowed. Landlock knows no exceptions: everything but the ports has to be named.
 class Allowed {
@@ -69,14 +66,16 @@ void guardDevices() {
     if (syscall(SYS_landlock_create_ruleset, nullptr, 0, LANDLOCK_CREATE_RULESET_VERSION) < VERSION_WITH_MOVE)
         return;
 
-    std::vector<dev_t> ports;  // by number: a port may be a link to a node of another name
+    // A port may be a link to a node of another name, so nodes are told by their numbers.
     const auto numberOf = [](const fs::path& node) {
         struct stat file {};
         return stat(node.c_str(), &file) == 0 && S_ISCHR(file.st_mode) ? file.st_rdev : 0;
     };
+    std::set<dev_t> ports;
     forEach("/dev", [&](const fs::path& entry) {
-        if (isPort(entry)) ports.push_back(numberOf(entry));
+        if (entry.filename().string().rfind(PORT, 0) == 0) ports.insert(numberOf(entry));
     });
+    ports.erase(0);
 
     const Allowed allowed;
     allowed.add("/", MOVE);
@@ -84,9 +83,7 @@ void guardDevices() {
         if (entry != "/dev") allowed.add(entry, WRITE);
     });
     forEach("/dev", [&](const fs::path& entry) {
-        const dev_t number = numberOf(entry);
-        const bool port = number != 0 && std::find(ports.begin(), ports.end(), number) != ports.end();
-        if (!port && !isPort(entry)) allowed.add(entry, WRITE);
+        if (ports.count(numberOf(entry)) == 0) allowed.add(entry, WRITE);
     });
     allowed.enforce();
 }
