@@ -80,8 +80,8 @@ fs::path findProgram(const std::string& name) {
     return inert;
 }
 
-/// Whether the program would want privileges, which the guard keeps from it; it might run without them and
-/// fail in a strange way.
+/// Whether the program gains privileges when it starts. The guard would keep them from it, and it might fail
+/// in a way that nobody understands.
 bool raisesPrivileges(const fs::path& program) {
     struct stat file {};
     if (stat(program.c_str(), &file) != 0) return false;

@@ -28,9 +28,16 @@ void removeFolder(const std::string& folder) {
     std::filesystem::remove_all(folder, ignored);
 }
 
+std::string folderPattern() {
+    std::error_code failure;
+    const auto folder = std::filesystem::temp_directory_path(failure);
+    if (failure) throw std::system_error(failure, tool::tr("TMPDIR names no folder"));
+    return folder / "fiscora-sim-XXXXXX";
+}
+
 }  // namespace
 
-PtyLine::PtyLine() : m_folder(std::filesystem::temp_directory_path() / "fiscora-sim-XXXXXX") {
+PtyLine::PtyLine() : m_folder(folderPattern()) {
     require(mkdtemp(m_folder.data()) != nullptr, tool::tr("cannot make a temporary folder"));
     try {
         require(chmod(m_folder.c_str(), S_IRWXU) == 0,
@@ -67,7 +74,7 @@ void PtyLine::renew() {
     const bool linked =
         symlink(name.data(), fresh.c_str()) == 0 && std::rename(fresh.c_str(), path().c_str()) == 0;
     require(linked, tool::tr("cannot link the simulated line"));
-    // Only now the line of before hangs up: its number must not be free while the link leads to it.
+    // The previous line hangs up only now: its number must not be free while the link leads to it.
     std::swap(m_device, device);
     std::swap(m_application, application);
 }
