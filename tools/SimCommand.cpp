@@ -335,10 +335,10 @@ SimCommand::SimCommand(CLI::App& application)
     m_options->footer(tr(
         "COMMAND and the programs that it starts meet the simulated device or none, never a real one. A "
         "program that cannot meet it (32-bit, statically linked, or with an LD_PRELOAD of its own) finds no "
-        "device, and says so on standard error. Only a program that clears PATH (env -i), on a kernel older "
-        "than 5.19 or without Landlock, would find a real device.\n"
-        "Meanwhile COMMAND cannot write to /dev/ttyACM* or to devices plugged in later, raise its privileges "
-        "(sudo), mount file systems (containers), or write to files that it makes in / itself.\n"
+        "device, and standard error says so. Only a program that clears its environment (env -i), on a kernel "
+        "without Landlock (before Linux 5.19), would find a real device.\n"
+        "COMMAND cannot write to /dev/ttyACM* or to devices plugged in later, gain privileges (sudo), mount "
+        "file systems (containers), or write to files that it makes directly in /.\n"
         "Programs built with gcc's address sanitizer need ASAN_OPTIONS=verify_asan_link_order=0.\n"
         "The exit status is COMMAND's, or 128 plus the number of the signal that ended it."));
 }
@@ -355,9 +355,10 @@ int SimCommand::run(const std::vector<std::string>& operands) {
         return fail(CANNOT_EXECUTE, program.string() + ": " + tr("not an executable file"));
     }
     if (raisesPrivileges(program)) {
-        return fail(CANNOT_EXECUTE, program.string() + ": " +
-                                        tr("raises its privileges and would leave the simulation; run "
-                                           "fiscora itself with those privileges"));
+        return fail(
+            CANNOT_EXECUTE,
+            program.string() + ": " +
+                tr("gains privileges, which no program can in the simulation; run fiscora itself with those privileges"));
     }
 
     sim::FrameTrace trace(std::cerr, m_traceSecrets);
