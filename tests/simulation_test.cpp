@@ -1,7 +1,6 @@
 // What a program under `fiscora sim` can reach. Each runs in a private /dev, made by bubblewrap, in which the
 // fiscal device is a pty of this program's: that one must never be touched.
 
-#include <fcntl.h>
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 #include <linux/filter.h>
@@ -23,12 +22,11 @@
 #include <vector>
 
 #include "platform.h"
+#include "sim/Descriptor.h"
 
 namespace {
 
-const std::string SIM = FISCORA_TOOL " sim ";
-const std::string CALLER = FISCORA_CALLER;
-const std::string LOADER = FISCORA_LOADER;
+const std::string SIM = FISCORA_TOOL " sim ", CALLER = FISCORA_CALLER, LOADER = FISCORA_LOADER;
 
 /// What a shell line prints, on its standard output and error.
 std::string run(const std::string& line) {
@@ -40,36 +38,33 @@ std::string run(const std::string& line) {
 }
 
 /// A pty that stands for a real device.
-class RealDevice {
-  public:
+struct RealDevice {
     RealDevice() {
+        int ends[2] = {-1, -1};
         termios raw{};
         cfmakeraw(&raw);
-        EXPECT_EQ(openpty(&m_device, &m_node, m_path.data(), &raw, nullptr), 0);
+        EXPECT_EQ(openpty(&ends[0], &ends[1], nullptr, &raw, nullptr), 0);
+        device = sim::Descriptor(ends[0]);
+        node = sim::Descriptor(ends[1]);
+        path = ttyname(node.get());
         int reportFlushes = 1;  // the library's first act on a port
-        ioctl(m_device, TIOCPKT, &reportFlushes);
+        ioctl(device.get(), TIOCPKT, &reportFlushes);
     }
-    RealDevice(const RealDevice&) = delete;
-    RealDevice& operator=(const RealDevice&) = delete;
-    ~RealDevice() { close(m_device), close(m_node); }
-
-    std::string path() const { return m_path.data(); }
     /// Runs `line` with the device plugged in.
     std::string runWith(const std::string& line) const {
-        return run(
-            "exec bwrap --bind / / --dev /dev --dev-bind " + path() +
-            " /dev/ttyS9 --symlink ttyS9 /dev/ttyACM0 --symlink ../../ttyACM0 /dev/serial/by-id/usb-x-mfc+_with_musb-if00 " +
-            line);
+        return run("exec bwrap --bind / / --dev /dev --dev-bind " + path +
+                   " /dev/ttyS9"
+                   " --symlink ttyS9 /dev/ttyACM0"
+                   " --symlink ../../ttyACM0 /dev/serial/by-id/usb-x-mfc+_with_musb-if00 " +
+                   line);
     }
     bool touched() const {
-        pollfd device{m_device, POLLIN | POLLPRI, 0};
-        return poll(&device, 1, 0) > 0;
+        pollfd end{device.get(), POLLIN | POLLPRI, 0};
+        return poll(&end, 1, 0) > 0;
     }
 
-  private:
-    int m_device = -1;
-    int m_node = -1;
-    std::array<char, 64> m_path{};
+    sim::Descriptor device, node;
+    std::string path;
 };
 
 /// Makes Landlock look absent to this process and all that it starts.
@@ -173,7 +168,7 @@ TEST(Simulation, KeepsToItself) {
         SCOPED_TRACE(fault);
         const WorkingDirectory folder;
         const RealDevice other;
-        EXPECT_EQ(run("export TMPDIR=$PWD LC_ALL=C PTY=" + other.path() + "; " + line), printed);
+        EXPECT_EQ(run("export TMPDIR=$PWD LC_ALL=C PTY=" + other.path + "; " + line), printed);
         EXPECT_FALSE(other.touched());
     }
 }

@@ -94,16 +94,17 @@ bool raisesPrivileges(const fs::path& program) {
 /// below the libraries' folder once installed. LD_PRELOAD is cut at blanks and colons, PATH at colons, so a
 /// path that has one is replaced by a link in the line's folder.
 std::string supportFolder(const sim::PtyLine& line) {
+    const std::string standIn = std::string(sim::STAND_IN_FOLDER) + "/ls";
     const fs::path here = fs::read_symlink("/proc/self/exe").parent_path();
     for (const char* folder : {".", FISCORA_PRELOAD_FOLDER}) {
-        if (!fs::exists(here / folder / PRELOAD_LIBRARY)) continue;
+        if (!fs::exists(here / folder / PRELOAD_LIBRARY) || !fs::exists(here / folder / standIn)) continue;
         const fs::path found = fs::canonical(here / folder);
         if (found.string().find_first_of(" :") == std::string::npos) return found;
         fs::create_symlink(found, line.folder() + "/support");
         return line.folder() + "/support";
     }
-    throw std::runtime_error(filled(tr("%s is missing: it belongs beside this program or in %s"),
-                                    PRELOAD_LIBRARY, FISCORA_PRELOAD_FOLDER));
+    throw std::runtime_error(filled(tr("%s or %s is missing: they belong beside this program or in %s"),
+                                    PRELOAD_LIBRARY, standIn.c_str(), FISCORA_PRELOAD_FOLDER));
 }
 
 /// The environment in which programs meet the simulated device, or find none.
@@ -358,7 +359,8 @@ int SimCommand::run(const std::vector<std::string>& operands) {
         return fail(
             CANNOT_EXECUTE,
             program.string() + ": " +
-                tr("gains privileges, which no program can in the simulation; run fiscora itself with those privileges"));
+                tr("gains privileges, which no program can in the simulation; run fiscora itself with "
+                   "those privileges"));
     }
 
     sim::FrameTrace trace(std::cerr, m_traceSecrets);

@@ -5,6 +5,10 @@
 // A library can still be loaded so that it does not meet these functions; search_stand_in.h and
 // device_guard.h keep such a program from a real device.
 
+// Where these are set by default, <fcntl.h> makes `open` another name of `open64`; both are defined here.
+#undef _FILE_OFFSET_BITS
+#undef _TIME_BITS
+
 #include <dlfcn.h>
 #include <fcntl.h>
 #include <sys/file.h>
