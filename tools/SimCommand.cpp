@@ -324,7 +324,8 @@ SimCommand::SimCommand(CLI::App& application)
             [this](const std::vector<std::string>& plans) {
                 for (const std::string& plan : plans) m_port.faults.push_back(parseFault(plan));
             },
-            tr("Make the device fail, on its N-th exchange or on every one. COUNT is the number of bad answers, "
+            tr("Make the device fail, on its N-th exchange or on every one. COUNT is the number of bad "
+               "answers, "
                "for the kinds that have some. May be repeated"))
         ->type_name(tr("KIND[=COUNT][@N]"))
         ->allow_extra_args(false);
@@ -336,7 +337,8 @@ SimCommand::SimCommand(CLI::App& application)
     m_options->footer(tr(
         "COMMAND and the programs that it starts meet the simulated device or none, never a real one. A "
         "program that cannot meet it (32-bit, statically linked, or with an LD_PRELOAD of its own) finds no "
-        "device, and standard error says so. Only a program that clears its environment (env -i), on a kernel "
+        "device, and standard error says so. Only a program that clears its environment (env -i), on a "
+        "kernel "
         "without Landlock (before Linux 5.19), would find a real device.\n"
         "COMMAND cannot write to /dev/ttyACM* or to devices plugged in later, gain privileges (sudo), mount "
         "file systems (containers), or write to files that it makes directly in /.\n"

@@ -136,7 +136,8 @@ const std::vector<Fault>& faults() {
          translatable(
              "no answer, after the operation's whole time; if that is more than 50 s, status 2 after 50 s"),
          translatable(
-             "ask the device (ConsultarNumeroSessao) before you send a document again: it may have booked it"),
+             "ask the device (ConsultarNumeroSessao) before you send a document again: it may have booked "
+             "it"),
          silence},
         {"silence-in-answer", 0, 32768, Answer::None,
          translatable("half of the answer; the call waits for the rest as in silence"),
@@ -152,11 +153,13 @@ const std::vector<Fault>& faults() {
          translatable(
              "the line fails at the first bytes of the request; the rest of a large request is refused"),
          translatable(
-             "it looks like hang-up, but the device knows nothing of the request: only asking it tells which"),
+             "it looks like hang-up, but the device knows nothing of the request: only asking it tells "
+             "which"),
          nullptr},
         {"wrong-code", ONE_TOO_MANY, 4, Answer::None,
          translatable(
-             "COUNT answers to another command (default 6), then the right one; up to 5 are ignored and the status is 0"),
+             "COUNT answers to another command (default 6), then the right one; up to 5 are ignored and "
+             "the status is 0"),
          translatable("each ignored answer restarts the time: a call can last six times as long"), wrongCode},
         {"too-large", ONE_TOO_MANY, 4, Answer::None,
          translatable(
@@ -169,7 +172,8 @@ const std::vector<Fault>& faults() {
         {"bad-head", 0, 32768, Answer::None,
          translatable("no answer: a line of its head has no \":\"; the call waits as in silence"),
          translatable(
-             "a device that answers can seem silent; on a slow line, where a read can end there, the status can be 1"),
+             "a device that answers can seem silent; on a slow line, where a read can end there, the "
+             "status can be 1"),
          badHead},
         {"long-head", 0, 32768, Answer::None,
          translatable("no answer: its head has more than 4097 bytes; the call waits as in silence"),
@@ -188,7 +192,8 @@ const std::vector<Fault>& faults() {
          badBody},
         {"bomb", 0, 0, Answer::Compressed,
          translatable(
-             "16 KiB that would grow to 16 MiB, more than announced; they are not decompressed and are the result"),
+             "16 KiB that would grow to 16 MiB, more than announced; they are not decompressed and are "
+             "the result"),
          translatable("as for bad-body"), bomb},
         {"junk-before", 0, 0, Answer::Own, translatable("stray bytes before the answer are skipped"),
          translatable("nothing to do"), junkBefore},
@@ -202,7 +207,8 @@ const std::vector<Fault>& faults() {
          translatable("nothing to do"), twoAnswers},
         {"previous-answer", 0, 0, Answer::Previous,
          translatable(
-             "the answer of the previous exchange comes first, and is the result if both are of the same operation"),
+             "the answer of the previous exchange comes first, and is the result if both are of the same "
+             "operation"),
          translatable(
              "compare field 0 with your session number (the first exchange has none before it and is right)"),
          previousAnswer},
