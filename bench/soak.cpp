@@ -285,11 +285,10 @@ long World::exchange(const Call& call, const Trouble& trouble) {
     if (m_requests == 1 && !same) differ(beginning(m_request.body()) + " and not " + beginning(call.request));
     if (m_line.open) differ("the port stays open");
 
-    const int field = manipulaDados::findOperation(call.operation)->documentField;
+    const auto field = manipulaDados::findOperation(call.operation)->answer.decodedField;
     if (field > 0 && result == m_answer) {
         const auto fields = split(m_answer, '|');
-        const auto index = static_cast<std::size_t>(field);
-        const std::string document = index < fields.size() ? Base64::decode(fields[index]) : "";
+        const std::string document = field < fields.size() ? Base64::decode(fields[field]) : "";
         if (Base64ToAscii() != document) differ("another document than the answer's");
     }
     if (m_requests == 1) {

@@ -72,6 +72,16 @@ void appendToPerformanceRecord(const std::vector<std::string>& columns, const st
     file << localTimeText("%Y/%d/%m/%H:%M:%S") << ';' << cells << std::endl;
 }
 
+/// How printf writes an argument into a request.
+constexpr const char* conversionOf(Kind kind) {
+    switch (kind) {
+        case Kind::SessionNumber: return "%06d";
+        case Kind::Number: return "%01d";
+        case Kind::TwoDigitNumber: return "%02d";
+        default: return "%s";
+    }
+}
+
 /// `a` minus `b` in 32 bits, wrapping around.
 std::int32_t difference(std::int32_t a, std::int32_t b) {
     return static_cast<std::int32_t>(static_cast<std::uint32_t>(a) - static_cast<std::uint32_t>(b));
@@ -179,29 +189,29 @@ char* ManipulaDadosSat::run(const char* command, std::initializer_list<Argument>
 }
 
 Request ManipulaDadosSat::makeRequest(const Operation& operation, const std::vector<Argument>& arguments) {
-    std::vector<char> own(operation.buffer == nullptr ? operation.bufferBytes : 0);
-    char* const buffer = operation.buffer == nullptr ? own.data() : operation.buffer;
-    std::memset(buffer, 0, operation.bufferBytes);
+    const std::size_t size = operation.buffer.bytes;
+    std::vector<char> own(operation.buffer.shared == nullptr ? size : 0);
+    char* const buffer = operation.buffer.shared == nullptr ? own.data() : operation.buffer.shared;
+    std::memset(buffer, 0, size);
 
-    const auto conversions = ::split(operation.format, '|');
-    if (arguments.size() != conversions.size()) return std::nullopt;
+    if (arguments.size() != operation.parameters.size()) return std::nullopt;
     std::size_t used = 0;
-    auto argument = arguments.begin();
-    for (std::string conversion : conversions) {
-        if (*argument == Argument(nullptr)) return std::nullopt;
-        if (used > 0) conversion.insert(0, 1, '|');
-        const std::size_t left = operation.bufferBytes - used;
+    for (std::size_t i = 0; i < arguments.size(); ++i) {
+        const Argument& argument = arguments[i];
+        const Kind kind = operation.parameters[i].kind;
+        if (argument == Argument(nullptr) || std::holds_alternative<int>(argument) != isNumber(kind))
+            return std::nullopt;
+        const std::string format = (i == 0 ? "" : "|") + std::string(conversionOf(kind));
+        const std::size_t left = size - used;
         const int length = std::visit(
-            [&](auto value) { return std::snprintf(buffer + used, left, conversion.c_str(), value); },
-            *argument);
+            [&](auto value) { return std::snprintf(buffer + used, left, format.c_str(), value); }, argument);
         if (length < 0 || static_cast<std::size_t>(length) >= left) return std::nullopt;
         used += static_cast<std::size_t>(length);
-        ++argument;
     }
 
     std::string request(buffer, used);
-    if (operation.replacesTags) replaceTag(request);
-    if (operation.cleansEmptyFields) cleanEmptyFields(request);
+    if (operation.cleaning == Cleaning::TagsAndEmptyFields) replaceTag(request);
+    if (operation.cleaning != Cleaning::None) cleanEmptyFields(request);
     return request;
 }
 
@@ -228,9 +238,8 @@ char* ManipulaDadosSat::Base64ToAscii() {
     try {
         const auto fields = split(std::string(g_resp, strnlen(g_resp, sizeof g_resp)), '|');
         const Operation* const operation = findOperation(m_lastCommand);
-        const auto field = static_cast<std::size_t>(operation != nullptr ? operation->documentField
-                                                                         : Operation::NO_DOCUMENT);
-        if (field != Operation::NO_DOCUMENT && field < fields.size())
+        const auto field = operation == nullptr ? AnswerLayout::NO_FIELD : operation->answer.decodedField;
+        if (field != AnswerLayout::NO_FIELD && field < fields.size())
             document = Base64::decode(fields[field]);
     } catch (const std::exception&) {  // out of memory: the document stays empty
     }

@@ -2,6 +2,7 @@
 
 #include <array>
 #include <cstddef>
+#include <string>
 #include <string_view>
 
 #include "answer_size.h"
@@ -36,23 +37,102 @@ constexpr char CMD_TROCA_COD_ATIVACAO[] = "TrocarCodigoDeAtivacao";
 constexpr char CMD_REINICIAR_MFE[] = "ReiniciarMFE";
 constexpr char CMD_ENVIAR_STATUS_AC[] = "EnviarStatusAC";
 
-/// What tells one fiscal operation from another.
+/// What an argument is. It decides the argument's form in the request.
+enum class Kind {
+    SessionNumber,   ///< 0 to 999999; six digits in the request
+    Number,          ///< 0 to 65535; as many digits as it needs
+    TwoDigitNumber,  ///< 0 to 65535; at least two digits
+    Text,
+    ActivationCode,  ///< a text of one line, and a secret
+    Document,        ///< a text that applications usually read from a file
+};
+
+/// Whether an argument of that kind is an `int`; else it is a text.
+constexpr bool isNumber(Kind kind) {
+    return kind == Kind::SessionNumber || kind == Kind::Number || kind == Kind::TwoDigitNumber;
+}
+
+/// One argument of an operation.
+struct Parameter {
+    const char* name = "";
+    Kind kind = Kind::Text;
+};
+
+/// The arguments of an operation in order, numeroSessao first.
+class Parameters {
+  public:
+    static constexpr std::size_t MOST = 5;
+
+    /// `others` are those after numeroSessao.
+    template <typename... Others>
+    constexpr Parameters(const Others&... others)
+        : m_all{{{"numeroSessao", Kind::SessionNumber}, others...}}, m_size(1 + sizeof...(others)) {
+        static_assert(sizeof...(others) < MOST);
+    }
+
+    constexpr std::size_t size() const { return m_size; }
+    constexpr const Parameter& operator[](std::size_t index) const { return m_all[index]; }
+    constexpr const Parameter* begin() const { return m_all.data(); }
+    constexpr const Parameter* end() const { return m_all.data() + m_size; }
+
+  private:
+    std::array<Parameter, MOST> m_all;
+    std::size_t m_size;
+};
+
+/// Space for a request and its terminating zero.
+struct RequestBuffer {
+    constexpr RequestBuffer(std::size_t size) : bytes(size) {}
+    template <std::size_t SIZE>
+    constexpr RequestBuffer(char (&array)[SIZE]) : bytes(SIZE), shared(array) {}
+
+    std::size_t bytes;
+    char* shared = nullptr;  ///< one of the buffers above; null if each call makes its own
+};
+
+/// What is done to a request's text before it is sent.
+enum class Cleaning { None, EmptyFields, TagsAndEmptyFields };
+
+/// What an operation does to the device: only asks it, changes it, or has it issue a fiscal document.
+enum class Effect { Asks, Changes, Books };
+
+/// The fields of an answer, numeroSessao and EEEEE first.
+struct AnswerLayout {
+    static constexpr std::size_t NO_FIELD = 0;  ///< field 0 is the session number
+
+    const char* fields;  ///< their names, "|" between them; null if an earlier answer comes again
+    std::size_t documentField = NO_FIELD;  ///< the one that holds a document in Base64
+    std::size_t decodedField = NO_FIELD;   ///< the one that Base64ToAscii decodes
+};
+
+/// What tells one fiscal operation from another. The class, the command `fiscora`, the simulated device and
+/// the documents all go by this. Codes and names of fields are those of the tax authority's "Especificação
+/// de Requisitos do SAT-CF-e".
 struct Operation {
     const char* command;
-    const char* format;       ///< of the request: a conversion of printf for each argument, "|" between
-    int timeoutMs;            ///< of the exchange, from the start of the sending
-    std::size_t bufferBytes;  ///< space for the request, its terminating zero included
-    char* buffer = nullptr;   ///< that space, where it is not the operation's own
-    bool cleansEmptyFields = false;        ///< whether `cleanEmptyFields` runs on the request
-    bool replacesTags = false;             ///< whether `replaceTag` does, before it
-    static constexpr int NO_DOCUMENT = 0;  ///< field 0 is the session number
-    int documentField = NO_DOCUMENT;       ///< which field of the answer holds a document for `Base64ToAscii`
+    const char* codePrefix;  ///< the first two of the five digits of its codes EEEEE
+    int timeoutMs;           ///< of the exchange, from the start of the sending
+    RequestBuffer buffer;
+    Parameters parameters;
+    Effect effect;
+    AnswerLayout answer;
+    Cleaning cleaning = Cleaning::None;
+
+    /// Whether an answer with the code `EEEEE` says that the operation was done.
+    bool succeededWith(std::string_view code) const {
+        return code.size() == 5 && code.substr(2) == "000" &&
+               (answer.fields == nullptr || code.substr(0, 2) == codePrefix);
+    }
+    /// EEEEE of success; empty if it is that of an earlier answer.
+    std::string successCode() const {
+        return answer.fields == nullptr ? "" : codePrefix + std::string("000");
+    }
 };
 
 /// All of them, in the order of the class.
 extern const std::array<Operation, 20> OPERATIONS;
 
-/// The operation of that name; null where there is none.
+/// The operation of that name; null if there is none.
 const Operation* findOperation(std::string_view command);
 
 }  // namespace manipulaDados

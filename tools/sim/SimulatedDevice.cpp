@@ -3,10 +3,15 @@
 #include <algorithm>
 #include <array>
 
+#include "fields.h"
+#include "fiscal/operations.h"
 #include "local_time.h"
 
 namespace sim {
 namespace {
+
+using manipulaDados::Effect;
+using manipulaDados::Kind;
 
 /// Bytes of an answer with a document that are not the document.
 constexpr std::size_t ANSWER_SURPLUS = 4096;
@@ -26,20 +31,6 @@ constexpr int CANCELLATION_CONTENT = 7;
 constexpr std::string_view NOT_ACTIVATED_TEXT = "SAT ainda não ativado";
 constexpr std::string_view CONTENT_TEXT = "Erro de validação do conteúdo";
 
-/// The fields of `request`, at most `count` of them: a "|" in the last one belongs to it.
-std::vector<std::string> fieldsOf(const std::string& request, std::size_t count) {
-    std::vector<std::string> fields;
-    std::size_t start = 0;
-    while (fields.size() + 1 < count) {
-        const std::size_t end = request.find('|', start);
-        if (end == std::string::npos) break;
-        fields.push_back(request.substr(start, end - start));
-        start = end + 1;
-    }
-    fields.push_back(request.substr(start));
-    return fields;
-}
-
 bool isDigits(std::string_view text) {
     return !text.empty() && text.find_first_not_of("0123456789") == std::string_view::npos;
 }
@@ -58,49 +49,50 @@ std::string fieldText(std::string text) {
 
 }  // namespace
 
-struct SimulatedDevice::Operation {
-    std::string_view name;
-    int prefix;                     ///< EEEEE is these two digits and a code of three
-    std::size_t fields;             ///< of a request, the session number included
-    std::size_t codeField;          ///< where the activation code stands that is checked; 0 for none
-    unsigned secrets;               ///< bit i is set where field i holds an activation code
-    std::string_view confirmation;  ///< text of a success
-    Handler handler;
+/// Whom the device answers.
+enum class Access {
+    Anyone,
+    CodeHolder,          ///< whoever gives the activation code
+    ActivatedDeviceOnly  ///< the same, and a device that is not activated says so
 };
 
-const SimulatedDevice::Operation* SimulatedDevice::find(std::string_view name) {
+/// How the device serves an operation.
+struct SimulatedDevice::Service {
+    std::string_view command;
+    Handler handler;
+    std::string_view confirmation;  ///< text of a success
+    Access access = Access::CodeHolder;
+};
+
+const SimulatedDevice::Service& SimulatedDevice::serviceOf(const manipulaDados::Operation& operation) {
+    using namespace manipulaDados;
     using Device = SimulatedDevice;
-    constexpr unsigned field1 = 1U << 1;
-    static const std::array<Operation, 20> operations{{
-        {"AtivarSAT", 4, 5, 0, 1U << 2, "Ativado corretamente", &Device::activate},
-        {"ComunicarCertificadoICPBRASIL", 5, 3, 1, field1, "Certificado transmitido com sucesso",
-         &Device::communicateCertificate},
-        {"EnviarDadosVenda", 6, 3, 1, field1, "Emitido com sucesso + conteúdo notas", &Device::sell},
-        {"CancelarUltimaVenda", 7, 4, 1, field1, "Cupom cancelado com sucesso + conteúdo CF-e-SAT cancelado",
-         &Device::cancel},
-        {"ConsultarSAT", 8, 1, 0, 0, "SAT em Operação", &Device::confirm},
-        {"TesteFimAFim", 9, 3, 1, field1, "Emitido com sucesso", &Device::testEndToEnd},
-        {"ConsultarStatusOperacional", 10, 2, 1, field1, "Resposta com sucesso", &Device::status},
-        {"ConsultarStatusOperacionalMFE", 10, 2, 1, field1, "Resposta com sucesso", &Device::status},
-        {"ConsultarNumeroSessao", 11, 3, 1, field1, "", &Device::answerOfSession},
-        {"ConfigurarInterfaceDeRede", 12, 3, 1, field1, "Rede configurada com sucesso",
-         &Device::configureNetwork},
-        {"ConfigurarInterfaceDeRedeMFE", 12, 3, 1, field1, "Rede configurada com sucesso",
-         &Device::configureNetwork},
-        {"AssociarAssinatura", 13, 4, 1, field1, "Assinatura do AC registrada", &Device::associateSignature},
-        {"AtualizarSoftwareSAT", 14, 2, 1, field1, "Software atualizado com sucesso", &Device::confirm},
-        {"ExtrairLogs", 15, 2, 1, field1, "Transferência completa", &Device::extractLog},
-        {"BloquearSAT", 16, 2, 1, field1, "Equipamento SAT bloqueado com sucesso", &Device::block},
-        {"DesbloquearSAT", 17, 2, 1, field1, "Equipamento SAT desbloqueado com sucesso", &Device::unblock},
-        {"TrocarCodigoDeAtivacao", 18, 5, 1, field1 | 1U << 3 | 1U << 4,
-         "Código de ativação alterado com sucesso", &Device::changeCode},
-        {"ConsultarUltimaSessaoFiscal", 19, 2, 1, field1, "", &Device::answerOfLastFiscalSession},
-        {"ReiniciarMFE", 20, 2, 1, field1, "Equipamento reiniciado com sucesso", &Device::confirm},
-        {"EnviarStatusAC", 21, 4, 0, 0, "Status do AC recebido", &Device::confirm},
+    static const std::array<Service, OPERATIONS.size()> services{{
+        {CMD_ATIVAR_SAT, &Device::activate, "Ativado corretamente", Access::Anyone},
+        {CMD_COMUNICAR_ICP_BRASIL, &Device::communicateCertificate, "Certificado transmitido com sucesso"},
+        {CMD_ENVIAR_DADOS_VENDA, &Device::sell, "Emitido com sucesso + conteúdo notas",
+         Access::ActivatedDeviceOnly},
+        {CMD_CANCELA_ULTIMA_VENDA, &Device::cancel,
+         "Cupom cancelado com sucesso + conteúdo CF-e-SAT cancelado"},
+        {CMD_CONSULTA_SAT, &Device::confirm, "SAT em Operação", Access::Anyone},
+        {CMD_TESTE_FIM_A_FIM, &Device::testEndToEnd, "Emitido com sucesso", Access::ActivatedDeviceOnly},
+        {CMD_CONSULTA_STATUS_OP, &Device::status, "Resposta com sucesso"},
+        {CMD_CONSULTA_ULTIMA_SESSAO_FISCAL, &Device::answerOfLastFiscalSession, ""},
+        {CMD_CONSULTA_STATUS_OP_MFE, &Device::status, "Resposta com sucesso"},
+        {CMD_CONSULTAR_NUM_SESSAO, &Device::answerOfSession, ""},
+        {CMD_CONFIG_REDE, &Device::configureNetwork, "Rede configurada com sucesso"},
+        {CMD_CONFIG_REDE_MFE, &Device::configureNetwork, "Rede configurada com sucesso"},
+        {CMD_ASSOCIAR_ASSINATURA, &Device::associateSignature, "Assinatura do AC registrada"},
+        {CMD_ATUALIZAR_SOFTWARE, &Device::confirm, "Software atualizado com sucesso"},
+        {CMD_EXTRAIR_LOG, &Device::extractLog, "Transferência completa"},
+        {CMD_BLOQUEAR_SAT, &Device::block, "Equipamento SAT bloqueado com sucesso"},
+        {CMD_DESBLOQUEAR_SAT, &Device::unblock, "Equipamento SAT desbloqueado com sucesso"},
+        {CMD_TROCA_COD_ATIVACAO, &Device::changeCode, "Código de ativação alterado com sucesso"},
+        {CMD_REINICIAR_MFE, &Device::confirm, "Equipamento reiniciado com sucesso"},
+        {CMD_ENVIAR_STATUS_AC, &Device::confirm, "Status do AC recebido", Access::Anyone},
     }};
-    const auto row = std::find_if(operations.begin(), operations.end(),
-                                  [&](const Operation& operation) { return operation.name == name; });
-    return row == operations.end() ? nullptr : &*row;
+    return *std::find_if(services.begin(), services.end(),
+                         [&](const Service& service) { return service.command == operation.command; });
 }
 
 SimulatedDevice::SimulatedDevice(DeviceSettings settings)
@@ -109,20 +101,22 @@ SimulatedDevice::SimulatedDevice(DeviceSettings settings)
       m_clock(std::move(settings.clock)) {}
 
 std::string SimulatedDevice::answer(const std::string& operation, const std::string& request) {
-    const Operation* row = find(operation);
-    std::vector<std::string> fields = fieldsOf(request, row == nullptr ? 2 : row->fields);
+    const auto* const known = manipulaDados::findOperation(operation);
+    const auto views = fieldsOf(request, '|', known == nullptr ? 2 : known->parameters.size());
+    std::vector<std::string> fields(views.begin(), views.end());
     std::string& session = fields.front();
     session.resize(std::min(session.size(), LONGEST_SESSION + 1));  // a longer one is refused, not echoed
-    if (row == nullptr) return session + "|99099|Comando desconhecido||";
-    const Request parsed{*row, std::move(fields)};
+    if (known == nullptr) return session + "|99099|Comando desconhecido||";
+    const Request parsed{*known, serviceOf(*known), std::move(fields)};
     std::string text = judge(parsed);
     remember(parsed, text);
     return text;
 }
 
 bool SimulatedDevice::isSecret(std::string_view operation, std::size_t field) {
-    const Operation* row = find(operation);
-    return row == nullptr ? field == 1 : field < 32 && (row->secrets >> field & 1U) != 0;
+    const auto* const known = manipulaDados::findOperation(operation);
+    if (known == nullptr) return field == 1;
+    return field < known->parameters.size() && known->parameters[field].kind == Kind::ActivationCode;
 }
 
 bool SimulatedDevice::isActivationCode(std::string_view code) {
@@ -130,62 +124,58 @@ bool SimulatedDevice::isActivationCode(std::string_view code) {
 }
 
 std::string SimulatedDevice::judge(const Request& request) {
-    const Operation& operation = request.operation;
-    if (request.fields.size() < operation.fields || !isSessionNumber(request.fields[0])) {
+    const auto& [operation, service, fields] = request;
+    if (fields.size() < operation.parameters.size() || !isSessionNumber(fields[0]))
         return reply(request, UNKNOWN_ERROR, "Requisição fora do formato");
-    }
-    if (operation.codeField != 0) {
+    if (service.access != Access::Anyone) {
         const bool activated = m_state != DeviceState::NotActivated;
-        const bool needsActivation = operation.handler == &SimulatedDevice::sell ||
-                                     operation.handler == &SimulatedDevice::testEndToEnd;
-        if (!activated && needsActivation) return reply(request, 2, NOT_ACTIVATED_TEXT);
-        if (!activated || request.fields[operation.codeField] != m_activationCode) {
+        if (!activated && service.access == Access::ActivatedDeviceOnly)
+            return reply(request, 2, NOT_ACTIVATED_TEXT);
+        const auto code = std::find_if(operation.parameters.begin(), operation.parameters.end(),
+                                       [](const auto& given) { return given.kind == Kind::ActivationCode; });
+        if (!activated || fields[code - operation.parameters.begin()] != m_activationCode)
             return reply(request, WRONG_CODE, "Código de ativação inválido");
-        }
     }
-    return (this->*operation.handler)(request);
+    return (this->*service.handler)(request);
 }
 
-/// session|EEEEE|text|cod|mensagemSEFAZ, the last two empty, then `more`. Sale and cancellation have CCCC
-/// behind EEEEE.
+/// session|EEEEE|text|cod|mensagemSEFAZ, the last two empty, then `more`. What books a document has CCCC
+/// after EEEEE.
 std::string SimulatedDevice::reply(const Request& request, int code, std::string_view text,
                                    const std::vector<std::string>& more) const {
-    std::string result =
-        request.fields[0] + "|" + padded(request.operation.prefix, 2) + padded(code, 3) + "|";
-    const Handler handler = request.operation.handler;
-    if (handler == &SimulatedDevice::sell || handler == &SimulatedDevice::cancel) {
+    std::string result = request.fields[0] + "|" + request.operation.codePrefix + padded(code, 3) + "|";
+    if (request.operation.effect == Effect::Books)
         result += code == SALE_CONTENT || code == CANCELLATION_CONTENT ? "1999|" : "0000|";
-    }
     result.append(text).append("||");
     for (const std::string& field : more) result.append("|").append(field);
     return result;
 }
 
 void SimulatedDevice::remember(const Request& request, const std::string& answer) {
+    const auto& operation = request.operation;
     const std::string& session = request.fields[0];
-    const std::string code = fieldsOf(answer, 3)[1];
-    m_log.push_back(localTimeText("%Y%m%d%H%M%S ", m_clock()) + std::string(request.operation.name) +
-                    " sessao " + session + " retorno " + code);
+    const std::string code(fieldsOf(answer, '|', 3)[1]);
+    m_log.push_back(localTimeText("%Y%m%d%H%M%S ", m_clock()) + operation.command + " sessao " + session +
+                    " retorno " + code);
     if (m_log.size() > KEPT_LOG_LINES) m_log.pop_front();
 
-    // A query leaves no answer of its own, and nothing takes the place of the answer that issued a document.
-    const Handler handler = request.operation.handler;
-    const bool query = handler == &SimulatedDevice::answerOfSession ||
-                       handler == &SimulatedDevice::answerOfLastFiscalSession;
-    const bool issued = code == "06000" || code == "07000";
+    // A query for an earlier answer leaves none of its own, and nothing takes the place of the answer that
+    // issued a document.
+    const bool query = operation.answer.fields == nullptr;
+    const bool issued = operation.effect == Effect::Books && operation.succeededWith(code);
     if (query || (m_booked.count(session) != 0 && !issued)) return;
     m_sessions.emplace_back(session, answer);
     if (m_sessions.size() > KEPT_SESSIONS) m_sessions.pop_front();
 }
 
-/// An earlier answer again, behind the session number of the request at hand; a refusal where it is empty.
+/// An earlier answer again, under the session number of this request; a refusal if it is empty.
 std::string SimulatedDevice::replay(const Request& request, const std::string& answer) const {
     if (answer.empty()) return reply(request, NO_SUCH_SESSION, "Sessão não existe");
     return request.fields[0] + answer.substr(answer.find('|'));
 }
 
 std::string SimulatedDevice::confirm(const Request& request) {
-    return reply(request, DONE, request.operation.confirmation);
+    return reply(request, DONE, request.service.confirmation);
 }
 
 std::string SimulatedDevice::activate(const Request& request) {
@@ -205,7 +195,7 @@ std::string SimulatedDevice::activate(const Request& request) {
     m_activationCode = code;
     m_taxpayer = taxpayer;
     m_stateCode = stateCode;
-    return reply(request, DONE, request.operation.confirmation, {""});  // a field for the CSR
+    return reply(request, DONE, request.service.confirmation, {""});  // a field for the CSR
 }
 
 std::string SimulatedDevice::communicateCertificate(const Request& request) {
@@ -215,7 +205,7 @@ std::string SimulatedDevice::communicateCertificate(const Request& request) {
 
 Issuer SimulatedDevice::issuer() const { return {m_stateCode, m_taxpayer, m_documents + 1, m_clock()}; }
 
-/// Why no document can be issued now; empty where it can.
+/// Why no document can be issued now; empty if one can.
 std::string SimulatedDevice::refusalOfDocument(const Request& request, int blockedCode) const {
     if (m_state == DeviceState::Blocked)
         return reply(request, blockedCode, "SAT bloqueado pelo contribuinte");
@@ -229,7 +219,7 @@ std::string SimulatedDevice::book(const Request& request, const SignedDocument& 
     m_lastKey = document.key;
     m_lastTime = document.time;
     m_booked.insert(request.fields[0]);
-    m_lastFiscalAnswer = reply(request, DONE, request.operation.confirmation,
+    m_lastFiscalAnswer = reply(request, DONE, request.service.confirmation,
                                {base64(document.xml), localTimeText("%Y%m%d%H%M%S", document.time),
                                 document.key, document.total, document.customer, qrCodeSignature()});
     return m_lastFiscalAnswer;
@@ -264,7 +254,7 @@ std::string SimulatedDevice::testEndToEnd(const Request& request) {
     try {
         const Issuer tester = issuer();
         const SignedDocument document = signSale(request.fields[2], tester, MAX_DOCUMENT);
-        return reply(request, DONE, request.operation.confirmation,
+        return reply(request, DONE, request.service.confirmation,
                      {base64(document.xml), localTimeText("%Y%m%d%H%M%S", document.time),
                       padded(tester.number, 6), document.key});
     } catch (const InvalidDocument& problem) {
@@ -276,7 +266,7 @@ std::string SimulatedDevice::status(const Request& request) {
     const std::string now = localTimeText("%Y%m%d%H%M%S", m_clock());
     const std::string key = m_lastKey.empty() ? "" : m_lastKey.substr(3);
     const std::string issued = m_lastKey.empty() ? "" : localTimeText("%Y%m%d%H%M%S", m_lastTime);
-    return reply(request, DONE, request.operation.confirmation,
+    return reply(request, DONE, request.service.confirmation,
                  {std::string(SERIAL_NUMBER),
                   "DHCP",
                   "192.168.0.50",
@@ -329,7 +319,7 @@ std::string SimulatedDevice::associateSignature(const Request& request) {
 std::string SimulatedDevice::extractLog(const Request& request) {
     std::string log = "SAT " + std::string(SERIAL_NUMBER) + " (simulado)\n";
     for (const std::string& line : m_log) log += line + "\n";
-    return reply(request, DONE, request.operation.confirmation, {base64(log)});
+    return reply(request, DONE, request.service.confirmation, {base64(log)});
 }
 
 std::string SimulatedDevice::block(const Request& request) {

@@ -14,6 +14,10 @@
 #include "fiscora.h"
 #include "sim/FiscalDocument.h"
 
+namespace manipulaDados {
+struct Operation;
+}
+
 namespace sim {
 
 enum class DeviceState { NotActivated, Active, Blocked };
@@ -30,8 +34,7 @@ struct DeviceSettings {
 /// out. It keeps the state that later requests depend on, and does no input or output.
 ///
 /// Answer layouts, codes and texts are those of the tax authority's public "Especificação de Requisitos do
-/// SAT-CF-e", as far as a device without a tax authority behind it can give them; nothing here has fiscal
-/// value.
+/// SAT-CF-e", except what only the tax authority could provide; nothing here has fiscal value.
 class SimulatedDevice {
   public:
     /// Largest answer text, in bytes: what the application's library takes.
@@ -53,14 +56,15 @@ class SimulatedDevice {
     static bool isActivationCode(std::string_view code);
 
   private:
-    struct Operation;
+    struct Service;
     struct Request {
-        const Operation& operation;
-        std::vector<std::string> fields;
+        const manipulaDados::Operation& operation;
+        const Service& service;
+        std::vector<std::string> fields;  ///< at most one per parameter: a "|" in the last one belongs to it
     };
     using Handler = std::string (SimulatedDevice::*)(const Request&);
 
-    static const Operation* find(std::string_view name);
+    static const Service& serviceOf(const manipulaDados::Operation& operation);
 
     std::string judge(const Request& request);
     std::string reply(const Request& request, int code, std::string_view text,
