@@ -1,354 +1,344 @@
 #include "CallCommand.h"
 
+#include <sys/stat.h>
 #include <unistd.h>
 
 #include <algorithm>
-#include <array>
 #include <cctype>
-#include <cerrno>
 #include <chrono>
+#include <csignal>
 #include <cstdint>
-#include <cstdio>
 #include <cstdlib>
 #include <filesystem>
 #include <fstream>
 #include <iomanip>
 #include <iostream>
 #include <iterator>
-#include <limits>
 #include <optional>
-#include <sstream>
-#include <stdexcept>
 #include <string_view>
 #include <system_error>
 
+#include "DeviceLock.h"
 #include "Progress.h"
+#include "call/DocumentFile.h"
+#include "call/Interruption.h"
+#include "call/arguments.h"
 #include "encoding/Base64.h"
+#include "fields.h"
 #include "fiscal/UCManipulaDadosSat.h"
+#include "i18n.h"
 #include "protocol/Message.h"
 #include "status_names.h"
+#include "terminal_text.h"
 #include "transaction/DoTransaction.h"
 
 namespace tool {
 namespace {
 
-using manipulaDados::Argument;
+using manipulaDados::AnswerLayout;
+using manipulaDados::Effect;
+using manipulaDados::Kind;
 using manipulaDados::Operation;
+using Fields = std::vector<std::string_view>;
 
-/// What an operation's row in the library does not tell: the names of its arguments behind numeroSessao, the
-/// first two digits of its EEEEE, and the names of its answer's fields behind that, as the tax authority's
-/// "Especificação de Requisitos do SAT-CF-e" has them. Operations without fields of their own give an earlier
-/// answer again.
-struct Names {
-    std::string_view command;
-    std::string_view arguments;
-    std::string_view prefix;
-    std::string_view fields;
-};
+constexpr int NOTHING_SENT_STATUS = 2;
+constexpr std::chrono::minutes LONGEST_WAIT{2};
+constexpr char TYPED[] = "@-";  ///< an argument read from the standard input
+constexpr char RECORD[] = "teste_desempenho.csv";
 
-constexpr std::string_view PLAIN = "mensagem cod mensagemSEFAZ";
-constexpr std::string_view DEVICE_STATUS =
-    "mensagem cod mensagemSEFAZ NSERIE TIPO_LAN LAN_IP LAN_MAC LAN_MASK LAN_GW LAN_DNS_1 LAN_DNS_2 "
-    "STATUS_LAN NIVEL_BATERIA MT_TOTAL MT_USADA DH_ATUAL VER_SB VER_LAYOUT ULTIMO_CF_E_SAT LISTA_INICIAL "
-    "LISTA_FINAL DH_CFE DH_ULTIMA CERT_EMISSAO CERT_VENCIMENTO ESTADO_OPERACAO";
-constexpr std::string_view DOCUMENT =
-    "CCCC mensagem cod mensagemSEFAZ arquivoCFeBase64 timeStamp chaveConsulta valorTotalCFe CPFCNPJValue "
-    "assinaturaQRCODE";
-constexpr std::string_view TEST_DOCUMENT =
-    "mensagem cod mensagemSEFAZ arquivoCFeBase64 timeStamp numDocFiscal chaveConsulta";
+[[noreturn]] void refuse(const std::string& reason) { throw CLI::ValidationError(reason); }
 
-/// The field that --out decodes bears a name that ends so.
-constexpr std::string_view DOCUMENT_SUFFIX = "Base64";
-
-constexpr Names NAMES[] = {
-    {"AtivarSAT", "subComando codigoDeAtivacao cnpj cUF", "04", "mensagem cod mensagemSEFAZ CSR"},
-    {"ComunicarCertificadoICPBRASIL", "codigoDeAtivacao certificado", "05", PLAIN},
-    {"EnviarDadosVenda", "codigoDeAtivacao dadosVenda", "06", DOCUMENT},
-    {"CancelarUltimaVenda", "codigoDeAtivacao chave dadosCancelamento", "07", DOCUMENT},
-    {"ConsultarSAT", "", "08", PLAIN},
-    {"TesteFimAFim", "codigoDeAtivacao dadosVenda", "09", TEST_DOCUMENT},
-    {"ConsultarStatusOperacional", "codigoDeAtivacao", "10", DEVICE_STATUS},
-    {"ConsultarUltimaSessaoFiscal", "codigoDeAtivacao", "19", ""},
-    {"ConsultarStatusOperacionalMFE", "codigoDeAtivacao", "10", DEVICE_STATUS},
-    {"ConsultarNumeroSessao", "codigoDeAtivacao cNumeroDeSessao", "11", ""},
-    {"ConfigurarInterfaceDeRede", "codigoDeAtivacao dadosConfiguracao", "12", PLAIN},
-    {"ConfigurarInterfaceDeRedeMFE", "codigoDeAtivacao dadosConfiguracao", "12", PLAIN},
-    {"AssociarAssinatura", "codigoDeAtivacao cnpjValue assinaturaCNPJs", "13", PLAIN},
-    {"AtualizarSoftwareSAT", "codigoDeAtivacao", "14", PLAIN},
-    {"ExtrairLogs", "codigoDeAtivacao", "15", "mensagem cod mensagemSEFAZ logBase64"},
-    {"BloquearSAT", "codigoDeAtivacao", "16", PLAIN},
-    {"DesbloquearSAT", "codigoDeAtivacao", "17", PLAIN},
-    {"TrocarCodigoDeAtivacao", "codigoDeAtivacao opcao novoCodigo confNovoCodigo", "18", PLAIN},
-    {"ReiniciarMFE", "codigoDeAtivacao", "20", PLAIN},
-    {"EnviarStatusAC", "campoA campoB campoC", "21", PLAIN},
-};
-
-/// Conversions of a request's format.
-constexpr std::string_view TEXT = "%s";
-constexpr std::string_view SESSION_NUMBER = "%06d";
-
-std::vector<std::string> words(std::string_view text) {
-    std::istringstream stream{std::string(text)};
-    return {std::istream_iterator<std::string>(stream), std::istream_iterator<std::string>()};
-}
-
-const Names& namesOf(std::string_view command) {
-    const auto* row = std::find_if(std::begin(NAMES), std::end(NAMES),
-                                   [&](const Names& names) { return names.command == command; });
-    if (row == std::end(NAMES)) throw std::logic_error("no names for " + std::string(command));
-    return *row;
-}
-
-std::vector<std::string> argumentNames(const Operation& operation) {
-    auto names = words(namesOf(operation.command).arguments);
-    names.insert(names.begin(), "numeroSessao");
-    return names;
-}
-
-/// Names of the fields of an answer to `command`.
-std::vector<std::string> fieldNames(std::string_view command, const std::vector<std::string>& answer) {
-    std::string_view fields = namesOf(command).fields;
-    if (fields.empty()) {
-        fields = PLAIN;
-        for (const Names& row : NAMES)
-            if (answer.size() > 1 && answer[1].compare(0, 2, row.prefix) == 0 && !row.fields.empty())
-                fields = row.fields;
-    }
-    auto names = words(fields);
-    names.insert(names.begin(), {"numeroSessao", "EEEEE"});
-    return names;
-}
-
-std::string joined(const std::vector<std::string>& parts, const char* separator) {
-    std::string text;
-    for (const auto& part : parts) text += (text.empty() ? "" : separator) + part;
-    return text;
+void complain(const std::string& text) {
+    std::cerr << "fiscora call: ";
+    for (const auto line : fieldsOf(text, '\n')) std::cerr << withoutControls(line) << '\n';
 }
 
 const Operation& chosenOperation(const std::string& name) {
     if (const Operation* operation = manipulaDados::findOperation(name)) return *operation;
-    std::vector<std::string> known;
-    for (const Operation& operation : manipulaDados::OPERATIONS) known.emplace_back(operation.command);
-    throw CLI::ValidationError("there is no operation \"" + name + "\"; expected one of " +
-                               joined(known, ", "));
+    std::string known;
+    for (const Operation& operation : manipulaDados::OPERATIONS)
+        known += (known.empty() ? "" : ", ") + std::string(operation.command);
+    refuse(filled(tr("there is no operation \"%s\"; expected one of %s"), name.c_str(), known.c_str()));
 }
 
-bool isFile(const std::string& argument) { return !argument.empty() && argument.front() == '@'; }
+// --- The listing
 
-/// An argument @FILE stands for the content of that file, or of the standard input where it is @-.
-std::string content(const std::string& argument) {
-    if (!isFile(argument)) return argument;
-    const std::string path = argument.substr(1);
-    std::ifstream file;
-    if (path != "-") file.open(path, std::ios::binary);
-    std::istream& source = path == "-" ? std::cin : file;
-    std::string text;
-    std::array<char, 65536> chunk;
-    while (source.read(chunk.data(), chunk.size()), source.gcount() > 0)
-        text.append(chunk.data(), static_cast<std::size_t>(source.gcount()));
-    if (!source.eof()) throw CLI::ValidationError("cannot read " + path);
-    if (text.find('\0') != std::string::npos)
-        throw CLI::ValidationError(path + " holds a zero byte and cannot be sent");
-    return text;
-}
-
-int number(const std::string& name, const std::string& text, std::string_view conversion) {
-    constexpr long MOST_SESSION_NUMBER = 999999;
-    const long most =
-        conversion == SESSION_NUMBER ? MOST_SESSION_NUMBER : std::numeric_limits<std::uint16_t>::max();
-    char* end = nullptr;
-    errno = 0;
-    const long value = std::strtol(text.c_str(), &end, 10);
-    if (text.empty() || *end != '\0' || errno != 0 || value < 0 || value > most)
-        throw CLI::ValidationError(name + " is a number from 0 to " + std::to_string(most) + ", not \"" +
-                                   text + "\"");
-    return static_cast<int>(value);
-}
-
-/// An activation code is one line: the line break that an editor has left at the end of its file is dropped.
-void checkCode(const std::string& name, std::string& code, const std::string& given) {
-    if (isFile(given))
-        for (const char end : {'\n', '\r'})
-            if (!code.empty() && code.back() == end) code.pop_back();
-    if (code.find_first_of("\r\n") != std::string::npos)
-        throw CLI::ValidationError(name + " holds a line break");
-}
-
-/// The name of a file in the place of a document: an "@" was forgotten, and the name would be sent.
-void checkDocument(const std::string& name, const std::string& given) {
-    std::error_code tooLong;  // a document is no name
-    if (!std::filesystem::exists(given, tooLong)) return;
-    throw CLI::ValidationError(name + ": " + given + " is a file; expected its content, @" + given);
-}
-
-/// What `given`, the words behind the operation's name, are to the library. `texts` keeps the texts.
-std::vector<Argument> argumentsFrom(const Operation& operation, const std::vector<std::string>& given,
-                                    std::vector<std::string>& texts) {
-    const auto names = argumentNames(operation);
-    if (given.size() != names.size())
-        throw CLI::ValidationError(std::string(operation.command) + " takes " + joined(names, " ") +
-                                   " (arguments: " + std::to_string(names.size()) + "), and got " +
-                                   std::to_string(given.size()));
-    const auto conversions = split(operation.format, '|');
-    if (std::count(given.begin(), given.end(), "@-") > 1)
-        throw CLI::ValidationError("the standard input, @-, can be one argument only");
-    texts.resize(given.size());
-    std::vector<Argument> arguments;
-    for (std::size_t i = 0; i < given.size(); ++i) {
-        texts[i] = content(given[i]);
-        if (names[i].find("odigo") != std::string::npos) checkCode(names[i], texts[i], given[i]);
-        if (names[i].compare(0, 5, "dados") == 0) checkDocument(names[i], given[i]);
-        if (conversions[i] == TEXT)
-            arguments.emplace_back(texts[i].c_str());
-        else
-            arguments.emplace_back(number(names[i], texts[i], conversions[i]));
+constexpr const char* nameOf(Kind kind) {
+    switch (kind) {
+        case Kind::SessionNumber: return "session";
+        case Kind::Number:
+        case Kind::TwoDigitNumber: return "uint16";
+        case Kind::ActivationCode: return "code";
+        case Kind::Document: return "document";
+        default: return "text";
     }
-    return arguments;
 }
 
-/// Such as "0 (FISCORA_STATUS_OK: o equipamento respondeu)".
+/// One line per operation for programs, with "-" for what depends on an earlier answer.
+void list() {
+    for (const Operation& operation : manipulaDados::OPERATIONS) {
+        std::cout << operation.command << '\t';
+        for (const auto& parameter : operation.parameters)
+            std::cout << (&parameter == operation.parameters.begin() ? "" : " ") << parameter.name << ':'
+                      << nameOf(parameter.kind);
+        std::string code = operation.successCode();
+        std::string fields = operation.answer.fields == nullptr ? "-" : operation.answer.fields;
+        std::replace(fields.begin(), fields.end(), '|', ' ');
+        std::cout << '\t' << operation.timeoutMs / 1000 << '\t' << (code.empty() ? "-" : code) << '\t'
+                  << fields << '\n';
+    }
+}
+
+// --- The answer
+
+/// The layout of an answer to `operation`. An earlier answer that comes again shows by its code which
+/// operation it belongs to.
+const AnswerLayout& layoutOf(const Operation& operation, const Fields& answer) {
+    if (operation.answer.fields != nullptr) return operation.answer;
+    const std::string_view prefix = answer.size() > 1 ? answer[1].substr(0, 2) : "";
+    for (const Operation& other : manipulaDados::OPERATIONS)
+        if (other.answer.fields != nullptr && prefix == other.codePrefix) return other.answer;
+    return manipulaDados::findOperation(manipulaDados::CMD_CONSULTA_SAT)->answer;
+}
+
+bool mayHoldDocument(const Operation& operation) {
+    return operation.answer.fields == nullptr || operation.answer.documentField != AnswerLayout::NO_FIELD;
+}
+
+/// Such as "0 (FISCORA_STATUS_OK: the device answered)".
 std::string described(int status) {
-    const std::string_view name = statusName(status);
-    return std::to_string(status) + " (" +
-           (name.empty() ? "" : "FISCORA_STATUS_" + std::string(name) + ": ") +
+    const std::string name(statusName(status));
+    return std::to_string(status) + " (" + (name.empty() ? "" : "FISCORA_STATUS_" + name + ": ") +
            std::string(statusMeaning(status)) + ")";
 }
 
-void print(const std::string& name, std::string_view value) {
-    constexpr int WIDTH = 18;
-    if (value.empty())
-        std::cout << name << '\n';
-    else
-        std::cout << std::left << std::setw(WIDTH) << name << ' ' << value << '\n';
-}
-
-/// Where a document goes. Made before the call, so that what is wrong with the path shows before anything is
-/// sent; the file keeps its content until there is another.
-class DocumentFile {
+/// Prints names and values: to a terminal in lines that fit it, without control characters and, unless
+/// everything is wanted, without documents and signatures; elsewhere byte for byte.
+class Printer {
   public:
-    explicit DocumentFile(const std::string& path) : m_path(path), m_isNew(!std::filesystem::exists(path)) {
-        if (!std::ofstream(path, std::ios::app)) throw CLI::ValidationError("cannot write " + path);
-    }
-    DocumentFile(const DocumentFile&) = delete;
-    DocumentFile& operator=(const DocumentFile&) = delete;
-    ~DocumentFile() {
-        if (m_isNew) std::remove(m_path.c_str());
-    }
+    explicit Printer(bool full) : m_full(full), m_columns(terminalColumns(STDOUT_FILENO)) {}
 
-    bool save(const std::string& content) {
-        m_isNew = false;
-        std::ofstream file(m_path, std::ios::binary | std::ios::trunc);
-        file << content;
-        file.close();
-        return file.good();
+    void print(const std::string& name, std::string_view value) const {
+        if (value.empty()) {
+            std::cout << name << '\n';
+            return;
+        }
+        const std::string label =
+            name + std::string(std::max(NAME_COLUMNS, width(name) + 1) - width(name), ' ');
+        if (isatty(STDOUT_FILENO) == 0) {
+            std::cout << label << value << '\n';
+            return;
+        }
+        const std::string text = withoutControls(toUtf8(value));
+        std::string indent = label;
+        for (const auto& line : lines(text, width(label))) {
+            std::cout << indent << line << '\n';
+            indent = std::string(NAME_COLUMNS, ' ');
+        }
     }
 
   private:
-    std::string m_path;
-    bool m_isNew;  ///< and to be removed again, where there is no document
+    static constexpr std::size_t NAME_COLUMNS = 19;
+    static constexpr std::size_t LONGEST_WORD = 80;  ///< longer than any word, shorter than any signature
+
+    std::vector<std::string> lines(const std::string& text, std::size_t taken) const {
+        const bool isWord = text.find(' ') == std::string::npos && width(text) > LONGEST_WORD;
+        if (m_full && isWord) return {text};  // whole, so that it can be copied
+        const std::size_t room = std::max(m_columns, taken + 20) - taken;
+        if (!isWord) return wrapped(text, room);
+        return wrapped(cut(text, 20) + " " + filled(tr("(%zu bytes; --full shows all)"), text.size()), room);
+    }
+
+    bool m_full;
+    std::size_t m_columns;
 };
 
-/// Position of the answer's document among its fields; as many as there are names where it has none.
-std::size_t documentField(const std::vector<std::string>& names) {
-    const auto found = std::find_if(names.begin(), names.end(), [](const std::string& name) {
-        return name.size() > DOCUMENT_SUFFIX.size() &&
-               name.compare(name.size() - DOCUMENT_SUFFIX.size(), DOCUMENT_SUFFIX.size(), DOCUMENT_SUFFIX) ==
-                   0;
-    });
-    return static_cast<std::size_t>(found - names.begin());
+// --- What to do if it is not known what the device did
+
+/// `word` as a shell's command line needs it.
+std::string shellWord(const std::string& word) {
+    constexpr char PLAIN[] = "abcdefghijklmnopqrstuvwxyzABCDEFGHIJKLMNOPQRSTUVWXYZ0123456789@%+=:,./_-";
+    if (!word.empty() && word.find_first_not_of(PLAIN) == std::string::npos) return word;
+    std::string text = "'";
+    for (const char c : word) text += c == '\'' ? "'\\''" : std::string(1, c);
+    return text + "'";
 }
 
-/// All fields of an answer, an empty one at the end included, which `split` leaves out.
-std::vector<std::string> fieldsOf(const pbs::Message& answer) {
-    return answer.bodySize() == 0 ? std::vector<std::string>() : split(answer.body() + "|", '|');
+/// The command that asks for the answer of a call again: a query is repeated, any other call is asked about
+/// by its session number. An activation code that was typed is asked for, not shown.
+std::string inquiry(const Operation& operation, std::vector<std::string> words, int session,
+                    const std::string& documentPath) {
+    constexpr int SESSION_NUMBERS = 1000000;
+    std::string code = TYPED;
+    for (std::size_t i = 0; i < words.size(); ++i) {
+        if (operation.parameters[i].kind != Kind::ActivationCode) continue;
+        if (!call::isFile(words[i])) words[i] = TYPED;
+        code = words[i];
+    }
+    words[0] = std::to_string((session + 1) % SESSION_NUMBERS);
+    if (operation.effect != Effect::Asks) words = {words[0], code, std::to_string(session)};
+    const bool repeats = operation.effect == Effect::Asks;
+    std::string command = std::string("fiscora call ") +
+                          (repeats ? operation.command : manipulaDados::CMD_CONSULTAR_NUM_SESSAO);
+    if (!documentPath.empty()) command += " --out " + shellWord(documentPath);
+    for (const auto& word : words) command += " " + shellWord(word);
+    if (code == TYPED) command += std::string("  # ") + tr("type the activation code, Enter, Ctrl-D");
+    return command;
 }
 
-/// Saves the answer's document; returns what went wrong, or the empty text.
-std::string save(DocumentFile& file, const std::vector<std::string>& names,
-                 const std::vector<std::string>& fields) {
-    const std::size_t field = documentField(names);
-    if (field >= fields.size() || fields[field].empty()) return "the answer holds no document";
-    if (!file.save(Base64::decode(fields[field])))
-        return "cannot write the document, which stands above in Base64";
-    return "";
+/// What to do before the call is made again; empty if it changes nothing.
+std::string adviceAfterSilence(const Operation& operation, const std::string& command) {
+    if (operation.effect == Effect::Asks) return "";
+    return filled(operation.effect == Effect::Books
+                      ? tr("The device may have issued the document. Ask it before you send it again:\n  %s")
+                      : tr("The device may have done it. Ask it before you try again:\n  %s"),
+                  command.c_str());
 }
 
-bool mayHoldDocument(std::string_view command) {
-    const auto fields = words(namesOf(command).fields);
-    return fields.empty() || documentField(fields) < fields.size();
+// --- Files besides the document
+
+/// Refuses what --dump or --record could not write to.
+void checkWorkingDirectory(bool record) {
+    if (access(".", W_OK) != 0)
+        refuse(tr("--dump and --record write to the working directory, which is not writable"));
+    struct stat present {};
+    if (record && stat(RECORD, &present) == 0 && (!S_ISREG(present.st_mode) || access(RECORD, W_OK) != 0))
+        refuse(filled(tr("cannot write %s"), RECORD));
+}
+
+/// Adds a row to the performance record; whether it is there.
+bool record(pbs::Message& answer) {
+    std::error_code absent;
+    const auto before = std::filesystem::file_size(RECORD, absent);
+    objManipulaDadosSat.gravaArquivoDesempenho(answer);
+    std::ifstream file(RECORD, std::ios::binary);
+    if (!absent) file.seekg(static_cast<std::streamoff>(before));
+    const std::string added{std::istreambuf_iterator<char>(file), {}};
+    return !added.empty() && added.back() == '\n' &&
+           added.find(';' + answer.code() + ';') != std::string::npos;
 }
 
 }  // namespace
 
 CallCommand::CallCommand(CLI::App& application)
-    : Subcommand(application, "call", "Make one call to the fiscal device and print its answer",
-                 "fiscora call [OPTIONS] OPERATION NUMERO_SESSAO [ARGUMENT...]") {
+    : Subcommand(application, "call", tr("Make one call to the fiscal device and print its answer"),
+                 tr("fiscora call [OPTIONS] OPERATION NUMERO_SESSAO [ARGUMENT...]")) {
     // Not an option of CLI11's, which would take words such as [a,b] apart.
     m_options->allow_extras();
-    m_options->add_option("--out", m_documentPath, "Decode the document in the answer to FILE")
-        ->type_name("FILE");
+    m_options->add_option("--out", m_documentPath, tr("Decode the document in the answer to FILE"))
+        ->type_name(tr("FILE"));
+    m_options->add_flag("--full", m_full, tr("Show documents and signatures in full on a terminal too"));
     m_options->add_flag(
-        "--dump", m_dump,
-        "Write request, answer and a description to three files here; they hold the activation code");
-    m_options->add_flag("--record", m_record,
-                        "Add a row of the answer's timing headers to teste_desempenho.csv here");
-    std::string footer =
-        "An argument @FILE is the content of that file, @- of the standard input. Words that begin with a "
-        "dash go behind \"--\".\n"
-        "Exit status: 0 when the device answered (look at EEEEE for what it said), 1 when it did not, 2 when "
-        "the command line was wrong and nothing was sent.\n\n"
-        "Operations:\n";
+        "--list", m_list,
+        tr("List the operations for programs: name, arguments as name:type, timeout in seconds, "
+           "EEEEE of success, fields of the answer, with tabs between"));
+    m_options->add_flag("--dump", m_dump,
+                        tr("Write request, answer and a description to three files in this directory; they "
+                           "contain the activation code"));
+    m_options->add_flag(
+        "--record", m_record,
+        tr("Add a row of the answer's timing headers to teste_desempenho.csv in this directory"));
+    std::string footer = tr(
+        "An argument @FILE is the content of that file, @- of the standard input. Words that begin with a dash "
+        "go after \"--\". Calls of this command wait for each other.\n"
+        "Exit status: 0 when the device answered (look at EEEEE for what it said), 1 when it did not or a file "
+        "could not be written, 2 when nothing was sent: the command line was wrong, the request too long, or "
+        "the device busy.\n\nOperations:\n");
     for (const Operation& operation : manipulaDados::OPERATIONS)
-        footer += "  " + std::string(operation.command) + " " + joined(argumentNames(operation), " ") + "\n";
+        footer += "  " + std::string(operation.command) + " " + call::namesOf(operation.parameters) + "\n";
     m_options->footer(footer);
 }
 
 int CallCommand::run(const std::vector<std::string>& operands) {
-    auto given = m_options->remaining();
-    for (const auto& word : given)
+    auto words = m_options->remaining();
+    for (const auto& word : words)
         if (word.size() > 1 && word[0] == '-' && std::isdigit(static_cast<unsigned char>(word[1])) == 0)
-            throw CLI::ValidationError("there is no option " + word);
-    given.insert(given.end(), operands.begin(), operands.end());
-    if (given.empty()) throw CLI::RequiredError("OPERATION");
-    const Operation& operation = chosenOperation(given.front());
-    given.erase(given.begin());
+            refuse(filled(tr("there is no option %s"), word.c_str()));
+    words.insert(words.end(), operands.begin(), operands.end());
+    if (m_list) {
+        refuseExtras(words);
+        list();
+        return EXIT_SUCCESS;
+    }
+    if (words.empty()) refuse(tr("an operation is missing"));
+    return makeCall(std::move(words));
+}
 
-    // All that can be wrong is found out before anything is sent.
-    std::vector<std::string> texts;
-    const auto arguments = argumentsFrom(operation, given, texts);
-    const auto request = objManipulaDadosSat.makeRequest(operation, arguments);
+int CallCommand::makeCall(std::vector<std::string> words) const {
+    const Operation& operation = chosenOperation(words.front());
+    words.erase(words.begin());
+    std::signal(SIGXFSZ, SIG_IGN);  // a file that may not grow is an error like others
+
+    // Everything that can be wrong is found out before anything is sent.
     const bool saves = m_options->count("--out") > 0;
-    if (saves && !mayHoldDocument(operation.command))
-        throw CLI::ValidationError("--out: the answer to " + std::string(operation.command) +
-                                   " holds no document");
-    if ((m_dump || m_record) && access(".", W_OK) != 0)
-        throw CLI::ValidationError(
-            "--dump and --record write to the working directory, which is not writable");
-    std::optional<DocumentFile> document;
-    if (saves) document.emplace(m_documentPath);
+    if (saves && !mayHoldDocument(operation))
+        refuse(filled(tr("--out: the answer to %s contains no document"), operation.command));
+    const auto arguments = call::argumentsFrom(operation, words);
+    const auto request = objManipulaDadosSat.makeRequest(operation, arguments.values);
+    if (m_dump || m_record) checkWorkingDirectory(m_record);
+    call::Interruption interruption;
+    std::optional<call::DocumentFile> document;
+    if (saves) {
+        document.emplace(m_documentPath);
+        interruption.remove(document->unfinishedPath());
+    }
+    std::optional<DeviceLock> turn;
+    if (request) turn.emplace("fiscora call", LONGEST_WAIT);
+    if (turn && turn->state() == DeviceLock::State::Busy) {
+        complain(tr("the device stayed busy; nothing was sent"));
+        return NOTHING_SENT_STATUS;
+    }
 
+    const std::string again =
+        inquiry(operation, words, std::get<int>(arguments.values.front()), m_documentPath);
+    const std::string advice = adviceAfterSilence(operation, again);
+    if (request && !advice.empty()) interruption.say("\n" + advice + "\n");
     pbs::Message answer;
     {
         const Progress progress(operation.command, std::chrono::milliseconds(operation.timeoutMs));
         objManipulaDadosSat.exchange(operation, request, answer);
     }
+    const bool deviceWasThere = turn && turn->state() == DeviceLock::State::Held;
+    turn.reset();
 
     const int status = objManipulaDadosSat.CodigoErro();
-    const auto fields = fieldsOf(answer);
-    const auto names = fieldNames(operation.command, fields);
-    // What goes to files comes first: a reader of the output that leaves early must not cost the document.
-    if (m_dump && request)
-        DoTransaction().fileDump(operation.command, request->data(),
-                                 static_cast<std::uint32_t>(request->size()), answer.body().data(),
-                                 static_cast<std::uint32_t>(answer.bodySize()));
-    if (m_record && status == FISCORA_STATUS_OK) objManipulaDadosSat.gravaArquivoDesempenho(answer);
-    const std::string complaint = document ? save(*document, names, fields) : "";
+    const Fields fields = answer.bodySize() == 0 ? Fields() : fieldsOf(answer.body());
+    const AnswerLayout& layout = layoutOf(operation, fields);
 
-    print("status", described(status));
+    // Files come first: a reader of the output that leaves early must not cost the document.
+    std::vector<std::string> complaints;
+    bool lost = false;
+    if (document) {
+        const std::size_t field = layout.documentField;
+        if (field == AnswerLayout::NO_FIELD || field >= fields.size() || fields[field].empty()) {
+            complaints.emplace_back(tr("the answer contains no document"));
+        } else if (std::string reason = document->save(Base64::decode(std::string(fields[field])));
+                   !reason.empty()) {
+            lost = true;
+            complaints.push_back(reason + ". " + tr("The document is shown in Base64. To fetch it again:") +
+                                 "\n  " + again);
+        }
+    }
+    if (m_dump && request &&
+        !dumpExchange(operation.command, request->data(), static_cast<std::uint32_t>(request->size()),
+                      answer.body().data(), static_cast<std::uint32_t>(answer.bodySize())))
+        complaints.emplace_back(tr("the files of --dump could not be written completely"));
+    if (m_record && status == FISCORA_STATUS_OK && !record(answer))
+        complaints.push_back(filled(tr("the row of --record could not be written to %s"), RECORD));
+    interruption.say("");
+
+    const Printer printer(m_full || lost);
+    printer.print("status", described(status));
+    const auto names = fieldsOf(layout.fields);
     for (std::size_t i = 0; i < fields.size(); ++i)
-        print(i < names.size() ? names[i] : "field " + std::to_string(i), fields[i]);
-    if (!complaint.empty()) std::cerr << "fiscora call: " << complaint << '\n';
-    return status == FISCORA_STATUS_OK && complaint.empty() ? EXIT_SUCCESS : EXIT_FAILURE;
+        printer.print(i < names.size() ? std::string(names[i]) : filled(tr("field %zu"), i), fields[i]);
+    std::cout.flush();
+
+    if (status == FISCORA_STATUS_NO_ANSWER) complaints.emplace_back(tr("run fiscora doctor to find out why"));
+    if (status != FISCORA_STATUS_OK && deviceWasThere && !advice.empty()) complaints.push_back(advice);
+    for (const auto& complaint : complaints) complain(complaint);
+    if (status == FISCORA_STATUS_BAD_REQUEST) return NOTHING_SENT_STATUS;
+    return status == FISCORA_STATUS_OK && complaints.empty() ? EXIT_SUCCESS : EXIT_FAILURE;
 }
 
 }  // namespace tool

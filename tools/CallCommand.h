@@ -4,7 +4,7 @@
 
 namespace tool {
 
-/// `fiscora call`: makes one call through the library and prints what came of it.
+/// `fiscora call`: makes one call through the library and prints the answer.
 class CallCommand : public Subcommand {
   public:
     explicit CallCommand(CLI::App& application);
@@ -12,7 +12,11 @@ class CallCommand : public Subcommand {
     int run(const std::vector<std::string>& operands) override;
 
   private:
-    std::string m_documentPath;  ///< where the answer's document goes
+    int makeCall(std::vector<std::string> words) const;
+
+    std::string m_documentPath;  ///< for the answer's document
+    bool m_full = false;
+    bool m_list = false;
     bool m_dump = false;
     bool m_record = false;
 };

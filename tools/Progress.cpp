@@ -1,12 +1,14 @@
 #include "Progress.h"
 
-#include <sys/ioctl.h>
 #include <unistd.h>
 
 #include <iomanip>
 #include <iostream>
 #include <sstream>
 #include <utility>
+
+#include "i18n.h"
+#include "terminal_text.h"
 
 namespace tool {
 namespace {
@@ -21,11 +23,7 @@ std::string minutes(std::chrono::seconds time) {
 }
 
 /// As much of `text` as one line of the terminal takes.
-std::string fitted(const std::string& text) {
-    winsize size{};
-    const bool known = ioctl(STDERR_FILENO, TIOCGWINSZ, &size) == 0 && size.ws_col > 0;
-    return known ? text.substr(0, size.ws_col - 1U) : text;
-}
+std::string fitted(const std::string& text) { return cut(text, terminalColumns(STDERR_FILENO) - 1); }
 
 }  // namespace
 
@@ -50,7 +48,9 @@ void Progress::show() {
     const std::string limit = minutes(std::chrono::duration_cast<std::chrono::seconds>(m_limit));
     std::unique_lock<std::mutex> lock(m_mutex);
     for (auto run = FIRST_SHOWN; !m_ending.wait_until(lock, start + run, [this] { return m_ended; }); ++run)
-        std::cerr << ERASE_LINE << fitted(m_name + ": waiting for " + minutes(run) + " of at most " + limit)
+        std::cerr << ERASE_LINE
+                  << fitted(filled(tr("%s: waiting for %s of at most %s"), m_name.c_str(),
+                                   minutes(run).c_str(), limit.c_str()))
                   << std::flush;
 }
 

@@ -9,7 +9,7 @@
 namespace tool {
 
 /// Shows on the terminal, from the third second on, how long a call has run and how long it may. Shows
-/// nothing where the output is piped.
+/// nothing if output is piped.
 class Progress {
   public:
     Progress(std::string name, std::chrono::milliseconds limit);

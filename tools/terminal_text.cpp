@@ -1,5 +1,7 @@
 #include "terminal_text.h"
 
+#include <sys/ioctl.h>
+
 #include <algorithm>
 #include <cstdint>
 
@@ -43,6 +45,11 @@ std::size_t offsetOf(std::string_view text, std::size_t columns) {
 }
 
 }  // namespace
+
+std::size_t terminalColumns(int fd) {
+    winsize size{};
+    return ioctl(fd, TIOCGWINSZ, &size) == 0 && size.ws_col > 0 ? size.ws_col : TERMINAL_COLUMNS;
+}
 
 std::string withoutControls(std::string_view text,
                             const std::function<std::string(std::string_view bytes)>& replace) {

@@ -11,6 +11,9 @@ namespace tool {
 /// Columns that a table or a help text may fill.
 constexpr std::size_t TERMINAL_COLUMNS = 80;
 
+/// Columns of the terminal `fd`; TERMINAL_COLUMNS if it does not say, or is none.
+std::size_t terminalColumns(int fd);
+
 /// `text` as UTF-8 without anything that a terminal would obey or could not show: control characters (C0,
 /// DEL, C1) and bytes that are not UTF-8. Each of them becomes what `replace` makes of its bytes.
 std::string withoutControls(std::string_view text,

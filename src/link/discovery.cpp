@@ -86,7 +86,9 @@ std::string firstEntry(const char* path) {
 
 }  // namespace
 
-std::string SerialCommChannel::findUsbDevice() {
+std::string SerialCommChannel::findUsbDevice() { return findDeviceNode(); }
+
+std::string findDeviceNode() {
     std::array<char, 256> buffer{};
     const Stream listing(popen(DISCOVERY_COMMAND, "r"), pclose);
     if (!listing || fgets(buffer.data(), static_cast<int>(buffer.size()), listing.get()) == nullptr)

@@ -107,13 +107,21 @@ int DoTransaction::ReadMessageAnswer(const char* command, pbs::Message& answer, 
 
 void DoTransaction::fileDump(const char* code, const char* tx, std::uint32_t txSize, const char* rx,
                              std::uint32_t rxSize) {
+    dumpExchange(code, tx, txSize, rx, rxSize);
+}
+
+bool dumpExchange(const char* code, const char* tx, std::uint32_t txSize, const char* rx,
+                  std::uint32_t rxSize) {
     const std::string time = localTimeText("%Y%d%m%H%M%S");
+    bool complete = true;
     const auto write = [&](const char* suffix, const char* data, std::uint32_t size) {
         std::array<char, 256> name{};
         std::snprintf(name.data(), name.size(), "%s_%s_%s", time.c_str(), code, suffix);
         const QuietWrites guard;
-        const std::unique_ptr<FILE, int (*)(FILE*)> file(std::fopen(name.data(), "wb+"), std::fclose);
-        if (file && size > 0) std::fwrite(data, 1, size, file.get());
+        FILE* const file = std::fopen(name.data(), "wb+");
+        const bool written = file != nullptr && (size == 0 || std::fwrite(data, 1, size, file) == size);
+        const bool closed = file != nullptr && std::fclose(file) == 0;
+        complete = complete && written && closed;
     };
     std::array<char, 256> description{};
     std::snprintf(description.data(), description.size(),
@@ -123,6 +131,7 @@ void DoTransaction::fileDump(const char* code, const char* tx, std::uint32_t txS
     write("tx.bin", tx, txSize);
     write("debug.txt", description.data(), static_cast<std::uint32_t>(std::strlen(description.data())));
     if (rxSize != 0) write("rx.bin", rx, rxSize);
+    return complete;
 }
 
 std::vector<std::string> split(const std::string& text, char delimiter) {

@@ -25,10 +25,7 @@ class DoTransaction {
     /// Waits for the answer on the connected link; returns the status.
     int ReadMessageAnswer(const char* command, pbs::Message& answer, int timeoutMs);
 
-    /// Writes both sides of an exchange to the working directory, for diagnosis: YYYYDDMMhhmmss_CODE_tx.bin
-    /// (local time, day before month), ..._debug.txt and, if `rxSize` is not 0, ..._rx.bin. Sizes in bytes.
-    /// Skips a file that cannot be opened. The bytes are written as given: a request holds the activation
-    /// code.
+    /// `dumpExchange`, whose result is dropped.
     void fileDump(const char* code, const char* tx, std::uint32_t txSize, const char* rx,
                   std::uint32_t rxSize);
 
@@ -41,3 +38,10 @@ class DoTransaction {
 /// The pieces of `text`, up to its first NUL, between the delimiters. A delimiter at the very end adds no
 /// empty piece, and an empty text has none.
 std::vector<std::string> split(const std::string& text, char delimiter);
+
+/// Writes both sides of an exchange to the working directory for diagnosis: YYYYDDMMhhmmss_CODE_tx.bin,
+/// ..._debug.txt and, if `rxSize` is not 0, ..._rx.bin (the day before the month, local time). Sizes in
+/// bytes. The bytes are as given: a request holds the activation code. False if a file could not be written
+/// completely; the others are tried all the same.
+bool dumpExchange(const char* code, const char* tx, std::uint32_t txSize, const char* rx,
+                  std::uint32_t rxSize);

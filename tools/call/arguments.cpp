@@ -1,0 +1,137 @@
+#include "call/arguments.h"
+
+#include <fcntl.h>
+#include <poll.h>
+#include <unistd.h>
+
+#include <CLI/CLI.hpp>
+#include <algorithm>
+#include <array>
+#include <cerrno>
+#include <charconv>
+#include <cstdint>
+#include <cstring>
+#include <filesystem>
+#include <limits>
+#include <system_error>
+
+#include "fiscal/operations.h"
+#include "i18n.h"
+#include "sim/Descriptor.h"
+
+namespace call {
+namespace {
+
+using manipulaDados::Kind;
+using manipulaDados::Operation;
+using manipulaDados::Parameter;
+using tool::filled;
+using tool::tr;
+
+[[noreturn]] void refuse(const std::string& reason) { throw CLI::ValidationError(reason); }
+
+[[noreturn]] void refuseUnread(const std::string& path, int error) {
+    refuse(filled(tr("cannot read %s: %s"), path.c_str(), std::strerror(error)));
+}
+
+/// Everything up to the end of a file. An input that is not ready yet is waited for: half a document must not
+/// pass for a whole one.
+std::string readToEnd(int fd, const std::string& path, std::size_t most) {
+    std::string text;
+    std::array<char, 65536> chunk;
+    while (true) {
+        const ssize_t length = read(fd, chunk.data(), chunk.size());
+        if (length == 0) return text;
+        if (length > 0)
+            text.append(chunk.data(), static_cast<std::size_t>(length));
+        else if (errno == EAGAIN) {
+            pollfd input{fd, POLLIN, 0};
+            poll(&input, 1, -1);
+        } else if (errno != EINTR)
+            refuseUnread(path, errno);
+        if (text.size() > most) refuse(filled(tr("%s is too long for this request"), path.c_str()));
+    }
+}
+
+/// The text that a word stands for.
+std::string content(const std::string& word, std::size_t most) {
+    if (!isFile(word)) return word;
+    const std::string path = word.substr(1);
+    std::string text;
+    if (path == "-") {
+        text = readToEnd(STDIN_FILENO, tr("the standard input"), most);
+    } else {
+        const sim::Descriptor file(open(path.c_str(), O_RDONLY | O_CLOEXEC));
+        if (file.get() < 0) refuseUnread(path, errno);
+        text = readToEnd(file.get(), path, most);
+    }
+    if (text.find('\0') != std::string::npos)
+        refuse(filled(tr("%s contains a zero byte and cannot be sent"), path.c_str()));
+    return text;
+}
+
+int number(const Parameter& parameter, const std::string& text) {
+    constexpr int MOST_SESSION_NUMBER = 999999;
+    const int most = parameter.kind == Kind::SessionNumber ? MOST_SESSION_NUMBER
+                                                           : std::numeric_limits<std::uint16_t>::max();
+    int value = 0;
+    const char* const end = text.data() + text.size();
+    const auto [stop, error] = std::from_chars(text.data(), end, value);
+    if (error != std::errc() || stop != end || value < 0 || value > most)
+        refuse(
+            filled(tr("%s: expected a number from 0 to %d, not \"%s\""), parameter.name, most, text.c_str()));
+    return value;
+}
+
+/// The line break that an editor leaves at the end of a file does not belong to the code.
+void checkCode(const Parameter& parameter, std::string& code, const std::string& word) {
+    if (isFile(word))
+        for (const char end : {'\n', '\r'})
+            if (!code.empty() && code.back() == end) code.pop_back();
+    if (code.find_first_of("\r\n") != std::string::npos)
+        refuse(filled(tr("%s contains a line break"), parameter.name));
+}
+
+/// A file's name in place of a document: the "@" was forgotten, and the name would be sent.
+void checkDocument(const Parameter& parameter, const std::string& word) {
+    std::error_code tooLong;  // a document is no name
+    if (std::filesystem::exists(word, tooLong))
+        refuse(filled(tr("%s: %s is a file; write @%s to send its content"), parameter.name, word.c_str(),
+                      word.c_str()));
+}
+
+}  // namespace
+
+bool isFile(const std::string& word) { return !word.empty() && word.front() == '@'; }
+
+std::string namesOf(const manipulaDados::Parameters& parameters) {
+    std::string names;
+    for (const Parameter& parameter : parameters)
+        names += (names.empty() ? "" : " ") + std::string(parameter.name);
+    return names;
+}
+
+Arguments argumentsFrom(const Operation& operation, const std::vector<std::string>& words) {
+    const auto& parameters = operation.parameters;
+    if (words.size() != parameters.size())
+        refuse(filled(tr("%s takes %zu arguments, not %zu: %s"), operation.command, parameters.size(),
+                      words.size(), namesOf(parameters).c_str()));
+    if (std::count(words.begin(), words.end(), "@-") > 1)
+        refuse(tr("only one argument can be the standard input, @-"));
+
+    Arguments arguments;
+    arguments.texts.reserve(words.size());
+    for (std::size_t i = 0; i < words.size(); ++i) {
+        const Parameter& parameter = parameters[i];
+        std::string& text = arguments.texts.emplace_back(content(words[i], operation.buffer.bytes));
+        if (parameter.kind == Kind::ActivationCode) checkCode(parameter, text, words[i]);
+        if (parameter.kind == Kind::Document) checkDocument(parameter, words[i]);
+        if (isNumber(parameter.kind))
+            arguments.values.emplace_back(number(parameter, text));
+        else
+            arguments.values.emplace_back(text.c_str());
+    }
+    return arguments;
+}
+
+}  // namespace call
