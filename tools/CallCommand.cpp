@@ -202,8 +202,8 @@ void checkWorkingDirectory(bool record) {
     if (access(".", W_OK) != 0)
         refuse(tr("--dump and --record write to the working directory, which is not writable"));
     struct stat present {};
-    if (record && stat(RECORD, &present) == 0 && (!S_ISREG(present.st_mode) || access(RECORD, W_OK) != 0))
-        refuse(filled(tr("cannot write %s"), RECORD));
+    if (record && stat(RECORD, &present) == 0 && !S_ISREG(present.st_mode))
+        refuse(filled(tr("cannot write %s: %s"), RECORD, tr("it is not a regular file")));
 }
 
 /// Adds a row to the performance record; whether it is there.
@@ -308,7 +308,7 @@ int CallCommand::makeCall(std::vector<std::string> words) const {
     // Files come first: a reader of the output that leaves early must not cost the document.
     std::vector<std::string> complaints;
     bool lost = false;
-    if (document) {
+    if (document && status == FISCORA_STATUS_OK) {
         const std::size_t field = layout.documentField;
         if (field == AnswerLayout::NO_FIELD || field >= fields.size() || fields[field].empty()) {
             complaints.emplace_back(tr("the answer contains no document"));

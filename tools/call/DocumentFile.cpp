@@ -49,11 +49,12 @@ bool writeAll(int fd, const std::string& content) {
 
 DocumentFile::DocumentFile(const std::string& path) : m_target(path) {
     if (path.empty()) refuse(path, std::strerror(ENOENT));
-    std::error_code error;
-    if (std::filesystem::is_symlink(path, error)) m_target = std::filesystem::canonical(path, error).string();
-    if (error) refuse(path, tr("it is a link to nothing"));
-
     struct stat present {};
+    if (lstat(path.c_str(), &present) == 0 && S_ISLNK(present.st_mode)) {
+        std::error_code broken;
+        m_target = std::filesystem::canonical(path, broken).string();
+        if (broken) refuse(path, tr("it is a link to nothing"));
+    }
     const bool exists = stat(m_target.c_str(), &present) == 0;
     if (exists && !S_ISREG(present.st_mode)) refuse(path, tr("it is not a regular file"));
     if (exists && access(m_target.c_str(), W_OK) != 0) refuse(path, std::strerror(errno));

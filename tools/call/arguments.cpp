@@ -71,15 +71,15 @@ std::string content(const std::string& word, std::size_t most) {
 }
 
 int number(const Parameter& parameter, const std::string& text) {
-    constexpr int MOST_SESSION_NUMBER = 999999;
-    const int most = parameter.kind == Kind::SessionNumber ? MOST_SESSION_NUMBER
-                                                           : std::numeric_limits<std::uint16_t>::max();
+    constexpr long MOST_SESSION_NUMBER = 999999;
+    const long most = parameter.kind == Kind::SessionNumber ? MOST_SESSION_NUMBER
+                                                            : std::numeric_limits<std::uint16_t>::max();
     int value = 0;
     const char* const end = text.data() + text.size();
     const auto [stop, error] = std::from_chars(text.data(), end, value);
     if (error != std::errc() || stop != end || value < 0 || value > most)
-        refuse(
-            filled(tr("%s: expected a number from 0 to %d, not \"%s\""), parameter.name, most, text.c_str()));
+        refuse(std::string(parameter.name) + ": " +
+               filled(tr("expected a number from %ld to %ld, not \"%s\""), 0L, most, text.c_str()));
     return value;
 }
 
@@ -114,8 +114,8 @@ std::string namesOf(const manipulaDados::Parameters& parameters) {
 Arguments argumentsFrom(const Operation& operation, const std::vector<std::string>& words) {
     const auto& parameters = operation.parameters;
     if (words.size() != parameters.size())
-        refuse(filled(tr("%s takes %zu arguments, not %zu: %s"), operation.command, parameters.size(),
-                      words.size(), namesOf(parameters).c_str()));
+        refuse(filled(tr("%s takes these arguments: %s (given: %zu)"), operation.command,
+                      namesOf(parameters).c_str(), words.size()));
     if (std::count(words.begin(), words.end(), "@-") > 1)
         refuse(tr("only one argument can be the standard input, @-"));
 
