@@ -109,7 +109,7 @@ bool mayHoldDocument(const Operation& operation) {
 std::string described(int status) {
     const std::string name(statusName(status));
     return std::to_string(status) + " (" + (name.empty() ? "" : "FISCORA_STATUS_" + name + ": ") +
-           std::string(statusMeaning(status)) + ")";
+           tr(statusMeaning(status)) + ")";
 }
 
 /// Prints names and values: to a terminal in lines that fit it, without control characters and, unless

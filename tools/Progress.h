@@ -8,7 +8,7 @@
 
 namespace tool {
 
-/// Shows on the terminal, from the third second on, how long a call has run and how long it may. Shows
+/// Shows on the terminal, from the third second on, how long a call has taken and may take. Shows
 /// nothing if output is piped.
 class Progress {
   public:

@@ -49,11 +49,11 @@ std::string serialized(const pugi::xml_node& node) {
     return writer.text;
 }
 
-/// Elements may stand in each other so deep; what walks a document's tree calls itself for each level.
+/// How deep elements may be nested: what walks a document's tree recurses once per level.
 constexpr int MAX_DEPTH = 100;
 
-/// Well-formedness by the book, for which pugixml is too lenient: references, characters, attributes given
-/// twice, text behind the root.
+/// Checks what pugixml is too lenient about: references, characters, duplicate attributes, text after the
+/// root.
 void requireWellFormedText(const std::string& xml) {
     const std::unique_ptr<XML_ParserStruct, void (*)(XML_Parser)> parser(XML_ParserCreate(nullptr),
                                                                          XML_ParserFree);
@@ -105,7 +105,7 @@ void appendCopy(pugi::xml_node parent, const pugi::xml_node& node) {
     throw InvalidDocument(std::string(node.name()) + " inválido");
 }
 
-/// The number in `node` times ten to the power of `decimals`; 0 where there is no such node.
+/// The number in `node` times ten to the power of `decimals`; 0 if there is no such node.
 std::int64_t scaled(const pugi::xml_node& node, int decimals) {
     if (!node) return 0;
     const std::string_view text = node.text().get();
@@ -202,7 +202,7 @@ void appendIdentification(pugi::xml_node information, const pugi::xml_node& give
     appendCopy(ide, given.child("numeroCaixa"));
 }
 
-/// An element of the form that XML Signature gives it, whose values say that they sign nothing.
+/// A signature in the form of XML Signature; its values say that they sign nothing.
 void appendSignature(pugi::xml_node root, const std::string& key) {
     pugi::xml_node signature = root.append_child("Signature");
     signature.append_attribute("xmlns") = "http://www.w3.org/2000/09/xmldsig#";
@@ -221,7 +221,7 @@ void appendSignature(pugi::xml_node root, const std::string& key) {
            base64("certificado simulado, sem valor fiscal"));
 }
 
-/// Copies the item, with the amounts that a device adds to it where `withAmounts`, and counts it in `totals`.
+/// Copies the item and counts it in `totals`; `withAmounts` also adds the amounts that a device adds.
 void appendItem(pugi::xml_node information, const pugi::xml_node& item, bool withAmounts, Totals& totals) {
     pugi::xml_node product = information.append_copy(item).child("prod");
     const Cents amount = productAmount(product);
@@ -288,8 +288,7 @@ void buildSale(pugi::xml_document& document, const pugi::xml_node& given, const 
     appendSignature(root, numbering.key);
 }
 
-/// Removes elements that the sale brought, the items first, from the last one backwards, until `excess` bytes
-/// are gone.
+/// Removes elements of the sale, items first and from the end, until `excess` bytes are gone.
 void leaveOut(pugi::xml_node information, std::size_t excess) {
     std::size_t removedBytes = 0;
     int removed = 0;

@@ -24,7 +24,7 @@ enum class DeviceState { NotActivated, Active, Blocked };
 
 struct DeviceSettings {
     DeviceState state = DeviceState::Active;
-    /// 8 to 32 characters. Of no effect on a device that is not activated: AtivarSAT sets it.
+    /// 8 to 32 characters. Ignored by a device that is not activated: AtivarSAT sets it.
     std::string activationCode = "12345678";
     /// The device's clock; its dates and times are local time.
     std::function<std::time_t()> clock = [] { return std::time(nullptr); };
@@ -41,13 +41,13 @@ class SimulatedDevice {
     static constexpr std::size_t MAX_ANSWER = FISCORA_ANSWER_MAX_BYTES;
     /// Sessions whose answers can be asked for again; older ones are forgotten.
     static constexpr std::size_t KEPT_SESSIONS = 32;
-    /// How long after its sale a cancellation is taken.
+    /// How long after its sale a cancellation is accepted.
     static constexpr std::time_t CANCELLATION_SECONDS = std::time_t{30} * 60;
 
     explicit SimulatedDevice(DeviceSettings settings = {});
 
     /// The answer's text (UTF-8, fields separated by "|") to `request`, the text of a request for
-    /// `operation`. Every request is answered: one that is unknown or malformed by a refusal.
+    /// `operation`. Every request is answered; unknown and malformed ones are refused.
     std::string answer(const std::string& operation, const std::string& request);
 
     /// Whether field `field` (from 0) of a request for `operation` holds an activation code, present or new.
