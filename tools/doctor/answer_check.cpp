@@ -4,6 +4,7 @@
 #include <chrono>
 #include <random>
 
+#include "DeviceLock.h"
 #include "Progress.h"
 #include "doctor/Examination.h"
 #include "fiscal/operations.h"
@@ -38,8 +39,7 @@ const char* adviceFor(int status) {
     }
 }
 
-/// EEEEE of ConsultarSAT by the tax authority's "Especificação de Requisitos do SAT-CF-e".
-constexpr char IN_OPERATION[] = "08000";
+constexpr std::chrono::seconds LONGEST_WAIT{30};  ///< for another program's call to end
 
 int anySessionNumber() {
     std::random_device source;
@@ -52,11 +52,13 @@ Finding checkAnswer(Examination& examination) {
     if (!examination.holders.empty())
         return skipped(tr("the request would disturb the program that has the terminal open"));
 
+    const auto& operation = *manipulaDados::findOperation(manipulaDados::CMD_CONSULTA_SAT);
     std::vector<std::string> fields;
     {
-        const manipulaDados::Operation* operation =
-            manipulaDados::findOperation(manipulaDados::CMD_CONSULTA_SAT);
-        const tool::Progress progress(operation->command, std::chrono::milliseconds(operation->timeoutMs));
+        const tool::DeviceLock turn("fiscora doctor", LONGEST_WAIT);
+        if (turn.state() == tool::DeviceLock::State::Busy)
+            return skipped(tr("the request would disturb the program that has the terminal open"));
+        const tool::Progress progress(operation.command, std::chrono::milliseconds(operation.timeoutMs));
         fields = split(ConsultarSAT(anySessionNumber()), '|');
     }
     fields.resize(std::max<std::size_t>(fields.size(), 3));
@@ -72,7 +74,7 @@ Finding checkAnswer(Examination& examination) {
                         : "") +
                        std::string(adviceFor(status)));
     const std::string answer = found + " " + fields[1] + ": " + tool::toUtf8(fields[2]);
-    if (fields[1] == IN_OPERATION) return ok(answer);
+    if (operation.succeededWith(fields[1])) return ok(answer);
     return warning(answer, tr("Look the code up in the manual of the device."));
 }
 
