@@ -308,16 +308,17 @@ int CallCommand::makeCall(std::vector<std::string> words) const {
     // Files come first: a reader of the output that leaves early must not cost the document.
     std::vector<std::string> complaints;
     bool lost = false;
-    if (document && status == FISCORA_STATUS_OK) {
+    if (document) {
         const std::size_t field = layout.documentField;
-        if (field == AnswerLayout::NO_FIELD || field >= fields.size() || fields[field].empty()) {
+        const bool present =
+            field != AnswerLayout::NO_FIELD && field < fields.size() && !fields[field].empty();
+        const std::string reason = present ? document->save(Base64::decode(std::string(fields[field]))) : "";
+        lost = !reason.empty();
+        if (!present && status == FISCORA_STATUS_OK)
             complaints.emplace_back(tr("the answer contains no document"));
-        } else if (std::string reason = document->save(Base64::decode(std::string(fields[field])));
-                   !reason.empty()) {
-            lost = true;
+        if (lost)
             complaints.push_back(reason + ". " + tr("The document is shown in Base64. To fetch it again:") +
                                  "\n  " + again);
-        }
     }
     if (m_dump && request &&
         !dumpExchange(operation.command, request->data(), static_cast<std::uint32_t>(request->size()),

@@ -49,11 +49,13 @@ Interruption::~Interruption() {
 }
 
 void Interruption::say(std::string text) {
+    lastWords = nullptr;  // a signal may come now
     m_text = std::move(text);
     lastWords = m_text.c_str();
 }
 
 void Interruption::remove(std::string path) {
+    leftover = nullptr;
     m_path = std::move(path);
     leftover = m_path.c_str();
 }
