@@ -1,9 +1,6 @@
-# Bash completion of fiscora. Options, operations and faults are those that the installed command itself lists.
+# Bash completion of fiscora. The installed command itself lists its options, operations and faults.
 
 _fiscora_options() { "$1" ${2:+"$2"} --help 2>/dev/null | grep -oE '^ +(-h,)?--[a-z-]+' | grep -oE -- '--[a-z-]+'; }
-
-# Words that begin the lines of a list in the help, behind the heading $1.
-_fiscora_listed() { sed -n "/^$1:/,\$s/^  \([A-Za-z]*\) .*/\1/p"; }
 
 # Files ($1: -f) or folders (-d) that begin with $2.
 _fiscora_files() {
@@ -22,13 +19,13 @@ _fiscora() {
     if [[ $subcommand == sim ]]; then
         for ((; i < COMP_CWORD; ++i)); do
             [[ ${COMP_WORDS[i]} == -- ]] || continue
-            # Behind "--" stands any command with its own arguments.
+            # Any command with its own arguments may follow "--".
             declare -F _command_offset >/dev/null && _command_offset $((i + 1))
             return
         done
     fi
 
-    # "=" is a word of its own, as bash breaks a line, and "@" where bash-completion has not been loaded.
+    # Bash makes "=" a word of its own, and "@" too unless bash-completion is loaded.
     if [[ $word == = || $word == @ ]]; then previous=$word word=""; fi
     [[ $previous != = ]] || previous=${COMP_WORDS[COMP_CWORD - 1 - (${#word} > 0)]}
 
@@ -39,15 +36,15 @@ _fiscora() {
         log,--dir) _fiscora_files -d "$word" ;;
         log,--svg | call,--out | call,@) _fiscora_files -f "$word" ;;
         ,*) mapfile -t COMPREPLY < <(
-            compgen -W "$("$tool" --help | _fiscora_listed Subcommands) $(_fiscora_options "$tool")" -- "$word") ;;
+            compgen -W "sim call doctor log $(_fiscora_options "$tool")" -- "$word") ;;
         *)
             if [[ $word == -* ]]; then
                 mapfile -t COMPREPLY < <(compgen -W "$(_fiscora_options "$tool" "$subcommand")" -- "$word")
             elif [[ $subcommand == call && $word == @* ]]; then
                 mapfile -t COMPREPLY < <(compgen -P @ -f -- "${word#@}")
             elif [[ $subcommand == call ]]; then
-                operations=$("$tool" call --help | _fiscora_listed Operations)
-                # Only once: behind the operation stand its arguments.
+                operations=$("$tool" call --list | cut -f 1)
+                # Only once: arguments follow the operation.
                 grep -qxF "$operations" <(printf '%s\n' "${COMP_WORDS[@]:0:COMP_CWORD}") ||
                     mapfile -t COMPREPLY < <(compgen -W "$operations" -- "$word")
             fi
