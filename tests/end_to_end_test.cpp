@@ -12,7 +12,6 @@
 #include "fiscora.h"
 #include "platform.h"
 #include "sim/Fault.h"
-#include "sim/SimulatedDevice.h"
 #include "surroundings.h"
 
 namespace {
