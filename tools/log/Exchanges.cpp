@@ -66,9 +66,6 @@ std::string answerText(std::string_view rest) {
     return shown(isCode ? message.substr(0, message.rfind(" rxBufferSize: ")) : content, TEXT_COLUMNS);
 }
 
-/// By the tax authority's tables, codes of success end in three zeros.
-bool isSuccess(std::string_view code) { return code.size() == 5 && code.substr(2) == "000"; }
-
 /// `operation` is the answer's, empty if no answer came.
 bool fits(const Exchange& exchange, std::time_t end, const std::string& operation, int status) {
     if (!operation.empty() && operation != exchange.operation) return false;
@@ -103,7 +100,11 @@ std::string timeText(std::time_t time, const char* format) {
 Outcome Exchange::outcome() const {
     if (!status) return Outcome::Incomplete;
     if (*status != FISCORA_STATUS_OK) return Outcome::Failed;
-    return isSuccess(answerCode) ? Outcome::Ok : Outcome::Refused;
+    const auto* const known = manipulaDados::findOperation(operation);
+    // By the tax authority's tables, codes of success end in three zeros.
+    const bool succeeded = known != nullptr ? known->succeededWith(answerCode)
+                                            : answerCode.size() == 5 && answerCode.substr(2) == "000";
+    return succeeded ? Outcome::Ok : Outcome::Refused;
 }
 
 std::optional<long> Exchange::duration() const {
