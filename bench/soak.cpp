@@ -9,11 +9,15 @@
 //
 // The seed, printed first, repeats a run. Exit status 1 at the first difference.
 
+#include <fcntl.h>
 #include <malloc.h>
+#include <sys/file.h>
+#include <sys/wait.h>
 #include <unistd.h>
 
 #include <CLI/CLI.hpp>
 #include <algorithm>
+#include <array>
 #include <chrono>
 #include <cstdio>
 #include <cstdlib>
@@ -22,7 +26,9 @@
 #include <functional>
 #include <limits>
 #include <map>
+#include <optional>
 #include <random>
+#include <sstream>
 #include <stdexcept>
 #include <string>
 #include <string_view>
@@ -36,6 +42,7 @@
 #include "reception_model.h"
 #include "sim/Fault.h"
 #include "sim/SimulatedDevice.h"
+#include "surroundings.h"
 #include "transaction/DoTransaction.h"
 
 namespace {
@@ -149,7 +156,7 @@ struct Trouble {
 Trouble anyTrouble(Random& random) {
     static const std::vector<std::string> others{"short writes", "idle writes", "failing write",
                                                  "no draining",  "no device",   "no terminal",
-                                                 "bad request"};
+                                                 "bad request",  "held locks",  "full disk"};
     const int dice = random.number(1, 10);
     if (dice == 1) return {random.oneOf(others)};
     if (dice > 5) return {"none"};
@@ -180,6 +187,47 @@ struct Outcome {
 std::string beginning(const std::string& text) {
     return std::to_string(text.size()) + " bytes \"" + text.substr(0, 60) + "\"";
 }
+
+/// A second process that holds the log's folder and all its files locked while it lives.
+class LockHolder {
+  public:
+    LockHolder() {
+        std::array<int, 2> ready{}, over{};
+        if (pipe(ready.data()) != 0 || pipe(over.data()) != 0) differ("no pipe");
+        m_pid = fork();
+        if (m_pid < 0) differ("no second process");
+        char byte = 0;
+        if (m_pid == 0) {
+            close(over[1]);
+            lockLogs();
+            [[maybe_unused]] const bool told = write(ready[1], &byte, 1) == 1 && read(over[0], &byte, 1) == 0;
+            _exit(0);
+        }
+        close(over[0]);
+        close(ready[1]);
+        m_over = over[1];
+        if (read(ready[0], &byte, 1) != 1) differ("the second process does not start");
+        close(ready[0]);
+    }
+    LockHolder(const LockHolder&) = delete;
+    LockHolder& operator=(const LockHolder&) = delete;
+    ~LockHolder() {
+        close(m_over);
+        waitpid(m_pid, nullptr, 0);
+    }
+
+  private:
+    static void lockLogs() {
+        const auto lock = [](const std::filesystem::path& path) {
+            flock(openat(AT_FDCWD, path.c_str(), O_RDONLY), LOCK_EX);
+        };
+        lock("logsDrs");
+        for (const auto& entry : std::filesystem::directory_iterator("logsDrs")) lock(entry.path());
+    }
+
+    pid_t m_pid;
+    int m_over;  ///< its closing ends the process
+};
 
 /// The device on its line, and the clock.
 class World {
@@ -271,7 +319,13 @@ class World {
 
 long World::exchange(const Call& call, const Trouble& trouble) {
     prepare(call, trouble);
-    const std::string result = call.make();
+    std::string result;
+    {
+        const std::optional<LockHolder> holder =
+            is("held locks") ? std::optional<LockHolder>(std::in_place) : std::nullopt;
+        const Undo undo = is("full disk") ? limit(RLIMIT_FSIZE, 0) : nullptr;
+        result = call.make();
+    }
     const long ms = m_line.nowMs() - m_startMs;
 
     const Outcome outcome = expected();
@@ -401,13 +455,16 @@ Outcome World::expected() const {
 /// Checks the logs against the calls of each day.
 std::size_t checkLogs(std::map<std::string, long> callsOfDay) {
     constexpr std::size_t DATE_POSITION = 6, DATE_SIZE = 8;  // logDrsYYYYMMDD
+    constexpr std::string_view mark = "info, txCode: ";
+    constexpr std::size_t TEXT_POSITION = 25;  // [YYYY-MM-DD.HH:MM:SS] - [
     std::size_t files = 0;
     for (const auto& entry : std::filesystem::directory_iterator("logsDrs")) {
         ++files;
         const std::string path = entry.path();
-        const std::string text = readLog(path), mark = "info, txCode: ";
+        std::istringstream log(readLog(path));
         long lines = 0;
-        for (auto at = text.find(mark); at != std::string::npos; at = text.find(mark, at + 1)) ++lines;
+        for (std::string line; std::getline(log, line);)
+            lines += line.compare(TEXT_POSITION, mark.size(), mark) == 0 ? 1 : 0;
         const long calls = callsOfDay[entry.path().filename().string().substr(DATE_POSITION, DATE_SIZE)];
         if (lines != calls) {
             differ(path + " tells of " + std::to_string(lines) + " calls and not " + std::to_string(calls));
@@ -445,9 +502,10 @@ class Soak {
         const Trouble trouble = m_calls == 2 ? Trouble{"none"} : anyTrouble(m_random);
         const Call call =
             m_calls == 2 ? anyCall(m_random, FISCORA_ANSWER_MAX_BYTES) : callUnder(trouble, m_random);
-        if (trouble.name != "bad request") ++m_callsOfDay[m_world.date()];
         try {
+            const std::string date = m_world.date();
             count(m_rows[trouble.name], call, trouble);
+            if (trouble.name != "bad request") m_callsOfDay[date] += trouble.name == "full disk" ? 0 : 1;
             if (m_calls == 1) m_descriptors = openDescriptors();
             if (openDescriptors() != m_descriptors) differ("a descriptor stays open");
         } catch (const std::exception& difference) {

@@ -78,7 +78,8 @@ std::string callLine(int number, int status, sim::Answer answer) {
     const std::map<sim::Answer, std::string> answers{{sim::Answer::None, ""},
                                                      {sim::Answer::Own, own(number)},
                                                      {sim::Answer::Previous, own(number - 1)},
-                                                     {sim::Answer::Compressed, "x[^|\n]*"}};
+                                                     {sim::Answer::Compressed, "x[^|\n]*"},
+                                                     {sim::Answer::Hostile, "[0-9]+\\|08000\\|SAT.*"}};
     return std::to_string(status) + " [0-9]+ " + answers.at(answer) + "\n";
 }
 

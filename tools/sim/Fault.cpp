@@ -22,6 +22,10 @@ constexpr std::size_t LONG_HEAD = 5000;                      // bytes; a reader 
 constexpr std::size_t MISSING_BYTES = 100;                   // of a body, after what is sent
 constexpr std::size_t BOMB = std::size_t{16} * 1024 * 1024;  // bytes; about 16 KiB on the line
 constexpr char JUNK[] = "\x01\xfejunk\r\n";
+/// A line like those of the log, then what clears a terminal's screen, DEL, and a C1 control in UTF-8.
+constexpr char HOSTILE_TEXT[] =
+    "\r\n[2026-01-01.00:00:00] - [info, txCode: EnviarDadosVenda txSessao:000000 txBufferSize:0]\r\n"
+    "\x1b[2J\x7f\xc2\x9b";
 
 std::string withHeader(pbs::Message answer, const std::string& key, const std::string& value) {
     answer.addHeader(key, value);
@@ -107,6 +111,18 @@ Transmission badBody(const Exchange& exchange) {
 Transmission bomb(const Exchange& exchange) {
     static const std::string body = compressed(std::string(BOMB, 'x'));
     return {{withCompressedBody(exchange.answer, body)}};
+}
+
+Transmission hostileFields(const Exchange& exchange) {
+    pbs::Message answer(exchange.answer);
+    if (answer.isCompressed()) answer.uncompress();
+    std::string body = answer.body();
+    std::size_t end = 0;
+    for (int field = 0; field < 2; ++field) end = body.find('|', end) + 1;
+    body.insert(std::min(body.find('|', end), body.size()), HOSTILE_TEXT);
+    answer.setBody(body);
+    answer.compress();
+    return {{answer.toString()}};
 }
 
 Transmission junkBefore(const Exchange& exchange) { return {{JUNK + exchange.answer.toString()}}; }
@@ -195,6 +211,10 @@ const std::vector<Fault>& faults() {
              "16 KiB that would grow to 16 MiB, more than announced; they are not decompressed and are "
              "the result"),
          translatable("as for bad-body"), bomb},
+        {"hostile-fields", 0, 0, Answer::Hostile,
+         translatable("the answer's text has line breaks and control characters"),
+         translatable("show no text of the device on a screen or in a log before you have masked them"),
+         hostileFields},
         {"junk-before", 0, 0, Answer::Own, translatable("stray bytes before the answer are skipped"),
          translatable("nothing to do"), junkBefore},
         {"junk-behind", 0, 32768, Answer::Own,

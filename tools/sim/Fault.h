@@ -29,6 +29,7 @@ enum class Answer {
     Own,         ///< the device's own, as without the fault
     Previous,    ///< of the exchange before, if both are of the same operation
     Compressed,  ///< the body as it came
+    Hostile,     ///< the device's own, with control characters after the text of field 2
 };
 
 /// A way for the device to fail, and what the application then sees.
