@@ -123,7 +123,7 @@ Row growthRow(const Least& seconds) {
     const double base = byteCost(seconds, medium, "whole");
     const double dearest = std::max({byteCost(seconds, small, "whole"), byteCost(seconds, large, "whole"),
                                      byteCost(seconds, largest, "whole")});
-    return {"a byte, the dearest of 64/800/1536 KiB; 256 KiB",
+    return {"per byte, worst of 64/800/1536 KiB; 256 KiB",
             text("%.2f ns/B", dearest),
             text("%.2f ns/B", base),
             text("%.2f", dearest / base),
@@ -183,7 +183,7 @@ std::vector<Row> tableOf(const Least& seconds, double peak) {
 /// Whether each figure is reached, if they are judged.
 bool print(const std::vector<Row>& table, bool isJudged) {
     constexpr char FORMAT[] = "| %-47s | %-19s | %-10s | %-5s | %-11s | %-7s |\n";
-    std::printf(FORMAT, "What; what it is held against", "Ours", "Theirs", "Ratio", "To reach", "Reached");
+    std::printf(FORMAT, "Figure; compared with", "Ours", "Theirs", "Ratio", "Target", "Met");
     std::printf("|---|---|---|---|---|---|\n");
     bool isGood = true;
     for (const auto& [what, ours, theirs, ratio, wanted, isReached] : table) {
