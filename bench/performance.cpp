@@ -174,7 +174,7 @@ std::vector<Row> tableOf(const Least& seconds, double peak) {
         costsRow("  of which to the frame", seconds, "request"),
         costsRow("  of which sending it", seconds, "sending"),
         costsRow("  of which to g_resp", seconds, "answer"),
-        detail("  and the first KiB, with what has no size",
+        detail("  and the first KiB, with all fixed costs",
                text("%.0f us", seconds[sale(CALL_BYTES.front(), "whole")] * US)),
         atMost(24, "peak memory of a full-size sale", "%.1f MiB", peak),
     };

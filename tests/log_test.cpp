@@ -133,7 +133,7 @@ TEST(Log, EachEndGoesToItsCallAndDamageIsCounted) {
     const std::string sat = "ConsultarSAT", sale = "EnviarDadosVenda",
                       good = begin("12:00:00", sat, "000001");
     const std::string shown = "12:00:00 ConsultarSAT 000001 ", whole = shown + "1 s ok 08000\n";
-    const std::string one = "fiscora log: 1 damaged or cut line is not counted above\n";
+    const std::string one = "fiscora log: 1 damaged or truncated line is not counted above\n";
     const std::string ended = end("12:00:01", sat, "000001"), cut = ended.substr(0, 60);
     const struct {
         const char* fault;
@@ -166,7 +166,7 @@ TEST(Log, EachEndGoesToItsCallAndDamageIsCounted) {
              "\n[2031-02-29.12:00:00] - [info, x]\n[2031-02-28.24:00:00] - [info, x]\n[2031-2-28.12:00:00] - [info, x]\n"
              "[2031-02-28.1:00:00 PM] - [info, x]\n[2031-02-28.12:00:00] - [info x]\n" + line("12:00:00", "txCode: x") +
              line("12:00:00", "rxCode: x rxSessao: 1 rxEEEEE: 2 rxCCCC: 3") + end("12:00:01", sat, "1", "2 rxCCCC: 3 status: 0x") +
-             line("12:00:01", std::string(512, 'x')) + ended, whole + "fiscora log: 10 damaged or cut lines are not counted above\n"},
+             line("12:00:01", std::string(512, 'x')) + ended, whole + "fiscora log: 10 damaged or truncated lines are not counted above\n"},
     };  // clang-format on
     for (const auto& [fault, text, expected] : cases) {
         put(DAY + ".log", "DRS Version: 01.00.01.001\n" + text);
@@ -182,7 +182,7 @@ TEST(Log, EachFileIsReadOnce) {
     std::string large;  // more than is read or unpacked at a time
     for (int i = 0; i < 20000; ++i) large += line("09:00:00", std::to_string(i * 7919));
     const auto unread = [](const std::string& complaint) {
-        return "fiscora log: " + DAY + complaint + "\nfiscora log: 1 file was not read to its end\n";
+        return "fiscora log: " + DAY + complaint + "\nfiscora log: 1 file was not read completely\n";
     };
     const struct {
         const char* fault;
@@ -233,7 +233,7 @@ TEST(Log, ArgumentsChooseWhatIsShownOrAreRefused) {
         {"--svg absent/picture.svg", "cannot write absent/picture.svg: No such file or directory"},
         {"--svg logsDrs", "logsDrs: not a regular file"},
         {"--svg ./" + DAY + ".log", "it is the name of a log"},
-        {"--svg ''", "not the name of a file"},
+        {"--svg ''", "not a file name"},
         {"--follow --json", "--follow cannot be combined"},
         {"today", "unexpected argument: today"},
         {"-- today", "unexpected argument: today"},

@@ -43,7 +43,7 @@ using Fields = std::vector<std::string_view>;
 
 constexpr int NOTHING_SENT_STATUS = 2;
 constexpr std::chrono::minutes LONGEST_WAIT{2};
-constexpr char TYPED[] = "@-";  ///< an argument read from the standard input
+constexpr char TYPED[] = "@-";  ///< an argument read from standard input
 constexpr char RECORD[] = "teste_desempenho.csv";
 
 [[noreturn]] void refuse(const std::string& reason) { throw CLI::ValidationError(reason); }
@@ -225,25 +225,26 @@ CallCommand::CallCommand(CLI::App& application)
                  tr("fiscora call [OPTIONS] OPERATION NUMERO_SESSAO [ARGUMENT...]")) {
     // Not an option of CLI11's, which would take words such as [a,b] apart.
     m_options->allow_extras();
-    m_options->add_option("--out", m_documentPath, tr("Decode the document in the answer to FILE"))
+    m_options->add_option("--out", m_documentPath, tr("Write the document in the answer, decoded, to FILE"))
         ->type_name(tr("FILE"));
     m_options->add_flag("--full", m_full, tr("Show documents and signatures in full on a terminal too"));
     m_options->add_flag(
         "--list", m_list,
         tr("List the operations for programs: name, arguments as name:type, timeout in seconds, "
-           "EEEEE of success, fields of the answer, with tabs between"));
-    m_options->add_flag("--dump", m_dump,
-                        tr("Write request, answer and a description to three files in this directory; they "
-                           "contain the activation code"));
+           "EEEEE of success, fields of the answer, separated by tabs"));
+    m_options->add_flag(
+        "--dump", m_dump,
+        tr("Write the request, the answer and a description to three files in this directory; they "
+           "contain the activation code"));
     m_options->add_flag(
         "--record", m_record,
         tr("Add a row of the answer's timing headers to teste_desempenho.csv in this directory"));
     std::string footer = tr(
-        "An argument @FILE is the content of that file, @- of the standard input. Words that begin with a dash "
-        "go after \"--\". Calls of this command wait for each other.\n"
-        "Exit status: 0 when the device answered (look at EEEEE for what it said), 1 when it did not or a file "
-        "could not be written, 2 when nothing was sent: the command line was wrong, the request too long, or "
-        "the device busy.\n\nOperations:\n");
+        "An argument @FILE is the content of that file; @- is standard input. Put \"--\" before words that "
+        "begin with a dash. Calls made with this command wait for each other.\n"
+        "Exit status: 0 if the device answered (EEEEE says what), 1 if it did not or a file could not be "
+        "written, 2 if nothing was sent: the command line was wrong, the request too long, or the device "
+        "busy.\n\nOperations:\n");
     for (const Operation& operation : manipulaDados::OPERATIONS)
         footer += "  " + std::string(operation.command) + " " + call::namesOf(operation.parameters) + "\n";
     m_options->footer(footer);

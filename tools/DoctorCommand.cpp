@@ -79,9 +79,9 @@ void examine(bool ask, Report report) {
         }
         const auto cause = causes.find(check.needs);
         const Finding finding =
-            cause != causes.end() ? doctor::skipped(filled(tr("depends on the step \"%s\"; solve that first"),
-                                                           tr(cause->second)))
-                                  : check.find(examination);
+            cause != causes.end()
+                ? doctor::skipped(filled(tr("depends on the step \"%s\"; fix that first"), tr(cause->second)))
+                : check.find(examination);
         if (finding.verdict == Verdict::Error || finding.verdict == Verdict::Skipped)
             causes[check.step] = cause != causes.end() ? cause->second : check.label;
         report(check, finding);
@@ -93,13 +93,13 @@ void examine(bool ask, Report report) {
 DoctorCommand::DoctorCommand(CLI::App& application)
     : Subcommand(application, "doctor", tr("Say why the device is not found or does not answer"),
                  "fiscora doctor [--ask] [--json]") {
-    m_options->add_flag("--ask", m_ask,
-                        tr("Make a call, ConsultarSAT, at the end; nothing is sent without this"));
+    m_options->add_flag("--ask", m_ask, tr("Call ConsultarSAT at the end; without this, nothing is sent"));
     m_options->add_flag("--json", m_json, tr("Print the result as one JSON object"));
     m_options->footer(tr(
-        "Run it as the application's user, in its folder and environment: permissions, logs and PATH are "
-        "checked as they are there.\n"
-        "Exit status: 0 if everything is in order, 1 with an ERROR or a warning (a warning does not prevent "
+        "Run it with the same user, working directory and environment as the application: permissions, logs "
+        "and PATH depend on them.\n"
+        "Exit status: 0 if everything is in order, 1 if there is an ERROR or a warning (a warning does not "
+        "prevent "
         "calls), 2 for a wrong command line."));
 }
 
@@ -133,8 +133,8 @@ int DoctorCommand::run(const std::vector<std::string>& operands) {
             {"findings", findings}, {"errors", errors}, {"warnings", warnings}};
         std::cout << result.dump(2, ' ', false, nlohmann::ordered_json::error_handler_t::replace) << "\n";
     } else if (errors > 0) {
-        std::cout << filled(tr("%d problem: solve it and run this again.",
-                               "%d problems: begin with the first one.", static_cast<unsigned long>(errors)),
+        std::cout << filled(tr("%d problem: fix it and run this again.", "%d problems: start with the first.",
+                               static_cast<unsigned long>(errors)),
                             errors)
                   << '\n';
     } else if (warnings > 0) {

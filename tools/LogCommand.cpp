@@ -68,7 +68,7 @@ class PictureFile {
             if (access(m_path.c_str(), W_OK) != 0) refuse(tool::systemError(errno));
         }
         const std::string name = m_path.filename();
-        if (name.empty()) refuse(tr("not the name of a file"));
+        if (name.empty()) refuse(tr("not a file name"));
         if (name.rfind(LOG_PREFIX, 0) == 0) refuse(tr("it is the name of a log"));
         m_new = m_path.string() + "." + std::to_string(getpid()) + ".new";
         if (!create()) refuse(tool::systemError(errno));
@@ -172,23 +172,23 @@ LogCommand::LogCommand(CLI::App& application)
                  "fiscora log [--dir DIR] [--since DAY] [--svg FILE] [--json] | --follow") {
     m_options
         ->add_option("--dir", m_directory,
-                     tr("Folder of the logs, or the one that contains their logsDrs (default: logsDrs)"))
+                     tr("Folder of the logs, or the folder that contains logsDrs (default: logsDrs)"))
         ->type_name("DIR");
     m_options
         ->add_option_function<std::string>(
             "--since", [this](const std::string& text) { m_since = dayFrom(text); },
-            tr("Leave out the days before, YYYYMMDD or YYYY-MM-DD"))
+            tr("Leave out days before DAY, YYYYMMDD or YYYY-MM-DD"))
         ->type_name("DAY");
-    m_options->add_option("--svg", m_picturePath, tr("Draw the durations over time to FILE, as SVG"))
+    m_options->add_option("--svg", m_picturePath, tr("Draw the durations over time in FILE, as SVG"))
         ->type_name("FILE");
     m_options->add_flag("--json", m_json, tr("Print the result as one JSON object"));
     m_options->add_flag("--follow", m_follow, tr("Show today's calls as they end, until Ctrl-C"));
     m_options->footer(tr(
-        "\"refused\" is a call that the device answered with a code other than success; \"failed\", one whose "
-        "status is not OK; \"no end\", one whose end is not in the log. A duration may be off by one second, "
-        "because the log has whole seconds only; - stands for what the log does not say.\n"
+        "A call is \"refused\" if the device answered with a code other than success, \"failed\" if its "
+        "status is not OK, and has \"no end\" if its end is not in the log. A duration may be off by one "
+        "second, because the log records whole seconds only; - means that the log does not say.\n"
         "Exit status: 0 if all files were read (damaged lines are skipped and counted), 1 if one could not "
-        "be read to its end or the picture could not be saved, 2 for a wrong command line."));
+        "be read completely or the picture could not be saved, 2 for a wrong command line."));
 }
 
 int LogCommand::run(const std::vector<std::string>& operands) {
@@ -222,11 +222,11 @@ int LogCommand::run(const std::vector<std::string>& operands) {
     };
     for (const std::string& complaint : complaints.files) complain(complaint);
     if (const auto count = complaints.files.size(); count > 0)
-        complain(filled(
-            tr("%zu file was not read to its end", "%zu files were not read to their ends", count), count));
+        complain(filled(tr("%zu file was not read completely", "%zu files were not read completely", count),
+                        count));
     if (const auto count = complaints.damagedLines; count > 0)
-        complain(filled(tr("%zu damaged or cut line is not counted above",
-                           "%zu damaged or cut lines are not counted above", count),
+        complain(filled(tr("%zu damaged or truncated line is not counted above",
+                           "%zu damaged or truncated lines are not counted above", count),
                         count));
     if (!drawn) complain(filled(tr("cannot write %s: %s"), m_picturePath.c_str(), reason.c_str()));
     return complaints.files.empty() && drawn ? EXIT_SUCCESS : EXIT_FAILURE;

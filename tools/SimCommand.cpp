@@ -103,7 +103,7 @@ std::string supportFolder(const sim::PtyLine& line) {
         fs::create_symlink(found, line.folder() + "/support");
         return line.folder() + "/support";
     }
-    throw std::runtime_error(filled(tr("%s or %s is missing: they belong beside this program or in %s"),
+    throw std::runtime_error(filled(tr("%s or %s is missing; they belong next to this program or in %s"),
                                     PRELOAD_LIBRARY, standIn.c_str(), FISCORA_PRELOAD_FOLDER));
 }
 
@@ -249,16 +249,18 @@ sim::FaultPlan parseFault(const std::string& text) {
     const std::string kind = text.substr(0, equals);
     const sim::Fault* fault = sim::findFault(kind);
     if (fault == nullptr)
-        throw refuse(filled(tr("there is no fault \"%s\", see --list-faults"), kind.c_str()));
+        throw refuse(filled(tr("there is no fault \"%s\"; see --list-faults"), kind.c_str()));
     sim::FaultPlan plan{fault, 0, fault->count};
     if (equals < at) {
         if (fault->count == 0) throw refuse(filled(tr("%s takes no count"), kind.c_str()));
         plan.count = countOf(text.substr(equals + 1, at - equals - 1), MAX_BAD_ANSWERS);
-        if (plan.count == 0) throw refuse(filled(tr("the count is a number from 1 to %u"), MAX_BAD_ANSWERS));
+        if (plan.count == 0)
+            throw refuse(filled(tr("the count must be a number from 1 to %u"), MAX_BAD_ANSWERS));
     }
     if (at < text.size()) {
         plan.exchange = countOf(text.substr(at + 1), MAX_EXCHANGE);
-        if (plan.exchange == 0) throw refuse(tr("\"@\" is followed by the number of an exchange, from 1"));
+        if (plan.exchange == 0)
+            throw refuse(tr("\"@\" must be followed by the number of an exchange, from 1"));
     }
     return plan;
 }
@@ -300,7 +302,7 @@ SimCommand::SimCommand(CLI::App& application)
     m_options
         ->add_option_function<std::string>(
             "--state", [this](const std::string& name) { m_device.state = states.at(name); },
-            tr("State of the device at the start (default active)"))
+            tr("Initial state of the device (default active)"))
         ->type_name(tr("STATE"))
         ->check(oneOf({"active", "blocked", "not-activated"}));
     m_options
@@ -315,7 +317,7 @@ SimCommand::SimCommand(CLI::App& application)
     m_options
         ->add_option_function<int>(
             "--latency", [this](int ms) { m_port.latency = std::chrono::milliseconds(ms); },
-            tr("Time that the device takes for each answer, in ms (default 0)"))
+            tr("Time that the device takes to answer, in ms (default 0)"))
         ->type_name("MS")
         ->check(numberFrom(0, 3600000));
     m_options
@@ -324,19 +326,18 @@ SimCommand::SimCommand(CLI::App& application)
             [this](const std::vector<std::string>& plans) {
                 for (const std::string& plan : plans) m_port.faults.push_back(parseFault(plan));
             },
-            tr("Make the device fail, on its N-th exchange or on every one. COUNT is the number of bad "
-               "answers, "
-               "for the kinds that have some. May be repeated"))
+            tr("Make the device fail, in its N-th exchange or in every one. COUNT is the number of bad "
+               "answers, for kinds that take one. May be repeated"))
         ->type_name(tr("KIND[=COUNT][@N]"))
         ->allow_extra_args(false);
     m_options->add_flag("--list-faults", m_listFaults,
                         tr("List the kinds of fault and what the application will see"));
     m_options->add_flag("--trace", m_trace,
-                        tr("Print all frames to standard error, activation codes as ***"));
-    m_options->add_flag("--trace-secrets", m_traceSecrets, tr("Show activation codes in the trace as well"));
+                        tr("Print all frames to standard error, with activation codes as ***"));
+    m_options->add_flag("--trace-secrets", m_traceSecrets, tr("Show activation codes in the trace too"));
     m_options->footer(tr(
-        "COMMAND and the programs that it starts meet the simulated device or none, never a real one. A "
-        "program that cannot meet it (32-bit, statically linked, or with an LD_PRELOAD of its own) finds no "
+        "COMMAND and the programs that it starts find the simulated device or none, never a real one. A "
+        "program that cannot reach it (32-bit, statically linked, or with an LD_PRELOAD of its own) finds no "
         "device, and standard error says so. Only a program that clears its environment (env -i), on a "
         "kernel "
         "without Landlock (before Linux 5.19), would find a real device.\n"
@@ -361,8 +362,8 @@ int SimCommand::run(const std::vector<std::string>& operands) {
         return fail(
             CANNOT_EXECUTE,
             program.string() + ": " +
-                tr("gains privileges, which no program can in the simulation; run fiscora itself with "
-                   "those privileges"));
+                tr("gains privileges, which the simulation does not allow; run fiscora itself with those "
+                   "privileges"));
     }
 
     sim::FrameTrace trace(std::cerr, m_traceSecrets);

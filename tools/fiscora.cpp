@@ -72,7 +72,7 @@ int main(int argc, char** argv) {
     try {
         const int status = runTool(argc, argv);
         if (std::cout.flush()) return status;
-        std::cerr << "fiscora: " << tool::tr("cannot write to the standard output") << "\n";
+        std::cerr << "fiscora: " << tool::tr("cannot write to standard output") << "\n";
     } catch (const std::exception& error) {
         std::cerr << "fiscora: " << tool::withoutControls(error.what()) << "\n";
     }

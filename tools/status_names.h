@@ -28,9 +28,9 @@ constexpr const char* statusMeaning(int status) {
             return translatable("the device was not found or could not be opened, or its answer was damaged");
         case FISCORA_STATUS_READ_ERROR: return translatable("the line went down, or was silent for 50 s");
         case FISCORA_STATUS_REFUSED:
-            return translatable("the device kept answering another request, or answered too much");
+            return translatable("the device kept answering another request, or its answers were too long");
         case FISCORA_STATUS_BAD_REQUEST:
-            return translatable("the request does not fit the library, and nothing was sent");
+            return translatable("the request is too long for the library; nothing was sent");
         case FISCORA_STATUS_TIMEOUT: return translatable("the operation's time ran out without an answer");
         default: return translatable("unknown to this version");
     }

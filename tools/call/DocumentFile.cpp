@@ -53,7 +53,7 @@ DocumentFile::DocumentFile(const std::string& path) : m_target(path) {
     if (lstat(path.c_str(), &present) == 0 && S_ISLNK(present.st_mode)) {
         std::error_code broken;
         m_target = std::filesystem::canonical(path, broken).string();
-        if (broken) refuse(path, tr("it is a link to nothing"));
+        if (broken) refuse(path, tr("it is a dangling link"));
     }
     const bool exists = stat(m_target.c_str(), &present) == 0;
     if (exists && !S_ISREG(present.st_mode)) refuse(path, tr("it is not a regular file"));

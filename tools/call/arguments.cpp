@@ -59,7 +59,7 @@ std::string content(const std::string& word, std::size_t most) {
     const std::string path = word.substr(1);
     std::string text;
     if (path == "-") {
-        text = readToEnd(STDIN_FILENO, tr("the standard input"), most);
+        text = readToEnd(STDIN_FILENO, tr("standard input"), most);
     } else {
         const sim::Descriptor file(open(path.c_str(), O_RDONLY | O_CLOEXEC));
         if (file.get() < 0) refuseUnread(path, errno);
@@ -117,7 +117,7 @@ Arguments argumentsFrom(const Operation& operation, const std::vector<std::strin
         refuse(filled(tr("%s takes these arguments: %s (given: %zu)"), operation.command,
                       namesOf(parameters).c_str(), words.size()));
     if (std::count(words.begin(), words.end(), "@-") > 1)
-        refuse(tr("only one argument can be the standard input, @-"));
+        refuse(tr("only one argument can be standard input, @-"));
 
     Arguments arguments;
     arguments.texts.reserve(words.size());

@@ -7,7 +7,7 @@
 
 namespace call {
 
-/// Whether `word` stands for the content of a file, @FILE, or of the standard input, @-.
+/// Whether `word` stands for the content of a file, @FILE, or of standard input, @-.
 bool isFile(const std::string& word);
 
 /// The names of an operation's arguments, with blanks between them.

@@ -75,7 +75,7 @@ Finding checkAnswer(Examination& examination) {
                        std::string(adviceFor(status)));
     const std::string answer = found + " " + fields[1] + ": " + tool::toUtf8(fields[2]);
     if (operation.succeededWith(fields[1])) return ok(answer);
-    return warning(answer, tr("Look the code up in the manual of the device."));
+    return warning(answer, tr("Look the code up in the device's manual."));
 }
 
 }  // namespace doctor

@@ -120,8 +120,9 @@ Finding checkPermission(Examination& examination) {
     if (faccessat(AT_FDCWD, node.c_str(), R_OK | W_OK, AT_EACCESS) == 0)
         return ok(
             geteuid() == 0 && servesGroup
-                ? filled(tr("%s can read and write %s; an application of another user needs the group %s"),
-                         user.c_str(), rights.c_str(), group.c_str())
+                ? filled(
+                      tr("%s can read and write %s; an application run by another user needs the group %s"),
+                      user.c_str(), rights.c_str(), group.c_str())
                 : filled(tr("%s can read and write %s"), user.c_str(), rights.c_str()));
 
     if (!servesGroup || isInGroup(status.st_gid))
@@ -131,8 +132,9 @@ Finding checkPermission(Examination& examination) {
                "dialout gets the node, and reconnect the USB cable."));
     if (isRegisteredInGroup(status.st_gid))
         return error(
-            filled(tr("%s cannot read and write %s: already in the group %s, but this session is older"),
-                   user.c_str(), rights.c_str(), group.c_str()),
+            filled(
+                tr("%s cannot read and write %s: already in the group %s, but this session started earlier"),
+                user.c_str(), rights.c_str(), group.c_str()),
             tr("Log out and in again, and restart the application."));
     return error(filled(tr("%s cannot read and write %s and is not in the group %s"), user.c_str(),
                         rights.c_str(), group.c_str()),
@@ -150,7 +152,7 @@ Finding checkHolders(Examination& examination) {
         return error(
             filled(tr("%s is open in %s"), examination.node.c_str(), describe(holders.holding).c_str()),
             byModemManager ? tr(RULE_AGAINST_MODEM_MANAGER)
-                           : tr("Wait for the end of its call, or end that program, and run this again."));
+                           : tr("Wait until its call ends, or close that program, and run this again."));
     }
     const std::string found = filled(tr("no other process seems to have %s open"), examination.node.c_str());
     if (holders.modemManagerRuns && !isHiddenFromModemManagers(examination.nodeStatus.st_rdev))
@@ -177,7 +179,7 @@ Finding checkTerminal(Examination& examination) {
     if (!examination.holders.empty())
         return warning(filled(tr("%s can be opened and is a terminal, but it is also open in %s"),
                               node.c_str(), describe(examination.holders).c_str()),
-                       tr("As long as it is, each program can take the other's answers."));
+                       tr("Until it is closed, each program can take the other's answers."));
     return ok(filled(tr("%s can be opened and is a terminal"), node.c_str()));
 }
 

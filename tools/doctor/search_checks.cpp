@@ -77,8 +77,7 @@ Finding missingEntry(Examination& examination, const std::vector<std::string>& n
     return error(
         filled(tr("no entry with %s in its name (present: %s)"), FRAGMENT,
                names.empty() ? tr("nothing") : listed(names).c_str()),
-        tr("The device that is connected is not the fiscal device, or is of a model that the library does not "
-           "know."));
+        tr("The connected device is not the fiscal device, or is a model that the library does not know."));
 }
 
 }  // namespace
@@ -104,7 +103,7 @@ Finding checkUsbDevice(Examination& examination) {
     if (!found.empty())
         return warning(
             filled(tr("%s; expected product %s"), listed(found).c_str(), serial::SERIAL_PRODUCT_ID.c_str()),
-            tr("Check that this is the fiscal device; the library does not look at the product."));
+            tr("Check that this is the fiscal device; the library does not check the product."));
     const char* const vendor = serial::SERIAL_VENDOR_ID.c_str();
     const char* const node = examination.node.c_str();
     if (exists(examination.node))
@@ -132,22 +131,22 @@ Finding checkEntry(Examination& examination) {
         return examination.listing.find(" " + name + " -> ") != std::string::npos;
     });
     if (winner == matching.end())
-        return error(filled(tr("%s is there, but the library's search does not list it as a link"),
+        return error(filled(tr("%s exists, but the library's search does not list it as a link"),
                             listed(matching).c_str()),
                      tr("See the step \"commands\", and reconnect the USB cable."));
     examination.target = targetOf(*winner);
     const std::string entry = *winner + " -> " + examination.target;
     if (examination.node.empty())
         return error(
-            filled(tr("%s, but the library opens only a ttyACM terminal"), entry.c_str()),
+            filled(tr("%s, but the library opens only ttyACM terminals"), entry.c_str()),
             tr("That is not the fiscal device: disconnect the other device and reconnect the fiscal one."));
     if (!exists(examination.target))
         return error(filled(tr("%s, which does not exist"), entry.c_str()),
                      tr("This link was left by an earlier connection: reconnect the device's USB cable."));
     if (matching.size() == 1) return ok(entry);
     matching.erase(winner);
-    return warning(filled(tr("the last of %zu entries counts, %s (there is also %s)"), matching.size() + 1,
-                          entry.c_str(), listed(matching).c_str()),
+    return warning(filled(tr("the library uses the last of %zu entries, %s (there is also %s)"),
+                          matching.size() + 1, entry.c_str(), listed(matching).c_str()),
                    tr("Leave only one fiscal device connected."));
 }
 
@@ -157,11 +156,14 @@ Finding checkNodeNumber(Examination& examination) {
     return error(
         filled(
             exists(node)
-                ? tr("the device is %s, but the library reads only one digit and would open %s, another device")
-                : tr("the device is %s, but the library reads only one digit and would open %s, which does not "
+                ? tr("the device is %s, but the library reads only one digit and would open %s, another "
+                     "device")
+                : tr("the device is %s, but the library reads only one digit and would open %s, which does "
+                     "not "
                      "exist"),
             examination.target.c_str(), node.c_str()),
-        tr("Disconnect other USB serial devices and reconnect the fiscal one until it has a number from 0 to 9."));
+        tr("Disconnect other USB serial devices and reconnect the fiscal one until it has a number from 0 "
+           "to 9."));
 }
 
 }  // namespace doctor

@@ -48,7 +48,7 @@ std::string quoted(const std::string& path) {
 std::string adviceFor(const std::string& place) {
     struct stat status {};
     if (access(LOG_DIRECTORY, W_OK) != 0 && errno == EROFS)
-        return tr("The disk is read-only; see why (dmesg).");
+        return tr("The disk is read-only; find out why with dmesg.");
     if (stat(LOG_DIRECTORY, &status) == 0 && status.st_uid == geteuid())
         return filled(tr("Run \"chmod -R u+rwX %s\"."), quoted(place).c_str());
     return filled(tr("Run \"sudo chown -R %s %s\"."), userName().c_str(), quoted(place).c_str());
@@ -74,7 +74,7 @@ Finding checkLogs(const std::string& place) {
         return withoutLog(filled(tr("cannot read %s: %s"), place.c_str(), reason(unreadable.value()).c_str()),
                           mend);
     const std::string found = place + ": " + filled(tr("%lu log", "%lu logs", logs), logs) + ", " +
-                              filled(tr("%lu archive .tar.gz", "%lu archives .tar.gz", archives), archives);
+                              filled(tr("%lu .tar.gz archive", "%lu .tar.gz archives", archives), archives);
     const std::string today =
         std::string(LOG_DIRECTORY) + "/" + LOG_PREFIX + localTimeText("%Y%m%d") + LOG_SUFFIX;
     if (!isWritable(LOG_DIRECTORY, W_OK | X_OK))
@@ -88,7 +88,7 @@ Finding checkLogs(const std::string& place) {
     if (!unnamed.empty())
         return warning(
             filled(tr("%s; %s could not be renamed"), found.c_str(), listed(unnamed).c_str()),
-            tr("Take the \".log\" out of the middle of the name, unless the other name exists already."));
+            tr("Remove the \".log\" from the middle of the name, unless that name already exists."));
     return ok(found);
 }
 

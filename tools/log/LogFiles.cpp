@@ -77,7 +77,7 @@ class Content {
             const char* const path = archive_entry_pathname(entry);
             if (path != nullptr && fs::path(path).filename() == name) return;
         }
-        throw std::runtime_error(tool::filled(tool::tr("holds no %s"), name.c_str()));
+        throw std::runtime_error(tool::filled(tool::tr("contains no %s"), name.c_str()));
     }
 
     archive_entry* nextEntry() {

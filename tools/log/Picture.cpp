@@ -309,7 +309,7 @@ class Drawing {
             if (m_time.showsHours()) addText(m_svg, x, bottom + 32, timeText(time, "%H:%M"), "middle");
             addText(m_svg, x, bottom + 18, timeText(time, "%Y-%m-%d"), "middle");
         }
-        addText(m_svg, (LEFT + RIGHT) / 2, bottom + 54, tr("Date and time of the start"), "middle");
+        addText(m_svg, (LEFT + RIGHT) / 2, bottom + 54, tr("Date and time of the call"), "middle");
     }
 
     void addDurationTitle(int y) {

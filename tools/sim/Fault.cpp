@@ -149,8 +149,7 @@ const std::vector<Fault>& faults() {
     using tool::translatable;
     static const std::vector<Fault> table{
         {"silence", 0, 32768, Answer::None,
-         translatable(
-             "no answer, after the operation's whole time; if that is more than 50 s, status 2 after 50 s"),
+         translatable("no answer until the operation's timeout; if that is over 50 s, status 2 after 50 s"),
          translatable(
              "ask the device (ConsultarNumeroSessao) before you send a document again: it may have booked "
              "it"),
@@ -160,47 +159,49 @@ const std::vector<Fault>& faults() {
          translatable("half an answer counts as none: the result stays empty"), silenceInAnswer},
         {"hang-up", 0, 2, Answer::None,
          translatable("the line fails instead of the answer; the next call finds the device again"),
-         translatable("the device has done its work all the same: ask it before you send a document again"),
+         translatable("the device has done its work anyway: ask it before you send a document again"),
          hangUp},
         {"hang-up-in-answer", 0, 2, Answer::None,
          translatable("the line fails after half of the answer; the next call finds the device again"),
-         translatable("as for hang-up; the half that arrived is lost"), hangUpInAnswer},
+         translatable("same as hang-up; the half that arrived is lost"), hangUpInAnswer},
         {"refused-write", 0, 2, Answer::None,
          translatable(
              "the line fails at the first bytes of the request; the rest of a large request is refused"),
          translatable(
-             "it looks like hang-up, but the device knows nothing of the request: only asking it tells "
-             "which"),
+             "it looks like hang-up, but the device never got the request: ask it which of the two it was"),
          nullptr},
         {"wrong-code", ONE_TOO_MANY, 4, Answer::None,
          translatable(
              "COUNT answers to another command (default 6), then the right one; up to 5 are ignored and "
              "the status is 0"),
-         translatable("each ignored answer restarts the time: a call can last six times as long"), wrongCode},
+         translatable("each ignored answer restarts the timeout: a call can last six times as long"),
+         wrongCode},
         {"too-large", ONE_TOO_MANY, 4, Answer::None,
          translatable(
-             "COUNT answers of 1,572,865 bytes, one byte too many, then the right one; otherwise as wrong-code"),
+             "COUNT answers of 1,572,865 bytes, one byte too many, then the right one; otherwise the same "
+             "as wrong-code"),
          translatable("an answer is never cut: you get all of it or nothing"), tooLarge},
-        {"bad-checksum", 0, 1, Answer::None, translatable("no answer, at once: its checksum is wrong"),
+        {"bad-checksum", 0, 1, Answer::None,
+         translatable("no answer: its checksum is wrong; the call ends at once"),
          translatable(
              "status 1 does not only mean that no device was found: ask it before you send a document again"),
          badChecksum},
         {"bad-head", 0, 32768, Answer::None,
-         translatable("no answer: a line of its head has no \":\"; the call waits as in silence"),
+         translatable("no answer: a line in its head has no \":\"; the call waits as in silence"),
          translatable(
              "a device that answers can seem silent; on a slow line, where a read can end there, the "
              "status can be 1"),
          badHead},
         {"long-head", 0, 32768, Answer::None,
          translatable("no answer: its head has more than 4097 bytes; the call waits as in silence"),
-         translatable("as for bad-head"), longHead},
+         translatable("same as bad-head"), longHead},
         {"negative-size", 0, 32768, Answer::None,
          translatable("no answer: its head announces -1 bytes; the call waits as in silence"),
-         translatable("as for bad-head"), negativeSize},
+         translatable("same as bad-head"), negativeSize},
         {"missing-bytes", 0, 32768, Answer::None,
          translatable(
-             "no answer: its head announces more bytes than come; the call waits for them as in silence"),
-         translatable("as for silence-in-answer"), missingBytes},
+             "no answer: its head announces more bytes than arrive; the call waits for them as in silence"),
+         translatable("same as silence-in-answer"), missingBytes},
         {"bad-body", 0, 0, Answer::Compressed,
          translatable("the answer cannot be decompressed; the result is its compressed bytes"),
          translatable(
@@ -208,18 +209,18 @@ const std::vector<Fault>& faults() {
          badBody},
         {"bomb", 0, 0, Answer::Compressed,
          translatable(
-             "16 KiB that would grow to 16 MiB, more than announced; they are not decompressed and are "
-             "the result"),
-         translatable("as for bad-body"), bomb},
+             "16 KiB that would inflate to 16 MiB, more than announced; the result is the compressed bytes"),
+         translatable("same as bad-body"), bomb},
         {"hostile-fields", 0, 0, Answer::Hostile,
          translatable("the answer's text has line breaks and control characters"),
-         translatable("show no text of the device on a screen or in a log before you have masked them"),
+         translatable("mask them before you show text from the device on a screen or write it to a log"),
          hostileFields},
         {"junk-before", 0, 0, Answer::Own, translatable("stray bytes before the answer are skipped"),
          translatable("nothing to do"), junkBefore},
         {"junk-behind", 0, 32768, Answer::Own,
          translatable(
-             "stray bytes right after the answer: it is the result, but the call waits on as in silence"),
+             "stray bytes right after the answer: it is the result, but the call keeps waiting as in "
+             "silence"),
          translatable("look at the result after a timeout too; on a slow line the status can be 0"),
          junkBehind},
         {"two-answers", 0, 0, Answer::Own,
@@ -227,14 +228,15 @@ const std::vector<Fault>& faults() {
          translatable("nothing to do"), twoAnswers},
         {"previous-answer", 0, 0, Answer::Previous,
          translatable(
-             "the answer of the previous exchange comes first, and is the result if both are of the same "
+             "the answer to the previous exchange comes first, and is the result if both are of the same "
              "operation"),
          translatable(
-             "compare field 0 with your session number (the first exchange has none before it and is right)"),
+             "compare field 0 with your session number (the first exchange comes after no other and is "
+             "right)"),
          previousAnswer},
         {"byte-by-byte", 0, 0, Answer::Own,
          translatable("the answer comes byte by byte, about a thousand per second"),
-         translatable("nothing to do; a large answer (a log) can take longer than the operation's time"),
+         translatable("nothing to do; a large answer (a log) can take longer than the operation's timeout"),
          byteByByte},
     };
     return table;

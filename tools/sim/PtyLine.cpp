@@ -31,14 +31,14 @@ void removeFolder(const std::string& folder) {
 std::string folderPattern() {
     std::error_code failure;
     const auto folder = std::filesystem::temp_directory_path(failure);
-    if (failure) throw std::system_error(failure, tool::tr("TMPDIR names no folder"));
+    if (failure) throw std::system_error(failure, tool::tr("TMPDIR is not a folder"));
     return folder / "fiscora-sim-XXXXXX";
 }
 
 }  // namespace
 
 PtyLine::PtyLine() : m_folder(folderPattern()) {
-    require(mkdtemp(m_folder.data()) != nullptr, tool::tr("cannot make a temporary folder"));
+    require(mkdtemp(m_folder.data()) != nullptr, tool::tr("cannot create a temporary folder"));
     try {
         require(chmod(m_folder.c_str(), S_IRWXU) == 0,
                 tool::tr("cannot set up a temporary folder"));  // any umask
