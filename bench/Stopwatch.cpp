@@ -17,7 +17,7 @@ double seconds(clockid_t clock) {
     return static_cast<double>(now.tv_sec) + static_cast<double>(now.tv_nsec) / 1e9;
 }
 
-/// Books the time since the last change to the part at hand; returns that part.
+/// Adds the time since the last change to the current part; returns that part.
 Part change(Part part) {
     if (!running) return part;
     const double cpu = seconds(CLOCK_THREAD_CPUTIME_ID);

@@ -4,14 +4,14 @@
 
 #include <array>
 
-/// What the time of a call goes to.
+/// Where the time of a call goes.
 enum Part {
-    OWN,      ///< the library's, and all that is named nowhere else
-    LOG,      ///< lines of the debug log, from the look at the clock to the closing of the file
+    OWN,      ///< the library, and everything not listed below
+    LOG,      ///< lines of the debug log, from reading the clock to closing the file
     DEFLATE,  ///< zlib's compress2
     INFLATE,  ///< zlib's uncompress
     SEARCH,   ///< the shell of the device search
-    LINE,     ///< the kernel's part in open, set-up, read, write and close
+    LINE,     ///< the kernel's part of open, set-up, read, write and close
     PAUSES,
     PARTS
 };
@@ -22,14 +22,14 @@ struct Times {
     std::array<double, PARTS> wall{};
 };
 
-/// Divides the time of the one thread that calls the library among the parts. The program's own compress2 and
-/// uncompress replace zlib's and book their time; the stand-ins for the platform's functions book theirs.
+/// Divides the time of the thread that calls the library among the parts. The program's own compress2 and
+/// uncompress replace zlib's and record their time; the stand-ins for the platform's functions record theirs.
 class Stopwatch {
   public:
     static void start();
     static Times stop();
 
-    /// While it lives, time belongs to `part`. No effect if the stopwatch is not running.
+    /// While it lives, time counts for `part`. No effect if the stopwatch is not running.
     class In {
       public:
         explicit In(Part part);
@@ -42,7 +42,7 @@ class Stopwatch {
     };
 };
 
-/// The function of that name that this program's own replaces.
+/// The function `name` that this program's own one replaces.
 template <typename Function>
 Function* next(const char* name) {
     return reinterpret_cast<Function*>(dlsym(RTLD_NEXT, name));

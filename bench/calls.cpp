@@ -1,4 +1,4 @@
-// Whole calls, from the flat function's arguments to its result, with their time divided among its parts.
+// Whole calls, from the flat function's arguments to its result, with their time divided among the parts.
 
 #include <benchmark/benchmark.h>
 #include <sys/prctl.h>
@@ -36,14 +36,14 @@ namespace {
 using benchmark::State;
 using In = Stopwatch::In;
 
-/// Fills the caches with something else, as other programs do between two calls and while the device works.
+/// Fills the caches with other data, as other programs do between two calls and while the device works.
 void chillCaches() {
     static std::vector<char> memory(std::size_t{64} * 1024 * 1024);
     for (std::size_t i = 0; i < memory.size(); i += 64) ++memory[i];
     benchmark::ClobberMemory();
 }
 
-/// Takes requests and always gives the same answer, at once; there is no device, terminal or shell.
+/// Accepts requests and always gives the same answer, at once; there is no device, terminal or shell.
 class InstantLine {
   public:
     InstantLine() {
@@ -81,7 +81,7 @@ class InstantLine {
 
     std::string answer;  ///< to the next call
 
-    /// Time of the last call up to its first write, and from there to its first read.
+    /// Time of the last call until its first write, and from there to its first read.
     const Times& request() const { return m_request; }
     const Times& sending() const { return m_sending; }
 
@@ -110,7 +110,7 @@ class InstantLine {
     Times m_request, m_sending;
 };
 
-/// The frame of an answer of that many bytes, most of them a document in Base64.
+/// The frame of an answer of `bytes` bytes, most of them a document in Base64.
 std::string answerFrame(std::size_t bytes) {
     const std::string before = "000001|06000|0000|Emitido com sucesso|||";
     const std::string after = "|20261123120000|CFe35261114200166000166599000040190000011234567|100.00||QR";
@@ -128,7 +128,7 @@ std::string answerFrame(std::size_t bytes) {
 /// The library's own time, with its log lines and checksums.
 double own(const Times& times) { return times.cpu[OWN] + times.cpu[LOG]; }
 
-/// Seconds of CPU that the checksum of `frame` takes, with the caches as a call leaves them.
+/// CPU seconds that the checksum of `frame` takes, with the caches as a call leaves them.
 double checksumSeconds(const std::string& frame) {
     Stopwatch::start();
     benchmark::DoNotOptimize(pbs::crc16_ccitt(frame.data(), static_cast<int>(frame.size())));
@@ -140,7 +140,7 @@ struct LogFolder : WorkingDirectory {
     LogFolder() { std::filesystem::create_directory("logsDrs"); }
 };
 
-/// Seconds of CPU of one sale, by counter.
+/// CPU seconds of one sale, by counter.
 using Costs = std::map<std::string, double>;
 
 Costs sell(InstantLine& line, const std::string& document) {
@@ -174,9 +174,9 @@ void sale(State& state) {
         line.answer = answers[index];
         return sell(line, documents[index]);
     };
-    sellOfSize(CALL_BYTES.size() - 1);  // begins the day's log, and lets memory settle
+    sellOfSize(CALL_BYTES.size() - 1);  // starts the day's log, and lets memory settle
 
-    // Of calls made in the same turn, so that the machine's load affects both alike.
+    // Compares calls of the same turn, so that the machine's load affects both alike.
     std::map<std::string, std::vector<double>> aByte;
     while (state.KeepRunning()) {
         const Costs smallest = sellOfSize(0);
@@ -202,7 +202,7 @@ class SimulatedLine {
         std::filesystem::create_symlink("../../ttyACM0", m_byId + "/usb-simulated-mfc+_with_musb-if00");
         m_device = fork();
         if (m_device == 0) play();
-        if (m_device < 0) throw std::runtime_error("no process for the device");
+        if (m_device < 0) throw std::runtime_error("cannot start a process for the device");
         standIn();
     }
     SimulatedLine(const SimulatedLine&) = delete;
@@ -255,7 +255,7 @@ class SimulatedLine {
             const In part(LINE);
             return next<int(int, int, const termios*)>("tcsetattr")(fd, when, settings);
         };
-        // A pty would discard what a line would have transmitted by now.
+        // A pty would discard data that a real line would have sent by now.
         platform.tcflush = [](int fd, int queue) {
             const In part(LINE);
             return queue == TCOFLUSH ? 0 : next<int(int, int)>("tcflush")(fd, TCIFLUSH);
@@ -297,7 +297,7 @@ void consultarSAT(State& state) {
         if (answer.compare(0, 13, "000001|08000|") != 0) state.SkipWithError("a call failed");
         return times;
     };
-    call();  // begins the day's log, and copies the memory shared with the device's process
+    call();  // starts the day's log, and copies the memory shared with the device's process
     std::vector<Times> calls;
     while (state.KeepRunning()) calls.push_back(call());
     const auto median = calls.begin() + static_cast<std::ptrdiff_t>(calls.size() / 2);

@@ -1,5 +1,5 @@
-// Makes one sale of the largest possible document and prints the status and the peak of this process's
-// resident memory, in KiB. Run it under `fiscora sim`.
+// Makes one sale of the largest possible document and prints the status and this process's peak resident
+// memory, in KiB. Run it under `fiscora sim`.
 
 #include <cstdio>
 #include <cstdlib>

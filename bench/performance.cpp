@@ -1,13 +1,13 @@
-// The library's speed compared with others that do the same, each figure with the one to reach.
+// The library's speed compared with other libraries that do the same, and with a target for each figure.
 //
 //     performance [--quick] [--picture FILE]
 //
-//     --quick         only checks that everything runs and no figure is missing: none is judged
-//     --picture FILE  also writes where the time of a call goes, as SVG
+//     --quick         only checks that everything runs and no figure is missing; targets do not matter
+//     --picture FILE  also draws where the time of a call goes, as SVG
 //
-// What is compared runs in turns, and the least of the repetitions counts, since other load on the machine
-// can only add time. The cost of one more byte and the duration of ConsultarSAT are medians. Exit status 1 if
-// a figure is missing or not reached.
+// Compared functions take turns, and the fastest repetition counts, since other load on the machine can only
+// add time. The cost of one more byte and the duration of ConsultarSAT are medians. Exit status 1 if a figure
+// is missing or misses its target.
 
 #include <benchmark/benchmark.h>
 #include <malloc.h>
@@ -30,10 +30,10 @@
 namespace {
 
 constexpr double BODY = FISCORA_ANSWER_MAX_BYTES;
-constexpr double PAUSES_S = 1.1;  ///< of a call: after the sending, and before the next call
+constexpr double PAUSES_S = 1.1;  ///< of a call: after sending, and before it returns
 constexpr double MS = 1e3, US = 1e6, NS = 1e9;
 
-/// The least of each figure, in seconds, by the benchmark's name; a counter's name follows after a blank.
+/// The least of each figure, in seconds, by the benchmark's name; a counter's name follows after a space.
 class Least : public benchmark::BenchmarkReporter {
   public:
     bool ReportContext(const Context&) override { return true; }
@@ -42,7 +42,7 @@ class Least : public benchmark::BenchmarkReporter {
             if (run.error_occurred) throw std::runtime_error(run.benchmark_name() + ": " + run.error_message);
             if (run.run_type != Run::RT_Iteration) continue;
             const auto iterations = static_cast<double>(run.iterations);
-            // Not its arguments for the benchmark library, such as /iterations:1.
+            // Without its arguments for the benchmark library, such as /iterations:1.
             std::string name = run.run_name.function_name;
             if (!run.run_name.args.empty()) name += "/" + run.run_name.args;
             take(name, run.cpu_accumulated_time / iterations);
@@ -73,7 +73,7 @@ std::string text(const char* format, double value) {
     return result.data();
 }
 
-/// A line of the table. One without a figure to reach adds to the line above it.
+/// A line of the table. One without a target is a detail of the line above it.
 struct Row {
     std::string what, ours, theirs, ratio, wanted;
     bool isReached;
@@ -110,13 +110,13 @@ std::string sale(std::size_t bytes, const std::string& counter) {
     return "sale " + std::to_string(bytes) + " " + counter;
 }
 
-/// CPU time, in ns, that a byte above 1 KiB costs a call of that size, zlib's left out.
+/// CPU time, in ns, that each byte above 1 KiB costs a call of `bytes` bytes, without zlib's.
 double byteCost(const Least& seconds, std::size_t bytes, const char* way) {
     return seconds[sale(bytes, std::string(way) + " a byte")] * NS;
 }
 
-/// Whether a byte costs a call of any size more than one of 256 KiB. It is not compared with 64 KiB: that
-/// frame is a single piece, like that of 1 KiB, and each further piece adds a line to the log.
+/// Compares the cost per byte of each size with that of 256 KiB, and not of 64 KiB: that frame is a single
+/// piece, like the one of 1 KiB, and each further piece adds a line to the log.
 Row growthRow(const Least& seconds) {
     constexpr double LIMIT = 1.2;
     const auto [least, small, medium, large, largest] = CALL_BYTES;
@@ -138,7 +138,7 @@ Row costsRow(const std::string& what, const Least& seconds, const char* way) {
     return detail(what, figures);
 }
 
-/// Of a program that makes a full-size sale on the simulated device.
+/// Peak memory of a program that makes a full-size sale on the simulated device.
 double peakMiB() {
     FILE* const output = realPopen(FISCORA_TOOL " sim -- " FULL_SIZE_SALE);
     int status = -1;
@@ -180,7 +180,7 @@ std::vector<Row> tableOf(const Least& seconds, double peak) {
     };
 }
 
-/// Whether each figure is reached, if they are judged.
+/// Prints the table. False if a figure misses its target and `isJudged`.
 bool print(const std::vector<Row>& table, bool isJudged) {
     constexpr char FORMAT[] = "| %-47s | %-19s | %-10s | %-5s | %-11s | %-7s |\n";
     std::printf(FORMAT, "Figure; compared with", "Ours", "Theirs", "Ratio", "Target", "Met");
@@ -195,7 +195,7 @@ bool print(const std::vector<Row>& table, bool isJudged) {
     return isGood;
 }
 
-/// Runs all that is registered: `repetitions` of each, in turns.
+/// Runs all registered benchmarks: `repetitions` of each, in turns.
 Least measure(const std::string& repetitions, const std::string& secondsEach) {
     std::vector<std::string> options = {"performance", "--benchmark_repetitions=" + repetitions,
                                         "--benchmark_min_time=" + secondsEach,
@@ -218,19 +218,20 @@ std::vector<Bar> barsOf(const Least& seconds) {
     const double others = part(OWN) + part(DEFLATE) + part(INFLATE);
     const double wakeUp = part(PAUSES) - PAUSES_S * MS;
     const double rest = part(SEARCH) + part(LOG) + part(LINE) + wakeUp + others;
-    return {{"ConsultarSAT, elapsed time", {{"the two fixed pauses", PAUSES_S * MS}, {"all else", rest}}},
-            {"All else of ConsultarSAT",
-             {{"shell of the device search", part(SEARCH)},
-              {"lines of the debug log", part(LOG)},
-              {"terminal: open, set up, read, write", part(LINE)},
-              {"waking up from the pauses", wakeUp},
-              {"the rest of the library", others}}},
-            {"A sale of 1.5 MiB, CPU time but for the line",
-             {{"zlib: compress2, level 9", ofSale("deflate")},
-              {"zlib: uncompress", ofSale("inflate")},
-              {"library: request to frame", ofSale("request")},
-              {"library: sending the frame", ofSale("sending")},
-              {"library: frame to g_resp", ofSale("answer")}}}};
+    return {
+        {"ConsultarSAT, elapsed time", {{"the two fixed pauses", PAUSES_S * MS}, {"everything else", rest}}},
+        {"Everything else in ConsultarSAT",
+         {{"shell of the device search", part(SEARCH)},
+          {"lines of the debug log", part(LOG)},
+          {"terminal: open, set up, read, write", part(LINE)},
+          {"waking up from the pauses", wakeUp},
+          {"the rest of the library", others}}},
+        {"A sale of 1.5 MiB, CPU time without the line",
+         {{"zlib: compress2, level 9", ofSale("deflate")},
+          {"zlib: uncompress", ofSale("inflate")},
+          {"library: request to frame", ofSale("request")},
+          {"library: sending the frame", ofSale("sending")},
+          {"library: frame to g_resp", ofSale("answer")}}}};
 }
 
 }  // namespace
@@ -238,9 +239,9 @@ std::vector<Bar> barsOf(const Least& seconds) {
 int main(int argc, char** argv) try {
     bool isQuick = false;
     std::string pictureFile;
-    CLI::App application("The library's speed beside what else does the same");
-    application.add_flag("--quick", isQuick, "Only whether everything runs; no figure is judged");
-    application.add_option("--picture", pictureFile, "Also write where the time of a call goes, as SVG");
+    CLI::App application("The library's speed compared with other libraries'");
+    application.add_flag("--quick", isQuick, "Only check that everything runs; targets do not matter");
+    application.add_option("--picture", pictureFile, "Also draw where the time of a call goes, as SVG");
     CLI11_PARSE(application, argc, argv);
 
     // Keeps memory in the process between calls: glibc would give back more of it after some sizes than after

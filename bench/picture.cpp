@@ -39,7 +39,7 @@ std::string milliseconds(double value) {
     return text.data();
 }
 
-/// Draws one bar from `y` on, its pieces listed below it; returns where the next one begins.
+/// Draws one bar at `y` with its pieces listed below it; returns where the next one begins.
 int addBar(pugi::xml_node picture, int y, const Bar& bar) {
     const double total = std::accumulate(bar.pieces.begin(), bar.pieces.end(), 0.0,
                                          [](double sum, const auto& piece) { return sum + piece.second; });

@@ -1,5 +1,5 @@
-// The library's functions that work on memory alone, each as NAME/ours, and another library's that does the
-// same, as NAME/theirs.
+// Functions of the library that only use memory, each as NAME/ours, and another library's function that does
+// the same, as NAME/theirs.
 
 #include <benchmark/benchmark.h>
 #include <openssl/evp.h>
@@ -86,7 +86,7 @@ void parseSmall(State& state) {
     message.setBody("123456");
     message.compress();
     const std::string frame = message.toString();
-    if (frame.size() != 201) state.SkipWithError("another frame than the documented one");
+    if (frame.size() != 201) state.SkipWithError("not the documented frame");
     parse(state, frame);
 }
 

@@ -1,9 +1,9 @@
-// Thousands of calls through the library's flat functions in one process, as many as a till makes in months.
+// Thousands of calls of the library's flat functions in one process, as many as a till makes in months.
 // A simulated device answers, the faults of `fiscora sim` and of the line strike at random, days pass, and
 // the real tar archives the logs. The line is a stand-in, and the clock moves only when the library waits, so
-// a timeout costs nothing. After each call its status, answer and time are compared with the reception's
-// model, and the request that reached the device and the open descriptors are checked; at the end, logs and
-// memory.
+// a timeout costs nothing. After each call its status, answer and time are compared with the model of the
+// reception, and the request that reached the device and the open descriptors are checked; at the end, the
+// logs and the memory.
 //
 //     soak [--exchanges N] [--seed S]
 //
@@ -50,8 +50,8 @@ namespace {
 constexpr char CODE[] = "12345678";
 
 // What the library promises.
-constexpr long CLOSED_PAUSE_MS = 1'000;  ///< for closing a port that is closed already
-constexpr std::size_t MAX_LOGS = 7;      ///< files, between two days' beginnings
+constexpr long CLOSED_PAUSE_MS = 1'000;  ///< for closing a port that is already closed
+constexpr std::size_t MAX_LOGS = 7;      ///< files, once a day has begun
 
 constexpr long READ_MS = 100;                     ///< of a read that brings nothing
 constexpr std::time_t FIRST_DAY = 1'795'046'400;  ///< 2026-11-19, 0 o'clock
@@ -99,7 +99,7 @@ Call callOf(const char* operation, char* (*function)(int, Parameters...), int se
     return {operation, request, [=] { return function(session, argumentOf(arguments)...); }};
 }
 
-/// A sale of about that many bytes; exactly that many if it is the largest.
+/// A sale of about `size` bytes; of exactly as many if it is the largest.
 std::string saleOf(Random& random, int bytes) {
     const auto size = static_cast<std::size_t>(bytes);
     constexpr std::size_t LARGEST = FISCORA_ANSWER_MAX_BYTES;
@@ -146,7 +146,7 @@ Call anyCall(Random& random, int saleBytes) {
     }
 }
 
-/// What happens to a call.
+/// The trouble that a call meets.
 struct Trouble {
     std::string name;
     const sim::Fault* fault = nullptr;  ///< the device's, where it is one
@@ -175,7 +175,7 @@ Call callUnder(const Trouble& trouble, Random& random) {
     return anyCall(random, saleBytes);
 }
 
-/// What a call must end in.
+/// How a call must end.
 struct Outcome {
     int status;
     std::string answer;
@@ -263,7 +263,7 @@ class World {
     long exchange(const Call& call, const Trouble& trouble);
 
     std::string date() const { return localTimeText("%Y%m%d", now()); }
-    /// Moves the clock on to the day's last seconds.
+    /// Moves the clock to the day's last seconds.
     void letTheDayPass() {
         const long left = SECONDS_OF_DAY - now() % SECONDS_OF_DAY - m_random.number(0, 4);
         m_line.advanceMs(1000 * std::max(0L, left));
@@ -300,13 +300,13 @@ class World {
     FakeLine m_line;
     sim::SimulatedDevice m_device;
 
-    // Of the call under way.
+    // Of the current call.
     const Call* m_call = nullptr;
     Trouble m_trouble;
     long m_startMs = 0;
-    Reception m_reception;  ///< as it must go; predicted at the first read
+    Reception m_reception;  ///< how it must go; predicted at the first read
     int m_writes = 0;
-    int m_specialWrite = 0;  ///< the one that fails, or the first that takes anything
+    int m_specialWrite = 0;  ///< the one that fails, or the first that accepts anything
     bool m_writeFailed = false;
     int m_failures = 0;      ///< writes in a row that took nothing
     pbs::Message m_request;  ///< the parser's target
@@ -373,7 +373,7 @@ void World::prepare(const Call& call, const Trouble& trouble) {
     m_line.queued = is("no draining") ? 1 : 0;
 }
 
-/// Discards what has arrived: at the beginning of a call, everything left of the previous one.
+/// Discards what has arrived: at the start of a call, everything left over from the previous one.
 void World::discardInput() {
     auto& readings = m_line.readings;
     while (!readings.empty() && (m_writes == 0 || readings.front().afterMs == 0)) readings.pop_front();
@@ -436,7 +436,7 @@ void World::transmit(const sim::Transmission& transmission) {
         m_line.readings.push_back({piece, 0, first ? 0 : pauseMs % READ_MS});
     }
     if (!transmission.hangUp) return;
-    // As an unplugged line fails, or a pty.
+    // The way an unplugged line or a pty fails.
     if (m_random.oneIn(2)) {
         m_line.readings.push_back({"", -1});
     } else {
@@ -498,7 +498,7 @@ class Soak {
     void call() {
         ++m_calls;
         if (m_random.oneIn(150)) m_world.letTheDayPass();
-        // The second call is the largest that there can be.
+        // The second call is the largest possible.
         const Trouble trouble = m_calls == 2 ? Trouble{"none"} : anyTrouble(m_random);
         const Call call =
             m_calls == 2 ? anyCall(m_random, FISCORA_ANSWER_MAX_BYTES) : callUnder(trouble, m_random);
@@ -513,7 +513,7 @@ class Soak {
                    call.operation + ", " + trouble.name + ": " + difference.what());
         }
     }
-    /// Without the device's memory.
+    /// Resident memory, without the device's.
     long memoryKiB() {
         m_world.forget();
         return residentKiB();
@@ -527,7 +527,7 @@ class Soak {
             std::fprintf(report, "\n");
         }
         std::fprintf(report, "open descriptors: %ld, as after the first call\n", m_descriptors);
-        std::fprintf(report, "log files: %zu of %zu days, with each call of theirs\n",
+        std::fprintf(report, "log files: %zu of %zu days, with every call of those days\n",
                      checkLogs(m_callsOfDay), m_callsOfDay.size());
     }
 

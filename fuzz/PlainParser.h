@@ -21,8 +21,8 @@ inline Outcome outcome(pbs::Message::ParserState result, std::size_t taken,
             parser.headerMap, parser.body, parser.lastHeadText, parser.lastState};
 }
 
-/// A second parser of docs/protocol.md, to compare the library's with: one byte per call, and the text of the
-/// attempt instead of states and counters.
+/// A second parser for docs/protocol.md, to check the library's against: one byte per call, and the text of
+/// the attempt instead of states and counters.
 class PlainParser {
   public:
     pbs::Message::ParserState take(char byte) {
@@ -93,7 +93,7 @@ class PlainParser {
 
     inline static const std::string START = "smx\r\n", HEAD_END = "\r\n\r\n\r\n";
 
-    std::string m_attempt;  ///< its bytes so far, without those of a body
+    std::string m_attempt;  ///< the bytes so far, without the body's
     bool m_inBody = false;
     std::size_t m_contentSize = 0;
     std::string m_code = "0", m_source = "0", m_body, m_lastAttempt;

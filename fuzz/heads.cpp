@@ -1,5 +1,5 @@
-// Heads of frames. The input is the header lines, with LF for CR LF. A plain parser says which are refused,
-// and which code, source and headers are read.
+// Heads of frames. The input is the header lines, with LF for CR LF. The library must refuse the heads that a
+// plain parser refuses, and read the same code, source and headers from the others.
 #include <cstddef>
 #include <cstdint>
 #include <string>
@@ -21,6 +21,7 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* bytes, std::size_t siz
     auto expected = pbs::Message::PARSER_IN_PROGRESS;
     std::size_t i = 0;
     while (i < wire.size() && expected == pbs::Message::PARSER_IN_PROGRESS) expected = plain.take(wire[i++]);
-    require(outcome(result, taken, parser) == plain.outcome(expected, i), "a head is judged by the rules");
+    require(outcome(result, taken, parser) == plain.outcome(expected, i),
+            "a head is read as the plain parser reads it");
     return 0;
 }

@@ -1,6 +1,6 @@
-// The incremental parser on a stream in chunks of any size: cut or whole, it must show what a plain parser
-// shows, after the same bytes. The last bytes of the input are the number of chunk sizes, and the sizes, used
-// in turn.
+// The incremental parser on a stream in chunks of any size: after the same bytes it must show the same as a
+// plain parser, whether the stream is cut or whole. The last bytes of the input are the chunk sizes, used in
+// turn, and their number.
 #include <fuzzer/FuzzedDataProvider.h>
 
 #include <vector>
@@ -35,7 +35,7 @@ std::vector<Outcome> parsed(const std::vector<char>& stream, const std::vector<s
             if (result != IN_PROGRESS)
                 outcomes.push_back(outcome(result, start + consumed, parser));
             else
-                require(consumed == size, "a frame in progress takes all bytes");
+                require(consumed == size, "a frame in progress takes every byte");
         }
         start += size;
     }
@@ -52,7 +52,8 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* bytes, std::size_t siz
     const auto stream = input.ConsumeRemainingBytes<char>();
 
     const auto expected = plainlyParsed(stream);
-    require(parsed(stream, {stream.size()}) == expected, "a stream in one piece is parsed by the rules");
-    require(parsed(stream, sizes) == expected, "a stream in chunks is parsed by the rules");
+    require(parsed(stream, {stream.size()}) == expected,
+            "a stream in one piece is parsed as the plain parser does");
+    require(parsed(stream, sizes) == expected, "a stream in chunks is parsed as the plain parser does");
     return 0;
 }

@@ -1,12 +1,12 @@
-// A whole `receive_data` on a line that the input plays. Its first character chooses the timeout; each
+// A whole `receive_data` on a line that the input controls. Its first character chooses the timeout; each
 // further one is a step of the script:
 //
-//     a key of FRAMES   its bytes come           /   the read ends, and another begins
-//     "..."             these bytes come         !   the read ends, and the next one fails
-//     0 to 7            the clock goes 10^n ms   q   the read ends, and the next 499 bring nothing
-//     <                 ... back                 any other character comes as it is
+//     a key of FRAMES   its bytes arrive              /   the read ends, and another begins
+//     "..."             these bytes arrive            !   the read ends, and the next one fails
+//     0 to 7            the clock moves on 10^n ms    q   the read ends, and the next 499 bring nothing
+//     <                 ... moves back                any other character arrives as it is
 //
-// Status, answer, number of reads, time and port must be those of the reception's model.
+// Status, answer, number of reads, time and port must match the model of the reception.
 #include <fcntl.h>
 #include <unistd.h>
 
@@ -27,7 +27,7 @@ constexpr std::array<int, 4> TIMEOUTS_MS = {500, 2'000, 10'000, 60'000};
 
 constexpr char CODE[] = "ConsultarSAT";
 constexpr long SILENCE_MS = 100;
-constexpr long LONG_SILENCE_MS = 10'000;  // so that most scripts need not 500 reads to their end
+constexpr long LONG_SILENCE_MS = 10'000;  // so that most scripts end before 500 reads
 constexpr int MAX_EMPTY_READS = 500;
 
 std::map<char, std::string> makeFrames() {
@@ -38,7 +38,7 @@ std::map<char, std::string> makeFrames() {
     empty.setBody("");
     const std::string text = good.toString();
     return {{'g', text},
-            {'b', text.substr(0, 99)},                     // the beginning of it
+            {'b', text.substr(0, 99)},                     // its beginning
             {'r', text.substr(99)},                        // the rest
             {'d', text.substr(0, text.size() - 1) + "?"},  // a damaged body
             {'h', "smx\r\n?\r\n\r\n\r\n"},                 // a bad head
@@ -89,10 +89,10 @@ Script readScript(const std::string& text) {
 /// Keeps the library's log off the disk: while it lives, the working directory takes no files.
 class WithoutLog {
   public:
-    WithoutLog() { require(chdir("/proc") == 0, "there is a /proc"); }
+    WithoutLog() { require(chdir("/proc") == 0, "/proc exists"); }
     WithoutLog(const WithoutLog&) = delete;
     WithoutLog& operator=(const WithoutLog&) = delete;
-    ~WithoutLog() { require(fchdir(m_before) == 0, "the working directory is there"); }
+    ~WithoutLog() { require(fchdir(m_before) == 0, "the working directory still exists"); }
 
   private:
     inline static const int m_before = open(".", O_PATH | O_DIRECTORY);
@@ -105,7 +105,7 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* bytes, std::size_t siz
     const int timeoutMs = TIMEOUTS_MS[bytes[0] % TIMEOUTS_MS.size()];
     const std::string steps(bytes + 1, bytes + size);
     if (steps.find_first_of("LM", 1) != std::string::npos)
-        return -1;  // it takes milliseconds: first or not at all
+        return -1;  // it takes milliseconds, so it comes first or not at all
     const WithoutLog withoutLog;
     FakeLine line;
     line.readings = readScript(steps);
@@ -114,8 +114,8 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* bytes, std::size_t siz
 
     require(seen.answer == pbs::Message() ||
                 (seen.answer.code() == CODE && seen.answer.bodySize() <= FISCORA_ANSWER_MAX_BYTES),
-            "no other answer and none too large is accepted");
-    require(seen == expected, "status, answer, reads, time and port are by the rules");
+            "no answer to another command is accepted, and none too large");
+    require(seen == expected, "status, answer, reads, time and port match the model");
     require(!line.open, "the port is closed in the end");
     return 0;
 }

@@ -1,6 +1,6 @@
 // `Message::uncompress`. The input is a letter, the announced size up to the first LF, and the body. The
-// letter says what the body is: "p" plain and compressed here, "o" marked as plain, "n" without a mark, any
-// other a compressed one as it stands.
+// letter says what the body is: "p" plain, to be compressed here; "o" marked as plain; "n" without a mark;
+// any other, taken as compressed.
 #include <zlib.h>
 
 #include <array>
@@ -22,7 +22,7 @@ std::optional<std::string> inflated(std::string stream, std::size_t limit) {
     z_stream state{};
     state.next_in = reinterpret_cast<Bytef*>(stream.data());
     state.avail_in = static_cast<uInt>(stream.size());
-    require(inflateInit(&state) == Z_OK, "zlib begins");
+    require(inflateInit(&state) == Z_OK, "zlib starts");
     std::string output;
     int result = Z_OK;
     while (result == Z_OK && output.size() <= limit) {
@@ -60,25 +60,25 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* bytes, std::size_t siz
 
     const auto announced = static_cast<std::int32_t>(
         std::strtol(tried.header(pbs::HDR_CONTENT_UNCOMPRESSED_SIZE).c_str(), nullptr, 10));
-    // A size in between differs from the limit in time alone.
+    // A size in between differs from the limit only in time.
     if (announced > 200'000 && announced < MAX_ANNOUNCED) return -1;
 
     const pbs::Message before = tried;
     pbs::Message expected = before;
     const int result = tried.uncompress();
     if (expected.header(pbs::HDR_CONTENT_TYPE) != pbs::HDR_CONTENT_COMPRESSED) {
-        require(result == pbs::Message::WRONG_CONTENT_TYPE, "only a body marked as compressed is tried");
+        require(result == pbs::Message::WRONG_CONTENT_TYPE, "only a body marked as compressed is inflated");
         if (!expected.hasHeader(pbs::HDR_CONTENT_TYPE)) expected.addHeader(pbs::HDR_CONTENT_TYPE, "");
     } else if (announced < 0 || announced > MAX_ANNOUNCED) {
-        require(result == Z_MEM_ERROR, "no size out of range is tried");
+        require(result == Z_MEM_ERROR, "a size out of range is not tried");
     } else if (const auto body = inflated(before.body(), static_cast<std::size_t>(announced)); !body) {
         require(result == Z_DATA_ERROR || result == Z_BUF_ERROR, "a bad stream is reported");
         if (!expected.isCompressed()) expected.addHeader(pbs::HDR_CONTENT_UNCOMPRESSED_SIZE, "");
     } else {
-        require(result == Z_OK, "a good stream is taken");
+        require(result == Z_OK, "a good stream is accepted");
         expected.setBody(*body);
         expected.removeHeader(pbs::HDR_CONTENT_UNCOMPRESSED_SIZE);
     }
-    require(tried == expected, "the message holds the inflated body, or what it held before");
+    require(tried == expected, "the message has the inflated body, or is unchanged");
     return 0;
 }

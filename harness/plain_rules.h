@@ -4,7 +4,7 @@
 #include <string>
 #include <string_view>
 
-// Rules that the library applies several bytes per step, stated bit by bit.
+// Rules that the library applies to several bytes at once, written out bit by bit.
 
 /// CRC-16/XMODEM (polynomial 0x1021, initial value 0).
 inline int plainCrc(std::string_view bytes) {
@@ -19,7 +19,7 @@ inline int plainCrc(std::string_view bytes) {
 
 inline const std::string BASE64_ALPHABET = "ABCDEFGHIJKLMNOPQRSTUVWXYZabcdefghijklmnopqrstuvwxyz0123456789+/";
 
-/// What Base64 text means up to its first character outside the alphabet.
+/// Decodes Base64 text up to its first character outside the alphabet.
 inline std::string plainlyDecoded(const std::string& text) {
     std::string bits, bytes;
     for (const char character : text.substr(0, text.find_first_not_of(BASE64_ALPHABET)))

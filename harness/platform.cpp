@@ -44,7 +44,7 @@ Result call(const char* name, const StandIn<Result(Arguments...)>& standIn, Argu
     return standIn ? standIn(arguments...) : next<Result(Arguments...)>(name)(arguments...);
 }
 
-/// The same, unless the call is to fail with `failed`.
+/// The same, unless the call is meant to fail with `failed`.
 template <typename Result, typename... Arguments>
 Result callOrFail(const char* name, Result failed, const StandIn<Result(Arguments...)>& standIn,
                   Arguments... arguments) {
@@ -137,7 +137,7 @@ FTS* fts_open(char* const* roots, int options, int (*order)(const FTSENT**, cons
     return fails(__func__) ? nullptr : next<decltype(::fts_open)>(__func__)(roots, options, order);
 }
 void sync() noexcept {
-    if (platform.sync) platform.sync();  // the real disk is left alone
+    if (platform.sync) platform.sync();  // never the real disk
 }
 
 }  // extern "C"
@@ -285,7 +285,7 @@ ssize_t FakeLine::take(const void* bytes, size_t length) {
 
 WorkingDirectory::WorkingDirectory() : m_before(std::filesystem::current_path()) {
     std::string path = std::filesystem::temp_directory_path() / "fiscora-test.XXXXXX";
-    if (mkdtemp(path.data()) == nullptr) throw std::runtime_error("no temporary folder");
+    if (mkdtemp(path.data()) == nullptr) throw std::runtime_error("cannot create a temporary folder");
     m_path = path;
     std::filesystem::current_path(m_path);
 }

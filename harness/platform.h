@@ -15,7 +15,7 @@
 
 #include "protocol/Message.h"
 
-/// While it lives, this thread's calls are the test's and not the library's: none of them fails.
+/// While it lives, this thread's calls belong to the test, not to the library: none of them fails.
 class TestsOwn {
   public:
     TestsOwn() { ++depth; }
@@ -67,13 +67,13 @@ struct Platform {
 };
 extern Platform platform;
 
-/// The platform's own popen, whatever stands in for it.
+/// The platform's own popen, past any stand-in.
 FILE* realPopen(const char* command);
 
-/// Stops the clock of `time` at that local time, such as "2031-02-28 23:59:58".
+/// Stops the clock of `time` at `localTime`, such as "2031-02-28 23:59:58".
 void setClock(const std::string& localTime);
 
-/// Makes or replaces a file.
+/// Creates or replaces a file.
 void writeFile(const std::string& path, const std::string& content);
 std::string readFile(const std::string& path);
 /// Contents of all files below the working directory, by path: "./logsDrs/logDrs20310228.log".
@@ -85,14 +85,14 @@ std::string readLog(const std::string& path);
 /// A message as the library and the device send it, with a compressed body.
 pbs::Message compressedMessage(const std::string& code, const std::string& body);
 
-/// Number of open descriptors of the process.
+/// Number of the process's open descriptors.
 long openDescriptors();
 
 /// A fiscal device on a serial line, and a clock that moves only when the library waits. While it lives, the
 /// library finds it as /dev/ttyACM0 and talks to nothing else.
 class FakeLine {
   public:
-    /// What one read gives after `afterMs`: bytes or, without any, its result (0 or -1).
+    /// Result of one read after `afterMs`: the bytes or, if there are none, `result` (0 or -1).
     struct Reading {
         std::string bytes;
         int result = 0;
@@ -111,13 +111,13 @@ class FakeLine {
 
     std::string listing =
         "lrwxrwxrwx 1 root root 13 x-mfc+_with_musb-if00 -> ../../ttyACM0";  ///< of the discovery
-    std::string written;                                ///< all bytes that the device has been sent
-    std::vector<std::string> calls;                     ///< the calls in order, such as "usleep 100000"
-    std::deque<Reading> readings;                       ///< what is read next; then silence, 100 ms per read
-    std::function<ssize_t(size_t length)> writeResult;  ///< if set: what each write returns
+    std::string written;                                                     ///< all bytes sent to the device
+    std::vector<std::string> calls;  ///< the calls in order, such as "usleep 100000"
+    std::deque<Reading> readings;    ///< results of the next reads; then silence, 100 ms per read
+    std::function<ssize_t(size_t length)> writeResult;  ///< if set: the result of each write
     std::function<std::vector<pbs::Message>(pbs::Message& command)>
-        answers;     ///< if set: what answers each command
-    int queued = 0;  ///< what TIOCOUTQ reads; below 0: it fails
+        answers;     ///< if set: the answers to each command
+    int queued = 0;  ///< bytes that TIOCOUTQ reports; below 0: it fails
     bool isTerminal = true;
     termios settings;  ///< of the terminal; all bits set at first
     bool open = false;

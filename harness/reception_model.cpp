@@ -14,7 +14,7 @@ constexpr int MAX_RESTARTS = 5;
 
 using Script = std::deque<FakeLine::Reading>;
 
-/// What the next read gives.
+/// The result of the next read.
 FakeLine::Reading nextRead(Script& script) {
     if (script.empty()) return {"", 0, SILENCE_MS};
     FakeLine::Reading read = script.front();

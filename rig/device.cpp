@@ -2,8 +2,8 @@
 ///
 ///     driver_device LINE ACTIVATION_CODE [LATENCY_MS [BAUD]]
 ///
-/// Its answers begin LATENCY_MS after their requests (default 0), and the line takes BAUD (default 0: no
-/// limit). If the line has hung up or is missing, it waits for it.
+/// Each answer begins LATENCY_MS after its request (default 0), and the line runs at BAUD (default 0: no
+/// limit). If the line has hung up or is missing, the program waits for it.
 
 #include <fcntl.h>
 #include <termios.h>

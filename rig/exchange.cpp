@@ -1,10 +1,10 @@
-/// A till's application: asks the device for its state and sends it sales of 1 MiB in turn, and checks that
-/// every answer fits its request.
+/// A till's application: asks the device for its state and sends it a sale of 1 MiB, in turn, and checks that
+/// every answer matches its request.
 ///
 ///     driver_exchange COUNT ACTIVATION_CODE
 ///
 /// Prints a line for each failure and, for each kind of call, "total NAME COUNT FAILED WORST", the last in
-/// milliseconds. Exit status 1 if there was one.
+/// milliseconds. Exit status 1 if a call failed.
 
 #include <fiscora.h>
 

@@ -1,15 +1,15 @@
-/// A till's application whose device is pulled out in the middle of a call, takes nothing, or comes back
+/// A till's application whose device is unplugged in the middle of a call, accepts nothing, or comes back
 /// under another name.
 ///
 ///     driver_faults CLOSE_MS
 ///
-/// CLOSE_MS: how long the driver may delay the closing of a port whose device takes nothing. After every
-/// fault a call must work: it asks the device for its answer to the previous call, which tells whether that
-/// request had arrived.
+/// CLOSE_MS: how long the driver may take to close a port whose device accepts nothing. After every fault a
+/// call must work: it asks the device for its answer to the previous call, which tells whether that request
+/// arrived.
 ///
 /// Prints for each scenario, separated by tabs: "fault", the scenario, its status, the ms that the call took,
-/// those of the closing in it, what was expected, the code that the next call brought, and what differs or
-/// "ok". Exit status 1 if anything differs.
+/// the ms of these that closing took, the expected outcome, the code that the next call returned, and the
+/// difference or "ok". Exit status 1 if anything differs.
 
 #include <fiscora.h>
 #include <sys/syscall.h>
@@ -35,7 +35,7 @@ using Clock = std::chrono::steady_clock;
 
 const std::string CODE = "12345678", SECOND_CODE = "87654321";
 
-// The devices answer after a second; at two million baud a sale's answer takes some more.
+// The devices answer after a second; at two million baud a sale's answer takes a little longer.
 const std::string PLAY_DEVICES = "driver_device /run/usb/sat " + CODE +
                                  " 1000 2000000 & driver_device /run/usb/second " + SECOND_CODE +
                                  " 1000 2000000 &";
@@ -44,7 +44,7 @@ constexpr unsigned HANG_SECONDS = 120;
 
 struct Call {
     const char* (*make)(int session);
-    const char* code;  ///< of a success
+    const char* code;  ///< of success
 };
 
 const char* askForState(int session) { return ConsultarSAT(session); }
@@ -73,11 +73,11 @@ struct Scenario {
 
 constexpr const char* NOT_RECEIVED = "11003";
 
-/// The status that `fiscora sim` lists for this fault of a device: under the real driver it is the same.
+/// The status that `fiscora sim` lists for this fault; the real driver must give the same.
 int statusUnder(const char* fault) { return sim::findFault(fault)->status; }
 
-// A silent device ends a query after 6 s and a sale after 10 s; then comes a pause of one second, and a
-// second one if the line failed. The rest allows for a slow machine.
+// If the device is silent, a query ends after 6 s and a sale after 10 s, plus a pause of one second, and
+// another if the line failed. The rest allows for a slow machine.
 const std::array SCENARIOS{
     Scenario{"unplugged during the request",
              "usbdev tell sat delay 50 && usbdev tell sat when taken 65536 20 unplug", SALE,
@@ -142,7 +142,7 @@ std::string faultInAnswer(const Scenario& scenario, int session, const Observati
     return std::to_string(seen.bytesRead) + " bytes of an answer";
 }
 
-/// Meets one scenario and prints its line. False if anything differs.
+/// Runs one scenario and prints its line. False if anything differs.
 bool meet(const Scenario& scenario, int session, int closeMs) {
     std::string differences;
     const auto expect = [&](bool holds, const std::string& otherwise) {
@@ -173,7 +173,7 @@ bool meet(const Scenario& scenario, int session, int closeMs) {
     return differences.empty();
 }
 
-/// After HANG_SECONDS, whatever the library waits for in the kernel fails.
+/// Makes any wait of the library in the kernel fail after HANG_SECONDS.
 void interruptHangs() {
     struct sigaction action {};
     action.sa_handler = [](int) {};

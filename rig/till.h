@@ -4,14 +4,14 @@
 #include <string>
 #include <vector>
 
-/// What the applications of the rig share.
+/// Code that the rig's applications share.
 namespace till {
 
 constexpr std::size_t SALE_BYTES = 1048576;
 
 struct Sale {
     std::string document;
-    /// Of each item, the beginning of its element as it stands in the document.
+    /// The start of each item's element, as in the document.
     std::vector<std::string> products;
     std::string total;
 };
@@ -19,8 +19,8 @@ struct Sale {
 /// A sale of SALE_BYTES with random items, so that its frame still fills many writes of the library.
 Sale writeSale(unsigned seed);
 
-/// What is wrong with the status of the last call, or with the session number or the code of its answer;
-/// empty if nothing is.
+/// The problem with the last call's status, or with the session number or code in its answer; empty if there
+/// is none.
 std::string faultInHead(int session, const std::string& code, const std::vector<std::string>& answerFields);
 
 }  // namespace till

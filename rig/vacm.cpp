@@ -1,18 +1,18 @@
-/// A virtual USB serial device: plays one CDC ACM function to the kernel's virtual host controller, so that
-/// the kernel's own cdc_acm driver serves it as /dev/ttyACM..., and offers the device's end of the line as a
+/// A virtual USB serial device: simulates one CDC ACM function for the kernel's virtual host controller, so
+/// that the kernel's own cdc_acm driver makes it /dev/ttyACM..., and offers the device's end of the line as a
 /// pty, which hangs up when the device is unplugged.
 ///
 ///     driver_vacm [OPTION...] play PATH    runs it; PATH links to the pty, PATH.sock takes orders
 ///         -p PORT   port of the virtual hub, 0 to 7, another one for each device (default 0)
-///         -d MS     takes a transfer MS milliseconds after it became the first in line (default 0)
+///         -d MS     accepts a transfer MS milliseconds after it became the first in line (default 0)
 ///         -m TEXT   manufacturer (default: the fiscal device's)
 ///         -s TEXT   serial number (default: none)
 ///     driver_vacm tell PATH ORDER          gives it an order and prints the answer:
 ///         delay MS | hold | release | unplug | plug | stats | when taken|given BYTES MS ORDER
 ///
-/// After `hold` it takes nothing until `release`. `stats` counts what it took, what the host cancelled
-/// before it was taken, and what it gave. `when` carries out ORDER once: MS milliseconds after it has taken
-/// (given) BYTES more bytes; a later `when` replaces it.
+/// After `hold` it accepts nothing until `release`. `stats` counts what it accepted, what the host cancelled
+/// before that, and what it sent. `when` carries out ORDER once: MS milliseconds after it has taken (given)
+/// BYTES more bytes; a later `when` replaces it.
 ///
 /// Sources of the numbers: the Linux kernel's document usbip_protocol (messages of the host controller),
 /// USB 2.0, chapter 9 (control requests, descriptors), and the USB communications class's subclass for PSTN
@@ -70,7 +70,7 @@ enum Request {
     SET_CONFIGURATION = 0x0009,
     GET_DEVICE_STATUS = 0x8000,
     GET_DESCRIPTOR = 0x8006,
-    SET_LINE_CODING = 0x2120,  // PSTN 1.2, section 6.3, as is the next
+    SET_LINE_CODING = 0x2120,  // PSTN 1.2, section 6.3, also for the next
     SET_CONTROL_LINE_STATE = 0x2122
 };
 enum DescriptorType {
@@ -88,7 +88,7 @@ constexpr std::uint32_t DATA_ENDPOINT = 1;  // both ways
 
 const std::string REFUSAL = "refused: ";  // begins the answer to an order that was not carried out
 
-// Bytes that may wait in here for the reader of the pty, and for the host.
+// Limit of the bytes that wait here for the reader of the pty, and for the host.
 constexpr std::size_t READER_LIMIT = 65536;
 constexpr std::size_t HOST_LIMIT = 65536;
 
@@ -117,13 +117,13 @@ struct Transfer {
     std::string data;  ///< of a transfer to the device
 };
 
-/// An order that waits for bytes to move, and then for a time.
+/// An order that waits for bytes to move, and then for some time.
 struct PendingOrder {
     std::uint64_t& count;
     std::uint64_t awaitedCount;
     Clock::duration delay;
     std::string order;
-    std::optional<Clock::time_point> due;  ///< since the bytes have moved
+    std::optional<Clock::time_point> due;  ///< set once the bytes have moved
 };
 
 class VirtualDevice {
@@ -165,7 +165,7 @@ class VirtualDevice {
     Descriptor m_host;  ///< closed while the device is unplugged
 
     std::deque<Transfer> m_out, m_in, m_notifications;
-    Clock::time_point m_firstSince;  ///< since when the first of m_out is the first
+    Clock::time_point m_firstSince;  ///< when the first of m_out became the first
     bool m_held = false;
     std::string m_toReader, m_toHost;
     std::optional<PendingOrder> m_pending;
@@ -202,7 +202,7 @@ void VirtualDevice::openLine() {
     m_pty = required(posix_openpt(O_RDWR | O_NOCTTY | O_NONBLOCK | O_CLOEXEC), "pty");
     if (grantpt(m_pty.get()) || unlockpt(m_pty.get())) fail("pty");
     const char* name = ptsname(m_pty.get());
-    // Held so that the pty does not hang up when its reader goes.
+    // Kept open so that the pty does not hang up when its reader closes it.
     m_terminal = required(open(name, O_RDWR | O_NOCTTY | O_CLOEXEC), name);
     termios mode;
     if (tcgetattr(m_terminal.get(), &mode)) fail(name);
@@ -526,7 +526,7 @@ void VirtualDevice::answer(int client, const std::string& order) {
 
 void VirtualDevice::run() {
     for (;;) {
-        // What the host has said comes first: a transfer that it has cancelled must not be taken.
+        // The host's messages come first: a transfer that it has cancelled must not be accepted.
         pollfd host{m_host.get(), POLLIN, 0};
         while (isPlugged() && poll(&host, 1, 0) > 0) takeMessage();
         takeFromHost();
@@ -576,7 +576,7 @@ int run(int argc, char** argv) {
 }  // namespace
 
 int main(int argc, char** argv) {
-    std::signal(SIGPIPE, SIG_IGN);  // who gives an order may leave before the answer
+    std::signal(SIGPIPE, SIG_IGN);  // the sender of an order may leave before the answer
     try {
         return run(argc, argv);
     } catch (const std::exception& error) {

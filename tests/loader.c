@@ -1,6 +1,6 @@
 /* Loads the library by its bare name, which this program's RUNPATH resolves, and calls ConsultarSAT once:
- * with RTLD_DEEPBIND, or with the argument "apart" in a namespace of its own, where nothing preloaded reaches
- * it. */
+ * with RTLD_DEEPBIND, or with the argument "apart" in a namespace of its own, which no preloaded library
+ * reaches. */
 #include <dlfcn.h>
 #include <stdio.h>
 #include <string.h>

@@ -1,4 +1,4 @@
-/* Built by pkg-config against an installed copy: one call of the C interface. */
+/* Built with pkg-config against an installed copy: makes one call of the C interface. */
 #include <fiscora.h>
 #include <stdio.h>
 #include <string.h>
