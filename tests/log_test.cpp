@@ -200,7 +200,7 @@ TEST(Log, EachFileIsReadOnce) {
          "truncate -s 50000 " + DAY + ".log.tar.gz", both + unread(".log.tar.gz: truncated gzip input")},
         {"no archive", first, ".tar.gz", second, "echo x >" + DAY + ".tar.gz", secondRow + unread(".tar.gz: Unrecognized archive format")},
         {"an archive of something else", first, ".tar.gz", second, "tar -zcf " + DAY + ".tar.gz /dev/null 2>&-",
-         secondRow + unread(".tar.gz: holds no logDrs20310228.log")},
+         secondRow + unread(".tar.gz: contains no logDrs20310228.log")},
         {"a folder in a log's place", first, ".tar.gz", "", "rm " + DAY + ".log; mkdir " + DAY + ".log", firstRow + unread(".log: not a regular file")},
         {"files of others", first, ".tar.gz", second, "touch logsDrs/logDrs2031022.log logsDrs/logDrs2031022x.log logsDrs/logDrs20310228.log.bak; mkdir logsDrs/old", both},
     };  // clang-format on

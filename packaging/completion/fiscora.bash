@@ -1,4 +1,4 @@
-# Bash completion of fiscora. The installed command itself lists its options, operations and faults.
+# Bash completion for fiscora. The installed command itself lists its options, operations and faults.
 
 _fiscora_options() { "$1" ${2:+"$2"} --help 2>/dev/null | grep -oE '^ +(-h,)?--[a-z-]+' | grep -oE -- '--[a-z-]+'; }
 
