@@ -64,7 +64,7 @@ public class Venda {
         Files.move(unfinished, path, StandardCopyOption.ATOMIC_MOVE);
     }
 
-    /** A number that no call has used, in earlier runs either: a device books one document per number. */
+    /** A number that no call has used, not even in an earlier run: a device books one document per number. */
     static int nextSession() throws IOException {
         Path path = Path.of("sessao.txt");
         long last;
@@ -114,7 +114,7 @@ public class Venda {
         return said ? fields : stop(STOPPED, "Não foi feito: o programa termina aqui");
     }
 
-    /** What the device answered in a session whose answer was lost; null if it does not know the session. */
+    /** The device's answer in a session whose answer was lost; null if it does not know the session. */
     static String[] askAbout(int lost, String code) throws IOException, InterruptedException {
         OUT.printf("Não envie de novo: perguntando pela sessão %06d%n", lost);
         for (int query = 0; query < QUERIES; ++query) {

@@ -52,7 +52,7 @@ static void write_file(const char* path, const char* content, size_t size) {
     if (!written || rename("gravando.tmp", path) != 0) fail(path, strerror(errno));
 }
 
-/* A number that no call has used, in earlier runs either: a device books one document per number. */
+/* A number that no call has used, not even in an earlier run: a device books one document per number. */
 static int next_session(void) {
     int last;
     char text[16];

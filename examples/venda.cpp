@@ -59,7 +59,7 @@ void writeFile(const std::string& path, const std::string& content) {
 
 std::string sixDigits(int session) { return std::to_string(1'000'000 + session).substr(1); }
 
-/// A number that no call has used, in earlier runs either: a device books one document per number.
+/// A number that no call has used, not even in an earlier run: a device books one document per number.
 int nextSession() {
     unsigned last = 0;
     if (!(std::ifstream("sessao.txt") >> last)) last = static_cast<unsigned>(std::time(nullptr));
@@ -145,7 +145,7 @@ class Till {
         return std::nullopt;
     }
 
-    /// What the device answered in a session whose answer was lost; nothing if it does not know the session.
+    /// The device's answer in a session whose answer was lost; nothing if it does not know the session.
     std::optional<Answer> askAbout(int lost) {
         std::cout << "Não envie de novo: perguntando pela sessão " << sixDigits(lost) << std::endl;
         for (int query = 0; query < QUERIES; ++query) {

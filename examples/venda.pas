@@ -79,7 +79,7 @@ begin
   Halt(DOCUMENT_PENDING);
 end;
 
-{ A number that no call has used, in earlier runs either: a device books one document per number. }
+{ A number that no call has used, not even in an earlier run: a device books one document per number. }
 function NextSession: LongInt;
 var
   Last: Int64;
@@ -120,7 +120,7 @@ begin
   Result := Fields;
 end;
 
-{ What the device answered in a session whose answer was lost; nil if it does not know the session. }
+{ The device's answer in a session whose answer was lost; nil if it does not know the session. }
 function AskAbout(Lost: LongInt): TFields;
 var
   Query: Integer;

@@ -56,7 +56,7 @@ def write(path, content):
 
 
 def next_session():
-    """A number that no call has used, in earlier runs either: a device books one document per number."""
+    """A number that no call has used, not even in an earlier run: a device books one document per number."""
     try:
         last = int(Path("sessao.txt").read_bytes())
     except (OSError, ValueError):
@@ -99,7 +99,7 @@ def expect(fields, eeeee):
 
 
 def ask_about(lost, code):
-    """What the device answered in a session whose answer was lost; None if it does not know the session."""
+    """The device's answer in a session whose answer was lost; None if it does not know the session."""
     print(f"Não envie de novo: perguntando pela sessão {lost:06}")
     for _ in range(QUERIES):
         fields = call("ConsultarNumeroSessao", next_session(), code, lost, asked=lost)

@@ -54,7 +54,7 @@ function write(path, content) {
 
 const sixDigits = (session) => String(session).padStart(6, '0');
 
-/** A number that no call has used, in earlier runs either: a device books one document per number. */
+/** A number that no call has used, not even in an earlier run: a device books one document per number. */
 function nextSession() {
     let last = fs.existsSync('sessao.txt') ? parseInt(fs.readFileSync('sessao.txt', 'ascii'), 10) : NaN;
     if (Number.isNaN(last)) last = Math.floor(Date.now() / 1000);
@@ -94,7 +94,7 @@ function expect(eeeee, fields) {
     return fields;
 }
 
-/** What the device answered in a session whose answer was lost; null if it does not know the session. */
+/** The device's answer in a session whose answer was lost; null if it does not know the session. */
 function askAbout(lost, code) {
     console.log(`Não envie de novo: perguntando pela sessão ${sixDigits(lost)}`);
     for (let query = 0; query < QUERIES; ++query) {
