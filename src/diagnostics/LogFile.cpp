@@ -26,6 +26,7 @@ LogFile::LogFile(const std::string& path, int flags) {
         errno = EINVAL;
         return;
     }
+    // Not `open`: a stand-in for the port replaces that one.
     m_fd = keptToItself(openat(AT_FDCWD, path.c_str(), flags | O_NONBLOCK | O_NOCTTY | O_CLOEXEC, FILE_MODE));
     if (m_fd == -1 || (fstat(m_fd, &status) == 0 && S_ISREG(status.st_mode))) return;
     close(std::exchange(m_fd, -1));

@@ -5,6 +5,7 @@
 #include <array>
 #include <cctype>
 #include <cstring>
+#include <new>
 #include <string_view>
 
 namespace {
@@ -85,20 +86,17 @@ std::size_t decodeQuads(std::string& bytes, const std::string& text) {
 
 }  // namespace
 
-// Defines Base64::base64_chars, under its name in the C++ ABI. If a program has such a member in a class of
-// its own, the dynamic linker makes one object of both, and destroying it twice would crash that program. So
-// this definition leaves the object alone at exit, and the functions below read ALPHABET.
+// Base64::base64_chars, by its name in the C++ ABI and as bytes, so that nothing destroys it at exit. If a
+// program has such a member in a class of its own, the dynamic linker makes one object of both, and
+// destroying it twice would crash that program. For the same reason the functions below read ALPHABET.
+alignas(std::string) extern unsigned char base64Chars[sizeof(std::string)] __asm__(
+    "_ZN6Base6412base64_charsB5cxx11E");
+alignas(std::string) unsigned char base64Chars[sizeof(std::string)];
+
 namespace {
-__attribute__((used)) const char* allocated =
-    nullptr;  // so that leak checkers still find it in such a program
-}
-union Base64Chars {
-    std::string text;
-    __attribute__((visibility("hidden"))) Base64Chars() : text(ALPHABET) { allocated = text.data(); }
-    __attribute__((visibility("hidden"))) ~Base64Chars() {}
-};
-extern Base64Chars base64Chars __asm__("_ZN6Base6412base64_charsB5cxx11E");
-Base64Chars base64Chars;
+/// Keeps the text reachable for leak checkers if such a program has put its own in the object.
+__attribute__((used)) const char* const allocated = (new (base64Chars) std::string(ALPHABET))->data();
+}  // namespace
 
 bool Base64::is_base64(unsigned char byte) { return std::isalnum(byte) != 0 || byte == '+' || byte == '/'; }
 
