@@ -13,19 +13,19 @@
 #include <cstdlib>
 #include <iostream>
 
-#include "sim/Descriptor.h"
+#include "Descriptor.h"
 #include "sim/DevicePort.h"
 #include "sim/SimulatedDevice.h"
 
 namespace {
 
 /// The line in raw mode; -1 if it is missing.
-sim::Descriptor openLine(const char* path) {
-    sim::Descriptor line(open(path, O_RDWR | O_NOCTTY));
+tool::Descriptor openLine(const char* path) {
+    tool::Descriptor line(open(path, O_RDWR | O_NOCTTY));
     termios mode;
-    if (tcgetattr(line.get(), &mode) != 0) return sim::Descriptor();
+    if (tcgetattr(line.get(), &mode) != 0) return tool::Descriptor();
     cfmakeraw(&mode);
-    if (tcsetattr(line.get(), TCSANOW, &mode) != 0) return sim::Descriptor();
+    if (tcsetattr(line.get(), TCSANOW, &mode) != 0) return tool::Descriptor();
     return line;
 }
 
@@ -45,7 +45,7 @@ int main(int argc, char** argv) {
     if (argc > 4) portSettings.baud = std::atoi(argv[4]);
     sim::DevicePort port(device, portSettings);
     for (;;) {
-        const sim::Descriptor line = openLine(argv[1]);
+        const tool::Descriptor line = openLine(argv[1]);
         if (line.get() < 0)
             usleep(LINE_POLL_US);
         else

@@ -43,7 +43,7 @@
 #include <utility>
 #include <vector>
 
-#include "sim/Descriptor.h"
+#include "Descriptor.h"
 
 namespace {
 
@@ -96,7 +96,7 @@ constexpr std::size_t HOST_LIMIT = 65536;
     throw std::system_error(errno, std::generic_category(), what);
 }
 
-using sim::Descriptor;
+using tool::Descriptor;
 
 Descriptor required(int fd, const std::string& what) {
     if (fd < 0) fail(what);

@@ -10,7 +10,7 @@
 #include "encoding/Base64.h"
 #include "fields.h"
 #include "fiscal/operations.h"
-#include "sim/Descriptor.h"
+#include "Descriptor.h"
 #include "sim/DevicePort.h"
 #include "sim/FrameTrace.h"
 #include "transaction/DoTransaction.h"
@@ -212,7 +212,7 @@ TEST(DevicePort, NoFaultBringsAnActivationCodeIntoTheTrace) {
         SCOPED_TRACE(fault.name);
         std::array<int, 2> ends{};
         ASSERT_EQ(socketpair(AF_UNIX, SOCK_STREAM, 0, ends.data()), 0);
-        const sim::Descriptor line(ends[0]), application(ends[1]);
+        const tool::Descriptor line(ends[0]), application(ends[1]);
         std::ostringstream output;
         sim::FrameTrace trace(output, false);
         SimulatedDevice device;

@@ -22,7 +22,7 @@
 #include <vector>
 
 #include "platform.h"
-#include "sim/Descriptor.h"
+#include "Descriptor.h"
 
 namespace {
 
@@ -44,8 +44,8 @@ struct RealDevice {
         termios raw{};
         cfmakeraw(&raw);
         EXPECT_EQ(openpty(&ends[0], &ends[1], nullptr, &raw, nullptr), 0);
-        device = sim::Descriptor(ends[0]);
-        node = sim::Descriptor(ends[1]);
+        device = tool::Descriptor(ends[0]);
+        node = tool::Descriptor(ends[1]);
         path = ttyname(node.get());
         int reportFlushes = 1;  // the library's first act on a port
         ioctl(device.get(), TIOCPKT, &reportFlushes);
@@ -63,7 +63,7 @@ struct RealDevice {
         return poll(&end, 1, 0) > 0;
     }
 
-    sim::Descriptor device, node;
+    tool::Descriptor device, node;
     std::string path;
 };
 

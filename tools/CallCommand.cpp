@@ -11,39 +11,36 @@
 #include <cstdlib>
 #include <filesystem>
 #include <fstream>
-#include <iomanip>
 #include <iostream>
 #include <iterator>
 #include <optional>
-#include <string_view>
 #include <system_error>
 
 #include "DeviceLock.h"
+#include "Interruption.h"
+#include "OutputFile.h"
 #include "Progress.h"
-#include "call/DocumentFile.h"
-#include "call/Interruption.h"
+#include "call/Answer.h"
 #include "call/arguments.h"
+#include "call/inquiry.h"
 #include "encoding/Base64.h"
 #include "fields.h"
 #include "fiscal/UCManipulaDadosSat.h"
+#include "fiscora.h"
 #include "i18n.h"
 #include "protocol/Message.h"
-#include "status_names.h"
 #include "terminal_text.h"
 #include "transaction/DoTransaction.h"
 
 namespace tool {
 namespace {
 
-using manipulaDados::AnswerLayout;
-using manipulaDados::Effect;
 using manipulaDados::Kind;
 using manipulaDados::Operation;
-using Fields = std::vector<std::string_view>;
+using manipulaDados::Request;
 
 constexpr int NOTHING_SENT_STATUS = 2;
 constexpr std::chrono::minutes LONGEST_WAIT{2};
-constexpr char TYPED[] = "@-";  ///< an argument read from standard input
 constexpr char RECORD[] = "teste_desempenho.csv";
 
 [[noreturn]] void refuse(const std::string& reason) { throw CLI::ValidationError(reason); }
@@ -60,8 +57,6 @@ const Operation& chosenOperation(const std::string& name) {
         known += (known.empty() ? "" : ", ") + std::string(operation.command);
     refuse(filled(tr("there is no operation \"%s\"; expected one of %s"), name.c_str(), known.c_str()));
 }
-
-// --- The listing
 
 constexpr const char* nameOf(Kind kind) {
     switch (kind) {
@@ -89,121 +84,16 @@ void list() {
     }
 }
 
-// --- The answer
-
-/// The layout of an answer to `operation`. An earlier answer that comes again shows by its code which
-/// operation it belongs to.
-const AnswerLayout& layoutOf(const Operation& operation, const Fields& answer) {
-    if (operation.answer.fields != nullptr) return operation.answer;
-    const std::string_view prefix = answer.size() > 1 ? answer[1].substr(0, 2) : "";
-    for (const Operation& other : manipulaDados::OPERATIONS)
-        if (other.answer.fields != nullptr && prefix == other.codePrefix) return other.answer;
-    return manipulaDados::findOperation(manipulaDados::CMD_CONSULTA_SAT)->answer;
-}
-
-bool mayHoldDocument(const Operation& operation) {
-    return operation.answer.fields == nullptr || operation.answer.documentField != AnswerLayout::NO_FIELD;
-}
-
-/// Such as "0 (FISCORA_STATUS_OK: the device answered)".
-std::string described(int status) {
-    const std::string name(statusName(status));
-    return std::to_string(status) + " (" + (name.empty() ? "" : "FISCORA_STATUS_" + name + ": ") +
-           tr(statusMeaning(status)) + ")";
-}
-
-/// Prints names and values: to a terminal in lines that fit it, without control characters and, unless
-/// everything is wanted, without documents and signatures; elsewhere byte for byte.
-class Printer {
-  public:
-    explicit Printer(bool full) : m_full(full), m_columns(terminalColumns(STDOUT_FILENO)) {}
-
-    void print(const std::string& name, std::string_view value) const {
-        if (value.empty()) {
-            std::cout << name << '\n';
-            return;
-        }
-        const std::string label =
-            name + std::string(std::max(NAME_COLUMNS, width(name) + 1) - width(name), ' ');
-        if (isatty(STDOUT_FILENO) == 0) {
-            std::cout << label << value << '\n';
-            return;
-        }
-        const std::string text = withoutControls(toUtf8(value));
-        std::string indent = label;
-        for (const auto& line : lines(text, width(label))) {
-            std::cout << indent << line << '\n';
-            indent = std::string(NAME_COLUMNS, ' ');
-        }
-    }
-
-  private:
-    static constexpr std::size_t NAME_COLUMNS = 19;
-    static constexpr std::size_t LONGEST_WORD = 80;  ///< longer than any word, shorter than any signature
-
-    std::vector<std::string> lines(const std::string& text, std::size_t taken) const {
-        const bool isWord = text.find(' ') == std::string::npos && width(text) > LONGEST_WORD;
-        if (m_full && isWord) return {text};  // whole, so that it can be copied
-        const std::size_t room = std::max(m_columns, taken + 20) - taken;
-        if (!isWord) return wrapped(text, room);
-        return wrapped(cut(text, 20) + " " + filled(tr("(%zu bytes; --full shows all)"), text.size()), room);
-    }
-
-    bool m_full;
-    std::size_t m_columns;
-};
-
-// --- What to do if it is not known what the device did
-
-/// `word` as a shell's command line needs it.
-std::string shellWord(const std::string& word) {
-    constexpr char PLAIN[] = "abcdefghijklmnopqrstuvwxyzABCDEFGHIJKLMNOPQRSTUVWXYZ0123456789@%+=:,./_-";
-    if (!word.empty() && word.find_first_not_of(PLAIN) == std::string::npos) return word;
-    std::string text = "'";
-    for (const char c : word) text += c == '\'' ? "'\\''" : std::string(1, c);
-    return text + "'";
-}
-
-/// The command that asks for the answer of a call again: a query is repeated, any other call is asked about
-/// by its session number. An activation code that was typed is asked for, not shown.
-std::string inquiry(const Operation& operation, std::vector<std::string> words, int session,
-                    const std::string& documentPath) {
-    constexpr int SESSION_NUMBERS = 1000000;
-    std::string code = TYPED;
-    for (std::size_t i = 0; i < words.size(); ++i) {
-        if (operation.parameters[i].kind != Kind::ActivationCode) continue;
-        if (!call::isFile(words[i])) words[i] = TYPED;
-        code = words[i];
-    }
-    words[0] = std::to_string((session + 1) % SESSION_NUMBERS);
-    if (operation.effect != Effect::Asks) words = {words[0], code, std::to_string(session)};
-    const bool repeats = operation.effect == Effect::Asks;
-    std::string command = std::string("fiscora call ") +
-                          (repeats ? operation.command : manipulaDados::CMD_CONSULTAR_NUM_SESSAO);
-    if (!documentPath.empty()) command += " --out " + shellWord(documentPath);
-    for (const auto& word : words) command += " " + shellWord(word);
-    if (code == TYPED) command += std::string("  # ") + tr("type the activation code, Enter, Ctrl-D");
-    return command;
-}
-
-/// What to do before the call is made again; empty if it changes nothing.
-std::string adviceAfterSilence(const Operation& operation, const std::string& command) {
-    if (operation.effect == Effect::Asks) return "";
-    return filled(operation.effect == Effect::Books
-                      ? tr("The device may have issued the document. Ask it before you send it again:\n  %s")
-                      : tr("The device may have done it. Ask it before you try again:\n  %s"),
-                  command.c_str());
-}
-
-// --- Files besides the document
-
-/// Refuses what --dump or --record could not write to.
-void checkWorkingDirectory(bool record) {
+/// For --dump and --record.
+void checkWorkingDirectory() {
     if (access(".", W_OK) != 0)
         refuse(tr("--dump and --record write to the working directory, which is not writable"));
+}
+
+void checkRecord() {
     struct stat present {};
-    if (record && stat(RECORD, &present) == 0 && !S_ISREG(present.st_mode))
-        refuse(filled(tr("cannot write %s: %s"), RECORD, tr("it is not a regular file")));
+    if (stat(RECORD, &present) == 0 && !S_ISREG(present.st_mode))
+        refuse(filled(tr("cannot write %s: %s"), RECORD, tr("not a regular file")));
 }
 
 /// Adds a row to the performance record; whether it is there.
@@ -216,6 +106,22 @@ bool record(pbs::Message& answer) {
     const std::string added{std::istreambuf_iterator<char>(file), {}};
     return !added.empty() && added.back() == '\n' &&
            added.find(';' + answer.code() + ';') != std::string::npos;
+}
+
+/// Makes the call when its turn comes. From then on an interruption says `lastWords`.
+DeviceLock::State exchange(const Operation& operation, const Request& request, pbs::Message& answer,
+                           Interruption& interruption, const std::string& lastWords) {
+    const DeviceLock turn("fiscora call", LONGEST_WAIT);
+    if (turn.state() == DeviceLock::State::Busy) return turn.state();
+    interruption.say(lastWords);
+    const Progress progress(operation.command, std::chrono::milliseconds(operation.timeoutMs));
+    objManipulaDadosSat.exchange(operation, request, answer);
+    return turn.state();
+}
+
+bool dump(const Operation& operation, const std::string& request, const pbs::Message& answer) {
+    return dumpExchange(operation.command, request.data(), static_cast<std::uint32_t>(request.size()),
+                        answer.body().data(), static_cast<std::uint32_t>(answer.bodySize()));
 }
 
 }  // namespace
@@ -272,74 +178,57 @@ int CallCommand::makeCall(std::vector<std::string> words) const {
 
     // Everything that can be wrong is found out before anything is sent.
     const bool saves = m_options->count("--out") > 0;
-    if (saves && !mayHoldDocument(operation))
+    if (saves && !call::mayHoldDocument(operation))
         refuse(filled(tr("--out: the answer to %s contains no document"), operation.command));
     const auto arguments = call::argumentsFrom(operation, words);
-    const auto request = objManipulaDadosSat.makeRequest(operation, arguments.values);
-    if (m_dump || m_record) checkWorkingDirectory(m_record);
-    call::Interruption interruption;
-    std::optional<call::DocumentFile> document;
+    if (m_dump || m_record) checkWorkingDirectory();
+    if (m_record) checkRecord();
+    Interruption interruption;
+    std::optional<OutputFile> document;
     if (saves) {
         document.emplace(m_documentPath);
         interruption.remove(document->unfinishedPath());
     }
-    std::optional<DeviceLock> turn;
-    if (request) turn.emplace("fiscora call", LONGEST_WAIT);
-    if (turn && turn->state() == DeviceLock::State::Busy) {
+
+    const auto request = objManipulaDadosSat.makeRequest(operation, arguments.values);
+    pbs::Message message;
+    if (!request) {
+        call::Answer(operation, message.body()).print(FISCORA_STATUS_BAD_REQUEST, call::Extent::Full);
+        return NOTHING_SENT_STATUS;
+    }
+    const std::string inquiry =
+        call::inquiry(operation, words, std::get<int>(arguments.values.front()), m_documentPath);
+    const std::string advice = call::adviceAfterSilence(operation, inquiry);
+    const auto turn =
+        exchange(operation, request, message, interruption, advice.empty() ? "" : "\n" + advice + "\n");
+    if (turn == DeviceLock::State::Busy) {
         complain(tr("the device stayed busy; nothing was sent"));
         return NOTHING_SENT_STATUS;
     }
-
-    const std::string again =
-        inquiry(operation, words, std::get<int>(arguments.values.front()), m_documentPath);
-    const std::string advice = adviceAfterSilence(operation, again);
-    if (request && !advice.empty()) interruption.say("\n" + advice + "\n");
-    pbs::Message answer;
-    {
-        const Progress progress(operation.command, std::chrono::milliseconds(operation.timeoutMs));
-        objManipulaDadosSat.exchange(operation, request, answer);
-    }
-    const bool deviceWasThere = turn && turn->state() == DeviceLock::State::Held;
-    turn.reset();
-
     const int status = objManipulaDadosSat.CodigoErro();
-    const Fields fields = answer.bodySize() == 0 ? Fields() : fieldsOf(answer.body());
-    const AnswerLayout& layout = layoutOf(operation, fields);
+    const call::Answer answer(operation, message.body());
 
     // Files come first: a reader of the output that leaves early must not cost the document.
     std::vector<std::string> complaints;
-    bool lost = false;
-    if (document) {
-        const std::size_t field = layout.documentField;
-        const bool present =
-            field != AnswerLayout::NO_FIELD && field < fields.size() && !fields[field].empty();
-        const std::string reason = present ? document->save(Base64::decode(std::string(fields[field]))) : "";
-        lost = !reason.empty();
-        if (!present && status == FISCORA_STATUS_OK)
-            complaints.emplace_back(tr("the answer contains no document"));
-        if (lost)
-            complaints.push_back(reason + ". " + tr("The document is shown in Base64. To fetch it again:") +
-                                 "\n  " + again);
-    }
-    if (m_dump && request &&
-        !dumpExchange(operation.command, request->data(), static_cast<std::uint32_t>(request->size()),
-                      answer.body().data(), static_cast<std::uint32_t>(answer.bodySize())))
+    const bool hasDocument = !answer.document().empty();
+    if (document && !hasDocument && status == FISCORA_STATUS_OK)
+        complaints.emplace_back(tr("the answer contains no document"));
+    const std::string loss =
+        document && hasDocument ? document->save(Base64::decode(std::string(answer.document()))) : "";
+    if (!loss.empty())
+        complaints.push_back(loss + ". " + tr("The document is shown in Base64. To fetch it again:") +
+                             "\n  " + inquiry);
+    if (m_dump && !dump(operation, *request, message))
         complaints.emplace_back(tr("the files of --dump could not be written completely"));
-    if (m_record && status == FISCORA_STATUS_OK && !record(answer))
+    if (m_record && status == FISCORA_STATUS_OK && !record(message))
         complaints.push_back(filled(tr("the row of --record could not be written to %s"), RECORD));
     interruption.say("");
 
-    const Printer printer(m_full || lost);
-    printer.print("status", described(status));
-    const auto names = fieldsOf(layout.fields);
-    for (std::size_t i = 0; i < fields.size(); ++i)
-        printer.print(i < names.size() ? std::string(names[i]) : filled(tr("field %zu"), i), fields[i]);
-    std::cout.flush();
-
+    answer.print(status, m_full || !loss.empty() ? call::Extent::Full : call::Extent::Elided);
     if (status == FISCORA_STATUS_NO_ANSWER) complaints.emplace_back(tr("run fiscora doctor to find out why"));
-    if (status != FISCORA_STATUS_OK && deviceWasThere && !advice.empty()) complaints.push_back(advice);
+    if (status != FISCORA_STATUS_OK && turn == DeviceLock::State::Held && !advice.empty())
+        complaints.push_back(advice);
     for (const auto& complaint : complaints) complain(complaint);
-    if (status == FISCORA_STATUS_BAD_REQUEST) return NOTHING_SENT_STATUS;
     return status == FISCORA_STATUS_OK && complaints.empty() ? EXIT_SUCCESS : EXIT_FAILURE;
 }
 

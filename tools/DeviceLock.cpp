@@ -32,7 +32,7 @@ DeviceLock::DeviceLock(const std::string& program, std::chrono::seconds most) {
 bool DeviceLock::take(const std::string& node) {
     // Opened anew for each try, since the device may have been plugged in again; for reading only, so that
     // nothing printed can reach it; without waiting for a carrier.
-    m_node = sim::Descriptor(open(node.c_str(), O_RDONLY | O_NOCTTY | O_NONBLOCK | O_CLOEXEC));
+    m_node = tool::Descriptor(open(node.c_str(), O_RDONLY | O_NOCTTY | O_NONBLOCK | O_CLOEXEC));
     if (m_node.get() < 0)
         m_state = State::NoDevice;
     else

@@ -3,7 +3,7 @@
 #include <chrono>
 #include <string>
 
-#include "sim/Descriptor.h"
+#include "Descriptor.h"
 
 namespace tool {
 
@@ -26,7 +26,7 @@ class DeviceLock {
   private:
     bool take(const std::string& node);
 
-    sim::Descriptor m_node;
+    tool::Descriptor m_node;
     State m_state = State::NoDevice;
 };
 

@@ -3,15 +3,15 @@
 #include <unistd.h>
 
 #include <algorithm>
-#include <cerrno>
 #include <csignal>
-#include <cstdio>
 #include <cstdlib>
 #include <filesystem>
 #include <iostream>
-#include <memory>
 #include <optional>
+#include <sstream>
 
+#include "Interruption.h"
+#include "OutputFile.h"
 #include "diagnostics/log_names.h"
 #include "i18n.h"
 #include "local_time.h"
@@ -55,61 +55,13 @@ fs::path logDirectory(const fs::path& given) {
     return logsIn(given, "").empty() && fs::is_directory(inside, error) ? inside : given;
 }
 
-/// Where the picture goes. A wrong path is refused before anything is read, and an earlier file is replaced
-/// only by a complete picture.
-class PictureFile {
-  public:
-    explicit PictureFile(const std::string& path) : m_path(path) {
-        std::error_code error;
-        if (fs::is_symlink(path, error) && !fs::exists(path, error)) refuse(tr("it is a dangling link"));
-        if (fs::exists(path, error)) {
-            m_path = fs::canonical(path, error);  // a link stays, its target is replaced
-            if (!fs::is_regular_file(m_path, error)) refuse(tr("not a regular file"));
-            if (access(m_path.c_str(), W_OK) != 0) refuse(tool::systemError(errno));
-        }
-        const std::string name = m_path.filename();
-        if (name.empty()) refuse(tr("not a file name"));
-        if (name.rfind(LOG_PREFIX, 0) == 0) refuse(tr("it is the name of a log"));
-        m_new = m_path.string() + "." + std::to_string(getpid()) + ".new";
-        if (!create()) refuse(tool::systemError(errno));
-        std::remove(m_new.c_str());
-    }
-
-    /// If it returns false, `errno` says why, and an earlier file is unchanged.
-    bool save(const pugi::xml_document& picture) const {
-        auto file = create();
-        if (!file) return false;
-        pugi::xml_writer_file writer(file.get());
-        picture.save(writer, " ");
-        const bool written = std::ferror(file.get()) == 0;
-        const bool closed = std::fclose(file.release()) == 0;
-        if (written && closed && keepPermissions() && std::rename(m_new.c_str(), m_path.c_str()) == 0)
-            return true;
-        const int reason = errno;
-        std::remove(m_new.c_str());
-        errno = reason;
-        return false;
-    }
-
-  private:
-    using File = std::unique_ptr<FILE, int (*)(FILE*)>;
-
-    [[noreturn]] void refuse(const std::string& reason) const {
-        throw CLI::ValidationError(filled(tr("--svg: cannot write %s: %s"), m_path.c_str(), reason.c_str()));
-    }
-
-    File create() const { return {std::fopen(m_new.c_str(), "wxe"), std::fclose}; }
-
-    bool keepPermissions() const {
-        std::error_code error;
-        const auto present = fs::status(m_path, error);
-        if (fs::exists(present)) fs::permissions(m_new, present.permissions(), error);
-        return !fs::exists(present) || !error;
-    }
-
-    fs::path m_path;
-    fs::path m_new;  ///< beside it
-};
+/// A picture in place of a log would destroy it.
+void refuseLog(const fs::path& path) {
+    std::error_code error;
+    if (fs::weakly_canonical(path, error).filename().string().rfind(LOG_PREFIX, 0) == 0)
+        throw CLI::ValidationError(
+            filled(tr("cannot write %s: %s"), path.c_str(), tr("it is the name of a log")));
+}
 
 void print(const std::vector<logs::Exchange>& exchanges, const fs::path& directory) {
     if (exchanges.empty()) {
@@ -121,6 +73,25 @@ void print(const std::vector<logs::Exchange>& exchanges, const fs::path& directo
     for (const logs::Exchange& exchange : exchanges) table.print(exchange);
     std::cout << '\n';
     logs::printSummary(std::cout, exchanges);
+}
+
+std::string textOf(const pugi::xml_document& picture) {
+    std::ostringstream text;
+    picture.save(text, " ");
+    return text.str();
+}
+
+void complain(const std::string& text) { std::cerr << "fiscora log: " << withoutControls(text) << '\n'; }
+
+void complainAbout(const logs::Complaints& complaints) {
+    for (const std::string& complaint : complaints.files) complain(complaint);
+    if (const auto count = complaints.files.size(); count > 0)
+        complain(filled(
+            tr("%zu file was not read completely", "%zu files were not read completely", count), count));
+    if (const auto count = complaints.damagedLines; count > 0)
+        complain(filled(tr("%zu damaged or truncated line is not counted above",
+                           "%zu damaged or truncated lines are not counted above", count),
+                        count));
 }
 
 std::string withoutLogs(const fs::path& directory, const std::string& since) {
@@ -193,13 +164,19 @@ LogCommand::LogCommand(CLI::App& application)
 
 int LogCommand::run(const std::vector<std::string>& operands) {
     refuseExtras(operands);
-    if (m_follow && (m_json || m_options->count("--svg") > 0 || !m_since.empty()))
+    const bool draws = m_options->count("--svg") > 0;
+    if (m_follow && (m_json || draws || !m_since.empty()))
         throw CLI::ValidationError(tr("--follow cannot be combined with --since, --svg or --json"));
     const fs::path directory = logDirectory(m_directory);
     if (m_follow) return follow(directory);
     const auto files = logsIn(directory, m_since);
-    std::optional<PictureFile> pictureFile;
-    if (m_options->count("--svg") > 0) pictureFile.emplace(m_picturePath);
+    Interruption interruption;
+    std::optional<OutputFile> pictureFile;
+    if (draws) {
+        refuseLog(m_picturePath);
+        pictureFile.emplace(m_picturePath);
+        interruption.remove(pictureFile->unfinishedPath());
+    }
 
     logs::Exchanges exchanges;
     logs::Complaints complaints;
@@ -207,8 +184,7 @@ int LogCommand::run(const std::vector<std::string>& operands) {
     complaints.damagedLines = exchanges.damagedLines();
 
     // The file comes first: a reader of the output that leaves early must not cost the picture.
-    const bool drawn = !pictureFile || pictureFile->save(logs::picture(exchanges.all()));
-    const std::string reason = drawn ? "" : systemError(errno);
+    const std::string loss = pictureFile ? pictureFile->save(textOf(logs::picture(exchanges.all()))) : "";
     if (m_json)
         logs::printJson(std::cout, exchanges.all(), complaints);
     else if (files.empty())
@@ -217,19 +193,9 @@ int LogCommand::run(const std::vector<std::string>& operands) {
         print(exchanges.all(), directory);
     std::cout.flush();
 
-    const auto complain = [](const std::string& text) {
-        std::cerr << "fiscora log: " << withoutControls(text) << '\n';
-    };
-    for (const std::string& complaint : complaints.files) complain(complaint);
-    if (const auto count = complaints.files.size(); count > 0)
-        complain(filled(tr("%zu file was not read completely", "%zu files were not read completely", count),
-                        count));
-    if (const auto count = complaints.damagedLines; count > 0)
-        complain(filled(tr("%zu damaged or truncated line is not counted above",
-                           "%zu damaged or truncated lines are not counted above", count),
-                        count));
-    if (!drawn) complain(filled(tr("cannot write %s: %s"), m_picturePath.c_str(), reason.c_str()));
-    return complaints.files.empty() && drawn ? EXIT_SUCCESS : EXIT_FAILURE;
+    complainAbout(complaints);
+    if (!loss.empty()) complain(loss);
+    return complaints.files.empty() && loss.empty() ? EXIT_SUCCESS : EXIT_FAILURE;
 }
 
 }  // namespace tool

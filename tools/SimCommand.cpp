@@ -140,7 +140,7 @@ class Signals {
         for (const int signal : {SIGCHLD, SIGINT, SIGQUIT, SIGTERM, SIGHUP, SIGPIPE})
             sigaddset(&caught, signal);
         sigprocmask(SIG_BLOCK, &caught, &m_before);
-        m_fd = sim::Descriptor(signalfd(-1, &caught, SFD_NONBLOCK | SFD_CLOEXEC));
+        m_fd = tool::Descriptor(signalfd(-1, &caught, SFD_NONBLOCK | SFD_CLOEXEC));
         if (m_fd.get() < 0) throw std::system_error(errno, std::generic_category(), "signalfd");
     }
     int fd() const { return m_fd.get(); }
@@ -154,7 +154,7 @@ class Signals {
 
   private:
     sigset_t m_before{};
-    sim::Descriptor m_fd;
+    tool::Descriptor m_fd;
 };
 
 /// The running command.

@@ -112,4 +112,12 @@ std::vector<std::string> wrapped(std::string_view text, std::size_t columns) {
     return lines;
 }
 
+std::string shellWord(const std::string& word) {
+    constexpr char PLAIN[] = "abcdefghijklmnopqrstuvwxyzABCDEFGHIJKLMNOPQRSTUVWXYZ0123456789@%+=:,./_-";
+    if (!word.empty() && word.find_first_not_of(PLAIN) == std::string::npos) return word;
+    std::string quoted = "'";
+    for (const char c : word) quoted += c == '\'' ? "'\\''" : std::string(1, c);
+    return quoted + "'";
+}
+
 }  // namespace tool

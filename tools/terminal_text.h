@@ -34,4 +34,7 @@ std::string cut(std::string_view text, std::size_t columns);
 /// anywhere. At least one line.
 std::vector<std::string> wrapped(std::string_view text, std::size_t columns);
 
+/// `word` as it has to be typed on a shell's command line.
+std::string shellWord(const std::string& word);
+
 }  // namespace tool

@@ -8,7 +8,7 @@
 #include <cerrno>
 #include <utility>
 
-#include "descriptor.h"
+#include "kept_to_itself.h"
 #include "quiet_writes.h"
 
 namespace {

@@ -13,9 +13,9 @@
 #include <csignal>
 #include <limits>
 
-#include "descriptor.h"
 #include "diagnostics/logdebug.h"
 #include "fiscora.h"
+#include "kept_to_itself.h"
 #include "local_time.h"
 #include "protocol/Message.h"
 

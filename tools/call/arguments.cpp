@@ -15,9 +15,9 @@
 #include <limits>
 #include <system_error>
 
+#include "Descriptor.h"
 #include "fiscal/operations.h"
 #include "i18n.h"
-#include "sim/Descriptor.h"
 
 namespace call {
 namespace {
@@ -61,7 +61,7 @@ std::string content(const std::string& word, std::size_t most) {
     if (path == "-") {
         text = readToEnd(STDIN_FILENO, tr("standard input"), most);
     } else {
-        const sim::Descriptor file(open(path.c_str(), O_RDONLY | O_CLOEXEC));
+        const tool::Descriptor file(open(path.c_str(), O_RDONLY | O_CLOEXEC));
         if (file.get() < 0) refuseUnread(path, errno);
         text = readToEnd(file.get(), path, most);
     }

@@ -13,9 +13,9 @@
 #include <cstdio>
 #include <fstream>
 
+#include "Descriptor.h"
 #include "doctor/Examination.h"
 #include "i18n.h"
-#include "sim/Descriptor.h"
 
 namespace doctor {
 
@@ -89,10 +89,10 @@ bool isSimulatedLine(int fd, const char* line) {
 
 /// Opens the library's node as the library does. If only the environment variable is left of a simulation,
 /// that node is a real one and stays closed.
-sim::Descriptor openNode(const Examination& examination) {
+tool::Descriptor openNode(const Examination& examination) {
     const char* path = examination.node.c_str();
-    if (examination.simulatedLine != nullptr && access(path, F_OK) == 0) return sim::Descriptor();
-    return sim::Descriptor(open(path, O_RDWR | O_NOCTTY | O_NONBLOCK | O_CLOEXEC));
+    if (examination.simulatedLine != nullptr && access(path, F_OK) == 0) return tool::Descriptor();
+    return tool::Descriptor(open(path, O_RDWR | O_NOCTTY | O_NONBLOCK | O_CLOEXEC));
 }
 
 }  // namespace
@@ -164,7 +164,7 @@ Finding checkHolders(Examination& examination) {
 
 Finding checkTerminal(Examination& examination) {
     const std::string& node = examination.node;
-    const sim::Descriptor line = openNode(examination);
+    const tool::Descriptor line = openNode(examination);
     if (examination.simulatedLine != nullptr && !isSimulatedLine(line.get(), examination.simulatedLine))
         return error(tr("the simulated line cannot be opened"), tr("Run \"fiscora sim -- fiscora doctor\"."));
     if (line.get() < 0 && errno == EBUSY)

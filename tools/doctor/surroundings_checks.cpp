@@ -13,6 +13,7 @@
 #include "doctor/Examination.h"
 #include "i18n.h"
 #include "local_time.h"
+#include "terminal_text.h"
 
 namespace doctor {
 
@@ -37,21 +38,14 @@ Finding withoutLog(const std::string& found, const std::string& remedy) {
     return warning(found, tr("Calls work, but without a log.") + std::string(" ") + remedy);
 }
 
-/// `path` as one word of a shell.
-std::string quoted(const std::string& path) {
-    std::string word = "'";
-    for (const char character : path) word += character == '\'' ? "'\\''" : std::string(1, character);
-    return word + "'";
-}
-
 /// What lets this user write to the log directory, `place`, and what is in it.
 std::string adviceFor(const std::string& place) {
     struct stat status {};
     if (access(LOG_DIRECTORY, W_OK) != 0 && errno == EROFS)
         return tr("The disk is read-only; find out why with dmesg.");
     if (stat(LOG_DIRECTORY, &status) == 0 && status.st_uid == geteuid())
-        return filled(tr("Run \"chmod -R u+rwX %s\"."), quoted(place).c_str());
-    return filled(tr("Run \"sudo chown -R %s %s\"."), userName().c_str(), quoted(place).c_str());
+        return filled(tr("Run \"chmod -R u+rwX %s\"."), tool::shellWord(place).c_str());
+    return filled(tr("Run \"sudo chown -R %s %s\"."), userName().c_str(), tool::shellWord(place).c_str());
 }
 
 /// The present log directory, `place`.

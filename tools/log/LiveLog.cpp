@@ -30,7 +30,7 @@ void LiveLog::read() {
 
 void LiveLog::open(const std::filesystem::path& path) {
     // A FIFO of that name must not hold us.
-    sim::Descriptor descriptor(::open(path.c_str(), O_RDONLY | O_NONBLOCK | O_CLOEXEC));
+    tool::Descriptor descriptor(::open(path.c_str(), O_RDONLY | O_NONBLOCK | O_CLOEXEC));
     struct stat status {};
     if (descriptor.get() < 0 || fstat(descriptor.get(), &status) != 0 || !S_ISREG(status.st_mode)) return;
     const Id id(status.st_dev, status.st_ino);

@@ -9,8 +9,8 @@
 #include <string_view>
 #include <utility>
 
+#include "Descriptor.h"
 #include "log/Lines.h"
-#include "sim/Descriptor.h"
 
 namespace logs {
 
@@ -29,7 +29,7 @@ class LiveLog {
   private:
     using Id = std::pair<dev_t, ino_t>;
     struct File {
-        sim::Descriptor descriptor;
+        tool::Descriptor descriptor;
         Lines lines;
         bool isListed = false;
     };

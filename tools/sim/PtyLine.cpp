@@ -42,7 +42,7 @@ PtyLine::PtyLine() : m_folder(folderPattern()) {
     try {
         require(chmod(m_folder.c_str(), S_IRWXU) == 0,
                 tool::tr("cannot set up a temporary folder"));  // any umask
-        m_lock = Descriptor(open(m_folder.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
+        m_lock = tool::Descriptor(open(m_folder.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
         require(flock(m_lock.get(), LOCK_EX | LOCK_NB) == 0, tool::tr("cannot lock a temporary folder"));
         renew();
     } catch (...) {
@@ -54,14 +54,14 @@ PtyLine::PtyLine() : m_folder(folderPattern()) {
 PtyLine::~PtyLine() { removeFolder(m_folder); }
 
 void PtyLine::renew() {
-    Descriptor device(posix_openpt(O_RDWR | O_NOCTTY | O_CLOEXEC));
+    tool::Descriptor device(posix_openpt(O_RDWR | O_NOCTTY | O_CLOEXEC));
     require(device.get() >= 0, tool::tr("cannot open a pseudo terminal"));
     require(grantpt(device.get()) == 0 && unlockpt(device.get()) == 0,
             tool::tr("cannot unlock a pseudo terminal"));
     std::array<char, 64> name{};
     require(ptsname_r(device.get(), name.data(), name.size()) == 0,
             tool::tr("cannot name a pseudo terminal"));
-    Descriptor application(open(name.data(), O_RDWR | O_NOCTTY | O_CLOEXEC));
+    tool::Descriptor application(open(name.data(), O_RDWR | O_NOCTTY | O_CLOEXEC));
     require(application.get() >= 0, tool::tr("cannot open a pseudo terminal"));
 
     termios settings{};  // raw from the start: no echo of what arrives before the application sets it

@@ -2,7 +2,7 @@
 
 #include <string>
 
-#include "sim/Descriptor.h"
+#include "Descriptor.h"
 
 namespace sim {
 
@@ -30,9 +30,9 @@ class PtyLine {
 
   private:
     std::string m_folder;
-    Descriptor m_lock;  ///< of the folder
-    Descriptor m_device;
-    Descriptor m_application;  ///< keeps the line up while no program has it open
+    tool::Descriptor m_lock;  ///< of the folder
+    tool::Descriptor m_device;
+    tool::Descriptor m_application;  ///< keeps the line up while no program has it open
 };
 
 }  // namespace sim

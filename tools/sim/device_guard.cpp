@@ -13,7 +13,7 @@
 #include <string>
 #include <system_error>
 
-#include "sim/Descriptor.h"
+#include "Descriptor.h"
 
 namespace sim {
 namespace {
@@ -33,12 +33,12 @@ class Allowed {
   public:
     Allowed() {
         const landlock_ruleset_attr handled{WRITE | MOVE};
-        m_rules =
-            Descriptor(static_cast<int>(syscall(SYS_landlock_create_ruleset, &handled, sizeof handled, 0)));
+        m_rules = tool::Descriptor(
+            static_cast<int>(syscall(SYS_landlock_create_ruleset, &handled, sizeof handled, 0)));
     }
     /// Allows `access` to `path` and all beneath it; a link is left to the rule of its target.
     void add(const fs::path& path, std::uint64_t access) const {
-        const Descriptor entry(open(path.c_str(), O_PATH | O_NOFOLLOW | O_CLOEXEC));
+        const tool::Descriptor entry(open(path.c_str(), O_PATH | O_NOFOLLOW | O_CLOEXEC));
         struct stat file {};
         if (fstat(entry.get(), &file) != 0 || S_ISLNK(file.st_mode)) return;
         const landlock_path_beneath_attr rule{access, entry.get()};
@@ -47,7 +47,7 @@ class Allowed {
     void enforce() const { syscall(SYS_landlock_restrict_self, m_rules.get(), 0); }
 
   private:
-    Descriptor m_rules;
+    tool::Descriptor m_rules;
 };
 
 /// Calls `visit` with the path of each entry of `folder`.

@@ -4,7 +4,7 @@
 
 #include <utility>
 
-namespace sim {
+namespace tool {
 
 /// An open file descriptor, closed when its owner goes; -1 when there is none.
 class Descriptor {
@@ -25,4 +25,4 @@ class Descriptor {
     int m_fd;
 };
 
-}  // namespace sim
+}  // namespace tool

@@ -1,4 +1,4 @@
-#include "call/Interruption.h"
+#include "Interruption.h"
 
 #include <unistd.h>
 
@@ -7,7 +7,7 @@
 #include <cstring>
 #include <utility>
 
-namespace call {
+namespace tool {
 namespace {
 
 constexpr int SIGNALS[] = {SIGINT, SIGTERM, SIGHUP};
@@ -60,4 +60,4 @@ void Interruption::remove(std::string path) {
     leftover = m_path.c_str();
 }
 
-}  // namespace call
+}  // namespace tool

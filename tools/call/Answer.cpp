@@ -1,0 +1,97 @@
+#include "call/Answer.h"
+
+#include <unistd.h>
+
+#include <algorithm>
+#include <iostream>
+
+#include "fields.h"
+#include "i18n.h"
+#include "status_names.h"
+#include "terminal_text.h"
+
+namespace call {
+namespace {
+
+using manipulaDados::AnswerLayout;
+using manipulaDados::Operation;
+using tool::filled;
+using tool::tr;
+using tool::width;
+
+constexpr std::size_t NAME_COLUMNS = 19;
+constexpr std::size_t LEAST_VALUE_COLUMNS = 20;
+constexpr std::size_t LONGEST_WORD = 80;  ///< longer than any word, shorter than any signature
+constexpr std::size_t ELIDED_COLUMNS = 20;
+
+/// The layout of an answer to `operation`. An earlier answer that comes again shows by its code which
+/// operation it belongs to.
+const AnswerLayout& layoutOf(const Operation& operation, const std::vector<std::string_view>& answer) {
+    if (operation.answer.fields != nullptr) return operation.answer;
+    const std::string_view prefix = answer.size() > 1 ? answer[1].substr(0, 2) : "";
+    for (const Operation& other : manipulaDados::OPERATIONS)
+        if (other.answer.fields != nullptr && prefix == other.codePrefix) return other.answer;
+    return manipulaDados::findOperation(manipulaDados::CMD_CONSULTA_SAT)->answer;
+}
+
+/// Such as "0 (FISCORA_STATUS_OK: the device answered)".
+std::string described(int status) {
+    const std::string name(tool::statusName(status));
+    return std::to_string(status) + " (" + (name.empty() ? "" : "FISCORA_STATUS_" + name + ": ") +
+           tr(tool::statusMeaning(status)) + ")";
+}
+
+/// The lines of a value on a terminal, if `columns` are left for it.
+std::vector<std::string> linesOf(const std::string& value, std::size_t columns, Extent extent) {
+    if (value.find(' ') != std::string::npos || width(value) <= LONGEST_WORD)
+        return tool::wrapped(value, columns);
+    if (extent == Extent::Full) return {value};  // on one line, so that it can be copied
+    const std::string start = tool::cut(value, ELIDED_COLUMNS);
+    return tool::wrapped(start + " " + filled(tr("(%zu bytes; --full shows all)"), value.size()), columns);
+}
+
+void printField(const std::string& name, std::string_view value, Extent extent) {
+    if (value.empty()) {
+        std::cout << name << '\n';
+        return;
+    }
+    const std::string label = name + std::string(std::max(NAME_COLUMNS, width(name) + 1) - width(name), ' ');
+    if (isatty(STDOUT_FILENO) == 0) {
+        std::cout << label << value << '\n';
+        return;
+    }
+    const std::size_t taken = width(label);
+    const std::size_t columns =
+        std::max(tool::terminalColumns(STDOUT_FILENO), taken + LEAST_VALUE_COLUMNS) - taken;
+    std::string indent = label;
+    for (const auto& line : linesOf(tool::withoutControls(tool::toUtf8(value)), columns, extent)) {
+        std::cout << indent << line << '\n';
+        indent = std::string(NAME_COLUMNS, ' ');
+    }
+}
+
+}  // namespace
+
+bool mayHoldDocument(const Operation& operation) {
+    return operation.answer.fields == nullptr || operation.answer.documentField != AnswerLayout::NO_FIELD;
+}
+
+Answer::Answer(const Operation& operation, const std::string& body)
+    : m_fields(body.empty() ? std::vector<std::string_view>() : fieldsOf(body)),
+      m_layout(layoutOf(operation, m_fields)) {}
+
+std::string_view Answer::document() const {
+    const std::size_t field = m_layout.documentField;
+    return field != AnswerLayout::NO_FIELD && field < m_fields.size() ? m_fields[field] : std::string_view();
+}
+
+void Answer::print(int status, Extent extent) const {
+    printField("status", described(status), extent);
+    const auto names = fieldsOf(m_layout.fields);
+    for (std::size_t i = 0; i < m_fields.size(); ++i)
+        printField(i < names.size() ? std::string(names[i]) : filled(tr("field %zu"), i), m_fields[i],
+                   extent);
+    std::cout.flush();
+}
+
+}  // namespace call
