@@ -214,7 +214,7 @@ TEST(DevicePort, NoFaultBringsAnActivationCodeIntoTheTrace) {
         ASSERT_EQ(socketpair(AF_UNIX, SOCK_STREAM, 0, ends.data()), 0);
         const tool::Descriptor line(ends[0]), application(ends[1]);
         std::ostringstream output;
-        sim::FrameTrace trace(output, false);
+        sim::FrameTrace trace(output, sim::FrameTrace::Secrets::Hidden);
         SimulatedDevice device;
         sim::DevicePort port(device, {0, {}, {{&fault, 0, fault.count}}, &trace});
         std::array<char, 65536> unread{};

@@ -1,6 +1,5 @@
 #include "DoctorCommand.h"
 
-#include <algorithm>
 #include <cstdlib>
 #include <iostream>
 #include <map>
@@ -69,7 +68,8 @@ template <typename Report>
 void examine(bool ask, Report report) {
     Examination examination;
     const bool simulated = examination.simulatedLine != nullptr;
-    std::map<std::string_view, const char*> causes;  // a step not in order; the label of its cause
+    std::map<std::string_view, const char*>
+        causes;  // a step that is not in order, and the label of its cause
     for (const Check& check : CHECKS) {
         if (check.scope == Scope::Simulation && !simulated) continue;
         if (check.scope == Scope::Asked && !ask) continue;
@@ -77,15 +77,54 @@ void examine(bool ask, Report report) {
             report(check, doctor::skipped(tr("does not apply to the simulation")));
             continue;
         }
-        const auto cause = causes.find(check.needs);
-        const Finding finding =
-            cause != causes.end()
-                ? doctor::skipped(filled(tr("depends on the step \"%s\"; fix that first"), tr(cause->second)))
-                : check.find(examination);
+        if (const auto cause = causes.find(check.needs); cause != causes.end()) {
+            causes[check.step] = cause->second;
+            report(check, doctor::skipped(
+                              filled(tr("depends on the step \"%s\"; fix that first"), tr(cause->second))));
+            continue;
+        }
+        const Finding finding = check.find(examination);
         if (finding.verdict == Verdict::Error || finding.verdict == Verdict::Skipped)
-            causes[check.step] = cause != causes.end() ? cause->second : check.label;
+            causes[check.step] = check.label;
         report(check, finding);
     }
+}
+
+void print(const Check& check, const Finding& finding) {
+    const std::string advice = finding.advice.empty() ? "" : " " + finding.advice;
+    std::cout << leftAligned(tr(namesOf(finding.verdict).shown), VERDICT_COLUMNS) << "  " << tr(check.label)
+              << ": " << withoutControls(finding.found + "." + advice) << std::endl;
+}
+
+nlohmann::ordered_json jsonOf(const Check& check, const Finding& finding) {
+    return {{"step", check.step},
+            {"verdict", namesOf(finding.verdict).json},
+            {"found", finding.found},
+            {"advice", finding.advice}};
+}
+
+struct Tally {
+    int errors = 0;
+    int warnings = 0;
+    bool sawEverything = true;
+
+    void count(const Finding& finding) {
+        if (finding.verdict == Verdict::Error) ++errors;
+        if (finding.verdict == Verdict::Warning) ++warnings;
+        if (finding.verdict == Verdict::Ok && !finding.advice.empty()) sawEverything = false;
+    }
+};
+
+std::string conclusion(const Tally& tally) {
+    if (tally.errors > 0)
+        return filled(tr("%d problem: fix it and run this again.", "%d problems: start with the first.",
+                         static_cast<unsigned long>(tally.errors)),
+                      tally.errors);
+    if (tally.warnings > 0)
+        return filled(tr("No problem, %d warning.", "No problem, %d warnings.",
+                         static_cast<unsigned long>(tally.warnings)),
+                      tally.warnings);
+    return tally.sawEverything ? tr("Everything is in order.") : tr("No problem found.");
 }
 
 }  // namespace
@@ -105,47 +144,23 @@ DoctorCommand::DoctorCommand(CLI::App& application)
 
 int DoctorCommand::run(const std::vector<std::string>& operands) {
     refuseExtras(operands);
-    int errors = 0;
-    int warnings = 0;
-    bool knowsAll = true;
+    Tally tally;
     auto findings = nlohmann::ordered_json::array();
     examine(m_ask, [&](const Check& check, const Finding& finding) {
-        if (finding.verdict == Verdict::Error) ++errors;
-        if (finding.verdict == Verdict::Warning) ++warnings;
-        if (finding.verdict == Verdict::Ok && !finding.advice.empty()) knowsAll = false;
-        if (m_json) {
-            findings.push_back({{"step", check.step},
-                                {"verdict", namesOf(finding.verdict).json},
-                                {"found", finding.found},
-                                {"advice", finding.advice}});
-            return;
-        }
-        const std::string verdict = tr(namesOf(finding.verdict).shown);
-        std::cout << verdict << std::string(VERDICT_COLUMNS - std::min(VERDICT_COLUMNS, width(verdict)), ' ')
-                  << "  " << tr(check.label) << ": "
-                  << withoutControls(finding.found + "." + (finding.advice.empty() ? "" : " ") +
-                                     finding.advice)
-                  << std::endl;
+        tally.count(finding);
+        if (m_json)
+            findings.push_back(jsonOf(check, finding));
+        else
+            print(check, finding);
     });
-
     if (m_json) {
         const nlohmann::ordered_json result{
-            {"findings", findings}, {"errors", errors}, {"warnings", warnings}};
+            {"findings", findings}, {"errors", tally.errors}, {"warnings", tally.warnings}};
         std::cout << result.dump(2, ' ', false, nlohmann::ordered_json::error_handler_t::replace) << "\n";
-    } else if (errors > 0) {
-        std::cout << filled(tr("%d problem: fix it and run this again.", "%d problems: start with the first.",
-                               static_cast<unsigned long>(errors)),
-                            errors)
-                  << '\n';
-    } else if (warnings > 0) {
-        std::cout << filled(tr("No problem, %d warning.", "No problem, %d warnings.",
-                               static_cast<unsigned long>(warnings)),
-                            warnings)
-                  << '\n';
     } else {
-        std::cout << (knowsAll ? tr("Everything is in order.") : tr("No problem found.")) << '\n';
+        std::cout << conclusion(tally) << '\n';
     }
-    return errors + warnings == 0 ? EXIT_SUCCESS : EXIT_FAILURE;
+    return tally.errors + tally.warnings == 0 ? EXIT_SUCCESS : EXIT_FAILURE;
 }
 
 }  // namespace tool

@@ -1,48 +1,30 @@
 #include "SimCommand.h"
 
-#include <fcntl.h>
 #include <poll.h>
-#include <sys/prctl.h>
-#include <sys/signalfd.h>
-#include <sys/stat.h>
-#include <sys/wait.h>
-#include <sys/xattr.h>
 #include <unistd.h>
 
 #include <algorithm>
 #include <array>
-#include <cerrno>
 #include <chrono>
 #include <csignal>
 #include <cstdlib>
-#include <cstring>
 #include <filesystem>
 #include <iostream>
 #include <map>
 #include <optional>
-#include <string_view>
-#include <system_error>
 
 #include "i18n.h"
+#include "sim/Child.h"
 #include "sim/Fault.h"
 #include "sim/FrameTrace.h"
-#include "sim/LineContract.h"
 #include "sim/PtyLine.h"
-#include "sim/device_guard.h"
-#include "sim/search_stand_in.h"
+#include "sim/program.h"
 #include "terminal_text.h"
 
 namespace tool {
 namespace {
 
 namespace fs = std::filesystem;
-
-// Exit statuses of shells, env and timeout.
-constexpr int CANNOT_EXECUTE = 126;
-constexpr int NOT_FOUND = 127;
-constexpr int KILLED_BY_SIGNAL = 128;
-
-constexpr char PRELOAD_LIBRARY[] = "libfiscora-sim.so";
 
 // Limits of a planned fault's numbers.
 constexpr unsigned MAX_BAD_ANSWERS = 1000;
@@ -53,158 +35,8 @@ int fail(int status, const std::string& text) {
     return status;
 }
 
-/// PATH, or what shells take in its place.
-std::string searchPath() {
-    const char* const path = std::getenv("PATH");
-    return path != nullptr ? path : "/usr/local/bin:/usr/bin:/bin";
-}
-
-/// Path of the program that a shell would run for `name`: the first one on the search path that can be
-/// executed, else the first one. Empty if there is none.
-fs::path findProgram(const std::string& name) {
-    if (name.find('/') != std::string::npos) return access(name.c_str(), F_OK) == 0 ? name : "";
-    const std::string searched = searchPath();
-    std::string_view rest = searched;
-    fs::path inert;
-    while (!name.empty()) {
-        const std::string_view folder = rest.substr(0, rest.find(':'));
-        fs::path candidate = fs::path(folder.empty() ? "." : folder) / name;
-        std::error_code ignored;
-        if (fs::is_regular_file(candidate, ignored)) {
-            if (access(candidate.c_str(), X_OK) == 0) return candidate;
-            if (inert.empty()) inert = candidate;
-        }
-        if (folder.size() == rest.size()) break;
-        rest.remove_prefix(folder.size() + 1);
-    }
-    return inert;
-}
-
-/// Whether the program gains privileges when it starts. The guard would keep them from it, and it might fail
-/// in a way that nobody understands.
-bool raisesPrivileges(const fs::path& program) {
-    struct stat file {};
-    if (stat(program.c_str(), &file) != 0) return false;
-    return ((file.st_mode & S_ISUID) != 0 && file.st_uid != geteuid()) ||
-           ((file.st_mode & S_ISGID) != 0 && file.st_gid != getegid()) ||
-           getxattr(program.c_str(), "security.capability", nullptr, 0) > 0;
-}
-
-/// Folder of the preloaded library and of the stand-in for `ls`: that of this program in a build tree, or
-/// below the libraries' folder once installed. LD_PRELOAD is cut at blanks and colons, PATH at colons, so a
-/// path that has one is replaced by a link in the line's folder.
-std::string supportFolder(const sim::PtyLine& line) {
-    const std::string standIn = std::string(sim::STAND_IN_FOLDER) + "/ls";
-    const fs::path here = fs::read_symlink("/proc/self/exe").parent_path();
-    for (const char* folder : {".", FISCORA_PRELOAD_FOLDER}) {
-        if (!fs::exists(here / folder / PRELOAD_LIBRARY) || !fs::exists(here / folder / standIn)) continue;
-        const fs::path found = fs::canonical(here / folder);
-        if (found.string().find_first_of(" :") == std::string::npos) return found;
-        fs::create_symlink(found, line.folder() + "/support");
-        return line.folder() + "/support";
-    }
-    throw std::runtime_error(filled(tr("%s or %s is missing; they belong next to this program or in %s"),
-                                    PRELOAD_LIBRARY, standIn.c_str(), FISCORA_PRELOAD_FOLDER));
-}
-
-/// The environment in which programs meet the simulated device, or find none.
-class Environment {
-  public:
-    explicit Environment(const sim::PtyLine& line) : m_line(line.path()) {
-        const std::string folder = supportFolder(line);
-        m_preload = folder + "/" + PRELOAD_LIBRARY;
-        const char* const present = std::getenv("LD_PRELOAD");
-        if (present != nullptr && *present != '\0') m_preload.append(":").append(present);
-        m_path = folder + "/" + sim::STAND_IN_FOLDER + ":" + searchPath();
-    }
-    void enter() const {
-        setenv("LD_PRELOAD", m_preload.c_str(), 1);
-        setenv("PATH", m_path.c_str(), 1);
-        setenv(sim::LINE_VARIABLE, m_line.c_str(), 1);
-    }
-
-  private:
-    std::string m_line;
-    std::string m_preload;
-    std::string m_path;
-};
-
-/// Holds back the signals that concern `fiscora sim`, so that they are read one by one and none ends it
-/// before it has cleaned up.
-class Signals {
-  public:
-    Signals() {
-        std::signal(SIGCHLD, SIG_DFL);  // the kernel keeps no exit status while it is ignored
-        sigset_t caught{};
-        sigemptyset(&caught);
-        for (const int signal : {SIGCHLD, SIGINT, SIGQUIT, SIGTERM, SIGHUP, SIGPIPE})
-            sigaddset(&caught, signal);
-        sigprocmask(SIG_BLOCK, &caught, &m_before);
-        m_fd = tool::Descriptor(signalfd(-1, &caught, SFD_NONBLOCK | SFD_CLOEXEC));
-        if (m_fd.get() < 0) throw std::system_error(errno, std::generic_category(), "signalfd");
-    }
-    int fd() const { return m_fd.get(); }
-    /// For the command, which starts with the signals that `fiscora sim` was started with.
-    void restore() const { sigprocmask(SIG_SETMASK, &m_before, nullptr); }
-    std::optional<signalfd_siginfo> next() const {
-        signalfd_siginfo signal{};
-        return read(m_fd.get(), &signal, sizeof signal) == sizeof signal ? std::optional(signal)
-                                                                         : std::nullopt;
-    }
-
-  private:
-    sigset_t m_before{};
-    tool::Descriptor m_fd;
-};
-
-/// The running command.
-class Child {
-  public:
-    /// Starts `program` with `words` as its arguments (the first one its name) on the simulated line.
-    Child(const fs::path& program, const std::vector<std::string>& words, const sim::PtyLine& line,
-          const Signals& signals) {
-        const Environment environment(line);
-        std::vector<char*> arguments;
-        for (const std::string& word : words) arguments.push_back(const_cast<char*>(word.c_str()));
-        arguments.push_back(nullptr);
-
-        m_pid = fork();
-        if (m_pid < 0)
-            throw std::system_error(errno, std::generic_category(), tr("cannot start the command"));
-        if (m_pid > 0) return;
-        signals.restore();
-        prctl(PR_SET_PDEATHSIG, SIGTERM);
-        environment.enter();
-        sim::guardDevices();
-        execvp(program.c_str(), arguments.data());  // runs a script without "#!" as a shell would
-        const int reason = errno;
-        const bool lost = reason == ENOENT;  // the program itself has been found
-        fail(0, program.string() + ": " + (lost ? tr("its interpreter is missing") : std::strerror(reason)));
-        _exit(lost ? NOT_FOUND : CANNOT_EXECUTE);
-    }
-    Child(const Child&) = delete;
-    Child& operator=(const Child&) = delete;
-    ~Child() {
-        if (m_pid <= 0) return;
-        kill(m_pid, SIGTERM);
-        waitpid(m_pid, nullptr, 0);
-    }
-
-    void pass(int signal) const { kill(m_pid, signal); }
-    /// The exit status, once the command has ended.
-    std::optional<int> ended() {
-        int status = 0;
-        if (waitpid(m_pid, &status, WNOHANG) != m_pid) return std::nullopt;
-        m_pid = -1;
-        return WIFSIGNALED(status) ? KILLED_BY_SIGNAL + WTERMSIG(status) : WEXITSTATUS(status);
-    }
-
-  private:
-    pid_t m_pid = -1;
-};
-
 /// Handles what has arrived; the command's exit status when it has ended.
-std::optional<int> handleSignals(const Signals& signals, Child& child) {
+std::optional<int> handleSignals(const sim::Signals& signals, sim::Child& child) {
     while (const auto signal = signals.next()) {
         const auto number = static_cast<int>(signal->ssi_signo);
         if (number == SIGCHLD) {
@@ -219,7 +51,7 @@ std::optional<int> handleSignals(const Signals& signals, Child& child) {
 }
 
 /// Plays the device until the command has ended; returns its exit status.
-int play(sim::DevicePort& port, sim::PtyLine& line, const Signals& signals, Child& child) {
+int play(sim::DevicePort& port, sim::PtyLine& line, const sim::Signals& signals, sim::Child& child) {
     port.attach(line.fd());
     for (;;) {
         const auto [devicesEnd, timeoutMs] = port.interest();
@@ -270,10 +102,9 @@ void listFaults() {
     constexpr std::size_t NAME_COLUMNS = 19;
     constexpr std::size_t STATUS_COLUMNS = 8;
     const auto print = [](const std::string& kind, const std::string& status, const std::string& text) {
-        std::string head = kind + std::string(NAME_COLUMNS - kind.size(), ' ') + status;
+        std::string head = leftAligned(kind, NAME_COLUMNS) + status;
         for (const auto& line : wrapped(text, TERMINAL_COLUMNS - NAME_COLUMNS - STATUS_COLUMNS)) {
-            head.resize(NAME_COLUMNS + STATUS_COLUMNS, ' ');
-            std::cout << head << line << "\n";
+            std::cout << leftAligned(head, NAME_COLUMNS + STATUS_COLUMNS) << line << "\n";
             head.clear();
         }
     };
@@ -353,26 +184,27 @@ int SimCommand::run(const std::vector<std::string>& operands) {
         return EXIT_SUCCESS;
     }
     if (operands.empty() || operands.front().empty()) throw CLI::ValidationError(tr("COMMAND is missing"));
-    const fs::path program = findProgram(operands.front());
-    if (program.empty()) return fail(NOT_FOUND, operands.front() + ": " + tr("command not found"));
+    const fs::path program = sim::findProgram(operands.front());
+    if (program.empty()) return fail(sim::NOT_FOUND, operands.front() + ": " + tr("command not found"));
     if (fs::is_directory(program) || access(program.c_str(), X_OK) != 0) {
-        return fail(CANNOT_EXECUTE, program.string() + ": " + tr("not an executable file"));
+        return fail(sim::CANNOT_EXECUTE, program.string() + ": " + tr("not an executable file"));
     }
-    if (raisesPrivileges(program)) {
+    if (sim::raisesPrivileges(program)) {
         return fail(
-            CANNOT_EXECUTE,
+            sim::CANNOT_EXECUTE,
             program.string() + ": " +
                 tr("gains privileges, which the simulation does not allow; run fiscora itself with those "
                    "privileges"));
     }
 
-    sim::FrameTrace trace(std::cerr, m_traceSecrets);
+    sim::FrameTrace trace(
+        std::cerr, m_traceSecrets ? sim::FrameTrace::Secrets::Shown : sim::FrameTrace::Secrets::Hidden);
     if (m_trace || m_traceSecrets) m_port.trace = &trace;
     sim::SimulatedDevice device(m_device);
     sim::DevicePort port(device, m_port);
-    const Signals signals;
+    const sim::Signals signals;
     sim::PtyLine line;
-    Child child(program, operands, line, signals);
+    sim::Child child(program, operands, line, signals);
     return play(port, line, signals, child);
 }
 

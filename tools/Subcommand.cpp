@@ -26,14 +26,17 @@ std::vector<std::string> linesOf(std::string_view text, std::size_t columns) {
 
 /// A name and, in a column of its own, what it means.
 std::string entry(const std::string& name, const std::string& explanation) {
-    std::string text = std::string(INDENT, ' ') + name;
-    bool fits = width(text) < EXPLANATION;
-    for (const auto& line : linesOf(explanation, TERMINAL_COLUMNS - EXPLANATION)) {
-        text += fits ? std::string(EXPLANATION - width(text), ' ') : "\n" + std::string(EXPLANATION, ' ');
-        text += line;
-        fits = false;
+    std::string text;
+    std::string start = std::string(INDENT, ' ') + name;
+    if (explanation.empty() || width(start) >= EXPLANATION) {
+        text = start + "\n";
+        start.clear();
     }
-    return text + "\n";
+    for (const auto& line : linesOf(explanation, TERMINAL_COLUMNS - EXPLANATION)) {
+        text += leftAligned(start, EXPLANATION) + line + "\n";
+        start.clear();
+    }
+    return text;
 }
 
 /// The option that `text`, CLI11's, is about; null if it names none.

@@ -35,6 +35,11 @@ Character first(std::string_view text) {
     return {bytes, true, code};
 }
 
+/// What `text` lacks to `columns`.
+std::string blanks(std::string_view text, std::size_t columns) {
+    return std::string(columns - std::min(columns, width(text)), ' ');
+}
+
 bool isControl(std::uint32_t code) { return code < 0x20 || (code >= 0x7F && code < 0xA0); }
 
 /// Where the character at `columns` begins; the size of `text` if it has no more than that.
@@ -91,6 +96,14 @@ std::size_t width(std::string_view text) {
     std::size_t columns = 0;
     for (; !text.empty(); ++columns) text.remove_prefix(first(text).bytes);
     return columns;
+}
+
+std::string leftAligned(std::string_view text, std::size_t columns) {
+    return std::string(text) + blanks(text, columns);
+}
+
+std::string rightAligned(std::string_view text, std::size_t columns) {
+    return blanks(text, columns) + std::string(text);
 }
 
 std::string cut(std::string_view text, std::size_t columns) {

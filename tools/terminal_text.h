@@ -27,6 +27,10 @@ std::string toUtf8(std::string_view text);
 /// How many columns `text`, UTF-8, takes: one per character.
 std::size_t width(std::string_view text);
 
+/// `text`, UTF-8, with blanks after or before it up to `columns`; unchanged if it is longer.
+std::string leftAligned(std::string_view text, std::size_t columns);
+std::string rightAligned(std::string_view text, std::size_t columns);
+
 /// The first `columns` characters of `text`, UTF-8; "…" stands in place of the last one if more follow.
 std::string cut(std::string_view text, std::size_t columns);
 

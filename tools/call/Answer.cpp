@@ -55,7 +55,7 @@ void printField(const std::string& name, std::string_view value, Extent extent) 
         std::cout << name << '\n';
         return;
     }
-    const std::string label = name + std::string(std::max(NAME_COLUMNS, width(name) + 1) - width(name), ' ');
+    const std::string label = tool::leftAligned(name, std::max(NAME_COLUMNS, width(name) + 1));
     if (isatty(STDOUT_FILENO) == 0) {
         std::cout << label << value << '\n';
         return;

@@ -15,6 +15,8 @@ namespace logs {
 namespace {
 
 using nlohmann::ordered_json;
+using tool::leftAligned;
+using tool::rightAligned;
 using tool::tr;
 using tool::translatable;
 using tool::width;
@@ -32,13 +34,6 @@ constexpr std::array<OutcomeNames, OUTCOMES> OUTCOME_NAMES = {{
 }};
 
 const OutcomeNames& namesOf(Outcome outcome) { return OUTCOME_NAMES[static_cast<std::size_t>(outcome)]; }
-
-std::string left(const std::string& text, std::size_t columns) {
-    return text + std::string(columns - std::min(columns, width(text)), ' ');
-}
-std::string right(const std::string& text, std::size_t columns) {
-    return std::string(columns - std::min(columns, width(text)), ' ') + text;
-}
 
 // Columns of the table.
 constexpr std::size_t TIME = 8, LONGEST_OPERATION = 29, SESSION = 6, DURATION = 7, GAP = 2;
@@ -149,9 +144,9 @@ ExchangeTable::ExchangeTable(std::ostream& out, const std::vector<Exchange>& exc
 
 void ExchangeTable::printHeading() {
     const std::string gap(GAP, ' ');
-    m_out << left(tr("Time"), TIME) << gap << left(tr("Operation"), m_operation) << gap
-          << right(tr("Session"), m_session) << gap << right(tr("Took"), DURATION) << gap << tr("Result")
-          << '\n';
+    m_out << leftAligned(tr("Time"), TIME) << gap << leftAligned(tr("Operation"), m_operation) << gap
+          << rightAligned(tr("Session"), m_session) << gap << rightAligned(tr("Took"), DURATION) << gap
+          << tr("Result") << '\n';
 }
 
 void ExchangeTable::print(const Exchange& exchange) {
@@ -161,9 +156,9 @@ void ExchangeTable::print(const Exchange& exchange) {
 
     const std::string gap(GAP, ' ');
     const std::string call = timeText(exchange.time(), "%H:%M:%S") + gap +
-                             left(known(exchange.operation), m_operation) + gap +
-                             right(known(exchange.session), m_session) + gap +
-                             right(durationText(exchange.duration()), DURATION) + gap;
+                             leftAligned(known(exchange.operation), m_operation) + gap +
+                             rightAligned(known(exchange.session), m_session) + gap +
+                             rightAligned(durationText(exchange.duration()), DURATION) + gap;
     std::string result = resultText(exchange);
     const OutcomeNames& names = namesOf(exchange.outcome());
     if (m_colours == Colours::On) {
@@ -190,8 +185,8 @@ void printSummary(std::ostream& out, const std::vector<Exchange>& exchanges) {
     for (const auto& row : rows)
         for (std::size_t i = 0; i < row.size(); ++i) widths[i] = std::max(widths[i], width(row[i]));
     for (const auto& row : rows) {
-        out << left(row[0], widths[0]);
-        for (std::size_t i = 1; i < row.size(); ++i) out << "  " << right(row[i], widths[i]);
+        out << leftAligned(row[0], widths[0]);
+        for (std::size_t i = 1; i < row.size(); ++i) out << "  " << rightAligned(row[i], widths[i]);
         out << '\n';
     }
 }

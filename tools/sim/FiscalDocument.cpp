@@ -221,14 +221,17 @@ void appendSignature(pugi::xml_node root, const std::string& key) {
            base64("certificado simulado, sem valor fiscal"));
 }
 
-/// Copies the item and counts it in `totals`; `withAmounts` also adds the amounts that a device adds.
-void appendItem(pugi::xml_node information, const pugi::xml_node& item, bool withAmounts, Totals& totals) {
+/// Whether the items get the amounts that a device adds.
+enum class ItemAmounts { Added, LeftOut };
+
+/// Copies the item and counts it in `totals`.
+void appendItem(pugi::xml_node information, const pugi::xml_node& item, ItemAmounts amounts, Totals& totals) {
     pugi::xml_node product = information.append_copy(item).child("prod");
     const Cents amount = productAmount(product);
     const Cents discount = cents(product.child("vDesc"));
     const Cents surcharge = cents(product.child("vOutro"));
     totals.add(amount, discount, surcharge);
-    if (!withAmounts || !product) return;
+    if (amounts == ItemAmounts::LeftOut || !product) return;
     if (!product.child("vProd")) {
         product.insert_child_after("vProd", product.child("vUnCom")).text().set(money(amount).c_str());
     }
@@ -263,7 +266,7 @@ std::string customerOf(const pugi::xml_node& given) {
 }
 
 void buildSale(pugi::xml_document& document, const pugi::xml_node& given, const Issuer& issuer,
-               const Numbering& numbering, bool withItemAmounts) {
+               const Numbering& numbering, ItemAmounts amounts) {
     pugi::xml_node root = document.append_child("CFe");
     pugi::xml_node information = root.append_child("infCFe");
     information.append_attribute("Id") = numbering.key.c_str();
@@ -280,8 +283,7 @@ void buildSale(pugi::xml_document& document, const pugi::xml_node& given, const 
     appendCopy(information, given.child("dest"));
     appendCopy(information, given.child("entrega"));
     Totals totals;
-    for (const pugi::xml_node& item : given.children("det"))
-        appendItem(information, item, withItemAmounts, totals);
+    for (const pugi::xml_node& item : given.children("det")) appendItem(information, item, amounts, totals);
     appendTotal(information, given.child("total"), totals);
     appendPayment(information, given.child("pgto"), cents(information.child("total").child("vCFe")));
     appendCopy(information, given.child("infAdic"));
@@ -343,10 +345,10 @@ SignedDocument signSale(const std::string& sale, const Issuer& issuer, std::size
     const Numbering numbering = number(issuer, given.child("emit"));
 
     pugi::xml_document document;
-    buildSale(document, given, issuer, numbering, true);
+    buildSale(document, given, issuer, numbering, ItemAmounts::Added);
     if (serialized(document).size() > maxBytes) {
         document.reset();
-        buildSale(document, given, issuer, numbering, false);
+        buildSale(document, given, issuer, numbering, ItemAmounts::LeftOut);
     }
     const std::size_t bytes = serialized(document).size();
     const pugi::xml_node information = document.document_element().child("infCFe");

@@ -2,12 +2,12 @@
 
 #include <sys/time.h>
 
-#include <algorithm>
 #include <array>
 #include <cstdio>
 #include <ostream>
 #include <string>
 
+#include "fields.h"
 #include "local_time.h"
 #include "protocol/Message.h"
 #include "sim/SimulatedDevice.h"
@@ -50,34 +50,29 @@ std::string shortened(std::string_view field) {
 
 }  // namespace
 
-void FrameTrace::request(const pbs::Message& message) { frame("-->", message, !m_showSecrets); }
+void FrameTrace::request(const pbs::Message& message) { frame("-->", message, m_secrets); }
 
-void FrameTrace::answer(const pbs::Message& message) { frame("<--", message, false); }
+void FrameTrace::answer(const pbs::Message& message) { frame("<--", message, Secrets::Shown); }
 
 void FrameTrace::note(std::string_view text) {
     m_out << timeOfDay() + "     " + visible(text) + "\n" << std::flush;
 }
 
-void FrameTrace::frame(std::string_view direction, const pbs::Message& message, bool hideSecrets) {
+void FrameTrace::frame(std::string_view direction, const pbs::Message& message, Secrets secrets) {
     const std::string code = message.code();
-    std::string head = message.headers();
+    const std::string head = message.headers();
     std::string text = timeOfDay() + " " + std::string(direction) + " " + visible(code) + ", " +
                        std::to_string(head.size() + message.bodySize()) + " bytes\n";
-    for (std::size_t start = 0, end = 0; (end = head.find("\r\n", start)) != std::string::npos;
-         start = end + 2) {
-        if (end > start) text += "    " + visible(head.substr(start, end - start)) + "\n";
-    }
+    for (const auto line : fieldsOf(head, '\n'))
+        if (line.size() > 1)
+            text += "    " + visible(line.substr(0, line.size() - 1)) + "\n";  // without its CR
 
     pbs::Message plain(message);
     if (plain.isCompressed()) plain.uncompress();
-    text += "    | ";
-    const std::string& body = plain.body();
-    std::size_t field = 0;
-    for (std::size_t start = 0, end = 0; start <= body.size(); start = end + 1, ++field) {
-        end = std::min(body.find('|', start), body.size());
-        const bool hidden = hideSecrets && SimulatedDevice::isSecret(code, field);
-        text += hidden ? "***" : shortened(std::string_view(body).substr(start, end - start));
-        if (end < body.size()) text += '|';
+    const auto fields = fieldsOf(plain.body());
+    for (std::size_t i = 0; i < fields.size(); ++i) {
+        const bool isHidden = secrets == Secrets::Hidden && SimulatedDevice::isSecret(code, i);
+        text += (i == 0 ? "    | " : "|") + (isHidden ? "***" : shortened(fields[i]));
     }
     m_out << text + "\n" << std::flush;
 }

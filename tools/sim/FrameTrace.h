@@ -10,11 +10,14 @@ class Message;
 namespace sim {
 
 /// Prints frames for a person to read: time of day and direction, head lines, then the body's text with long
-/// fields shortened and control characters made visible. Activation codes show as "***" unless asked for.
+/// fields shortened and control characters made visible.
 class FrameTrace {
   public:
+    /// Whether activation codes show as "***".
+    enum class Secrets { Hidden, Shown };
+
     /// `out` outlives the trace.
-    FrameTrace(std::ostream& out, bool showSecrets) : m_out(out), m_showSecrets(showSecrets) {}
+    FrameTrace(std::ostream& out, Secrets secrets) : m_out(out), m_secrets(secrets) {}
 
     void request(const pbs::Message& message);
     void answer(const pbs::Message& message);
@@ -22,10 +25,10 @@ class FrameTrace {
     void note(std::string_view text);
 
   private:
-    void frame(std::string_view direction, const pbs::Message& message, bool hideSecrets);
+    void frame(std::string_view direction, const pbs::Message& message, Secrets secrets);
 
     std::ostream& m_out;
-    bool m_showSecrets;
+    Secrets m_secrets;
 };
 
 }  // namespace sim
