@@ -96,7 +96,7 @@ void checkRecord() {
         refuse(filled(tr("cannot write %s: %s"), RECORD, tr("not a regular file")));
 }
 
-/// Adds a row to the performance record; whether it is there.
+/// Adds a row to the performance record. Whether the row is in the file.
 bool record(pbs::Message& answer) {
     std::error_code absent;
     const auto before = std::filesystem::file_size(RECORD, absent);

@@ -7,9 +7,9 @@
 
 namespace tool {
 
-/// The right to talk to the device, for the length of a call: two calls at the same time take each other's
-/// answers. It is a lock (flock) on the device's node, so it holds for all users of the machine, goes when
-/// its program ends, and can be taken by other programs, such as flock(1), as well.
+/// The right to talk to the device, for the length of a call: two calls at the same time would take each
+/// other's answers. It is a lock (flock) on the device's node, so it holds for all users of the machine, goes
+/// when its program ends, and can be taken by other programs, such as flock(1), as well.
 class DeviceLock {
   public:
     enum class State {

@@ -48,7 +48,7 @@ std::vector<logs::LogFile> logsIn(const fs::path& directory, const std::string& 
     }
 }
 
-/// `given`, or the log directory in it: the working directory of the application is easily taken for it.
+/// `given`, or the log directory in it: people tend to name the application's working directory.
 fs::path logDirectory(const fs::path& given) {
     const fs::path inside = (given / LOG_DIRECTORY).lexically_normal();
     std::error_code error;
@@ -112,7 +112,7 @@ logs::ExchangeTable::Colours coloursOfOutput() {
 int follow(const fs::path& directory) {
     constexpr std::size_t SHOWN_AT_START = 10;
     constexpr timespec PAUSE{0, 200'000'000};
-    // Blocked signals wait for sigtimedwait, so none can end us in the middle of a line.
+    // Signals stay blocked until sigtimedwait, so none ends the program in the middle of a line.
     sigset_t ending;
     sigemptyset(&ending);
     sigaddset(&ending, SIGINT);

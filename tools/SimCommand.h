@@ -6,7 +6,7 @@
 
 namespace tool {
 
-/// `fiscora sim`: runs a command with a simulated device in the place of the real one.
+/// `fiscora sim`: runs a command with a simulated device in place of the real one.
 class SimCommand : public Subcommand {
   public:
     explicit SimCommand(CLI::App& application);

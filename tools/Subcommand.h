@@ -54,7 +54,7 @@ CLI::Validator numberFrom(long least, long most);
 /// Refuses what is not one of `names`.
 CLI::Validator oneOf(std::vector<std::string> names);
 
-/// Refuses words that nothing expects; returns if there are none.
+/// Throws CLI::ValidationError, saying that `words` are unexpected, unless there are none.
 void refuseExtras(const std::vector<std::string>& words);
 
 /// What is wrong with the command line of `application`, of which `options` were parsed, in the user's

@@ -12,7 +12,7 @@
 namespace tool {
 namespace {
 
-/// What `category` has in the environment, by the order of POSIX.
+/// The locale that the environment sets for `category`, in the order of POSIX.
 const char* localeOf(const char* category) {
     for (const char* const name : {"LC_ALL", category, "LANG"}) {
         const char* const value = std::getenv(name);

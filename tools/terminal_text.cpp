@@ -15,8 +15,8 @@ struct Character {
     std::uint32_t code = 0;  ///< of Unicode, if it is UTF-8
 };
 
-/// UTF-8 by RFC 3629: neither longer than necessary, nor a surrogate, nor beyond U+10FFFF. Unicode's
-/// noncharacters do not count either: XML takes none of them.
+/// UTF-8 by RFC 3629: no overlong form, no surrogate, nothing beyond U+10FFFF. Unicode's noncharacters do not
+/// count either, because XML cannot contain them.
 Character first(std::string_view text) {
     const auto lead = static_cast<unsigned char>(text.front());
     if (lead < 0x80) return {1, true, lead};
@@ -35,14 +35,14 @@ Character first(std::string_view text) {
     return {bytes, true, code};
 }
 
-/// What `text` lacks to `columns`.
+/// The blanks that fill `text` up to `columns`.
 std::string blanks(std::string_view text, std::size_t columns) {
     return std::string(columns - std::min(columns, width(text)), ' ');
 }
 
 bool isControl(std::uint32_t code) { return code < 0x20 || (code >= 0x7F && code < 0xA0); }
 
-/// Where the character at `columns` begins; the size of `text` if it has no more than that.
+/// The offset of the character at column `columns`; the size of `text` if it is shorter.
 std::size_t offsetOf(std::string_view text, std::size_t columns) {
     std::size_t offset = 0;
     for (; columns > 0 && offset < text.size(); --columns) offset += first(text.substr(offset)).bytes;

@@ -17,8 +17,8 @@ class __attribute__((visibility("hidden"))) LogFile {
     int fd() const { return m_fd; }
     /// Whether the file still has a name.
     bool isLinked() const;
-    /// Locks the file until it is closed, shared by those who append or alone for who archives (flock). False
-    /// if another process holds it; true also on file systems without locks.
+    /// Locks the file until it is closed (flock): shared to append, alone to archive. False if another
+    /// process holds it; true also on file systems without locks.
     bool lockShared() const;
     bool lockAlone() const;
     /// Appends `line` and a newline in one write. What does not fit on the disk is lost.

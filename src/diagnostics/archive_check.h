@@ -4,7 +4,7 @@
 
 class LogFile;
 
-/// Whether the tar archive at path `archive`, compressed by gzip or plain, can be read to its end and holds
+/// Whether the tar archive at path `archive`, compressed by gzip or plain, is intact and holds
 /// an entry `name` with the present content of `log`, byte for byte.
 __attribute__((visibility("hidden"))) bool archiveHolds(const std::string& archive, const std::string& name,
                                                         const LogFile& log);

@@ -33,12 +33,11 @@ constexpr std::size_t SUFFIX_POSITION = 22;
 /// If a day begins with this many files or more, the oldest goes.
 constexpr std::size_t MAX_FILES = 8;
 
-// Who archives a log waits this long for the processes that are just appending to it.
+// A process that archives a log waits this long for those that are appending to it.
 constexpr useconds_t LOCK_POLL_US = 1'000;
 constexpr int MAX_LOCK_POLLS = 20;
 
-/// How often a line looks for its file before it gives up: each time another process has just taken the day's
-/// file away.
+/// How often a line is tried: each time, another process has just taken the day's file away.
 constexpr int MAX_TRIES = 3;
 
 /// Opens the standard streams that the application has closed, on /dev/null. Without them tar fails.
@@ -122,8 +121,8 @@ void LogDebug::saveLog(const std::string& level, const std::string& text) {
         const std::string fileName = getFileNameLog();
         const auto [file, isNew] = openDayFile(fileName);
         if (!file.isOpen()) return;
-        // Nobody archives the file under this lock. Whether the day is over is looked at under it, too: a log
-        // that another process has archived by now must not be begun again and archived over the whole day.
+        // Nobody archives the file under this lock. The date is checked under it too: a log that another
+        // process has archived by now must not be started again, and replace the archive of the whole day.
         file.lockShared();
         if (!file.isLinked()) continue;
         if (currentDate() != m_currentDate) {
@@ -153,7 +152,7 @@ void LogDebug::compress(const std::string& fileName) {
     print("cmd to zip " + command);
     [[maybe_unused]] const int result = system(command.c_str());  // the archive itself tells more
     const bool isArchived = archiveHolds(archive, fileName, log);
-    // What a failed tar has left must not replace an earlier archive of that day.
+    // What a failed tar leaves must not replace an earlier archive of that day.
     if (!isArchived) remove(archive.c_str());
     sync();
     std::string finalName = archive;

@@ -8,9 +8,9 @@
 /// oldest of eight or more files is removed. Nothing here fails a fiscal operation: a line that cannot be
 /// written is dropped.
 ///
-/// Several processes may share the folder, and none waits for another: a line is one append. Only who
-/// archives a day excludes those who append, by a lock on that day's file (flock), and whoever cannot have
-/// the lock within 20 ms goes on without archiving.
+/// Several processes may share the folder, and none waits for another: a line is one append. Only a
+/// process that archives a day shuts out those that append, by a lock on that day's file (flock); if it does
+/// not get the lock within 20 ms, it goes on without archiving.
 class LogDebug {
   public:
     /// The one instance. The first call makes it, with the log's folder; it lives to the end of the process.

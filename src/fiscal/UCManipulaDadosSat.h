@@ -23,7 +23,7 @@ using Argument = std::variant<int, const char*>;
 /// A request's text; none if it cannot be made.
 using Request = std::optional<std::string>;
 
-/// The fiscal operations. Each makes one request of its arguments, exchanges it with the device and returns
+/// The fiscal operations. Each builds a request from its arguments, exchanges it with the device and returns
 /// the address of `g_resp`. fiscora.h documents those with a flat function, and what all have in common. The
 /// operations and Base64ToAscii throw nothing, since C calls them.
 class ManipulaDadosSat {

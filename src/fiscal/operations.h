@@ -7,8 +7,8 @@
 
 #include "answer_size.h"
 
-/// Where the three document operations build their requests: a document of an answer's size, and what else
-/// the request holds. Each keeps its last request.
+/// The three document operations build their requests here: room for a document as long as an answer, and for
+/// the other fields. Each buffer keeps its last request.
 extern char g_bufferVenda[manipulaDados::ANSWER_MAX_BYTES + 40];
 extern char g_bufferCancela[manipulaDados::ANSWER_MAX_BYTES + 88];
 extern char g_bufferFimAFim[manipulaDados::ANSWER_MAX_BYTES + 40];
@@ -90,7 +90,7 @@ struct RequestBuffer {
     char* shared = nullptr;  ///< one of the buffers above; null if each call makes its own
 };
 
-/// What is done to a request's text before it is sent.
+/// How a request's text is changed before it is sent.
 enum class Cleaning { None, EmptyFields, TagsAndEmptyFields };
 
 /// What an operation does to the device: only asks it, changes it, or has it issue a fiscal document.
@@ -129,7 +129,7 @@ struct Operation {
     }
 };
 
-/// All of them, in the order of the class.
+/// All operations, in the order of ManipulaDadosSat.
 extern const std::array<Operation, 20> OPERATIONS;
 
 /// The operation of that name; null if there is none.

@@ -51,9 +51,9 @@ void error(const char* text) {
     logOrDrop([&](LogDebug& log) { log.saveLog("error", text); });
 }
 
-/// Blocks signals in the calling thread while it lives, except those raised by its own faults. A handler
-/// would cut a pause short, and end a read or (SA_RESTART) restart its tenth of a second: if signals came
-/// more often than that, a silent device would hold the caller forever.
+/// Blocks signals in the calling thread while it lives, except those that the thread's own faults raise. A
+/// handler would cut a pause short, and end a read or (SA_RESTART) restart its tenth of a second: with
+/// signals more frequent than that, a silent device would block the caller forever.
 class SignalsHeldBack {
   public:
     SignalsHeldBack() {

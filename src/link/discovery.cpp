@@ -67,7 +67,7 @@ std::string findVendorFile() {
 /// Directory of a vendor file, its trailing slash included; empty if the path is no vendor file.
 std::string deviceDirectory(const std::string& vendorFile) {
     regex_t expression;
-    // That this ends the process is given. It takes memory that has run out.
+    // Ending the process is given behaviour. It happens only if memory has run out.
     if (regcomp(&expression, "^(.*)idVendor[ \t\n]*$", REG_EXTENDED) != 0) std::exit(1);
     const std::unique_ptr<regex_t, void (*)(regex_t*)> owner(&expression, regfree);
     std::array<regmatch_t, 2> match;

@@ -15,7 +15,8 @@ constexpr char LF = '\n';
 /// Applies to the head's text only: an LF right after byte 4096 still passes.
 constexpr std::uint64_t MAX_HEAD_TEXT = 4096;
 
-/// The most memory reserved on a head's announcement: any answer fits, and a head that lies costs no more.
+/// The most memory reserved for a body before it arrives: enough for any answer, and all that a false
+/// `content-size` can cost.
 constexpr std::uint64_t MAX_RESERVED = std::uint64_t{2} * 1024 * 1024;
 
 /// The last header line's own CR LF and the two of HDR_START_DATA.
@@ -150,7 +151,7 @@ bool MessagePrivate::processHeaders() {
     for (const auto* key : {&HDR_CONTENT_SIZE, &HDR_CODE, &HDR_SOURCE, &HDR_EDC_WORD})
         if (headerMap.count(*key) == 0) return false;
 
-    // Widened, a negative size would be more than any device sends and hold the parser until the timeout.
+    // As an unsigned number, a negative size would hold the parser until the timeout.
     const int size = readNumber(headerMap[HDR_CONTENT_SIZE]);
     if (size < 0) return false;
 

@@ -34,8 +34,8 @@ using tool::tr;
     refuse(filled(tr("cannot read %s: %s"), path.c_str(), std::strerror(error)));
 }
 
-/// Everything up to the end of a file. An input that is not ready yet is waited for: half a document must not
-/// pass for a whole one.
+/// Everything up to the end of a file. Waits for an input that is not ready: half a document must not pass
+/// for a whole one.
 std::string readToEnd(int fd, const std::string& path, std::size_t most) {
     std::string text;
     std::array<char, 65536> chunk;
@@ -83,7 +83,7 @@ int number(const Parameter& parameter, const std::string& text) {
     return value;
 }
 
-/// The line break that an editor leaves at the end of a file does not belong to the code.
+/// Drops the line break that an editor leaves at the end of a file, and refuses any other.
 void checkCode(const Parameter& parameter, std::string& code, const std::string& word) {
     if (isFile(word))
         for (const char end : {'\n', '\r'})
@@ -92,9 +92,9 @@ void checkCode(const Parameter& parameter, std::string& code, const std::string&
         refuse(filled(tr("%s contains a line break"), parameter.name));
 }
 
-/// A file's name in place of a document: the "@" was forgotten, and the name would be sent.
+/// Refuses a file's name in place of a document: the "@" was forgotten, and the name would be sent.
 void checkDocument(const Parameter& parameter, const std::string& word) {
-    std::error_code tooLong;  // a document is no name
+    std::error_code tooLong;  // as a name, if it is a document
     if (std::filesystem::exists(word, tooLong))
         refuse(filled(tr("%s: %s is a file; write @%s to send its content"), parameter.name, word.c_str(),
                       word.c_str()));

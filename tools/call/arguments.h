@@ -10,7 +10,7 @@ namespace call {
 /// Whether `word` stands for the content of a file, @FILE, or of standard input, @-.
 bool isFile(const std::string& word);
 
-/// The names of an operation's arguments, with blanks between them.
+/// The names of an operation's arguments, separated by blanks.
 std::string namesOf(const manipulaDados::Parameters& parameters);
 
 /// What the library is called with.

@@ -25,7 +25,7 @@ struct Examination {
     std::string target;              ///< of the entry that counts; left by checkEntry
     struct stat nodeStatus {};       ///< left by checkNode
     std::vector<Process> holders{};  ///< have the node open; left by checkHolders
-    bool processesHidden = false;    ///< there may be more of them; left by checkHolders
+    bool processesHidden = false;    ///< there may be more holders; left by checkHolders
 };
 
 /// The checks, in the order of a call. DoctorCommand.cpp says which of them depend on which.
@@ -44,7 +44,7 @@ Finding checkAnswer(Examination& examination);
 
 /// What an errno means, in the user's language; more helpful than strerror for a device.
 std::string reason(int error);
-/// Words with commas between them.
+/// The words, separated by commas.
 std::string listed(const std::vector<std::string>& words);
 /// Name of the user that this process acts as; its number if it has no name.
 std::string userName();

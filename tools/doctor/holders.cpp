@@ -21,8 +21,8 @@ std::string nameOf(const fs::path& process) {
     return name;
 }
 
-/// Whether `file`, an open file that shows as `target`, is the device. Nothing
-/// outside /dev is looked at: a network file system that does not answer would block us.
+/// Whether `file`, an entry in /proc/PID/fd that leads to `target`, is the device. Looks at nothing outside
+/// /dev: a network file system that does not answer would block us.
 bool isDevice(const fs::path& file, const std::string& target, dev_t device) {
     struct stat status {};
     return target.compare(0, 5, "/dev/") == 0 && stat(file.c_str(), &status) == 0 &&

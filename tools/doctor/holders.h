@@ -15,7 +15,7 @@ struct Process {
 /// Whether the process is a modem manager, which opens new serial nodes and talks to them.
 bool isModemManager(const Process& process);
 
-/// The other processes, those that /proc shows to this user.
+/// Other processes, as far as /proc shows them to this user.
 struct Holders {
     std::vector<Process> holding{};  ///< have the node open
     std::vector<Process> unread{};   ///< do not show their files
@@ -23,7 +23,7 @@ struct Holders {
     bool allShown = true;  ///< false if /proc hides other users' processes altogether
 };
 
-/// Who has the character device of that number open, whatever its name.
+/// Finds the processes that have the character device `device` open, under whatever name.
 Holders findHolders(dev_t device);
 
 }  // namespace doctor

@@ -87,8 +87,8 @@ bool isSimulatedLine(int fd, const char* line) {
     return stat(line, &expected) == 0 && fstat(fd, &opened) == 0 && opened.st_rdev == expected.st_rdev;
 }
 
-/// Opens the library's node as the library does. If only the environment variable is left of a simulation,
-/// that node is a real one and stays closed.
+/// Opens the library's node as the library does. If the environment variable is all that is left of a
+/// simulation, that node is a real one and stays closed.
 tool::Descriptor openNode(const Examination& examination) {
     const char* path = examination.node.c_str();
     if (examination.simulatedLine != nullptr && access(path, F_OK) == 0) return tool::Descriptor();

@@ -38,7 +38,7 @@ Finding withoutLog(const std::string& found, const std::string& remedy) {
     return warning(found, tr("Calls work, but without a log.") + std::string(" ") + remedy);
 }
 
-/// What lets this user write to the log directory, `place`, and what is in it.
+/// How this user gets to write to the log directory, `place`, and to the files in it.
 std::string adviceFor(const std::string& place) {
     struct stat status {};
     if (access(LOG_DIRECTORY, W_OK) != 0 && errno == EROFS)
@@ -86,7 +86,7 @@ Finding checkLogs(const std::string& place) {
     return ok(found);
 }
 
-/// Those of the programs `names` that the shell does not find, a blank before each.
+/// Which of the programs `names` the shell does not find, with a blank before each.
 std::string missingOf(const std::string& names) {
     return firstLineOf("for name in " + names +
                        "; do command -v $name >/dev/null || printf ' %s' $name; done");

@@ -13,8 +13,8 @@
 namespace logs {
 namespace {
 
-/// The library writes the time of day in the application's locale: almost everywhere as in the first of
-/// these, in North America by twelve hours, in the north of Europe with points.
+/// The library writes the time of day in the application's locale: almost everywhere in the first of these
+/// forms, in North America on a 12-hour clock, in northern Europe with points.
 constexpr const char* LOG_TIMES[] = {"%Y-%m-%d.%H:%M:%S", "%Y-%m-%d.%I:%M:%S %p", "%Y-%m-%d.%H.%M.%S"};
 
 /// The code of a message that no answer has filled.
@@ -24,13 +24,13 @@ constexpr std::string_view NO_ANSWER_CODE = "0";
 constexpr long MAX_RESTARTS = 5;
 /// How much longer than its timeouts an exchange can last: finding the device, sending, closing the port.
 constexpr long MARGIN_SECONDS = 120;
-/// Of an operation that this version does not have.
+/// Assumed for an operation unknown to this version.
 constexpr long LONGEST_TIMEOUT_SECONDS = 1800;
 
-/// More processes than that do not share a log: the oldest of more open exchanges will never end.
+/// No more processes than this share a log: if more exchanges are open, the oldest will never end.
 constexpr std::size_t MAX_OPEN = 64;
 
-// What is kept of a field, in characters: enough for every operation and for session numbers of ten digits.
+// How many characters of a field are kept: enough for every operation and for session numbers of ten digits.
 constexpr std::size_t OPERATION_COLUMNS = 29;
 constexpr std::size_t SESSION_COLUMNS = 10;
 constexpr std::size_t CODE_COLUMNS = 8;
@@ -57,8 +57,8 @@ std::string shown(std::string_view field, std::size_t columns) {
     return tool::cut(tool::withoutControls(tool::toUtf8(field)), columns);
 }
 
-/// The text to EEEEE from what follows it, "CCCC rxMessage: ...". Most answers have no CCCC: their text
-/// takes its place.
+/// The device's text, from what follows EEEEE: "CCCC rxMessage: ...". In most answers, which have no CCCC,
+/// the text is in its place.
 std::string answerText(std::string_view rest) {
     std::string_view message = rest;
     const auto content = takeUntil(message, " rxMessage: ").value_or(rest);
@@ -84,7 +84,7 @@ std::optional<std::time_t> parseTime(std::string_view text) {
         tm fields{};
         if (strptime(copy.c_str(), format, &fields) == nullptr) continue;
         const std::time_t time = timegm(&fields);
-        // strptime takes less than two digits, and the 31st of each month.
+        // strptime accepts single digits, and the 31st of every month.
         if (timeText(time, format) == text) return time;
     }
     return std::nullopt;
@@ -113,7 +113,7 @@ std::optional<long> Exchange::duration() const {
 }
 
 void Exchanges::take(std::string_view line) {
-    if (!line.empty() && line.back() == '\r') line.remove_suffix(1);  // of a copy made on Windows
+    if (!line.empty() && line.back() == '\r') line.remove_suffix(1);  // from a copy made on Windows
     if (!isTaken(line)) ++m_damagedLines;
 }
 

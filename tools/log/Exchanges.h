@@ -25,8 +25,8 @@ enum class Outcome {
 };
 constexpr std::size_t OUTCOMES = 4;
 
-/// What the log tells of one call of a fiscal function. Texts are short UTF-8 without control characters;
-/// an empty one is not known.
+/// What the log says about one call of a fiscal function. Texts are short UTF-8 without control characters;
+/// an empty one is unknown.
 struct Exchange {
     std::string operation;
     std::string session;
@@ -34,7 +34,7 @@ struct Exchange {
     std::optional<std::time_t> end;    ///< unknown if only the start is
     std::optional<int> status;         ///< known with the end
     std::string answerCode;            ///< EEEEE
-    std::string answerText;            ///< what the device says to it
+    std::string answerText;            ///< the device's text for that code
 
     std::time_t time() const { return start ? *start : *end; }
     Outcome outcome() const;
@@ -58,8 +58,8 @@ class Exchanges {
 
     /// In the order of the lines they begin with.
     const std::vector<Exchange>& all() const { return m_all; }
-    /// Hands over those that have ended, in the same order, and forgets those that never will: what is left
-    /// are a few dozen at most.
+    /// Hands over those that have ended, in the same order, and forgets those that never will; at most a few
+    /// dozen remain.
     std::vector<Exchange> takeEnded();
     /// How many lines were not of the form that the library writes.
     std::size_t damagedLines() const { return m_damagedLines; }
@@ -68,7 +68,7 @@ class Exchanges {
     bool isTaken(std::string_view line);
     bool begins(std::time_t time, std::string_view text);
     bool ends(std::time_t time, std::string_view text);
-    /// Takes it out of the open ones, or makes a new one if none fits.
+    /// Removes it from the open ones, or makes a new one if none fits.
     Exchange& endedExchange(std::time_t time, std::string_view code, std::string_view session, int status);
 
     std::vector<Exchange> m_all;

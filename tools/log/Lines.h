@@ -10,9 +10,9 @@ namespace logs {
 /// The longest line that the library writes, in bytes, without its line break.
 constexpr std::size_t LINE_MAX_BYTES = 511;
 
-/// Cuts a log's bytes into lines, without their line breaks. Of a line longer than LINE_MAX_BYTES it gives
-/// only the beginning, which is itself longer than LINE_MAX_BYTES. Zero bytes, which a file holds after a
-/// power cut, come together with the text before them as a line that is one zero byte.
+/// Cuts a log's bytes into lines, without their line breaks. A line longer than LINE_MAX_BYTES is cut, but
+/// stays longer than that. Zero bytes, which a file holds after a power cut, and the text before them become
+/// one line, a single zero byte.
 class Lines {
   public:
     explicit Lines(std::function<void(std::string_view line)> take) : m_take(std::move(take)) {}

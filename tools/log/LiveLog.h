@@ -22,8 +22,8 @@ class LiveLog {
     LiveLog(std::filesystem::path directory, std::string since,
             std::function<void(std::string_view line)> take);
 
-    /// Reads what has been written since the last time. A log or folder that is not there, or cannot be read,
-    /// is tried again the next time.
+    /// Reads what has been written since the last call. A log or folder that is missing or cannot be read is
+    /// tried again by the next call.
     void read();
 
   private:

@@ -11,7 +11,7 @@ namespace logs {
 /// A file of the log directory: a day's log, or an archive that holds it.
 struct LogFile {
     std::string day;  ///< YYYYMMDD
-    /// In the order in which, as a rule, the lines of one day's files were written.
+    /// In the order in which one day's files are usually written.
     enum Kind { ARCHIVE, ARCHIVE_UNDER_FIRST_NAME, LOG } kind;
     std::filesystem::path path;
 };
@@ -22,11 +22,11 @@ std::vector<LogFile> findLogs(const std::filesystem::path& directory, const std:
 
 /// Gives each line of `files` to `take`, as `Lines` cuts them.
 ///
-/// A file is left out if a later one of the same day begins with all of it: the process that archived the log
-/// ended before it could remove it, or before the archive was complete.
+/// A file is skipped if a later one of the same day begins with all of it: the process that archived the log
+/// ended before it could remove the log, or before the archive was complete.
 ///
-/// Returns what could not be read, a text "path: reason" for each such file. The lines before the damage have
-/// been given.
+/// Returns "path: reason" for each file that could not be read to its end. `take` still gets the lines before
+/// the damage.
 std::vector<std::string> readLogs(const std::vector<LogFile>& files,
                                   const std::function<void(std::string_view line)>& take);
 

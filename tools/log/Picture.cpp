@@ -79,7 +79,7 @@ pugi::xml_node addMarks(pugi::xml_node parent, Outcome outcome) {
     return group;
 }
 
-/// Each outcome has a shape of its own: nobody needs the colours.
+/// Each outcome has a shape of its own, for readers who cannot tell the colours apart.
 pugi::xml_node addMark(pugi::xml_node group, Outcome outcome, int x, int y) {
     const char* const shape = lookOf(outcome).shape;
     auto mark = group.append_child(shape == nullptr ? "circle" : "path");
@@ -140,8 +140,8 @@ class TimeAxis {
     std::time_t m_step = DAY;  ///< from tick to tick
 };
 
-/// Durations run from a second to half an hour, so the scale is logarithmic; of the duration plus one second,
-/// since there are durations of 0.
+/// Durations run from a second to half an hour, so the scale is logarithmic. It shows the duration plus one
+/// second, because some are 0.
 class DurationAxis {
   public:
     DurationAxis(const std::vector<Exchange>& exchanges, int height) : m_height(height) {
@@ -159,7 +159,7 @@ class DurationAxis {
                                             std::log1p(static_cast<double>(m_values.back()))));
     }
 
-    /// As many as have room.
+    /// As many as there is room for.
     std::vector<long> ticks() const {
         std::vector<long> values = {0};
         for (const long value : m_values)

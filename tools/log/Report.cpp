@@ -47,7 +47,7 @@ struct Totals {
     std::size_t count(Outcome outcome) const { return outcomes[static_cast<std::size_t>(outcome)]; }
 };
 
-/// Of an even number the later of the two in the middle, which was measured.
+/// The middle value; with an even count, the larger of the middle two.
 std::optional<long> median(std::vector<long> values) {
     if (values.empty()) return std::nullopt;
     const auto middle = values.begin() + static_cast<std::ptrdiff_t>(values.size() / 2);

@@ -9,7 +9,7 @@
 
 namespace logs {
 
-/// Stands for what the log does not tell.
+/// Stands for what the log does not say.
 constexpr char UNKNOWN[] = "-";
 
 /// `text`, or UNKNOWN if it is empty.
@@ -19,20 +19,20 @@ std::string durationText(const std::optional<long>& seconds);
 /// What became of the call, with the device's code or the status: "refused 06010".
 std::string resultText(const Exchange& exchange);
 
-/// Totals and pictures go by groups: the operation by its name, or empty if this version has no such
-/// operation. Whatever names a log makes up, there is at most one group more than operations.
+/// Totals and pictures are by group: the operation's name, or empty if this version has no such operation. So
+/// there is at most one group more than there are operations, whatever names a log contains.
 std::string groupOf(const Exchange& exchange);
 /// The group's name for people.
 std::string groupName(const std::string& group);
-/// Groups by name; what this version does not have comes last.
+/// Groups by name, with the operations unknown to this version last.
 struct GroupOrder {
     bool operator()(const std::string& a, const std::string& b) const {
         return a.empty() != b.empty() ? b.empty() : a < b;
     }
 };
 
-/// A table of calls, at most 80 columns wide, with a line for each new day. What the device said to a refused
-/// call stands below it.
+/// A table of calls, at most 80 columns wide, with a line for each new day. Below a refused call is what the
+/// device said.
 class ExchangeTable {
   public:
     enum class Colours { Off, On };
@@ -60,7 +60,7 @@ struct Complaints {
     std::vector<std::string> files;
     std::size_t damagedLines = 0;
 };
-/// Prints calls, totals and complaints as one JSON object. Times are local; what is not known is null.
+/// Prints calls, totals and complaints as one JSON object. Times are local; what is unknown is null.
 void printJson(std::ostream& out, const std::vector<Exchange>& exchanges, const Complaints& complaints);
 
 }  // namespace logs

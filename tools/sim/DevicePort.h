@@ -85,12 +85,12 @@ class DevicePort {
     Pace m_outward;
     pbs::Message m_request;  ///< the parser's target
     Clock::time_point m_lastInput;
-    std::string m_previousFrame;  ///< of the last answer, whatever was sent in its place
+    std::string m_previousFrame;  ///< the last answer's, even if something else was sent in its place
     Transmission m_out;
     std::size_t m_piece = 0;      ///< the one that is being sent
     std::size_t m_sent = 0;       ///< bytes of it
     pbs::Message m_tracedAnswer;  ///< the trace's parser's target
-    Clock::time_point m_due;      ///< when the next piece may start, or after the last the line hang up
+    Clock::time_point m_due;      ///< when the next piece may start; after the last one, when to hang up
 };
 
 }  // namespace sim

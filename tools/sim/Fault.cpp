@@ -10,8 +10,8 @@ namespace {
 
 using std::chrono::milliseconds;
 
-/// Between two answers, so that each comes with a read of its own: more than the 100 ms that the library
-/// pauses after its request.
+/// Between two answers, so that the library reads each separately: longer than its pause of 100 ms after a
+/// request.
 constexpr milliseconds BETWEEN_ANSWERS{300};
 constexpr milliseconds BETWEEN_BYTES{1};
 

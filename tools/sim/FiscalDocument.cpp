@@ -8,6 +8,7 @@
 #include <cstdio>
 #include <memory>
 #include <pugixml.hpp>
+#include <sstream>
 
 #include "encoding/Base64.h"
 #include "local_time.h"
@@ -36,23 +37,16 @@ std::string onlyDigits(std::string_view text) {
     return digits;
 }
 
-struct StringWriter : pugi::xml_writer {
-    std::string text;
-    void write(const void* data, std::size_t size) override {
-        text.append(static_cast<const char*>(data), size);
-    }
-};
-
 std::string serialized(const pugi::xml_node& node) {
-    StringWriter writer;
-    node.print(writer, "", pugi::format_raw, pugi::encoding_utf8);
-    return writer.text;
+    std::ostringstream text;
+    node.print(text, "", pugi::format_raw, pugi::encoding_utf8);
+    return text.str();
 }
 
 /// How deep elements may be nested: what walks a document's tree recurses once per level.
 constexpr int MAX_DEPTH = 100;
 
-/// Checks what pugixml is too lenient about: references, characters, duplicate attributes, text after the
+/// Checks what pugixml lets pass: references, characters, duplicate attributes, text after the
 /// root.
 void requireWellFormedText(const std::string& xml) {
     const std::unique_ptr<XML_ParserStruct, void (*)(XML_Parser)> parser(XML_ParserCreate(nullptr),

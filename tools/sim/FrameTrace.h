@@ -21,7 +21,7 @@ class FrameTrace {
 
     void request(const pbs::Message& message);
     void answer(const pbs::Message& message);
-    /// Prints a line about something other than a good frame.
+    /// Prints a line about anything but a good frame.
     void note(std::string_view text);
 
   private:

@@ -12,7 +12,7 @@ namespace sim {
 /// but not the lock, and the link may then lead to somebody else's terminal.
 class PtyLine {
   public:
-    /// Throws std::system_error if the machine gives no pty or no temporary folder.
+    /// Throws std::system_error if it cannot make a pty or a temporary folder.
     PtyLine();
     PtyLine(const PtyLine&) = delete;
     PtyLine& operator=(const PtyLine&) = delete;

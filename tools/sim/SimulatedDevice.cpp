@@ -13,13 +13,13 @@ namespace {
 using manipulaDados::Effect;
 using manipulaDados::Kind;
 
-/// Bytes of an answer with a document that are not the document.
+/// Room in an answer, in bytes, for everything but its document.
 constexpr std::size_t ANSWER_SURPLUS = 4096;
 constexpr std::size_t MAX_DOCUMENT = (SimulatedDevice::MAX_ANSWER - ANSWER_SURPLUS) / 4 * 3;
 constexpr std::size_t KEPT_LOG_LINES = 1000;
 constexpr std::size_t LONGEST_SESSION = 11;  // an int with its sign
 
-// Refusals that mean the same in every operation: the last three digits of EEEEE.
+// The last three digits of EEEEE that mean the same in every operation.
 constexpr int DONE = 0;
 constexpr int WRONG_CODE = 1;
 constexpr int NO_SUCH_SESSION = 3;
@@ -139,8 +139,8 @@ std::string SimulatedDevice::judge(const Request& request) {
     return (this->*service.handler)(request);
 }
 
-/// session|EEEEE|text|cod|mensagemSEFAZ, the last two empty, then `more`. What books a document has CCCC
-/// after EEEEE.
+/// session|EEEEE|text|cod|mensagemSEFAZ, the last two empty, then `more`. Operations that book a document
+/// have CCCC after EEEEE.
 std::string SimulatedDevice::reply(const Request& request, int code, std::string_view text,
                                    const std::vector<std::string>& more) const {
     std::string result = request.fields[0] + "|" + request.operation.codePrefix + padded(code, 3) + "|";
@@ -168,7 +168,7 @@ void SimulatedDevice::remember(const Request& request, const std::string& answer
     if (m_sessions.size() > KEPT_SESSIONS) m_sessions.pop_front();
 }
 
-/// An earlier answer again, under the session number of this request; a refusal if it is empty.
+/// The earlier `answer` again, under the session number of this request; a refusal if it is empty.
 std::string SimulatedDevice::replay(const Request& request, const std::string& answer) const {
     if (answer.empty()) return reply(request, NO_SUCH_SESSION, "Sessão não existe");
     return request.fields[0] + answer.substr(answer.find('|'));

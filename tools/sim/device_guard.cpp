@@ -21,14 +21,14 @@ namespace {
 namespace fs = std::filesystem;
 
 constexpr std::uint64_t WRITE = LANDLOCK_ACCESS_FS_WRITE_FILE;
-/// LANDLOCK_ACCESS_FS_REFER, which headers before Linux 5.19 lack. A kernel that does not know it forbids
-/// moving files between folders to whoever uses Landlock at all.
+/// LANDLOCK_ACCESS_FS_REFER, which headers before Linux 5.19 lack. On a kernel without it, no process under
+/// Landlock can move files between folders.
 constexpr std::uint64_t MOVE = std::uint64_t{1} << 13;
 constexpr long VERSION_WITH_MOVE = 2;
 
 constexpr char PORT[] = "ttyACM";
 
-/// What is allowed. Landlock knows no exceptions: everything but the ports has to be named.
+/// What is allowed. Landlock has no exceptions, so everything but the ports has to be named.
 class Allowed {
   public:
     Allowed() {

@@ -7,8 +7,8 @@ namespace sim {
 /// cannot gain privileges (set-user-ID programs run without), and cannot mount. Ports and other device nodes
 /// that appear later are out of reach as well, and so are files made in `/` itself.
 ///
-/// Needs Landlock with the right to move files between folders (Linux 5.19). Without it this does no more
-/// than keep privileges from being gained.
+/// Needs Landlock with the right to move files between folders (Linux 5.19). Without it, this only keeps
+/// programs from gaining privileges.
 void guardDevices();
 
 }  // namespace sim

@@ -79,7 +79,7 @@ bool isLine(int fd) {
 
 bool creates(int flags) { return (flags & O_CREAT) != 0 || (flags & O_TMPFILE) == O_TMPFILE; }
 
-/// `mode` is passed on even if nothing looks at it.
+/// Passes `mode` on even if the flags do not ask for one.
 int openBy(const char* name, const char* path, int flags, mode_t mode) {
     const auto real = next<int (*)(const char*, int, ...)>(name);
     const char* const line = creates(flags) ? nullptr : lineFor(path);

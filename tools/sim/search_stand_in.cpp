@@ -34,8 +34,8 @@ bool isSearch(char** arguments) {
     return std::string_view(serial::DISCOVERY_COMMAND).rfind(command + " >", 0) == 0;
 }
 
-/// The search path after the last mention of `folder`, so that stand-ins of nested simulations follow one
-/// another; empty if there is none.
+/// The search path after the last mention of `folder`, so that nested simulations call each other's
+/// stand-ins; empty if it is not mentioned.
 std::string pathAfter(const std::string& folder) {
     const char* const searched = std::getenv("PATH");
     const std::string path = std::string(":") + (searched != nullptr ? searched : "") + ":";
