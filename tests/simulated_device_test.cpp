@@ -7,10 +7,10 @@
 #include <array>
 #include <sstream>
 
+#include "Descriptor.h"
 #include "encoding/Base64.h"
 #include "fields.h"
 #include "fiscal/operations.h"
-#include "Descriptor.h"
 #include "sim/DevicePort.h"
 #include "sim/FrameTrace.h"
 #include "transaction/DoTransaction.h"

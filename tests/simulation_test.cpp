@@ -21,8 +21,8 @@
 #include <string>
 #include <vector>
 
-#include "platform.h"
 #include "Descriptor.h"
+#include "platform.h"
 
 namespace {
 

@@ -84,7 +84,6 @@ void list() {
     }
 }
 
-/// For --dump and --record.
 void checkWorkingDirectory() {
     if (access(".", W_OK) != 0)
         refuse(tr("--dump and --record write to the working directory, which is not writable"));
