@@ -86,8 +86,8 @@ void complain(const std::string& text) { std::cerr << "fiscora log: " << without
 void complainAbout(const logs::Complaints& complaints) {
     for (const std::string& complaint : complaints.files) complain(complaint);
     if (const auto count = complaints.files.size(); count > 0)
-        complain(filled(
-            tr("%zu file was not read completely", "%zu files were not read completely", count), count));
+        complain(filled(tr("%zu file was not read completely", "%zu files were not read completely", count),
+                        count));
     if (const auto count = complaints.damagedLines; count > 0)
         complain(filled(tr("%zu damaged or truncated line is not counted above",
                            "%zu damaged or truncated lines are not counted above", count),
