@@ -149,7 +149,10 @@ void setClock(const std::string& localTime) {
     platform.time = [now = std::mktime(&fields)] { return now; };
 }
 
-void writeFile(const std::string& path, const std::string& content) { std::ofstream(path) << content; }
+void writeFile(const std::string& path, const std::string& content) {
+    std::filesystem::create_directories(std::filesystem::absolute(path).parent_path());
+    std::ofstream(path) << content;
+}
 
 std::string readFile(const std::string& path) {
     std::ostringstream text;

@@ -73,7 +73,7 @@ FILE* realPopen(const char* command);
 /// Stops the clock of `time` at `localTime`, such as "2031-02-28 23:59:58".
 void setClock(const std::string& localTime);
 
-/// Creates or replaces a file.
+/// Makes or replaces a file, and makes its folder.
 void writeFile(const std::string& path, const std::string& content);
 std::string readFile(const std::string& path);
 /// Contents of all files below the working directory, by path: "./logsDrs/logDrs20310228.log".

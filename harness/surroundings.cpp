@@ -6,7 +6,10 @@
 #include <chrono>
 #include <cstdio>
 #include <cstdlib>
+#include <future>
 #include <iostream>
+
+#include "platform.h"
 
 Undo limit(decltype(RLIMIT_FSIZE) resource, rlim_t most) {
     rlimit before{};
@@ -35,10 +38,22 @@ Undo closeOutput() {
 
 ShellResult runShell(const std::string& line) {
     const auto start = std::chrono::steady_clock::now();
-    FILE* const stream = popen(("{ " + line + "\n} 2>&1").c_str(), "r");
+    FILE* const stream = realPopen(("{ " + line + "\n} 2>&1").c_str());
     std::string output;
     for (int byte; (byte = std::fgetc(stream)) != EOF;) output += static_cast<char>(byte);
     const int status = pclose(stream);
     const std::chrono::duration<double> duration = std::chrono::steady_clock::now() - start;
     return {WIFEXITED(status) ? WEXITSTATUS(status) : -1, output, duration.count()};
+}
+
+std::vector<ShellResult> runShells(const std::vector<std::string>& lines) {
+    std::vector<std::future<ShellResult>> running;
+    for (const auto& line : lines) {
+        const std::string folder = std::to_string(running.size());
+        running.push_back(
+            std::async(std::launch::async, runShell, "mkdir " + folder + " && cd " + folder + "\n" + line));
+    }
+    std::vector<ShellResult> results;
+    for (auto& shell : running) results.push_back(shell.get());
+    return results;
 }

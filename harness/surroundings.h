@@ -4,6 +4,7 @@
 
 #include <memory>
 #include <string>
+#include <vector>
 
 /// What a test has done to its process; undone when the last copy goes.
 using Undo = std::shared_ptr<void>;
@@ -22,3 +23,5 @@ struct ShellResult {
     double seconds;
 };
 ShellResult runShell(const std::string& line);
+/// Runs the lines at the same time, each in a new folder named after its place: "0", "1" ...
+std::vector<ShellResult> runShells(const std::vector<std::string>& lines);

@@ -7,31 +7,11 @@
 
 #include "link/SerialCommChannel.h"
 #include "platform.h"
+#include "private_devices.h"
 
 namespace {
 
 namespace fs = std::filesystem;
-
-/// Whether /dev/serial and /sys/bus/usb/devices are the working directory's folders, the only ones that a
-/// test writes to.
-bool devicesArePrivate() {
-    std::error_code absent;
-    return fs::equivalent("serial", "/dev/serial", absent) &&
-           fs::equivalent("devices", "/sys/bus/usb/devices", absent);
-}
-
-/// Runs the current test again under bubblewrap, where they are.
-void repeatWithPrivateDevices() {
-    WorkingDirectory folder;
-    for (const auto* root : {"serial", "devices"}) fs::create_directory(root);
-    const std::string bubble =
-        "bwrap --bind / / --dev /dev --bind \"$PWD/serial\" /dev/serial"
-        " --tmpfs /sys --bind \"$PWD/devices\" /sys/bus/usb/devices ";
-    if (std::system((bubble + "true").c_str()) != 0) GTEST_SKIP() << "bubblewrap makes no namespace here";
-    const std::string test = testing::UnitTest::GetInstance()->current_test_info()->name();
-    const std::string self = fs::read_symlink("/proc/self/exe");
-    EXPECT_EQ(std::system((bubble + "'" + self + "' --gtest_filter=*." + test).c_str()), 0);
-}
 
 /// Makes what "link -> target", "file=content" or "folder" says.
 void make(const std::string& entry) {

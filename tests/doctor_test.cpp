@@ -1,47 +1,30 @@
 // `fiscora doctor` in worlds with one fault each. A world is a private /dev and /sys, made by bubblewrap for
 // this program, with a terminal that it has opened itself as the device's node.
 
-#include <fcntl.h>
 #include <gmock/gmock.h>
-#include <gtest/gtest.h>
 #include <pty.h>
 #include <sys/ioctl.h>
 #include <sys/prctl.h>
 #include <sys/stat.h>
 #include <sys/sysmacros.h>
-#include <sys/wait.h>
 #include <unistd.h>
 
 #include <cstdlib>
 #include <filesystem>
-#include <fstream>
 #include <nlohmann/json.hpp>
 #include <string>
 
 #include "platform.h"
+#include "private_devices.h"
+#include "surroundings.h"
 
 namespace {
 
 namespace fs = std::filesystem;
-using testing::HasSubstr;
-using testing::StartsWith;
+using testing::HasSubstr, testing::StartsWith;
 
-struct Result {
-    int exitStatus;
-    std::string output;
-};
-
-Result run(const std::string& line) {
-    FILE* const stream = popen(line.c_str(), "r");
-    std::string output;
-    for (int byte; (byte = std::fgetc(stream)) != EOF;) output += static_cast<char>(byte);
-    const int status = pclose(stream);
-    return {WIFEXITED(status) ? WEXITSTATUS(status) : -1, output};
-}
-
-const std::string ENGLISH = "LC_ALL=C.UTF-8 LANGUAGE= ";
-const std::string SIM = FISCORA_TOOL " sim ";
-const std::string DOCTOR = FISCORA_TOOL " doctor ";
+const std::string ENGLISH = "LC_ALL=C.UTF-8 LANGUAGE= ", SIM = FISCORA_TOOL " sim ",
+                  DOCTOR = FISCORA_TOOL " doctor ";
 
 /// What this program itself does in a world; `node` is the terminal's end that the library would open.
 using Act = void (*)(int node);
@@ -58,10 +41,9 @@ void hideAsModemManager(int node) { hide(node), prctl(PR_SET_NAME, "ModemManager
 void hideFromModemManager(int node) {
     struct stat status {};
     fstat(node, &status);
-    fs::create_directories("/run/udev/data");
-    std::ofstream("/run/udev/data/c" + std::to_string(major(status.st_rdev)) + ":" +
-                  std::to_string(minor(status.st_rdev)))
-        << "I:1\nE:ID_MM_PORT_IGNORE=1\n";
+    writeFile("/run/udev/data/c" + std::to_string(major(status.st_rdev)) + ":" +
+                  std::to_string(minor(status.st_rdev)),
+              "I:1\nE:ID_MM_PORT_IGNORE=1\n");
     hideAsModemManager(node);
 }
 void enter(int /*node*/) { fs::current_path("here"); }
@@ -121,45 +103,19 @@ const World WORLDS[] = {
     {"FolderGone", "mkdir here", "ooooooowo", "working directory no longer exists", enterAndRemove},
     {"ArchiveNotRenamed", "mkdir logsDrs; touch logsDrs/logDrs20260101.log.tar.gz", "ooooooowo",
      "logDrs20260101.log.tar.gz could not be renamed"},
-    {"NoProgramsOfTheSearch", "ln -s $(command -v ls) bin", "oesssssoe",
+    {"NoProgramsOfTheSearch", "mkdir bin; ln -s $(command -v ls) bin", "oesssssoe",
      "not in the PATH: grep tail tar gzip", searchInBin},
-    {"NoProgramsOfTheArchive", "for p in ls grep tail; do ln -s $(command -v $p) bin; done", "oooooooow",
-     "not in the PATH: tar gzip", searchInBin},
+    {"NoProgramsOfTheArchive", "mkdir bin; for p in ls grep tail; do ln -s $(command -v $p) bin; done",
+     "oooooooow", "not in the PATH: tar gzip", searchInBin},
     {"SimulationLeft", "", "osssssseoos", "the simulated line cannot be opened", leaveSimulation},
 };
-
-/// Whether /dev and /sys are those of a world, and its folders in the working directory.
-bool worldIsPrivate() {
-    std::error_code absent;
-    return fs::equivalent("serial", "/dev/serial", absent) &&
-           fs::equivalent("devices", "/sys/bus/usb/devices", absent);
-}
-
-/// Runs the present test once more, as the only one of a world of its own.
-void repeatInWorld() {
-    const WorkingDirectory folder;
-    for (const auto* root : {"serial", "devices", "bin"}) fs::create_directory(root);
-    std::ofstream("group") << "terminais:x:4711:\n";
-    const std::string bubble =
-        "bwrap --bind / / --dev /dev --bind \"$PWD/serial\" /dev/serial --tmpfs /sys --tmpfs /run"
-        " --bind \"$PWD/devices\" /sys/bus/usb/devices --bind \"$PWD/group\" /etc/group"
-        " --unshare-pid --proc /proc --cap-drop ALL --cap-add CAP_CHOWN ";
-    if (std::system((bubble + "true").c_str()) != 0) GTEST_SKIP() << "bubblewrap makes no namespace here";
-    const auto* test = testing::UnitTest::GetInstance()->current_test_info();
-    const std::string self = fs::read_symlink("/proc/self/exe");
-    // Not on our terminal: one of the same number, of another instance of devpts, counts as the world's.
-    const Result result = run(bubble + "'" + self + "' --gtest_filter=" + test->test_suite_name() + "." +
-                              test->name() + " </dev/null 2>&1");
-    EXPECT_EQ(result.exitStatus, 0) << result.output;
-    if (result.output.find("SKIPPED") != std::string::npos) GTEST_SKIP() << result.output;
-}
 
 class Doctor : public testing::TestWithParam<World> {};
 INSTANTIATE_TEST_SUITE_P(Worlds, Doctor, testing::ValuesIn(WORLDS),
                          [](const auto& info) { return info.param.name; });
 
 TEST_P(Doctor, NamesTheFault) {
-    if (!worldIsPrivate()) return repeatInWorld();
+    if (!devicesArePrivate()) return repeatWithPrivateDevices();
     const World& world = GetParam();
     int device = -1;
     int node = -1;
@@ -169,13 +125,14 @@ TEST_P(Doctor, NamesTheFault) {
         "; BY=/dev/serial/by-id; USB=devices/1-1; MARK=-mfc+_with_musb-if00; mkdir -p $BY $USB/1-1:1.0/tty/ttyACM0;"
         " echo 0525 >$USB/idVendor; echo a4a6 >$USB/idProduct;"
         " ln -s $PTY /dev/ttyACM0; ln -s ../../ttyACM0 $BY/usb-b$MARK; ";
-    ASSERT_EQ(run(inOrder + world.change).exitStatus, 0);
+    ASSERT_EQ(runShell(inOrder + world.change).exitStatus, 0);
     world.act(node);
     if (IsSkipped()) return;
     close(node);
 
     const std::string verdicts = world.verdicts;
-    const Result result = run(ENGLISH + DOCTOR + (verdicts.back() == 's' ? "--json --ask" : "--json"));
+    const auto result =
+        runShell(ENGLISH + DOCTOR + (verdicts.back() == 's' ? "--json --ask" : "--json") + " 2>/dev/null");
     const auto report = nlohmann::json::parse(result.output);
     std::string found;
     std::string told;
@@ -204,12 +161,10 @@ TEST(DoctorCommand, ExaminesTheSimulatedDeviceAndSendsOnlyIfAsked) {
         {"LC_ALL=C.UTF-8 LANGUAGE=pt ", "--trace", "", 0,
          "ok       simulação: fiscora sim está ativo: os passos seguintes examinam o equipamento simulado.",
          "\nNenhum problema encontrado.\n"},
-        {ENGLISH, "", "now", 2, "fiscora doctor: unexpected argument: now (", ""},
-        {ENGLISH, "", "-- now", 2, "fiscora doctor: unexpected argument: now (", ""},
     };
     for (const auto& [language, options, asked, exitStatus, begin, told] : cases) {
         const WorkingDirectory folder;
-        const Result result = run(language + SIM + options + " -- " + DOCTOR + asked + " 2>&1");
+        const auto result = runShell(language + SIM + options + " -- " + DOCTOR + asked);
         EXPECT_EQ(result.exitStatus, exitStatus) << options;
         EXPECT_THAT(result.output, AllOf(StartsWith(begin), HasSubstr(told)));
         EXPECT_EQ(fs::exists("logsDrs"), asked == "--ask") << result.output;
