@@ -142,6 +142,7 @@ TEST_F(Diagnostics, ADumpHoldsTheBytesAsGiven) {
                             {name + "B_rx.bin", "rx"},
                             {(name + code).substr(0, 257), (version + code).substr(0, 255)}};
     EXPECT_EQ(files(), expected);
+    EXPECT_EQ(serial::SerialCommChannel().getTimer(), "20260302140509 ");
 }
 
 TEST_F(Diagnostics, ARecordListsTheStagesAndTheirDifferences) {

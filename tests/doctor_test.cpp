@@ -117,8 +117,7 @@ INSTANTIATE_TEST_SUITE_P(Worlds, Doctor, testing::ValuesIn(WORLDS),
 TEST_P(Doctor, NamesTheFault) {
     if (!devicesArePrivate()) return repeatWithPrivateDevices();
     const World& world = GetParam();
-    int device = -1;
-    int node = -1;
+    int device = -1, node = -1;
     ASSERT_EQ(openpty(&device, &node, nullptr, nullptr, nullptr), 0);
     const std::string inOrder =
         "set -e; PTY=" + std::string(ttyname(node)) +
@@ -134,12 +133,11 @@ TEST_P(Doctor, NamesTheFault) {
     const auto result =
         runShell(ENGLISH + DOCTOR + (verdicts.back() == 's' ? "--json --ask" : "--json") + " 2>/dev/null");
     const auto report = nlohmann::json::parse(result.output);
-    std::string found;
-    std::string told;
+    std::string found, told;
     for (const auto& finding : report.at("findings")) {
-        found += finding.at("verdict").get<std::string>().front();
-        told +=
-            finding.at("found").get<std::string>() + ". " + finding.at("advice").get<std::string>() + "\n";
+        const auto text = [&finding](const char* key) { return finding.at(key).get<std::string>(); };
+        found += text("verdict").front();
+        told += text("found") + ". " + text("advice") + "\n";
     }
     EXPECT_EQ(found, verdicts) << told;
     EXPECT_THAT(told, HasSubstr(world.told));
@@ -162,13 +160,17 @@ TEST(DoctorCommand, ExaminesTheSimulatedDeviceAndSendsOnlyIfAsked) {
          "ok       simulação: fiscora sim está ativo: os passos seguintes examinam o equipamento simulado.",
          "\nNenhum problema encontrado.\n"},
     };
-    for (const auto& [language, options, asked, exitStatus, begin, told] : cases) {
-        const WorkingDirectory folder;
-        const auto result = runShell(language + SIM + options + " -- " + DOCTOR + asked);
-        EXPECT_EQ(result.exitStatus, exitStatus) << options;
-        EXPECT_THAT(result.output, AllOf(StartsWith(begin), HasSubstr(told)));
-        EXPECT_EQ(fs::exists("logsDrs"), asked == "--ask") << result.output;
-        EXPECT_EQ(result.output.find("smx"), std::string::npos) << result.output;
+    const WorkingDirectory folder;
+    std::vector<std::string> lines;
+    for (const auto& row : cases)
+        lines.push_back(row.language + SIM + row.options + " -- " + DOCTOR + row.asked);
+    const auto results = runShells(lines);
+    for (std::size_t i = 0; i < results.size(); ++i) {
+        const auto& output = results[i].output;
+        EXPECT_EQ(results[i].exitStatus, cases[i].exitStatus) << lines[i];
+        EXPECT_THAT(output, AllOf(StartsWith(cases[i].begin), HasSubstr(cases[i].told)));
+        EXPECT_EQ(fs::exists(std::to_string(i) + "/logsDrs"), cases[i].asked == "--ask") << output;
+        EXPECT_EQ(output.find("smx"), std::string::npos) << output;
     }
 }
 

@@ -7,7 +7,6 @@
 #include <functional>
 #include <map>
 
-#include "encoding/Base64.h"
 #include "fiscal/UCManipulaDadosSat.h"
 #include "fiscora.h"
 #include "platform.h"
@@ -188,18 +187,6 @@ TEST_F(Fiscal, NoActivationCodeReachesTheLog) {
     const auto lines = m_folder.logLines();
     EXPECT_GT(lines.size(), 4 * 5 * std::size(OPERATIONS));
     EXPECT_THAT(lines, testing::Each(testing::Not(testing::HasSubstr(code))));
-}
-
-TEST(Base64Test, BytesComeBackFromTheirEncoding) {
-    const std::string bytes = "\xffoo\x80\x00r"s;
-    const char* const encoded[] = {"", "/w==", "/28=", "/29v", "/29vgA==", "/29vgAA=", "/29vgABy"};
-    for (size_t size = 0; size <= bytes.size(); ++size) {
-        EXPECT_EQ(Base64::encode(reinterpret_cast<const unsigned char*>(bytes.data()), size), encoded[size]);
-        EXPECT_EQ(Base64::decode(encoded[size]), bytes.substr(0, size));
-    }
-    for (const auto* text : {"TWFu", "TWFuT", "TWFu\nTWFu", "TWFu=TWF", "TWFuT=Fu", "TWFu-TWF", "TWFu_TWF"})
-        EXPECT_EQ(Base64::decode(text), "Man") << text;
-    EXPECT_EQ(Base64::decode("TWF") + Base64::decode("*TWFu"), "Ma");
 }
 
 }  // namespace

@@ -276,12 +276,4 @@ TEST(Link, WithoutATerminalNothingIsSentOrLeftOpen) {
     }
 }
 
-TEST(Link, TheTimerPutsTheDayBeforeTheMonth) {
-    constexpr std::time_t NOW = 1801627506;
-    platform.time = [] { return NOW; };
-    char expected[16];
-    std::strftime(expected, sizeof expected, "%Y%d%m%H%M%S ", std::localtime(&NOW));
-    EXPECT_EQ(World().channel.getTimer(), expected);
-}
-
 }  // namespace

@@ -5,6 +5,7 @@
 #include <sys/socket.h>
 
 #include <array>
+#include <map>
 #include <sstream>
 
 #include "Descriptor.h"
@@ -17,8 +18,7 @@
 
 namespace {
 
-using sim::DeviceState;
-using sim::SimulatedDevice;
+using sim::DeviceState, sim::SimulatedDevice;
 
 constexpr char CODE[] = "12345678";
 constexpr char CANCELLATION[] = "<CFeCanc><infCFe><ide/><emit/><dest/><total/></infCFe></CFeCanc>";
@@ -56,45 +56,38 @@ struct Device {
 };
 
 TEST(SimulatedDevice, EveryOperationAnswersInItsLayoutAndRefusesAWrongActivationCode) {
-    Device fixture;
-    const std::string key = fixture.sell("000900", sale(item("1", "1"))).at(8);
-    const struct {
-        const char* operation;
-        std::string arguments;  ///< after session and activation code
-        const char* code;
-    } cases[] = {
-        {"ComunicarCertificadoICPBRASIL", "|-----BEGIN CERTIFICATE-----", "05000"},
-        {"CancelarUltimaVenda", "|" + key + "|" + CANCELLATION, "07000"},
-        {"EnviarDadosVenda", "|" + sale(item("1", "1")), "06000"},
-        {"TesteFimAFim", "|" + sale(item("1", "1")), "09000"},
-        {"ConsultarStatusOperacional", "", "10000"},
-        {"ConsultarStatusOperacionalMFE", "", "10000"},
-        {"ConsultarNumeroSessao", "|000900", "06000"},
-        {"ConsultarUltimaSessaoFiscal", "", "06000"},
-        {"ConfigurarInterfaceDeRede", "|<config/>", "12000"},
-        {"ConfigurarInterfaceDeRedeMFE", "|<config/>", "12000"},
-        {"AssociarAssinatura", "|1111|assinatura", "13000"},
-        {"AtualizarSoftwareSAT", "", "14000"},
-        {"ExtrairLogs", "", "15000"},
-        {"BloquearSAT", "", "16000"},
-        {"DesbloquearSAT", "", "17000"},
-        {"TrocarCodigoDeAtivacao", std::string("|1|") + CODE + "|" + CODE, "18000"},
-        {"ReiniciarMFE", "", "20000"},
+    const std::string key = Device().sell("000900", sale(item("1", "1"))).at(8);
+    std::map<std::string, std::string> arguments{
+        // after session and activation code
+        {"ComunicarCertificadoICPBRASIL", "|-----BEGIN CERTIFICATE-----"},
+        {"CancelarUltimaVenda", "|" + key + "|" + CANCELLATION},
+        {"EnviarDadosVenda", "|" + sale(item("1", "1"))},
+        {"TesteFimAFim", "|" + sale(item("1", "1"))},
+        {"ConsultarNumeroSessao", "|000900"},
+        {"ConfigurarInterfaceDeRede", "|<config/>"},
+        {"ConfigurarInterfaceDeRedeMFE", "|<config/>"},
+        {"AssociarAssinatura", "|1111|assinatura"},
+        {"TrocarCodigoDeAtivacao", std::string("|1|") + CODE + "|" + CODE},
     };
     constexpr std::size_t FIELDS_OF_A_SALE = 12;  // which the two queries for an earlier answer repeat
-    int session = 100;
-    for (const auto& row : cases) {
-        SCOPED_TRACE(row.operation);
-        const std::string number = "000" + std::to_string(session++);
-        EXPECT_EQ(fixture.code(row.operation, number + "|87654321" + row.arguments).substr(2), "001");
-        EXPECT_EQ(fixture.code(row.operation, number).substr(2), "099") << "too few fields";
-        const std::string answer = fixture.device.answer(row.operation, number + "|" + CODE + row.arguments);
-        EXPECT_EQ(answer.substr(0, 13), number + "|" + row.code + "|");
-        const auto& operation = *manipulaDados::findOperation(row.operation);
-        EXPECT_TRUE(operation.succeededWith(row.code));
+    for (const auto& operation : manipulaDados::OPERATIONS) {
+        const std::string name = operation.command;
+        if (name == "AtivarSAT" || name == "ConsultarSAT" || name == "EnviarStatusAC") continue;
+        SCOPED_TRACE(name);
+        Device fixture;
+        EXPECT_EQ(fixture.sell("000900", sale(item("1", "1"))).at(8), key) << "each device counts for itself";
+        if (name == "DesbloquearSAT") fixture.ask("BloquearSAT", std::string("000001|") + CODE);
+        EXPECT_EQ(fixture.code(name, "000100|87654321" + arguments[name]).substr(2), "001");
+        EXPECT_EQ(fixture.code(name, "000100").substr(2), "099") << "too few fields";
+        const std::string answer =
+            fixture.device.answer(name, std::string("000100|") + CODE + arguments[name]);
+        const auto fields = fieldsOf(answer);
+        EXPECT_EQ(fields.at(0), "000100");
+        EXPECT_TRUE(operation.succeededWith(fields.at(1))) << answer;
         const char* const names = operation.answer.fields;
-        EXPECT_EQ(fieldsOf(answer).size(), names == nullptr ? FIELDS_OF_A_SALE : fieldsOf(names).size());
+        EXPECT_EQ(fields.size(), names == nullptr ? FIELDS_OF_A_SALE : fieldsOf(names).size());
     }
+    Device fixture;
     EXPECT_EQ(fixture.device.answer("ConsultarSAT", "000123"), "000123|08000|SAT em Operação||");
     EXPECT_EQ(fixture.code("EnviarStatusAC", "000123|a|b|c"), "21000");
     EXPECT_EQ(fixture.device.answer("Fritar", "000123|x").substr(0, 13), "000123|99099|");
@@ -138,9 +131,8 @@ TEST(SimulatedDevice, TotalsAreExactToTheCent) {
 
     const std::string discount = "<total><DescAcrEntr><vDescSubtot>0.25</vDescSubtot></DescAcrEntr></total>";
     EXPECT_EQ(Device().sell("000001", sale(item("1", "2"), discount)).at(9), "1.75");
-    for (const char* bad : {"1,5", "", "-1", "1.00001", "99999999999999999999"}) {
+    for (const char* bad : {"1,5", "", "-1", "1.00001", "99999999999999999999"})
         EXPECT_EQ(Device().sell("000001", sale(item(bad, "1"))).at(1), "06010") << bad;
-    }
 }
 
 TEST(SimulatedDevice, AccessKeyIsWhatItsPartsSay) {
