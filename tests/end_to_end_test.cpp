@@ -13,7 +13,7 @@
 
 namespace {
 
-using testing::AllOf, testing::Ge, testing::Le, testing::MatchesRegex;
+using testing::AllOf, testing::Ge, testing::HasSubstr, testing::Le, testing::MatchesRegex, testing::Not;
 
 const std::string SIM = FISCORA_TOOL " sim ";
 const std::string TILL = FISCORA_TILL;
@@ -99,6 +99,23 @@ TEST(EndToEnd, EachFaultEndsAsListedAndSparesTheNextCall) {
         EXPECT_THAT(output, MatchesRegex(lines));
         const double leastSeconds = status == FISCORA_STATUS_TIMEOUT ? 6 + 2 : 2;  // with a second per call
         EXPECT_THAT(seconds, AllOf(Ge(leastSeconds), Le(leastSeconds + 20)));
+    }
+}
+
+TEST(EndToEnd, NoFaultBringsAnActivationCodeIntoTheTrace) {
+    const WorkingDirectory folder;
+    std::vector<std::string> scripts;
+    for (const auto& fault : sim::faults())
+        scripts.push_back(SIM + "--trace --fault " + std::string(fault.name) +
+                          " -- timeout 4 " FISCORA_TOOL
+                          " call TrocarCodigoDeAtivacao 1 12345678 1 outrocodigo outrocodigo");
+    const auto results = runShells(scripts);
+    for (std::size_t i = 0; i < results.size(); ++i) {
+        const sim::Fault& fault = sim::faults()[i];
+        const std::string request = fault.spoil == nullptr ? "" : "| 000001|***|1|***|***\n";
+        EXPECT_THAT(results[i].output,
+                    AllOf(HasSubstr("fault: " + std::string(fault.name)), HasSubstr(request),
+                          Not(HasSubstr("12345678")), Not(HasSubstr("outrocodigo"))));
     }
 }
 

@@ -1,6 +1,7 @@
 // Exchanges on a line and a clock that the test controls: each byte and each pause is exact.
 #include <fcntl.h>
 #include <gtest/gtest.h>
+#include <pty.h>
 #include <sys/syscall.h>
 #include <unistd.h>
 
@@ -192,34 +193,30 @@ TEST(Link, AFullDriverIsWaitedForASecond) {
 }
 
 /// A terminal of this process as the device, on the real platform.
-class Terminal {
-  public:
+struct Terminal {
     Terminal() {
-        platform = Platform();
-        grantpt(m_device);
-        unlockpt(m_device);
+        EXPECT_EQ(openpty(&device, &node, nullptr, nullptr, nullptr), 0);
+        path = ttyname(node);
     }
     Terminal(const Terminal&) = delete;
     Terminal& operator=(const Terminal&) = delete;
     ~Terminal() {
         platform = Platform();
-        close(m_device);
+        close(device), close(node);
     }
-    std::string path() const { return ptsname(m_device); }
-    void type(const char* text) { dprintf(m_device, "%s", text); }
 
-  private:
-    int m_device = posix_openpt(O_RDWR | O_NOCTTY);
+    int device = -1, node = -1;
+    std::string path;
 };
 
 TEST(Link, AReadEndsOnAPortThatCannotBeSetUp) {
-    Terminal terminal;
+    const Terminal terminal;
     platform.tcsetattr = [](int, int, const termios*) { return -1; };
     serial::SerialCommChannel channel;
-    ASSERT_EQ(channel.openSerial(terminal.path()), 0);
+    ASSERT_EQ(channel.openSerial(terminal.path), 0);
     char byte = 0;
     EXPECT_EQ(channel.receive(&byte, 1), 0);
-    terminal.type("\n");
+    EXPECT_EQ(write(terminal.device, "\n", 1), 1);
     EXPECT_EQ(channel.receive(&byte, 1), 1);
 }
 
@@ -235,7 +232,7 @@ TEST(Link, APortBlocksAndKeepsClearOfTheStandardStreams) {
     serial::SerialCommChannel channel;
     const int standardError = dup(STDERR_FILENO);
     close(STDERR_FILENO);
-    const int opened = channel.openSerial(terminal.path());
+    const int opened = channel.openSerial(terminal.path);
     dup2(standardError, STDERR_FILENO);
     close(standardError);
     ASSERT_EQ(opened, 0);

@@ -1,20 +1,13 @@
 #include "sim/SimulatedDevice.h"
 
 #include <gtest/gtest.h>
-#include <poll.h>
-#include <sys/socket.h>
 
-#include <array>
 #include <map>
-#include <sstream>
 
 #include "Descriptor.h"
 #include "encoding/Base64.h"
 #include "fields.h"
 #include "fiscal/operations.h"
-#include "sim/DevicePort.h"
-#include "sim/FrameTrace.h"
-#include "transaction/DoTransaction.h"
 
 namespace {
 
@@ -42,7 +35,9 @@ struct Device {
         : device({state, CODE, [this] { return now; }}) {}
 
     std::vector<std::string> ask(const std::string& operation, const std::string& request) {
-        return split(device.answer(operation, request), '|');
+        const std::string answer = device.answer(operation, request);
+        const auto fields = fieldsOf(answer);
+        return std::vector<std::string>(fields.begin(), fields.end());
     }
     std::string code(const std::string& operation, const std::string& request) {
         return ask(operation, request).at(1);
@@ -192,40 +187,6 @@ TEST(SimulatedDevice, ASessionBooksOnceAndItsAnswerStaysToBeAskedFor) {
     EXPECT_EQ(std::vector(again.begin() + 1, again.end()), std::vector(booked.begin() + 1, booked.end()));
     EXPECT_EQ(fixture.code("ConsultarNumeroSessao", query + "|000077"), "11003");
     EXPECT_EQ(fixture.ask("ConsultarUltimaSessaoFiscal", query).at(8), booked.at(8));
-}
-
-TEST(DevicePort, NoFaultBringsAnActivationCodeIntoTheTrace) {
-    constexpr int SHORT_MS = 50;  // a longer pause is not waited for: what follows it is no different
-    pbs::Message request("TrocarCodigoDeAtivacao", "3");
-    request.setBody(std::string("000001|") + CODE + "|1|outrocodigo|outrocodigo");
-    request.compress();
-    const std::string frame = request.toString();
-    for (const sim::Fault& fault : sim::faults()) {
-        SCOPED_TRACE(fault.name);
-        std::array<int, 2> ends{};
-        ASSERT_EQ(socketpair(AF_UNIX, SOCK_STREAM, 0, ends.data()), 0);
-        const tool::Descriptor line(ends[0]), application(ends[1]);
-        std::ostringstream output;
-        sim::FrameTrace trace(output, sim::FrameTrace::Secrets::Hidden);
-        SimulatedDevice device;
-        sim::DevicePort port(device, {0, {}, {{&fault, 0, fault.count}}, &trace});
-        std::array<char, 65536> unread{};
-        port.attach(line.get());
-        ASSERT_EQ(write(application.get(), frame.data(), frame.size()), static_cast<ssize_t>(frame.size()));
-        while (port.step()) {
-            auto [end, timeoutMs] = port.interest();
-            if ((end.events & POLLOUT) == 0 && (timeoutMs < 0 || timeoutMs > SHORT_MS)) break;
-            // Unread bytes, each by a write of its own, would soon fill the socket, and its poll would last
-            // forever.
-            recv(application.get(), unread.data(), unread.size(), MSG_DONTWAIT);
-            poll(&end, 1, timeoutMs);
-        }
-        const std::string text = output.str();
-        EXPECT_NE(text.find("fault: " + std::string(fault.name)), std::string::npos) << text;
-        EXPECT_EQ(text.find("| 000001|***|1|***|***\n") == std::string::npos, fault.spoil == nullptr) << text;
-        EXPECT_EQ(text.find(CODE), std::string::npos) << text;
-        EXPECT_EQ(text.find("outrocodigo"), std::string::npos) << text;
-    }
 }
 
 }  // namespace
