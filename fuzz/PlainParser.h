@@ -1,14 +1,17 @@
 #pragma once
 
+#include <algorithm>
 #include <cstdint>
 #include <cstdlib>
 #include <map>
 #include <string>
 #include <tuple>
+#include <vector>
 
 #include "plain_rules.h"
 #include "protocol/Message.h"
 #include "protocol/MessagePrivate.h"
+#include "require.h"
 
 /// Everything that a parser shows at a result: the result, the bytes taken so far, code, source, headers,
 /// body, the text of the last attempt and the state that ended it.
@@ -100,3 +103,37 @@ class PlainParser {
     std::map<std::string, std::string> m_headers = {{"code", "0"}, {"source", "0"}, {"version", "1.0"}};
     std::uint32_t m_lastState = 0;
 };
+
+constexpr auto IN_PROGRESS = pbs::Message::PARSER_IN_PROGRESS;
+
+/// What the plain parser shows at each result, and at the end.
+inline std::vector<Outcome> plainlyParsed(const std::vector<char>& stream) {
+    PlainParser parser;
+    std::vector<Outcome> outcomes;
+    for (std::size_t i = 0; i < stream.size(); ++i)
+        if (const auto result = parser.take(stream[i]); result != IN_PROGRESS)
+            outcomes.push_back(parser.outcome(result, i + 1));
+    outcomes.push_back(parser.outcome(IN_PROGRESS, stream.size()));
+    return outcomes;
+}
+
+/// What the library's parser shows, fed as the receive loop does; each chunk ends where its memory does.
+inline std::vector<Outcome> parsed(const std::vector<char>& stream, const std::vector<std::size_t>& sizes) {
+    pbs::MessagePrivate parser("0", "0");
+    std::vector<Outcome> outcomes;
+    std::size_t start = 0;
+    for (std::size_t i = 0; start < stream.size(); ++i) {
+        const std::size_t size = std::min(sizes[i % sizes.size()], stream.size() - start);
+        const std::vector<char> chunk(&stream[start], &stream[start] + size);
+        for (unsigned long consumed = 0; consumed < size;) {
+            const auto result = parser.parse(chunk.data() + consumed, size - consumed, &consumed);
+            if (result != IN_PROGRESS)
+                outcomes.push_back(outcome(result, start + consumed, parser));
+            else
+                require(consumed == size, "a frame in progress takes all bytes");
+        }
+        start += size;
+    }
+    outcomes.push_back(outcome(IN_PROGRESS, start, parser));
+    return outcomes;
+}

@@ -127,9 +127,6 @@ int rename(const char* from, const char* to) noexcept {
 }
 int remove(const char* path) noexcept { return callOrFail(__func__, -1, platform.remove, path); }
 int system(const char* command) { return callOrFail(__func__, -1, platform.system, command); }
-int mkdir(const char* path, mode_t mode) noexcept {
-    return fails(__func__) ? -1 : next<int(const char*, mode_t)>(__func__)(path, mode);
-}
 char* fgets(char* line, int capacity, FILE* file) {
     return fails(__func__) ? nullptr : next<char*(char*, int, FILE*)>(__func__)(line, capacity, file);
 }

@@ -7,7 +7,6 @@
 #include <string>
 #include <vector>
 
-#include "encoding/Base64.h"
 #include "platform.h"
 #include "surroundings.h"
 
@@ -43,9 +42,6 @@ TEST(CallCommand, AnswersFilesAndComplaintsAreWhatTheUserNeeds) {
         {"an answer is printed otherwise", "", CALL + "ConsultarSAT 7", 0,
          MatchesRegex("status +0 \\(FISCORA_STATUS_OK.*\\)\nnumeroSessao +000007\nEEEEE +08000\n"
                       "mensagem +SAT em Operação\ncod\nmensagemSEFAZ\n")},
-        {"the listing misses a column", "", CALL + "--list", 0,
-         StartsWith("AtivarSAT\tnumeroSessao:session subComando:uint16 codigoDeAtivacao:code cnpj:text "
-                    "cUF:uint16\t302\t04000\tnumeroSessao EEEEE mensagem cod mensagemSEFAZ CSR\n")},
         {"words are taken apart", "--trace", CALL + "EnviarStatusAC 7 '[a,b]' c -- -d", 0,
          HasSubstr("| 000007|[a,b]|c|-d\n")},
         {"an empty pause ends the input", "",
@@ -142,16 +138,12 @@ TEST(CallCommand, FullSizeSaleAndItsDocumentTravelWhole) {
     writeFile("sale.xml", sale);
 
     const auto result = runShell(SIM + "--activation-code " + code + " -- " + CALL +
-                                 "--out document.xml EnviarDadosVenda 1 " + code + " @sale.xml");
-    EXPECT_EQ(result.exitStatus, 0);
-    const std::string document = readFile("document.xml");
-    EXPECT_GT(document.size(), 1'150'000U);
-    const std::string name = "arquivoCFeBase64   ";
-    const auto place = result.output.find(name);
-    ASSERT_NE(place, std::string::npos) << result.output.substr(0, 1000);
-    const auto end = result.output.find('\n', place);
-    const auto shown = Base64::decode(result.output.substr(place + name.size(), end - place - name.size()));
-    EXPECT_TRUE(document == shown) << "the file differs from the answer";
+                                 "--out document.xml EnviarDadosVenda 1 " + code +
+                                 " @sale.xml >answer; "
+                                 "sed -n 's/^arquivoCFeBase64 *//p' answer | base64 -d | cmp - document.xml");
+    EXPECT_EQ(result.output, "") << "the file differs from the answer, or something was complained of";
+    EXPECT_EQ(result.exitStatus, 0) << readFile("answer").substr(0, 1000);
+    EXPECT_GT(std::filesystem::file_size("document.xml"), 1'150'000U);
 
     const auto refused =
         runShell(SIM + "--fault refused-write -- " + CALL + "EnviarDadosVenda 2 " + code + " @sale.xml");

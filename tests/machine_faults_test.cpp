@@ -86,20 +86,6 @@ Undo lockLogs() {
 }
 Undo putFileInPlaceOfLogs() { return moveLogs(), writeFile("logsDrs", ""), nullptr; }
 
-/// Fails the n-th allocation or, if it stays, that one and all after it.
-struct Shortage {
-    int n;
-    bool stays;
-    int allocations = 0;
-
-    bool struck() const { return allocations >= n; }
-    int operator()(std::string_view call) {
-        if (call != "operator new") return 0;
-        ++allocations;
-        return allocations == n || (stays && struck()) ? ENOMEM : 0;
-    }
-};
-
 class World {
   public:
     World() {
@@ -301,24 +287,32 @@ TEST(MachineFaults, DiskTarAndProcessTakeNeitherTheLogNorTheNextSale) {
 TEST(MachineFaults, AFailedAllocationCostsAtMostItsSale) {
     for (const bool stays : {false, true}) {
         World world;
-        bool struck = true;
-        for (int n = 1; struck; ++n) {
-            SCOPED_TRACE(testing::Message() << "allocation " << n << (stays ? " and all after it" : ""));
-            Shortage shortage{n, stays};
+        int n = 0, allocations = 0;  // the n-th fails
+        const Failure failure = [&, stays](std::string_view call) {
+            if (call != "operator new") return 0;
+            ++allocations;
+            return allocations == n || (stays && allocations > n) ? ENOMEM : 0;
+        };
+        // Calls `tryOne` with each allocation failing in turn, until there are no more.
+        const auto forEachAllocation = [&](const std::function<void()>& tryOne) {
+            n = 0;
+            do {
+                SCOPED_TRACE(testing::Message() << "allocation " << ++n << (stays ? " and all after" : ""));
+                allocations = 0;
+                tryOne();
+            } while (allocations >= n);
+        };
+        forEachAllocation([&] {
             world.workOldDay();
             setClock(NEW_DAY);
-            EXPECT_THAT(world.sale(std::ref(shortage)), AnyOf(FISCORA_STATUS_OK, FISCORA_STATUS_NO_ANSWER));
+            EXPECT_THAT(world.sale(failure), AnyOf(FISCORA_STATUS_OK, FISCORA_STATUS_NO_ANSWER));
             EXPECT_THAT(world.left(), KEEPS_OLD_DAY);
-            struck = shortage.struck();
-        }
-        struck = true;
-        for (int n = 1; struck; ++n) {
-            Shortage shortage{n, stays};
-            char* const text = world.call(Base64ToAscii, std::ref(shortage));
-            EXPECT_THAT(text, AnyOf(StrEq(DOCUMENT), StrEq(""))) << "allocation " << n;
+        });
+        forEachAllocation([&] {
+            char* const text = world.call(Base64ToAscii, failure);
+            EXPECT_THAT(text, AnyOf(StrEq(DOCUMENT), StrEq("")));
             if (text != nullptr && *text != '\0') *text = '?';  // so that the next call cannot just return it
-            struck = shortage.struck();
-        }
+        });
         EXPECT_EQ(world.call(Base64ToAscii), DOCUMENT);
     }
 }
