@@ -32,33 +32,22 @@ TEST(Discovery, TheDeviceIsFoundByNameAndByVendor) {
         const char *name, *byName, *byVendor;
         std::vector<std::string> entries;
     } cases[] = {
+        // clang-format off
         {"no folders", "", "", {}},
         {"empty folders", "", "", {"serial/by-id", vendor}},
         {"one device", "/dev/ttyACM0", "/dev/ttyACM3", {usb + mark + "ACM0", vendor, device + tty + "3"}},
         {"two names", "/dev/ttyACM2", "", {usb + "b" + mark + "ACM2", usb + "a" + mark + "ACM5"}},
         {"two digits", "/dev/ttyACM1", "/dev/ttyACM12", {usb + mark + "ACM12", vendor, device + tty + "12"}},
         {"last name on another driver", "", "", {usb + "a" + mark + "ACM0", usb + "b" + mark + "USB0"}},
-        {"similar names",
-         "",
-         "",
-         {usb + "-mfc_with_musb -> ../../ttyACM0", usb + "-mfcc_with_musb -> ../../ttyACM1"}},
-        {"vendor without line end",
-         "",
-         "/dev/ttyACM3",
-         {device + "/idVendor=0525", device + "/idProduct=ffff", device + tty + "3"}},
+        {"similar names", "", "", {usb + "-mfc_with_musb -> ../../ttyACM0", usb + "-mfcc_with_musb -> ../../ttyACM1"}},
+        {"vendor without line end", "", "/dev/ttyACM3", {device + "/idVendor=0525", device + "/idProduct=ffff", device + tty + "3"}},
         {"longer vendor", "", "", {device + "/idVendor=05250\n", device + tty + "3"}},
-        {"empty and foreign vendor first",
-         "",
-         "/dev/ttyACM7",
-         {device + "/idVendor=", "devices/1-2/idVendor=1d6b\n", laterVendor, later + tty + "7"}},
+        {"empty and foreign vendor first", "", "/dev/ttyACM7", {device + "/idVendor=", "devices/1-2/idVendor=1d6b\n", laterVendor, later + tty + "7"}},
         {"unreadable vendor first", "", "", {"devices/1-0/idVendor -> nowhere", vendor, device + tty + "3"}},
-        {"folders beside tty",
-         "",
-         "/dev/ttyS4",
-         {vendor, device + "/a/ttys/S0", device + "/b/tty/ttyS4", device + "/c/tty/ttyS5"}},
+        {"folders beside tty", "", "/dev/ttyS4", {vendor, device + "/a/ttys/S0", device + "/b/tty/ttyS4", device + "/c/tty/ttyS5"}},
         {"first device without tty", "", "", {vendor, laterVendor, later + tty + "7"}},
         {"hidden entry", "", "", {vendor, device + "/a/tty/.hidden"}},
-    };
+    };  // clang-format on
     platform.usleep = [](useconds_t) { return 0; };
     serial::SerialCommChannel channel;
     const long before = openDescriptors();
