@@ -39,49 +39,37 @@ TEST(CallCommand, AnswersFilesAndComplaintsAreWhatTheUserNeeds) {
         const char* document = "old";  ///< what d.xml begins with
         bool makesFile = false;        ///< "l", beside d.xml
     } cases[] = {
+        // clang-format off
         {"an answer is printed otherwise", "", CALL + "ConsultarSAT 7", 0,
-         MatchesRegex("status +0 \\(FISCORA_STATUS_OK.*\\)\nnumeroSessao +000007\nEEEEE +08000\n"
-                      "mensagem +SAT em Operação\ncod\nmensagemSEFAZ\n")},
-        {"words are taken apart", "--trace", CALL + "EnviarStatusAC 7 '[a,b]' c -- -d", 0,
-         HasSubstr("| 000007|[a,b]|c|-d\n")},
-        {"an empty pause ends the input", "",
-         "{ sleep 0.5; printf '1234'; sleep 0.5; printf '5678\\r\\n'; } | " + nonBlocking + CALL +
-             "ExtrairLogs 7 @-",
-         0, HasSubstr("15000")},
-        {"a refused request passes for an unanswered one", "", CALL + "ExtrairLogs 7 " + std::string(41, 'c'),
-         2, StartsWith("status             8")},
-        {"a document in place is taken for a file's name", "",
-         CALL + "EnviarDadosVenda 8 12345678 '<CFe>" + std::string(300, ' ') + "</CFe>'", 0,
+         MatchesRegex("status +0 \\(FISCORA_STATUS_OK.*\\)\nnumeroSessao +000007\nEEEEE +08000\n" "mensagem +SAT em Operação\ncod\nmensagemSEFAZ\n")},
+        {"words are taken apart", "--trace", CALL + "EnviarStatusAC 7 '[a,b]' c -- -d", 0, HasSubstr("| 000007|[a,b]|c|-d\n")},
+        {"an empty pause ends the input", "", "{ sleep 0.5; printf '1234'; sleep 0.5; printf '5678\\r\\n'; } | " + nonBlocking + CALL +
+             "ExtrairLogs 7 @-", 0, HasSubstr("15000")},
+        {"a refused request passes for an unanswered one", "", CALL + "ExtrairLogs 7 " + std::string(41, 'c'), 2, StartsWith("status             8")},
+        {"a document in place is taken for a file's name", "", CALL + "EnviarDadosVenda 8 12345678 '<CFe>" + std::string(300, ' ') + "</CFe>'", 0,
          HasSubstr("06000")},
         {"a lost output passes", "", CALL + "ConsultarSAT 7 >/dev/full", 1, HasSubstr("standard output")},
         {"a terminal is flooded with a signature", "", "script -qec \"" + CALL + SALE + "\" /dev/null", 0,
          AllOf(HasSubstr("bytes; --full shows all)"), Not(HasSubstr(std::string(100, 'a'))))},
-        {"--full is not full", "", "script -qec \"" + CALL + "--full" + SALE + "\" /dev/null", 0,
-         Not(HasSubstr("--full"))},
-        {"calls take each other's answers", "",
-         "for i in 1 2 3; do " + CALL + "ConsultarSAT $i & done; wait; echo $?", 0,
+        {"--full is not full", "", "script -qec \"" + CALL + "--full" + SALE + "\" /dev/null", 0, Not(HasSubstr("--full"))},
+        {"calls take each other's answers", "", "for i in 1 2 3; do " + CALL + "ConsultarSAT $i & done; wait; echo $?", 0,
          AllOf(HasSubstr("waiting for it to finish"), HasSubstr("000001\nEEEEE              08000"),
                HasSubstr("000002\nEEEEE              08000"), HasSubstr("000003\nEEEEE              08000"))},
         {"a call that reached no device asks for care", "", "env -u FISCORA_SIM_LINE " + CALL + SALE, 1,
          AllOf(HasSubstr("run fiscora doctor"), Not(HasSubstr("ConsultarNumeroSessao")))},
         {"no advice after a sale", "--fault hang-up", CALL + "--out d.xml" + SALE, 1,
          AllOf(StartsWith("status             2"), HasSubstr(asks), Not(HasSubstr("12345678")))},
-        {"no advice to who interrupts", "--fault silence", "timeout -s INT 4 " + CALL + "--out d.xml" + SALE,
-         124, HasSubstr(asks)},
-        {"a late document is lost", "--fault junk-behind", CALL + "--out d.xml" + SALE, 1,
-         StartsWith("status             32768"), "<CFe>"},
+        {"no advice to who interrupts", "--fault silence", "timeout -s INT 4 " + CALL + "--out d.xml" + SALE, 124, HasSubstr(asks)},
+        {"a late document is lost", "--fault junk-behind", CALL + "--out d.xml" + SALE, 1, StartsWith("status             32768"), "<CFe>"},
         {"a refusal overwrites a document, or --state has no effect", "--state not-activated",
          CALL + "ExtrairLogs --out d.xml 7 12345678", 1, HasSubstr("the answer contains no document")},
         {"a full disk costs a document", "", "ulimit -f 0; " + CALL + "--out d.xml" + SALE, 1,
-         AllOf(HasSubstr("cannot write d.xml: File too large"), HasSubstr(asks),
-               HasSubstr("arquivoCFeBase64   PEN"))},
-        {"a link is replaced", "", "ln -s d.xml l; " + CALL + "ExtrairLogs --out l 7 12345678; test -L l", 0,
-         HasSubstr("15000"), "SAT 9", true},
+         AllOf(HasSubstr("cannot write d.xml: File too large"), HasSubstr(asks), HasSubstr("arquivoCFeBase64   PEN"))},
+        {"a link is replaced", "", "ln -s d.xml l; " + CALL + "ExtrairLogs --out l 7 12345678; test -L l", 0, HasSubstr("15000"), "SAT 9", true},
         {"a link to nothing is replaced", "", "ln -s x l; " + CALL + "ExtrairLogs --out l 7 12345678", 2,
          HasSubstr("it is a link to nothing"), "old", true},
-        {"a pipe hangs the call", "", "mkfifo l; " + CALL + "ExtrairLogs --out l 7 12345678", 2,
-         HasSubstr("it is not a regular file"), "old", true},
-    };
+        {"a pipe hangs the call", "", "mkfifo l; " + CALL + "ExtrairLogs --out l 7 12345678", 2, HasSubstr("it is not a regular file"), "old", true},
+    };  // clang-format on
     const WorkingDirectory folder;
     std::vector<std::string> lines;
     for (const auto& row : cases) {
