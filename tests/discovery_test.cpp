@@ -29,7 +29,7 @@ TEST(Discovery, TheDeviceIsFoundByNameAndByVendor) {
                       tty = "/1-1:1.0/tty/ttyACM";
     const std::string later = "devices/2-1", laterVendor = later + "/idVendor=0525\n";
     const struct {
-        const char *name, *byName, *byVendor;
+        std::string name, byName, byVendor;
         std::vector<std::string> entries;
     } cases[] = {
         // clang-format off
