@@ -130,7 +130,7 @@ inline std::vector<Outcome> parsed(const std::vector<char>& stream, const std::v
             if (result != IN_PROGRESS)
                 outcomes.push_back(outcome(result, start + consumed, parser));
             else
-                require(consumed == size, "a frame in progress takes all bytes");
+                require(consumed == size, "a frame in progress takes every byte");
         }
         start += size;
     }

@@ -13,6 +13,7 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* bytes, std::size_t siz
         wire.push_back(static_cast<char>(bytes[i]));
     }
     wire.insert(wire.end(), end.begin(), end.end());
-    require(parsed(wire, {wire.size()}) == plainlyParsed(wire), "a head is judged by the rules");
+    require(parsed(wire, {wire.size()}) == plainlyParsed(wire),
+            "a head is read as the plain parser reads it");
     return 0;
 }
