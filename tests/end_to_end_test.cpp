@@ -141,7 +141,7 @@ const struct {
     {"call ConsultarSAT 1 --outt x", "there is no option --outt"},
     {"call ConsultarSAT 1 --out document.xml", "contains no document"},
     {"call ExtrairLogs 1 12345678 --out absent/log", "cannot write absent/log"},
-    {"call ExtrairLogs 1 12345678 --out /dev/null", "cannot write /dev/null: it is not a regular file"},
+    {"call ExtrairLogs 1 12345678 --out /dev/null", "cannot write /dev/null: not a regular file"},
     {"call --list ConsultarSAT", "unexpected argument: ConsultarSAT"},
     {"doctor now", "unexpected argument: now ("},
     {"log --since 20310229", "--since: expected a day, YYYYMMDD or YYYY-MM-DD, not \"20310229\""},

@@ -25,7 +25,7 @@
 #include "encoding/Base64.h"
 #include "fiscora.h"
 #include "platform.h"
-#include "sim/Descriptor.h"
+#include "Descriptor.h"
 #include "surroundings.h"
 
 namespace {
@@ -77,7 +77,7 @@ Undo printToNobody() {
 }
 /// As another process would.
 Undo lockLogs() {
-    const auto locks = std::make_shared<std::vector<sim::Descriptor>>();
+    const auto locks = std::make_shared<std::vector<tool::Descriptor>>();
     for (const char* path : {"logsDrs", LOG.c_str()}) {
         locks->emplace_back(openat(AT_FDCWD, path, O_RDONLY));
         flock(locks->back().get(), LOCK_EX);
