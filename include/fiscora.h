@@ -51,10 +51,10 @@
  *
  * Texts: bytes, passed on unchanged in both directions. Documents are UTF-8, as their XML declares.
  *
- * Files: a debug log, logsDrs/logDrsYYYYMMDD.log in the working directory of the moment. The process makes the
- * folder once, at its first call; a line that cannot be written is dropped. If a process runs past midnight,
- * its first call of the new day archives the previous log with tar and prints some lines on the standard
- * output. If there are eight files or more then, the oldest is removed.
+ * Files: a debug log, logsDrs/logDrsYYYYMMDD.log in the working directory of the moment. The process makes
+ * the folder once, at its first call; a line that cannot be written is dropped. If a process runs past
+ * midnight, its first call of the new day archives the previous log with tar and prints some lines on the
+ * standard output. If there are eight files or more then, the oldest is removed.
  */
 #ifndef FISCORA_H
 #define FISCORA_H
@@ -86,9 +86,10 @@ enum { FISCORA_ANSWER_MAX_BYTES = 1572864 };
 
 /**
  * Activates the device for a taxpayer.
- * subComando: kind of activation, 1 to 3 in the fiscal standard; only its low 16 bits are used. codigoDeAtivacao: the
- * code to set, 8 to 32 characters. cnpj: the taxpayer's number, 14 digits. cUF: code of the federal unit
- * (IBGE); only its low 16 bits are used. Texts: 50 bytes together. EEEEE of success: 04000. Timeout: 302 s.
+ * subComando: kind of activation, 1 to 3 in the fiscal standard; only its low 16 bits are used.
+ * codigoDeAtivacao: the code to set, 8 to 32 characters. cnpj: the taxpayer's number, 14 digits. cUF: code of
+ * the federal unit (IBGE); only its low 16 bits are used. Texts: 50 bytes together. EEEEE of success: 04000.
+ * Timeout: 302 s.
  */
 char* AtivarSAT(int numeroSessao, int subComando, const char* codigoDeAtivacao, const char* cnpj, int cUF);
 
