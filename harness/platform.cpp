@@ -6,15 +6,19 @@
 #include <sys/ioctl.h>
 #include <sys/stat.h>
 #include <unistd.h>
+#include <zlib.h>
 
 #include <algorithm>
+#include <array>
 #include <cerrno>
 #include <cstdarg>
+#include <cstdio>
 #include <cstdlib>
 #include <cstring>
 #include <filesystem>
 #include <fstream>
 #include <iterator>
+#include <memory>
 #include <new>
 #include <sstream>
 #include <stdexcept>
@@ -164,15 +168,32 @@ Files files() {
     return result;
 }
 
+namespace ustar {  // the header of an archive's entry, POSIX.1-1988: offsets and sizes in bytes
+constexpr std::size_t BLOCK = 512, SIZE = 124, SIZE_DIGITS = 11, TYPE = 156, MAGIC = 257;
+}
+
 std::string readLog(const std::string& path) {
-    constexpr char GZIP_MARK[] = "\x1f\x8b";
-    const std::string content = readFile(path);
-    if (content.rfind(GZIP_MARK, 0) != 0) return content;
-    FILE* const tar = realPopen(("tar -xzOf '" + path + "'").c_str());
+    const std::unique_ptr<gzFile_s, int (*)(gzFile)> file(
+        gzdopen(openat(AT_FDCWD, path.c_str(), O_RDONLY), "rb"), gzclose);  // gzopen would open the line
     std::string text;
-    for (int byte; (byte = std::fgetc(tar)) != EOF;) text += static_cast<char>(byte);
-    next<int(FILE*)>("pclose")(tar);
-    return text;
+    std::array<char, 65536> chunk{};
+    for (int count; file && (count = gzread(file.get(), chunk.data(), chunk.size())) > 0;)
+        text.append(chunk.data(), static_cast<std::size_t>(count));
+    if (text.size() < ustar::BLOCK || text.compare(ustar::MAGIC, 5, "ustar") != 0) return text;
+    return text.substr(ustar::BLOCK, std::stoul(text.substr(ustar::SIZE, ustar::SIZE_DIGITS), nullptr, 8));
+}
+
+int archiveUncompressed(const std::string& command) {
+    const std::string log = command.substr(command.rfind(' ') + 1), text = readFile(log);
+    std::string archive(ustar::BLOCK, '\0');
+    archive.replace(0, log.size(), log);
+    std::snprintf(&archive[ustar::SIZE], ustar::SIZE_DIGITS + 1, "%011zo", text.size());
+    archive[ustar::TYPE] = '0';
+    archive.replace(ustar::MAGIC, 5, "ustar");
+    archive += text;
+    archive.resize((archive.size() / ustar::BLOCK + 3) * ustar::BLOCK);  // two blocks of zeros at the end
+    writeFile(log + ".tar.gz", archive);
+    return 0;
 }
 
 pbs::Message compressedMessage(const std::string& code, const std::string& body) {

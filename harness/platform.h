@@ -81,6 +81,8 @@ using Files = std::map<std::string, std::string>;
 Files files();
 /// Text of a day's log or, of a tar.gz file, of the log in it.
 std::string readLog(const std::string& path);
+/// Stands in for `system` with the archive's command: makes the archive without a process, uncompressed.
+int archiveUncompressed(const std::string& command);
 
 /// A message as the library and the device send it, with a compressed body.
 pbs::Message compressedMessage(const std::string& code, const std::string& body);

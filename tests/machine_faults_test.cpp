@@ -287,6 +287,7 @@ TEST(MachineFaults, DiskTarAndProcessTakeNeitherTheLogNorTheNextSale) {
 TEST(MachineFaults, AFailedAllocationCostsAtMostItsSale) {
     for (const bool stays : {false, true}) {
         World world;
+        platform.system = archiveUncompressed;
         int n = 0, allocations = 0;  // the n-th fails
         const Failure failure = [&, stays](std::string_view call) {
             if (call != "operator new") return 0;
