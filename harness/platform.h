@@ -4,6 +4,7 @@
 #include <sys/types.h>
 #include <termios.h>
 
+#include <cstdint>
 #include <cstdio>
 #include <ctime>
 #include <deque>
@@ -98,7 +99,7 @@ class FakeLine {
     struct Reading {
         std::string bytes;
         int result = 0;
-        long afterMs = 0;
+        std::int64_t afterMs = 0;
     };
 
     static constexpr int DESCRIPTOR = 1000;
@@ -108,8 +109,8 @@ class FakeLine {
     FakeLine& operator=(const FakeLine&) = delete;
     ~FakeLine();
 
-    long nowMs() const { return m_nowUs / 1000; }
-    void advanceMs(long ms) { m_nowUs += ms * 1000; }
+    std::int64_t nowMs() const { return m_nowUs / 1000; }
+    void advanceMs(std::int64_t ms) { m_nowUs += ms * 1000; }
 
     std::string listing =
         "lrwxrwxrwx 1 root root 13 x-mfc+_with_musb-if00 -> ../../ttyACM0";  ///< of the discovery
@@ -129,7 +130,7 @@ class FakeLine {
     ssize_t give(void* buffer, size_t capacity);
     ssize_t take(const void* bytes, size_t length);
 
-    long m_nowUs = 0;
+    std::int64_t m_nowUs = 0;
     pbs::Message m_command;
 };
 

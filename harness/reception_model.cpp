@@ -55,12 +55,12 @@ std::ostream& operator<<(std::ostream& stream, const Reception& reception) {
                   << " ms, log " << reception.events;
 }
 
-Reception expectedReception(Script script, const std::string& command, int timeoutMs, long elapsedMs,
+Reception expectedReception(Script script, const std::string& command, int timeoutMs, std::int64_t elapsedMs,
                             int failures) {
     Reception reception;
     reception.endMs = elapsedMs;
     pbs::Message message;
-    long startMs = 0;
+    std::int64_t startMs = 0;
     int refused = 0;
     for (;;) {
         const FakeLine::Reading read = nextRead(script);
@@ -89,7 +89,7 @@ Reception expectedReception(Script script, const std::string& command, int timeo
         failures = read.bytes.empty() ? failures + 1 : 0;
         reception.open = failures < MAX_FAILURES;
         const bool failed = read.bytes.empty() && read.result < 0;
-        const long waitedMs = reception.endMs - startMs;
+        const std::int64_t waitedMs = reception.endMs - startMs;
         const bool waits = result == pbs::Message::PARSER_IN_PROGRESS && waitedMs <= timeoutMs;
         if (failed || (waits && !reception.open)) {
             reception.status = FISCORA_STATUS_READ_ERROR;
@@ -106,12 +106,12 @@ Reception expectedReception(Script script, const std::string& command, int timeo
 
 JudgedReception receive(FakeLine& line, const std::string& command, int timeoutMs) {
     const Script script = line.readings;
-    const long startMs = line.nowMs();
+    const std::int64_t startMs = line.nowMs();
     serial::SerialCommChannel channel;
     channel.openSerial("/dev/ttyACM0");
     pbs::Message request(command, "3");
     const int failures = channel.send_data(request) < 0 ? 1 : 0;
-    const long elapsedMs = line.nowMs() - startMs;
+    const std::int64_t elapsedMs = line.nowMs() - startMs;
 
     Reception seen;
     seen.status = channel.receive_data(command.c_str(), seen.answer, timeoutMs);

@@ -13,9 +13,9 @@ struct Reception {
     int status = FISCORA_STATUS_NO_ANSWER;
     pbs::Message answer;  ///< unchanged if none was accepted
     long reads = 0;
-    bool open = true;    ///< the port
-    long endMs = 0;      ///< since sending began
-    std::string events;  ///< the log, as in `logEvents`
+    bool open = true;        ///< the port
+    std::int64_t endMs = 0;  ///< since sending began
+    std::string events;      ///< the log, as in `logEvents`
 };
 bool operator==(const Reception& one, const Reception& other);
 std::ostream& operator<<(std::ostream& stream, const Reception& reception);
@@ -30,7 +30,7 @@ std::string logEvents(const std::vector<std::string>& lines);
 ///
 /// `elapsedMs`: since sending began. `failures`: transfers in a row that have moved nothing so far.
 Reception expectedReception(std::deque<FakeLine::Reading> script, const std::string& command, int timeoutMs,
-                            long elapsedMs, int failures = 0);
+                            std::int64_t elapsedMs, int failures = 0);
 
 /// One exchange as it went and as it should have gone.
 struct JudgedReception {
