@@ -22,16 +22,33 @@
 #include <new>
 #include <sstream>
 #include <stdexcept>
+#include <string_view>
+#include <utility>
 
 Platform platform;
 thread_local int TestsOwn::depth = 0;
 
 namespace {
 
+/// What the platform's symbol is called. The headers of a 32-bit platform with 64-bit time rename some, here
+/// and in the library.
+const char* symbol(const char* name) {
+#if defined(__USE_TIME_BITS64) && __TIMESIZE == 32
+    constexpr std::pair<std::string_view, const char*> RENAMED[] = {{"fts_open", "__fts64_open_time64"},
+                                                                    {"gettimeofday", "__gettimeofday64"},
+                                                                    {"ioctl", "__ioctl_time64"},
+                                                                    {"open", "open64"},
+                                                                    {"time", "__time64"}};
+    for (const auto& [plain, renamed] : RENAMED)
+        if (plain == name) return renamed;
+#endif
+    return name;
+}
+
 /// The platform's own function.
 template <typename Function>
 Function* next(const char* name) {
-    return reinterpret_cast<Function*>(dlsym(RTLD_NEXT, name));
+    return reinterpret_cast<Function*>(dlsym(RTLD_NEXT, symbol(name)));
 }
 
 /// Whether this call fails; `errno` then says why.
