@@ -51,7 +51,7 @@ public class Venda {
     static <T> T stop(int exitStatus, String why) throws IOException {
         OUT.println(why);
         if (!Files.exists(PENDING)) System.exit(exitStatus);
-        OUT.println("Antes de enviar outro documento, pergunte pela sessão e apague pendente.txt (README.md): "
+        OUT.println("Antes de enviar outro documento, consulte a sessão e apague pendente.txt (README.md): "
                 + new String(Files.readAllBytes(PENDING), StandardCharsets.UTF_8));
         System.exit(DOCUMENT_PENDING);
         return null;
@@ -116,7 +116,7 @@ public class Venda {
 
     /** The device's answer in a session whose answer was lost; null if it does not know the session. */
     static String[] askAbout(int lost, String code) throws IOException, InterruptedException {
-        OUT.printf("Não envie de novo: perguntando pela sessão %06d%n", lost);
+        OUT.printf("Não envie de novo: consultando a sessão %06d%n", lost);
         for (int query = 0; query < QUERIES; ++query) {
             int session = nextSession();
             Pointer result = LIBRARY.ConsultarNumeroSessao(session, code, lost);

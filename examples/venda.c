@@ -34,7 +34,7 @@ static void stop(int exit_status, const char* why) {
     if (access(PENDING, F_OK) != 0) exit(exit_status);
     file = fopen(PENDING, "r");
     if (file == NULL || fgets(pending, sizeof pending, file) == NULL) perror(PENDING);
-    printf("Antes de enviar outro documento, pergunte pela sessão e apague pendente.txt (README.md): %s\n",
+    printf("Antes de enviar outro documento, consulte a sessão e apague pendente.txt (README.md): %s\n",
            pending);
     exit(DOCUMENT_PENDING);
 }
@@ -104,7 +104,7 @@ static void expect(bool received, const char* eeeee) {
 /* Asks the device what it did in a session whose answer was lost. True: that answer is now the last answer.
  * False: the device does not know the session. */
 static bool ask_about(int lost) {
-    printf("Não envie de novo: perguntando pela sessão %06d\n", lost);
+    printf("Não envie de novo: consultando a sessão %06d\n", lost);
     for (int query = 0; query < QUERIES; ++query) {
         const int session = next_session();
         const char* const result = ConsultarNumeroSessao(session, activation_code, lost);

@@ -43,7 +43,7 @@ std::string readFile(const char* path) {
 [[noreturn]] void stop(ExitStatus status, const char* why) {
     std::cout << why << std::endl;
     if (!std::filesystem::exists(PENDING)) std::exit(status);
-    std::cout << "Antes de enviar outro documento, pergunte pela sessão e apague pendente.txt (README.md): "
+    std::cout << "Antes de enviar outro documento, consulte a sessão e apague pendente.txt (README.md): "
               << readFile(PENDING) << std::endl;
     std::exit(DOCUMENT_PENDING);
 }
@@ -147,7 +147,7 @@ class Till {
 
     /// The device's answer in a session whose answer was lost; nothing if it does not know the session.
     std::optional<Answer> askAbout(int lost) {
-        std::cout << "Não envie de novo: perguntando pela sessão " << sixDigits(lost) << std::endl;
+        std::cout << "Não envie de novo: consultando a sessão " << sixDigits(lost) << std::endl;
         for (int query = 0; query < QUERIES; ++query) {
             const int session = nextSession();
             const char* const result = m_sat.ConsultarNumeroSessao(session, m_code, lost);

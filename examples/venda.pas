@@ -75,7 +75,7 @@ procedure Stop(ExitStatus: Integer; const Why: AnsiString);
 begin
   WriteLn(Why);
   if not FileExists(PENDING) then Halt(ExitStatus);
-  WriteLn('Antes de enviar outro documento, pergunte pela sessão e apague pendente.txt (README.md): ', ReadFile(PENDING));
+  WriteLn('Antes de enviar outro documento, consulte a sessão e apague pendente.txt (README.md): ', ReadFile(PENDING));
   Halt(DOCUMENT_PENDING);
 end;
 
@@ -126,7 +126,7 @@ var
   Query: Integer;
   Session: LongInt;
 begin
-  WriteLn(Format('Não envie de novo: perguntando pela sessão %.6d', [Lost]));
+  WriteLn(Format('Não envie de novo: consultando a sessão %.6d', [Lost]));
   for Query := 1 to QUERIES do
   begin
     Session := NextSession;

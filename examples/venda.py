@@ -44,7 +44,7 @@ def stop(exit_status, why):
     print(why)
     if PENDING.exists():
         exit_status = DOCUMENT_PENDING
-        print("Antes de enviar outro documento, pergunte pela sessão e apague pendente.txt (README.md):",
+        print("Antes de enviar outro documento, consulte a sessão e apague pendente.txt (README.md):",
               PENDING.read_text(errors="replace"))
     sys.exit(exit_status)
 
@@ -100,7 +100,7 @@ def expect(fields, eeeee):
 
 def ask_about(lost, code):
     """The device's answer in a session whose answer was lost; None if it does not know the session."""
-    print(f"Não envie de novo: perguntando pela sessão {lost:06}")
+    print(f"Não envie de novo: consultando a sessão {lost:06}")
     for _ in range(QUERIES):
         fields = call("ConsultarNumeroSessao", next_session(), code, lost, asked=lost)
         if fields and fields[EEEEE] == "11003":

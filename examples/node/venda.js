@@ -41,7 +41,7 @@ const sync = libc.func('void sync()');
 function stop(exitStatus, why) {
     console.log(why);
     if (!fs.existsSync(PENDING)) process.exit(exitStatus);
-    console.log('Antes de enviar outro documento, pergunte pela sessão e apague pendente.txt (README.md):',
+    console.log('Antes de enviar outro documento, consulte a sessão e apague pendente.txt (README.md):',
         fs.readFileSync(PENDING, 'utf8'));
     process.exit(DOCUMENT_PENDING);
 }
@@ -96,7 +96,7 @@ function expect(eeeee, fields) {
 
 /** The device's answer in a session whose answer was lost; null if it does not know the session. */
 function askAbout(lost, code) {
-    console.log(`Não envie de novo: perguntando pela sessão ${sixDigits(lost)}`);
+    console.log(`Não envie de novo: consultando a sessão ${sixDigits(lost)}`);
     for (let query = 0; query < QUERIES; ++query) {
         const fields = call('ConsultarNumeroSessao', nextSession(), code, lost);
         if (fields?.[EEEEE] === '11003') return null;
