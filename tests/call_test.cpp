@@ -40,8 +40,8 @@ TEST(CallCommand, AnswersFilesAndComplaintsAreWhatTheUserNeeds) {
         bool makesFile = false;        ///< "l", beside d.xml
     } cases[] = {
         // clang-format off
-        {"an answer is printed otherwise", "", CALL + "ConsultarSAT 7", 0,
-         MatchesRegex("status +0 \\(FISCORA_STATUS_OK.*\\)\nnumeroSessao +000007\nEEEEE +08000\n" "mensagem +SAT em Operação\ncod\nmensagemSEFAZ\n")},
+        {"an answer is printed otherwise", "", CALL + "ConsultarSAT 999999", 0,
+         MatchesRegex("status +0 \\(FISCORA_STATUS_OK.*\\)\nnumeroSessao +999999\nEEEEE +08000\n" "mensagem +SAT em Operação\ncod\nmensagemSEFAZ\n")},
         {"words are taken apart", "--trace", CALL + "EnviarStatusAC 7 '[a,b]' c -- -d", 0, HasSubstr("| 000007|[a,b]|c|-d\n")},
         {"an empty pause ends the input", "", "{ sleep 0.5; printf '1234'; sleep 0.5; printf '5678\\r\\n'; } | " + nonBlocking + CALL +
              "ExtrairLogs 7 @-", 0, HasSubstr("15000")},

@@ -79,6 +79,7 @@ const World WORLDS[] = {
     {"PlainFile", "rm /dev/ttyACM0; touch /dev/ttyACM0", "oooesssoo", "is not a character device"},
     {"NoRights", "chmod 0 $PTY", "ooooeosoos", "cannot read and write /dev/ttyACM0 ("},
     {"OtherGroup", "chmod 660 $PTY", "ooooeosoo", "sudo usermod -aG terminais ", giveAway},
+    {"GroupThatMayOnlyRead", "chmod 640 $PTY", "ooooeosoo", "Install the udev rule", giveAway},
     {"OldSession", "chmod 660 $PTY; echo terminais:x:4711:$(id -un) >group", "ooooeosoo", "this session started earlier", giveAway},
     {"Held", "", "oooooewoos", "open in fiscora_tests (pid ", hold},
     {"HeldByModemManager", "", "oooooewoo", "so that ModemManager ignores the device", holdAsModemManager},

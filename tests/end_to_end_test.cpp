@@ -136,6 +136,7 @@ const struct {
     {"call EnviarDadosVenda 1 12345678 @.", "cannot read .: Is a directory"},
     {"call ExtrairLogs 1 @- </proc/self/mem", "cannot read standard input: Input/output error"},
     {"call ExtrairLogs 1 @/dev/zero", "/dev/zero is too long"},
+    {"call EnviarDadosVenda 1 12345678 @/proc/self/cmdline", "/proc/self/cmdline contains a zero byte"},
     {"call TrocarCodigoDeAtivacao 1 12345678 1 'a\nb' x", "novoCodigo contains a line break"},
     {"call EnviarDadosVenda 1 12345678 /proc/self/comm", "is a file; write @/proc/self/comm"},
     {"call ConsultarSAT 1 --outt x", "there is no option --outt"},

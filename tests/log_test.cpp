@@ -63,7 +63,7 @@ TEST(Log, CallsOfTheLibraryAreShownAsTheyWere) {
     const WorkingDirectory folder;
     fs::create_directory("logsDrs");  // which the library makes only once
     FakeLine line;
-    setClock("2031-02-28 23:59:40");
+    setClock("2031-02-28 23:59:26");
     platform.time = [&, start = platform.time()] { return start + line.nowMs() / 1000; };
     line.answers = [&line](const pbs::Message& command) {
         line.advanceMs(2900);
@@ -78,7 +78,7 @@ TEST(Log, CallsOfTheLibraryAreShownAsTheyWere) {
     ConsultarSAT(1);
     EnviarDadosVenda(2, "12345678", "<CFe/>");
     line.answers = nullptr;
-    ConsultarSAT(3);
+    ConsultarStatusOperacional(3, "12345678");
     ConsultarSAT(4);  // through midnight, at which the log becomes an archive
     line.listing.clear();
     ConsultarStatusOperacional(5, "12345678");
@@ -89,17 +89,17 @@ TEST(Log, CallsOfTheLibraryAreShownAsTheyWere) {
               "0\n"
               "Time      Operation                   Session     Took  Result\n"
               "2031-02-28\n"
-              "23:59:40  ConsultarSAT                 000001      3 s  ok 08000\n"
-              "23:59:44  EnviarDadosVenda             000002      3 s  refused 06010\n"
+              "23:59:26  ConsultarSAT                 000001      3 s  ok 08000\n"
+              "23:59:30  EnviarDadosVenda             000002      3 s  refused 06010\n"
               "          Código inválido\n"
-              "23:59:48  ConsultarSAT                 000003      6 s  failed TIMEOUT\n"
+              "23:59:34  ConsultarStatusOperacional   000003     20 s  failed TIMEOUT\n"
               "23:59:55  ConsultarSAT                 000004      6 s  failed TIMEOUT\n"
               "2031-03-01\n"
               "00:00:02  ConsultarStatusOperacional   000005      0 s  failed NO_ANSWER\n"
               "\n"
               "Operation                   Calls  Refused  Failed  No end  Median  Longest\n"
-              "ConsultarSAT                    3        0       2       0     6 s      6 s\n"
-              "ConsultarStatusOperacional      1        0       1       0     0 s      0 s\n"
+              "ConsultarSAT                    2        0       1       0     6 s      6 s\n"
+              "ConsultarStatusOperacional      2        0       2       0    20 s     20 s\n"
               "EnviarDadosVenda                1        1       0       0     3 s      3 s\n");
     for (const auto* locale : {"LC_ALL=C.UTF-8 LANGUAGE=pt ", "LC_ALL=pt_BR.UTF-8 LANGUAGE= "})
         EXPECT_THAT(
@@ -109,10 +109,10 @@ TEST(Log, CallsOfTheLibraryAreShownAsTheyWere) {
     const auto report = nlohmann::json::parse(log("--json").substr(2));
     EXPECT_EQ(
         report.at("calls").at(1).dump(),
-        R"({"code":"06010","end":"2031-02-28T23:59:47","operation":"EnviarDadosVenda","outcome":"refused",)"
-        R"("seconds":3,"session":"000002","start":"2031-02-28T23:59:44","status":0,"text":"Código inválido"})");
+        R"({"code":"06010","end":"2031-02-28T23:59:33","operation":"EnviarDadosVenda","outcome":"refused",)"
+        R"("seconds":3,"session":"000002","start":"2031-02-28T23:59:30","status":0,"text":"Código inválido"})");
     EXPECT_EQ(report.at("operations").at(0).dump(),
-              R"({"calls":3,"failed":2,"incomplete":0,"longest_seconds":6,"median_seconds":6,)"
+              R"({"calls":2,"failed":1,"incomplete":0,"longest_seconds":6,"median_seconds":6,)"
               R"("operation":"ConsultarSAT","refused":0})");
 }
 

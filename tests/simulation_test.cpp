@@ -151,6 +151,12 @@ TEST(Simulation, KeepsToItself) {
          "x\nx\n"},
         {"another ls changes", SIM + "-- ls -d / 'b c'; echo $?",
          "ls: cannot access 'b c': No such file or directory\n/\n2\n"},
+        {"a colon in the path of the preloaded library leaves the simulation",
+         "mkdir a:b; d=" FISCORA_TOOL
+         "; d=${d%/*}; cp -r $d/fiscora $d/libfiscora-sim.so $d/sim-path a:b; a:b/fiscora sim -- true",
+         ""},
+        {"a library that was preloaded before is dropped",
+         "LD_PRELOAD=libm.so.6 " + SIM + "-- sh -c 'echo ${LD_PRELOAD#*:}'", "libm.so.6\n"},
         {"a program that outlives the simulation opens whatever has the terminal's number by then",
          "(" + SIM +
              "-- sh -c 'trap \"\" TERM; kill -9 $PPID; flock ${FISCORA_SIM_LINE%/*} ln -sf $PTY "
