@@ -95,7 +95,6 @@ TEST(CallCommand, DumpAndRecordHoldTheCall) {
     const WorkingDirectory folder;
     const auto result = runShell(SIM + "-- " + CALL + "--dump --record ConsultarSAT 7");
     EXPECT_EQ(result.exitStatus, 0) << result.output;
-    EXPECT_LT(result.seconds, 1.9) << "a pause for a connection that was never made";
     const auto names = filesIn(".");
     ASSERT_EQ(names.size(), 4U) << testing::PrintToString(names);
     EXPECT_THAT(readFile(names[0]), StartsWith("DRS Version:01.00.01.001\r\nDe"));

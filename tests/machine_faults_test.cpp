@@ -21,11 +21,11 @@
 #include <set>
 #include <stdexcept>
 
+#include "Descriptor.h"
 #include "diagnostics/logdebug.h"
 #include "encoding/Base64.h"
 #include "fiscora.h"
 #include "platform.h"
-#include "Descriptor.h"
 #include "surroundings.h"
 
 namespace {
