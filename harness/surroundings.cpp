@@ -20,7 +20,8 @@ Undo limit(decltype(RLIMIT_FSIZE) resource, rlim_t most) {
 }
 
 Undo searchIn(const std::string& path) {
-    const std::string before = getenv("PATH");
+    const char* const set = getenv("PATH");
+    const std::string before = set == nullptr ? "" : set;
     setenv("PATH", path.c_str(), 1);
     return {nullptr, [=](void*) { setenv("PATH", before.c_str(), 1); }};
 }
@@ -50,8 +51,9 @@ std::vector<ShellResult> runShells(const std::vector<std::string>& lines) {
     std::vector<std::future<ShellResult>> running;
     for (const auto& line : lines) {
         const std::string folder = std::to_string(running.size());
-        running.push_back(
-            std::async(std::launch::async, runShell, "mkdir " + folder + " && cd " + folder + "\n" + line));
+        std::string commands = "mkdir " + folder;
+        commands.append(" && cd ").append(folder).append("\n").append(line);
+        running.push_back(std::async(std::launch::async, runShell, commands));
     }
     std::vector<ShellResult> results;
     for (auto& shell : running) results.push_back(shell.get());

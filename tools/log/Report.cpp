@@ -116,7 +116,7 @@ std::string durationText(const std::optional<long>& seconds) {
 
 std::string resultText(const Exchange& exchange) {
     const Outcome outcome = exchange.outcome();
-    const std::string name = tr(namesOf(outcome).shown);
+    std::string name = tr(namesOf(outcome).shown);
     switch (outcome) {
         case Outcome::Ok:
         case Outcome::Refused: return name + " " + known(exchange.answerCode);
