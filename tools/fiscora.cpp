@@ -1,4 +1,6 @@
+#include <fcntl.h>
 #include <fiscora.h>
+#include <unistd.h>
 
 #include <algorithm>
 #include <cstdlib>
@@ -17,6 +19,14 @@
 namespace {
 
 constexpr int USAGE_STATUS = 2;
+
+/// Opens standard streams that are closed, so that no other file can take their place: what is printed would
+/// go to the device. They still cannot be read or written.
+void reserveStandardStreams() {
+    for (const int stream : {STDIN_FILENO, STDOUT_FILENO, STDERR_FILENO}) {
+        if (fcntl(stream, F_GETFD) == -1) open("/dev/null", stream == STDIN_FILENO ? O_WRONLY : O_RDONLY);
+    }
+}
 
 int refuse(const std::string& name, const std::string& reason, const std::string& usage) {
     std::cerr << name << ": " << tool::withoutControls(reason) << " ("
@@ -68,6 +78,7 @@ int runTool(int argc, char** argv) {
 
 int main(int argc, char** argv) {
     if (sim::isSearchStandIn()) return sim::standInForSearch(argv);
+    reserveStandardStreams();
     tool::chooseLanguage();
     try {
         const int status = runTool(argc, argv);
