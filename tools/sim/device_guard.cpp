@@ -20,7 +20,9 @@ namespace {
 
 namespace fs = std::filesystem;
 
-constexpr std::uint64_t WRITE = LANDLOCK_ACCESS_FS_WRITE_FILE;
+/// An open port could lose answers to its reader, or have its speed changed, even if it is open for reading
+/// only.
+constexpr std::uint64_t OPEN = LANDLOCK_ACCESS_FS_READ_FILE | LANDLOCK_ACCESS_FS_WRITE_FILE;
 /// LANDLOCK_ACCESS_FS_REFER, which headers before Linux 5.19 lack. On a kernel without it, no process under
 /// Landlock can move files between folders.
 constexpr std::uint64_t MOVE = std::uint64_t{1} << 13;
@@ -32,7 +34,7 @@ constexpr char PORT[] = "ttyACM";
 class Allowed {
   public:
     Allowed() {
-        const landlock_ruleset_attr handled{WRITE | MOVE};
+        const landlock_ruleset_attr handled{OPEN | MOVE};
         m_rules = tool::Descriptor(
             static_cast<int>(syscall(SYS_landlock_create_ruleset, &handled, sizeof handled, 0)));
     }
@@ -52,11 +54,32 @@ class Allowed {
 
 /// Calls `visit` with the path of each entry of `folder`.
 template <typename Visit>
-void forEach(const char* folder, Visit visit) {
+void forEach(const fs::path& folder, Visit visit) {
     std::error_code failure;
     for (fs::directory_iterator entry(folder, failure), end; !failure && entry != end;
          entry.increment(failure))
         visit(entry->path());
+}
+
+/// Status of `path` itself, links as they are; all zero if it cannot be read.
+struct stat statusOf(const fs::path& path) {
+    struct stat file {};
+    return lstat(path.c_str(), &file) == 0 ? file : decltype(file){};
+}
+
+/// Allows the entries of `folder` except `ports`. Folders are entered: a device plugged in later may appear
+/// in one. Other file systems mounted there (pts, mqueue) are allowed as a whole, and so is the shared
+/// memory, which containers may have in a plain folder.
+void allowEntries(const Allowed& allowed, const fs::path& folder, const std::set<dev_t>& ports) {
+    const dev_t fileSystem = statusOf(folder).st_dev;
+    forEach(folder, [&](const fs::path& path) {
+        const struct stat entry = statusOf(path);
+        if (S_ISDIR(entry.st_mode) && entry.st_dev == fileSystem && path != "/dev/shm") {
+            allowEntries(allowed, path, ports);
+        } else if (!S_ISCHR(entry.st_mode) || ports.count(entry.st_rdev) == 0) {
+            allowed.add(path, OPEN);
+        }
+    });
 }
 
 }  // namespace
@@ -67,24 +90,19 @@ void guardDevices() {
         return;
 
     // A port may be a link to a node of another name, so nodes are told by their numbers.
-    const auto numberOf = [](const fs::path& node) {
-        struct stat file {};
-        return stat(node.c_str(), &file) == 0 && S_ISCHR(file.st_mode) ? file.st_rdev : 0;
-    };
     std::set<dev_t> ports;
     forEach("/dev", [&](const fs::path& entry) {
-        if (entry.filename().string().rfind(PORT, 0) == 0) ports.insert(numberOf(entry));
+        struct stat node {};
+        const bool port = entry.filename().string().rfind(PORT, 0) == 0;
+        if (port && stat(entry.c_str(), &node) == 0 && S_ISCHR(node.st_mode)) ports.insert(node.st_rdev);
     });
-    ports.erase(0);
 
     const Allowed allowed;
     allowed.add("/", MOVE);
     forEach("/", [&](const fs::path& entry) {
-        if (entry != "/dev") allowed.add(entry, WRITE);
+        if (entry != "/dev") allowed.add(entry, OPEN);
     });
-    forEach("/dev", [&](const fs::path& entry) {
-        if (ports.count(numberOf(entry)) == 0) allowed.add(entry, WRITE);
-    });
+    allowEntries(allowed, "/dev", ports);
     allowed.enforce();
 }
 
