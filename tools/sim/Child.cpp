@@ -85,7 +85,8 @@ Signals::Signals() {
     std::signal(SIGCHLD, SIG_DFL);  // the kernel keeps no exit status while it is ignored
     sigset_t caught{};
     sigemptyset(&caught);
-    for (const int signal : {SIGCHLD, SIGINT, SIGQUIT, SIGTERM, SIGHUP, SIGPIPE}) sigaddset(&caught, signal);
+    for (const int signal : {SIGCHLD, SIGINT, SIGQUIT, SIGTERM, SIGHUP, SIGPIPE, SIGUSR1, SIGUSR2, SIGALRM})
+        sigaddset(&caught, signal);
     sigprocmask(SIG_BLOCK, &caught, &m_before);
     m_fd = tool::Descriptor(signalfd(-1, &caught, SFD_NONBLOCK | SFD_CLOEXEC));
     if (m_fd.get() < 0) throw std::system_error(errno, std::generic_category(), "signalfd");
@@ -117,11 +118,14 @@ Child::Child(const fs::path& program, const std::vector<std::string>& words, con
 
 Child::~Child() {
     if (m_pid <= 0) return;
-    kill(m_pid, SIGTERM);
+    pass(SIGTERM);
     waitpid(m_pid, nullptr, 0);
 }
 
-void Child::pass(int signal) const { kill(m_pid, signal); }
+void Child::pass(int signal) const {
+    kill(m_pid, signal);
+    kill(m_pid, SIGCONT);
+}
 
 std::optional<int> Child::ended() {
     int status = 0;

@@ -50,6 +50,7 @@ class Child {
     /// Ends the command if it still runs, and waits for that.
     ~Child();
 
+    /// Sends `signal` to the command, and wakes it if it is stopped.
     void pass(int signal) const;
     /// The exit status, once the command has ended.
     std::optional<int> ended();
