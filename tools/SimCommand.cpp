@@ -167,13 +167,12 @@ SimCommand::SimCommand(CLI::App& application)
                         tr("Print all frames to standard error, with activation codes as ***"));
     m_options->add_flag("--trace-secrets", m_traceSecrets, tr("Show activation codes in the trace too"));
     m_options->footer(tr(
-        "COMMAND and the programs that it starts find the simulated device or none, never a real one. A "
-        "program that cannot reach it (32-bit, statically linked, or with an LD_PRELOAD of its own) finds no "
-        "device, and standard error says so. Only a program that clears its environment (env -i), on a "
-        "kernel "
-        "without Landlock (before Linux 5.19), would find a real device.\n"
-        "COMMAND cannot write to /dev/ttyACM* or to devices plugged in later, gain privileges (sudo), mount "
-        "file systems (containers), or write to files that it makes directly in /.\n"
+        "COMMAND and the programs that it starts find the simulated device or none. A program that cannot reach "
+        "it (32-bit, statically linked, or with an LD_PRELOAD of its own) finds none, and standard error says "
+        "so. If its PATH is replaced as well (by a login shell or env -i), it finds none without that message; "
+        "on a kernel without Landlock (before Linux 5.19), it would find a real device.\n"
+        "COMMAND cannot open /dev/ttyACM* or devices plugged in later, gain privileges (sudo), mount file "
+        "systems (containers), or open files that it makes in / or in new folders there.\n"
         "Programs built with gcc's address sanitizer need ASAN_OPTIONS=verify_asan_link_order=0.\n"
         "The exit status is COMMAND's, or 128 plus the number of the signal that ended it."));
 }
