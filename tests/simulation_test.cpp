@@ -135,6 +135,11 @@ TEST_P(Simulation, KeepsProgramsFromARealDevice) {
         EXPECT_EQ(devices[i].touched(), reached) << output;
         EXPECT_THAT(output, testing::HasSubstr(reached ? "status " : WAYS[i].printed));
     }
+    if (!GetParam()) return;
+    EXPECT_EQ(devices[0].runWith(
+                  "env LC_ALL=C " + SIM +
+                  "-- sh -c 'cat /dev/ttyACM0; echo x | tee /dev/serial/late /dev/shm/a; cat /dev/shm/a'"),
+              "cat: /dev/ttyACM0: Permission denied\ntee: /dev/serial/late: Permission denied\nx\nx\n");
 }
 
 TEST(Simulation, KeepsToItself) {
@@ -165,6 +170,17 @@ TEST(Simulation, KeepsToItself) {
          "flat functions: status 1, \n"},
         {"a folder stays, or none can be made",
          "mkdir tmp; (umask 777; TMPDIR=$PWD/tmp " + asUser + SIM + "-- true); echo $?; ls tmp", "0\n"},
+        {"a start without descriptors, a signal or a killed simulation leaves a folder",
+         "mkdir tmp; export TMPDIR=$PWD/tmp; for n in 4 5 6 7 8; do (ulimit -n $n; " + SIM +
+             "-- true) 2>&-; done; for s in USR1 USR2 ALRM KILL; do (" + SIM +
+             "-- sh -c \"trap 'exit 3' $s; kill -$s \\$PPID; while :; do sleep 0.1; done\"; echo $?) 2>&-; done; " +
+             SIM + "-- true; ls tmp",
+         "3\n3\n3\n137\n"},
+        {"a stopped command never ends", SIM + "-- sh -c '(sleep 0.2; kill $PPID) & kill -STOP $$'; echo $?",
+         "143\n"},
+        {"an empty TMPDIR is refused", "TMPDIR= " + SIM + "-- echo x", "x\n"},
+        {"the trace goes into the line if the standard streams are closed",
+         SIM + "--trace -- sh -c '" + CALLER + " >called 2>&1' <&- >&- 2>&-; grep -c 08000 called", "1\n"},
         {"an argument's control characters reach the terminal",
          "e=$(printf '\\33'); for option in '-- ' --fault= --state=; do " + SIM +
              "$option/$e[31m -- true; done 2>&1 | grep -c $e",
