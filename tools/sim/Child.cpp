@@ -7,6 +7,7 @@
 #include <cerrno>
 #include <cstdlib>
 #include <cstring>
+#include <exception>
 #include <iostream>
 #include <stdexcept>
 #include <system_error>
@@ -112,7 +113,12 @@ Child::Child(const fs::path& program, const std::vector<std::string>& words, con
     signals.restore();
     prctl(PR_SET_PDEATHSIG, SIGTERM);
     environment.enter();
-    guardDevices();
+    try {
+        guardDevices();
+    } catch (const std::exception& failure) {
+        std::cerr << "fiscora sim: " << tool::withoutControls(failure.what()) << "\n";
+        _exit(CANNOT_EXECUTE);
+    }
     _exit(execute(program, arguments));
 }
 

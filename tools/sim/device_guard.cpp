@@ -7,6 +7,7 @@
 #include <sys/syscall.h>
 #include <unistd.h>
 
+#include <cerrno>
 #include <cstdint>
 #include <filesystem>
 #include <set>
@@ -14,6 +15,7 @@
 #include <system_error>
 
 #include "Descriptor.h"
+#include "i18n.h"
 
 namespace sim {
 namespace {
@@ -37,6 +39,9 @@ class Allowed {
         const landlock_ruleset_attr handled{OPEN | MOVE};
         m_rules = tool::Descriptor(
             static_cast<int>(syscall(SYS_landlock_create_ruleset, &handled, sizeof handled, 0)));
+        if (m_rules.get() < 0)
+            throw std::system_error(errno, std::generic_category(),
+                                    tool::tr("cannot keep real devices out of reach"));
     }
     /// Allows `access` to `path` and all beneath it; a link is left to the rule of its target.
     void add(const fs::path& path, std::uint64_t access) const {

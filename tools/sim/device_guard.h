@@ -8,7 +8,8 @@ namespace sim {
 /// later are out of reach as well, and so are files made later in `/` or in new folders there.
 ///
 /// Needs Landlock with the right to move files between folders (Linux 5.19). Without it, this only keeps
-/// programs from gaining privileges.
+/// programs from gaining privileges. Throws std::system_error, with a text in the user's language, if the
+/// kernel has Landlock but cannot set it up.
 void guardDevices();
 
 }  // namespace sim
