@@ -6,7 +6,6 @@
 
 #include <cerrno>
 #include <cstdlib>
-#include <cstring>
 #include <exception>
 #include <iostream>
 #include <stdexcept>
@@ -75,7 +74,7 @@ int execute(const fs::path& program, const std::vector<char*>& arguments) {
     const bool lost = reason == ENOENT;  // the program itself has been found
     std::cerr << "fiscora sim: "
               << tool::withoutControls(program.string() + ": " +
-                                       (lost ? tr("its interpreter is missing") : std::strerror(reason)))
+                                       (lost ? tr("its interpreter is missing") : tool::systemError(reason)))
               << "\n";
     return lost ? NOT_FOUND : CANNOT_EXECUTE;
 }
