@@ -105,9 +105,9 @@ TEST_F(Diagnostics, OfEightLogFilesTheOldestGoes) {
 
 TEST_F(Diagnostics, ALineIsAppendedAndCutAt511Bytes) {
     const std::string time = "2031-02-28 12:00:00";
-    writeFile(LOG, "of an earlier process\n");
+    writeFile(LOG, "cut by a full disk");
     const std::string fits = logged(time, std::string(479, 'x')), cut = logged(time, std::string(480, 'x'));
-    EXPECT_EQ(files(), Files({{LOG, "of an earlier process\n" + fits + cut.substr(0, 511) + "\n"}}));
+    EXPECT_EQ(files(), Files({{LOG, "cut by a full disk\n" + fits + cut.substr(0, 511) + "\n"}}));
     fs::remove(LOG);
     const std::string first = logged(time, "50%s"), second = logged(time, "y");
     EXPECT_EQ(files(), Files({{LOG, VERSION_LINE + first + second}}));

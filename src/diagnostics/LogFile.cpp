@@ -17,6 +17,14 @@ constexpr mode_t FILE_MODE = 0666;
 
 bool lock(int fd, int operation) { return flock(fd, operation | LOCK_NB) == 0 || errno != EWOULDBLOCK; }
 
+/// False as well if the file cannot be read.
+bool endsInsideLine(int fd) {
+    struct stat status {};
+    char last = '\n';
+    return fstat(fd, &status) == 0 && status.st_size > 0 && pread(fd, &last, 1, status.st_size - 1) == 1 &&
+           last != '\n';
+}
+
 }  // namespace
 
 LogFile::LogFile(const std::string& path, int flags) {
@@ -49,6 +57,8 @@ bool LogFile::lockAlone() const { return lock(m_fd, LOCK_EX); }
 
 void LogFile::append(std::string line) const {
     line += '\n';
+    // A full disk, or the end of a process, has cut the last line: this one must not become part of it.
+    if (endsInsideLine(m_fd)) line.insert(0, 1, '\n');
     const QuietWrites guard;
     while (write(m_fd, line.data(), line.size()) == -1 && errno == EINTR) continue;
 }

@@ -21,7 +21,8 @@ class __attribute__((visibility("hidden"))) LogFile {
     /// process holds it; true also on file systems without locks.
     bool lockShared() const;
     bool lockAlone() const;
-    /// Appends `line` and a newline in one write. What does not fit on the disk is lost.
+    /// Appends `line` and a newline in one write, and first a newline if the file ends inside a line. What
+    /// does not fit on the disk is lost.
     void append(std::string line) const;
 
   private:

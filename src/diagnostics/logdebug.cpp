@@ -84,8 +84,9 @@ struct DayFile {
 };
 
 DayFile openDayFile(const std::string& path) {
-    constexpr int FLAGS = O_WRONLY | O_APPEND;
+    constexpr int FLAGS = O_RDWR | O_APPEND;
     LogFile existing(path, FLAGS);
+    if (!existing.isOpen() && errno == EACCES) return {LogFile(path, O_WRONLY | O_APPEND)};
     if (existing.isOpen() || errno != ENOENT) return {std::move(existing)};
     LogFile created(path, FLAGS | O_CREAT | O_EXCL);
     if (created.isOpen() || errno != EEXIST) return {std::move(created), true};
