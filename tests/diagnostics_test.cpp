@@ -82,6 +82,20 @@ TEST_F(Diagnostics, ANewDayArchivesAndPrunesInOrder) {
     EXPECT_EQ(files()[LOG], day);
 }
 
+TEST_F(Diagnostics, TarNeitherWaitsForAReaderNorFollowsALink) {
+    testing::internal::CaptureStdout();
+    for (const bool isLink : {false, true}) {
+        logged("2031-02-28 23:59:59", "old");
+        const char* const archive = "logsDrs/logDrs20310228.log.tar.gz";
+        writeFile("kept", "");
+        ASSERT_EQ(isLink ? symlink("../kept", archive) : mkfifo(archive, 0600), 0);
+        logged("2031-03-01 00:00:01", "new");
+        EXPECT_TRUE(fs::is_regular_file(fs::symlink_status("logsDrs/logDrs20310228.tar.gz")));
+        EXPECT_TRUE(!fs::exists(LOG) && fs::is_empty("kept"));
+    }
+    testing::internal::GetCapturedStdout();
+}
+
 TEST_F(Diagnostics, OfEightLogFilesTheOldestGoes) {
     const std::tuple<int, std::string, bool> cases[] = {
         {7, "notes.txt", false},           {8, "notes.txt", true},     {13, "notes.txt", true},

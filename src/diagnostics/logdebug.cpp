@@ -77,6 +77,12 @@ bool lockAlone(const LogFile& log) {
     return true;
 }
 
+/// At a FIFO tar would wait for a reader, and it would write through a link.
+void removeUnlessRegular(const std::string& path) {
+    struct stat status {};
+    if (lstat(path.c_str(), &status) == 0 && !S_ISREG(status.st_mode)) remove(path.c_str());
+}
+
 /// The day's file, open for appending.
 struct DayFile {
     LogFile file;
@@ -149,6 +155,7 @@ void LogDebug::compress(const std::string& fileName) {
     const std::string archive = fileName + ARCHIVE_SUFFIX;
     print("file to zip " + fileName);
     sync();
+    removeUnlessRegular(archive);
     const std::string command = "tar -zcvf " + archive + " " + fileName;
     print("cmd to zip " + command);
     [[maybe_unused]] const int result = system(command.c_str());  // the archive itself tells more
