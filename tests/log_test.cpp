@@ -42,11 +42,13 @@ std::string begin(const std::string& time, const std::string& operation, const s
     return line(time, "txCode: " + operation + " txSessao:" + session + " txBufferSize:6");
 }
 std::string end(const std::string& time, const std::string& code, const std::string& session,
-                const std::string& rest = "08000 rxCCCC: x rxMessage:   rxBufferSize: 9 status: 0") {
-    return line(time, "rxCode: " + code + " rxSessao: " + session + " rxEEEEE: " + rest);
+                const std::string& eeeee = "08000", const std::string& cccc = "x",
+                const std::string& message = " ", const std::string& status = "0") {
+    return line(time, "rxCode: " + code + " rxSessao: " + session + " rxEEEEE: " + eeeee + " rxCCCC: " +
+                          cccc + " rxMessage: " + message + " rxBufferSize: 9 status: " + status);
 }
 std::string failure(const std::string& time, int status) {
-    return end(time, "0", " ", "  rxCCCC:   rxMessage:   rxBufferSize: 0 status: " + std::to_string(status));
+    return end(time, "0", " ", " ", " ", " ", std::to_string(status));
 }
 
 /// The table of calls without its heading and days, one blank between columns; and the complaints.
@@ -109,7 +111,7 @@ TEST(Log, CallsOfTheLibraryAreShownAsTheyWere) {
     const auto report = nlohmann::json::parse(log("--json").substr(2));
     EXPECT_EQ(
         report.at("calls").at(1).dump(),
-        R"({"code":"06010","end":"2031-02-28T23:59:33","operation":"EnviarDadosVenda","outcome":"refused",)"
+        R"({"answer_session":"000002","code":"06010","end":"2031-02-28T23:59:33","operation":"EnviarDadosVenda","outcome":"refused",)"
         R"("seconds":3,"session":"000002","start":"2031-02-28T23:59:30","status":0,"text":"Código inválido"})");
     EXPECT_EQ(report.at("operations").at(0).dump(),
               R"({"calls":2,"failed":1,"incomplete":0,"longest_seconds":6,"median_seconds":6,)"
@@ -131,7 +133,7 @@ TEST(Log, EachEndGoesToItsCallAndDamageIsCounted) {
         {"a process that died takes the next one's end", good + begin("12:00:05", sat, "000002") + failure("12:00:05", 1),
          shown + "- no end\n12:00:05 ConsultarSAT 000002 0 s failed NO_ANSWER\n"},
         {"two processes' operations are mixed up",
-         begin("11:59:59", sale, "7") + good + end("12:00:01", sale, "7", "06000 rxCCCC: x status: 0") + ended,
+         begin("11:59:59", sale, "7") + good + end("12:00:01", sale, "7", "06000") + ended,
          "11:59:59 EnviarDadosVenda 7 2 s ok 06000\n" + whole},
         {"or their sessions", good + begin("12:00:00", sat, "000002") + ended, whole + "12:00:00 ConsultarSAT 000002 - no end\n"},
         {"the application's locale counts twelve hours", begin("12:00:00 PM", sat, "000001") + end("12:00:01 PM", sat, "000001"), whole},
@@ -141,20 +143,28 @@ TEST(Log, EachEndGoesToItsCallAndDamageIsCounted) {
          shown + "- no end\n12:30:00 ConsultarSAT 000009 - ok 08000\n"},
         {"a clock set back gives a time below zero", good + end("11:00:00", sat, "000001"), shown + "- ok 08000\n"},
         {"controls reach the terminal; a status without name", begin("12:00:00", "Nova\x9b", "1") +
-             end("12:00:02", "Nova\x9b", "1", "x\x1b[1m\xc2\x9b rxCCCC: rxMessage: status: 0 status: -7"), "12:00:00 Nova? 1 2 s failed -7\n"},
-        {"a refusal is shown as a success, or its text bursts the table", good + end("12:00:01", sat, "000001",
-             "08098 rxCCCC: 1999 rxMessage: em\x1b]0;uso " + std::string(70, 'z') + " rxBufferSize: 9 status: 0"),
+             end("12:00:02", "Nova\x9b", "1", "x\x1b[1m\xc2\x9b", "", " status: 0", "-7"), "12:00:00 Nova? 1 2 s failed -7\n"},
+        {"a refusal is shown as a success, or its text bursts the table", good + end("12:00:01", sat, "000001", "08098", "1999",
+             "em\x1b]0;uso " + std::string(70, 'z')),
          shown + "1 s refused 08098\n em?]0;uso\n " + std::string(70, 'z') + "\n"},
         {"texts in ISO 8859-1 or lines of Windows are damage", good.substr(0, good.size() - 1) + "\r\n" +
-             end("12:00:01", sat, "000001", "08000 rxCCCC: opera\xe7\xe3o, ] rxMessage: status: 5 rxBufferSize: 9 status: 0"), whole},
+             end("12:00:01", sat, "000001", "08000", "opera\xe7\xe3o, ]", "status: 5"), whole},
+        {"the next line ends an exchange for the cut one", good + cut + end("12:00:05", sale, "7", "06000") + good.substr(0, 30) + ended +
+             "DRS Version: 01." + ended, shown + "- no end\nfiscora log: 3 damaged or truncated lines are not counted above\n"},
+        {"the answer to another call is taken for this one's", good + end("12:00:01", sat, "000000"),
+         shown + "1 s failed\n answer of session 000000\n"},
+        {"or that to a question about another call is not", begin("12:00:00", "ConsultarNumeroSessao", "000001") +
+             end("12:00:01", "ConsultarNumeroSessao", "7", "06000"), "12:00:00 ConsultarNumeroSessao 000001 1 s ok 06000\n"},
+        {"a long field pushes the status out", good + end("12:00:01", sat, "000001", "08098", "1999", std::string(500, 'z')).substr(0, 511) + "\n",
+         shown + "1 s no status\n 08098\n " + std::string(70, 'z') + "\n " + std::string(70, 'z') + "\n " + std::string(19, 'z') + "…\n"},
         {"a cut line ends the exchange", good + cut, shown + "- no end\n" + one},
         {"zeros of a power cut take the next line along", good + cut + std::string(70000, '\0') + ended, whole + one},
         {"a line without end fills the memory, or the next one is lost", good + std::string(3 << 20, 'x') + "\n" + ended, whole + one},
         {"forms that the library does not write pass", good +
              "\n[2031-02-29.12:00:00] - [info, x]\n[2031-02-28.24:00:00] - [info, x]\n[2031-2-28.12:00:00] - [info, x]\n"
              "[2031-02-28.1:00:00 PM] - [info, x]\n[2031-02-28.12:00:00] - [info x]\n" + line("12:00:00", "txCode: x") +
-             line("12:00:00", "rxCode: x rxSessao: 1 rxEEEEE: 2 rxCCCC: 3") + end("12:00:01", sat, "1", "2 rxCCCC: 3 status: 0x") +
-             line("12:00:01", std::string(512, 'x')) + ended, whole + "fiscora log: 10 damaged or truncated lines are not counted above\n"},
+             line("12:00:00", "rxCode: x rxSessao: 1 rxEEEEE: 2 rxCCCC: 3") + end("12:00:01", sat, "1", "2", "3", " ", "0x") +
+             line("12:00:01", std::string(512, 'x')) + ended, whole + "fiscora log: 9 damaged or truncated lines are not counted above\n"},
     };  // clang-format on
     for (const auto& [fault, text, expected] : cases) {
         writeFile(DAY + ".log", "DRS Version: 01.00.01.001\n" + text);
@@ -232,7 +242,7 @@ TEST(Log, ThePictureHasAMarkForEachOutcomeAndOnePanelForUnknownOperations) {
             incomplete;  ///< marks, those of the legend not counted
     } cases[] = {
         {"", 0, 0, 0, 0, 0},
-        {end("10:00:00", "A<&>", "1", "\"\x1b\xff rxCCCC: \xef\xbf\xbf rxMessage: status: 0"), 1, 0, 1, 0, 0},
+        {end("10:00:00", "A<&>", "1", "\"\x1b\xff", "\xef\xbf\xbf"), 1, 0, 1, 0, 0},
         {forged, 1, 0, 0, 1, 1},
         {many, 1, 400, 20, 20, 20},
     };
@@ -297,7 +307,7 @@ TEST(Log, FollowShowsCallsAsTheyEndThroughTheChangeOfDay) {
         append(ending.substr(0, 50));
         append(ending.substr(50) + begin("23:59:59", sat, "000002"));
         waitFor("08000");
-        append(end("23:59:59", sat, "000002", "08098 rxCCCC: x status: 0"));
+        append(end("23:59:59", sat, "000002", "08098"));
         fs::remove(today);
         writeFile("logsDrs/logDrs99991231.log",
                   begin("10:00:05", "Nova", "3") + end("10:00:07", "Nova", "3"));

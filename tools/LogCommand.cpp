@@ -156,7 +156,9 @@ LogCommand::LogCommand(CLI::App& application)
     m_options->add_flag("--follow", m_follow, tr("Show today's calls as they end, until Ctrl-C"));
     m_options->footer(tr(
         "A call is \"refused\" if the device answered with a code other than success, \"failed\" if its "
-        "status is not OK, and has \"no end\" if its end is not in the log. A duration may be off by one "
+        "status is not OK or the answer was to another call, and has \"no end\" if its end is not in the log. "
+        "If a long answer has left no room for its status, it has \"no status\", and is counted under \"No "
+        "end\". A duration may be off by one "
         "second, because the log records whole seconds only; - means that the log does not say.\n"
         "Exit status: 0 if all files were read (damaged lines are skipped and counted), 1 if one could not "
         "be read completely or the picture could not be saved, 2 for a wrong command line."));

@@ -4,6 +4,7 @@
 #include <array>
 #include <charconv>
 #include <numeric>
+#include <utility>
 
 #include "fiscal/operations.h"
 #include "fiscora.h"
@@ -57,17 +58,45 @@ std::string shown(std::string_view field, std::size_t columns) {
     return tool::cut(tool::withoutControls(tool::toUtf8(field)), columns);
 }
 
+/// Takes `label` and the number after it off the end of `text`; nothing if it does not end like that.
+std::optional<int> takeNumber(std::string_view& text, std::string_view label) {
+    const std::size_t start = text.rfind(label);
+    if (start == std::string_view::npos) return std::nullopt;
+    const std::string_view digits = text.substr(start + label.size());
+    int number = 0;
+    const auto [rest, error] = std::from_chars(digits.data(), digits.data() + digits.size(), number);
+    if (error != std::errc() || rest != digits.data() + digits.size()) return std::nullopt;
+    text = text.substr(0, start);
+    return number;
+}
+
+/// Whether a line begins inside `text`: the one before it was cut by a full disk or the end of its process.
+bool containsLine(std::string_view text) {
+    for (std::size_t end; (end = text.find("] - [")) != std::string_view::npos; text.remove_prefix(end + 1)) {
+        const std::string_view before = text.substr(0, end);
+        const std::size_t start = before.rfind('[');
+        if (start != std::string_view::npos && parseTime(before.substr(start + 1))) return true;
+    }
+    return false;
+}
+
+/// The number of a session, however many zeros it begins with.
+std::string_view withoutZeros(std::string_view session) {
+    return session.substr(std::min(session.find_first_not_of('0'), session.size()));
+}
+
 /// The device's text, from what follows EEEEE: "CCCC rxMessage: ...". In most answers, which have no CCCC,
 /// the text is in its place.
 std::string answerText(std::string_view rest) {
     std::string_view message = rest;
     const auto content = takeUntil(message, " rxMessage: ").value_or(rest);
     const bool isCode = content.find_first_not_of("0123456789 ") == std::string_view::npos;
-    return shown(isCode ? message.substr(0, message.rfind(" rxBufferSize: ")) : content, TEXT_COLUMNS);
+    return shown(isCode ? message : content, TEXT_COLUMNS);
 }
 
 /// `operation` is the answer's, empty if no answer came.
-bool fits(const Exchange& exchange, std::time_t end, const std::string& operation, int status) {
+bool fits(const Exchange& exchange, std::time_t end, const std::string& operation,
+          std::optional<int> status) {
     if (!operation.empty() && operation != exchange.operation) return false;
     const auto* const known = manipulaDados::findOperation(exchange.operation);
     const long timeout = known == nullptr ? LONGEST_TIMEOUT_SECONDS : known->timeoutMs / 1000;
@@ -99,12 +128,18 @@ std::string timeText(std::time_t time, const char* format) {
 
 Outcome Exchange::outcome() const {
     if (!status) return Outcome::Incomplete;
-    if (*status != FISCORA_STATUS_OK) return Outcome::Failed;
+    if (status != FISCORA_STATUS_OK || isOfOtherSession()) return Outcome::Failed;
     const auto* const known = manipulaDados::findOperation(operation);
     // By the tax authority's tables, codes of success end in three zeros.
     const bool succeeded = known != nullptr ? known->succeededWith(answerCode)
                                             : answerCode.size() == 5 && answerCode.substr(2) == "000";
     return succeeded ? Outcome::Ok : Outcome::Refused;
+}
+
+bool Exchange::isOfOtherSession() const {
+    const auto* const known = manipulaDados::findOperation(operation);
+    return status == FISCORA_STATUS_OK && known != nullptr && known->answer.fields != nullptr &&
+           !answerSession.empty() && withoutZeros(answerSession) != withoutZeros(session);
 }
 
 std::optional<long> Exchange::duration() const {
@@ -114,7 +149,8 @@ std::optional<long> Exchange::duration() const {
 
 void Exchanges::take(std::string_view line) {
     if (!line.empty() && line.back() == '\r') line.remove_suffix(1);  // from a copy made on Windows
-    if (!isTaken(line)) ++m_damagedLines;
+    // An empty line loses nothing: two processes may both end the line that a third has left.
+    if (!line.empty() && !isTaken(line)) ++m_damagedLines;
 }
 
 std::vector<Exchange> Exchanges::takeEnded() {
@@ -122,7 +158,7 @@ std::vector<Exchange> Exchanges::takeEnded() {
     std::vector<Exchange> open;
     std::sort(m_open.begin(), m_open.end());
     for (std::size_t i = 0; i < m_all.size(); ++i) {
-        if (m_all[i].status)
+        if (m_all[i].end)
             ended.push_back(std::move(m_all[i]));
         else if (std::binary_search(m_open.begin(), m_open.end(), i))
             open.push_back(std::move(m_all[i]));
@@ -135,49 +171,55 @@ std::vector<Exchange> Exchanges::takeEnded() {
 
 /// Whether `line` is one that the library writes.
 bool Exchanges::isTaken(std::string_view line) {
-    if (takePrefix(line, "DRS Version: ")) return true;
+    if (takePrefix(line, "DRS Version: ")) return !containsLine(line);
+    const bool mayBeCut = line.size() == LINE_MAX_BYTES;
     if (line.size() > LINE_MAX_BYTES || !takePrefix(line, "[")) return false;
     const auto time = parseTime(takeUntil(line, "] - [").value_or(""));
-    if (!time || !takeUntil(line, ", ") || line.empty() || line.back() != ']') return false;
-    line.remove_suffix(1);
+    if (!time || containsLine(line) || !takeUntil(line, ", ") || line.empty()) return false;
+    const bool isClosed = line.back() == ']';
+    if (!isClosed && !mayBeCut) return false;
+    if (isClosed) line.remove_suffix(1);
     if (takePrefix(line, "txCode: ")) return begins(*time, line);
-    if (takePrefix(line, "rxCode: ")) return ends(*time, line);
-    return true;
+    if (!takePrefix(line, "rxCode: ")) return true;
+    auto status = isClosed ? takeNumber(line, " status: ") : std::nullopt;
+    if (!takeNumber(line, " rxBufferSize: ")) status.reset();
+    return (status || mayBeCut) && ends(*time, line, status);
 }
 
 bool Exchanges::begins(std::time_t time, std::string_view text) {
     const auto operation = takeUntil(text, " txSessao:");
-    if (!operation) return false;
-    // After a long session number the size is cut off.
-    const auto session = takeUntil(text, " txBufferSize:").value_or(text);
+    if (!operation || !takeNumber(text, " txBufferSize:")) return false;
     if (m_open.size() == MAX_OPEN) m_open.erase(m_open.begin());
     m_open.push_back(m_all.size());
-    m_all.push_back(
-        {shown(*operation, OPERATION_COLUMNS), shown(session, SESSION_COLUMNS), time, {}, {}, {}, {}});
+    Exchange exchange;
+    exchange.operation = shown(*operation, OPERATION_COLUMNS);
+    exchange.session = shown(text, SESSION_COLUMNS);
+    exchange.start = time;
+    m_all.push_back(std::move(exchange));
     return true;
 }
 
-bool Exchanges::ends(std::time_t time, std::string_view text) {
-    const auto code = takeUntil(text, " rxSessao: "), session = takeUntil(text, " rxEEEEE: "),
-               answerCode = takeUntil(text, " rxCCCC: ");
-    constexpr std::string_view LABEL = " status: ";
-    const std::size_t label = text.rfind(LABEL);
-    if (!code || !session || !answerCode || label == std::string_view::npos) return false;
-    const std::string_view digits = text.substr(label + LABEL.size());
-    int status = 0;
-    const auto [rest, error] = std::from_chars(digits.data(), digits.data() + digits.size(), status);
-    if (error != std::errc() || rest != digits.data() + digits.size()) return false;
+/// Without a status, fields are missing at the end of `text`.
+bool Exchanges::ends(std::time_t time, std::string_view text, std::optional<int> status) {
+    const auto next = [&](std::string_view separator) -> std::optional<std::string_view> {
+        const auto field = takeUntil(text, separator);
+        return field || status ? field : std::exchange(text, {});
+    };
+    const auto code = next(" rxSessao: "), session = next(" rxEEEEE: "), answerCode = next(" rxCCCC: ");
+    if (!code || !session || !answerCode) return false;
+    if (status && text.find(" rxMessage: ") == std::string_view::npos) return false;
 
     Exchange& exchange = endedExchange(time, *code, *session, status);
     exchange.end = time;
     exchange.status = status;
+    exchange.answerSession = shown(*session, SESSION_COLUMNS);
     exchange.answerCode = shown(*answerCode, CODE_COLUMNS);
-    exchange.answerText = answerText(text.substr(0, label));
+    exchange.answerText = answerText(text);
     return true;
 }
 
 Exchange& Exchanges::endedExchange(std::time_t time, std::string_view code, std::string_view session,
-                                   int status) {
+                                   std::optional<int> status) {
     const std::string operation = code == NO_ANSWER_CODE ? "" : shown(code, OPERATION_COLUMNS);
     const auto fitting = [&](std::size_t place) { return fits(m_all[place], time, operation, status); };
     const std::string number = shown(session, SESSION_COLUMNS);
@@ -187,7 +229,10 @@ Exchange& Exchanges::endedExchange(std::time_t time, std::string_view code, std:
     auto found = std::find_if(m_open.rbegin(), m_open.rend(), hasSession);
     if (found == m_open.rend()) found = std::find_if(m_open.rbegin(), m_open.rend(), fitting);
     if (found == m_open.rend()) {
-        m_all.push_back({operation, number, {}, {}, {}, {}, {}});
+        Exchange exchange;
+        exchange.operation = operation;
+        exchange.session = number;
+        m_all.push_back(std::move(exchange));
         return m_all.back();
     }
     const std::size_t place = *found;

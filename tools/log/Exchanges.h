@@ -20,8 +20,8 @@ std::string timeText(std::time_t time, const char* format = "%Y-%m-%d %H:%M:%S")
 enum class Outcome {
     Ok,
     Refused,    ///< answered, but not with the operation's code of success
-    Failed,     ///< any status but OK
-    Incomplete  ///< its end is not in the log
+    Failed,     ///< any status but OK, or the answer of another session
+    Incomplete  ///< its end is not in the log, or not its status
 };
 constexpr std::size_t OUTCOMES = 4;
 
@@ -32,12 +32,16 @@ struct Exchange {
     std::string session;
     std::optional<std::time_t> start;  ///< unknown if only the end is in the log
     std::optional<std::time_t> end;    ///< unknown if only the start is
-    std::optional<int> status;         ///< known with the end
+    std::optional<int> status;         ///< known with the end, unless a long answer pushed it out of the line
+    std::string answerSession;         ///< the session number in the answer
     std::string answerCode;            ///< EEEEE
     std::string answerText;            ///< the device's text for that code
 
     std::time_t time() const { return start ? *start : *end; }
     Outcome outcome() const;
+    /// Whether a call with status OK got the answer to another one. False for the operations that ask for an
+    /// earlier answer.
+    bool isOfOtherSession() const;
     /// In seconds; since the log has whole seconds, it may be off by one. Unknown as well if the clock was
     /// set back.
     std::optional<long> duration() const;
@@ -61,15 +65,17 @@ class Exchanges {
     /// Hands over those that have ended, in the same order, and forgets those that never will; at most a few
     /// dozen remain.
     std::vector<Exchange> takeEnded();
-    /// How many lines were not of the form that the library writes.
+    /// How many lines were not of the form that the library writes, as one that was cut in the middle and
+    /// continues with the next. Nothing is read from them.
     std::size_t damagedLines() const { return m_damagedLines; }
 
   private:
     bool isTaken(std::string_view line);
     bool begins(std::time_t time, std::string_view text);
-    bool ends(std::time_t time, std::string_view text);
+    bool ends(std::time_t time, std::string_view text, std::optional<int> status);
     /// Removes it from the open ones, or makes a new one if none fits.
-    Exchange& endedExchange(std::time_t time, std::string_view code, std::string_view session, int status);
+    Exchange& endedExchange(std::time_t time, std::string_view code, std::string_view session,
+                            std::optional<int> status);
 
     std::vector<Exchange> m_all;
     std::vector<std::size_t> m_open;  ///< indices of m_all

@@ -298,7 +298,7 @@ class Drawing {
             std::string tip = tool::filled(tr("%s, session %s: %s, %s"), timeText(exchange->time()).c_str(),
                                            known(exchange->session).c_str(), resultText(*exchange).c_str(),
                                            durationText(duration).c_str());
-            if (outcome == Outcome::Refused) tip += ": " + known(exchange->answerText);
+            if (const std::string note = noteOn(*exchange); !note.empty()) tip += ": " + note;
             addMark(group, outcome, x, y).append_child("title").text() = tip.c_str();
         }
     }

@@ -92,8 +92,8 @@ ordered_json jsonOf(const Exchange& exchange) {
     return {{"operation", orNull(exchange.operation)}, {"session", orNull(exchange.session)},
             {"start", timeOrNull(exchange.start)},     {"end", timeOrNull(exchange.end)},
             {"seconds", orNull(exchange.duration())},  {"outcome", namesOf(exchange.outcome()).json},
-            {"status", orNull(exchange.status)},       {"code", orNull(exchange.answerCode)},
-            {"text", orNull(exchange.answerText)}};
+            {"status", orNull(exchange.status)},       {"answer_session", orNull(exchange.answerSession)},
+            {"code", orNull(exchange.answerCode)},     {"text", orNull(exchange.answerText)}};
 }
 
 ordered_json jsonOf(const std::string& group, const Totals& totals) {
@@ -120,8 +120,22 @@ std::string resultText(const Exchange& exchange) {
     switch (outcome) {
         case Outcome::Ok:
         case Outcome::Refused: return name + " " + known(exchange.answerCode);
-        case Outcome::Failed: return name + " " + statusText(*exchange.status);
-        default: return name;
+        case Outcome::Failed:
+            return exchange.isOfOtherSession() ? name : name + " " + statusText(*exchange.status);
+        default: return exchange.end ? tr("no status") : name;
+    }
+}
+
+std::string noteOn(const Exchange& exchange) {
+    switch (exchange.outcome()) {
+        case Outcome::Refused: return exchange.answerText;
+        case Outcome::Failed:
+            return exchange.isOfOtherSession()
+                       ? tool::filled(tr("answer of session %s"), exchange.answerSession.c_str())
+                       : "";
+        case Outcome::Incomplete:
+            return exchange.end ? known(exchange.answerCode) + " " + exchange.answerText : "";
+        default: return "";
     }
 }
 
@@ -162,13 +176,15 @@ void ExchangeTable::print(const Exchange& exchange) {
     std::string result = resultText(exchange);
     const OutcomeNames& names = namesOf(exchange.outcome());
     if (m_colours == Colours::On) {
-        result.insert(std::string_view(tr(names.shown)).size(), "\033[m");
+        const std::string_view word = tr(names.shown);
+        result.insert(result.compare(0, word.size(), word) == 0 ? word.size() : result.size(), "\033[m");
         result.insert(0, std::string("\033[") + names.colour + "m");
     }
     m_out << call << result << '\n';
-    if (exchange.outcome() != Outcome::Refused || exchange.answerText.empty()) return;
+    const std::string note = noteOn(exchange);
+    if (note.empty()) return;
     const std::string indent(TIME + GAP, ' ');
-    for (const auto& line : tool::wrapped(exchange.answerText, tool::TERMINAL_COLUMNS - indent.size()))
+    for (const auto& line : tool::wrapped(note, tool::TERMINAL_COLUMNS - indent.size()))
         m_out << indent << line << '\n';
 }
 

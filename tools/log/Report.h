@@ -19,6 +19,9 @@ std::string durationText(const std::optional<long>& seconds);
 /// What became of the call, with the device's code or the status: "refused 06010".
 std::string resultText(const Exchange& exchange);
 
+/// What else to say of the result: what the device said with a refusal, or whose answer came; else empty.
+std::string noteOn(const Exchange& exchange);
+
 /// Totals and pictures are by group: the operation's name, or empty if this version has no such operation. So
 /// there is at most one group more than there are operations, whatever names a log contains.
 std::string groupOf(const Exchange& exchange);
@@ -31,8 +34,7 @@ struct GroupOrder {
     }
 };
 
-/// A table of calls, at most 80 columns wide, with a line for each new day. Below a refused call is what the
-/// device said.
+/// A table of calls, at most 80 columns wide, with a line for each new day. Below a call is the note on it.
 class ExchangeTable {
   public:
     enum class Colours { Off, On };
