@@ -220,18 +220,22 @@ TEST(Log, WithoutCallsItSaysWhatIsMissing) {
     EXPECT_EQ(log(), "0\nNo calls in the logs of logsDrs\n");
     EXPECT_EQ(log("--since 20310228"), log());
     EXPECT_EQ(log("--since 2031-03-01"), "0\nNo logs in logsDrs since 20310301\n");
+    EXPECT_THAT(log("--dir ''"), HasSubstr("--dir: the name of the folder is empty"));
+    fs::create_directory("logsDrs/logDrs99991231.log");
+    EXPECT_THAT(
+        log("--follow"),
+        HasSubstr("Result\nfiscora log: logsDrs/logDrs99991231.log: not a regular file\nfiscora log: 1 "));
 }
 
 TEST(Log, ThePictureHasAMarkForEachOutcomeAndOnePanelForUnknownOperations) {
     const WorkingDirectory folder;
-    const std::string refusal = "08098 rxCCCC: x rxMessage: x rxBufferSize: 1 status: 0";
     std::string many;
     for (int i = 0; i < 1200; ++i) {  // one a minute; 20 fail, 20 have no end, 20 are refused
         const std::string sat = "ConsultarSAT", hour = std::to_string(100 + i / 60).substr(1),
                           time = hour + ":" + std::to_string(100 + i % 60).substr(1) + ":0";
         many += begin(time + "0", sat, "1");
         if (i % 60 == 7) many += failure(time + "6", 32768);
-        if (i % 60 == 9) many += end(time + "6", sat, "1", refusal);
+        if (i % 60 == 9) many += end(time + "6", sat, "1", "08098");
         if (i % 60 < 7 || i % 60 > 9) many += end(time + "6", sat, "1");
     }
     const std::string forged =

@@ -108,7 +108,7 @@ logs::ExchangeTable::Colours coloursOfOutput() {
     return coloured ? logs::ExchangeTable::Colours::On : logs::ExchangeTable::Colours::Off;
 }
 
-/// Shows the calls of today's log as they end, until Ctrl-C.
+/// Shows the calls of today's log as they end, until Ctrl-C or until a log cannot be read.
 int follow(const fs::path& directory) {
     constexpr std::size_t SHOWN_AT_START = 10;
     constexpr timespec PAUSE{0, 200'000'000};
@@ -124,14 +124,17 @@ int follow(const fs::path& directory) {
                       [&](std::string_view line) { exchanges.take(line); });
     logs::ExchangeTable table(std::cout, {}, coloursOfOutput());
     table.printHeading();
-    log.read();
+    logs::Complaints complaints{log.read()};
     auto ended = exchanges.takeEnded();
     ended.erase(ended.begin(),
                 ended.end() - static_cast<std::ptrdiff_t>(std::min(ended.size(), SHOWN_AT_START)));
     while (true) {
         for (const logs::Exchange& exchange : ended) table.print(exchange);
-        if (!std::cout.flush() || sigtimedwait(&ending, nullptr, &PAUSE) > 0) return EXIT_SUCCESS;
-        log.read();
+        if (!std::cout.flush()) return EXIT_SUCCESS;
+        complainAbout(complaints);
+        if (!complaints.files.empty()) return EXIT_FAILURE;
+        if (sigtimedwait(&ending, nullptr, &PAUSE) > 0) return EXIT_SUCCESS;
+        complaints.files = log.read();
         ended = exchanges.takeEnded();
     }
 }
@@ -169,6 +172,7 @@ int LogCommand::run(const std::vector<std::string>& operands) {
     const bool draws = m_options->count("--svg") > 0;
     if (m_follow && (m_json || draws || !m_since.empty()))
         throw CLI::ValidationError(tr("--follow cannot be combined with --since, --svg or --json"));
+    if (m_directory.empty()) throw CLI::ValidationError(tr("--dir: the name of the folder is empty"));
     const fs::path directory = logDirectory(m_directory);
     if (m_follow) return follow(directory);
     const auto files = logsIn(directory, m_since);

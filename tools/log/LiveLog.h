@@ -8,6 +8,7 @@
 #include <string>
 #include <string_view>
 #include <utility>
+#include <vector>
 
 #include "Descriptor.h"
 #include "log/Lines.h"
@@ -22,9 +23,9 @@ class LiveLog {
     LiveLog(std::filesystem::path directory, std::string since,
             std::function<void(std::string_view line)> take);
 
-    /// Reads what has been written since the last call. A log or folder that is missing or cannot be read is
-    /// tried again by the next call.
-    void read();
+    /// Reads what has been written since the last call. A log or folder that is missing is looked for again
+    /// by the next call. Returns "path: reason" for each log that cannot be opened.
+    std::vector<std::string> read();
 
   private:
     using Id = std::pair<dev_t, ino_t>;
@@ -34,7 +35,8 @@ class LiveLog {
         bool isListed = false;
     };
 
-    void open(const std::filesystem::path& path);
+    /// Returns why it cannot; empty if it can, or if the log is gone.
+    std::string open(const std::filesystem::path& path);
     static void readRest(File& file);
 
     std::filesystem::path m_directory;
