@@ -90,7 +90,7 @@ const World WORLDS[] = {
     {"ModemManagerWithRule", "", "ooooooooo", "To see all of them", hideFromModemManager},
     {"NoTerminal", "ln -sf zero /dev/ttyACM0", "ooooooeoo", "is not a terminal"},
     {"Logs",
-     "mkdir logsDrs; cd logsDrs; touch logDrs20260101.log logDrs20260102.log logDrs20251231.tar.gz notes.log", "ooooooooo", "/logsDrs: 2 logs, 1 .tar.gz archive"},
+     "mkdir logsDrs; cd logsDrs; mkdir logDrs20260103.log; touch logDrs20260101.log logDrs20260102.log logDrs20251231.tar.gz notes.log", "ooooooooo", "/logsDrs: 2 logs, 1 .tar.gz archive"},
     {"LogsInAFile", "touch logsDrs", "ooooooowo", "logsDrs is not a folder"},
     {"LogsReadOnly", "mkdir -m 555 logsDrs", "ooooooowo", "cannot write to it"},
     {"LogOfTheDayReadOnly", "mkdir logsDrs; cd logsDrs; touch a logDrs$(date +%Y%m%d).log; chmod 444 *", "ooooooowo", "cannot write today's log"},

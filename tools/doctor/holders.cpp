@@ -55,6 +55,7 @@ Holders findHolders(dev_t device) {
         const std::string number = entry.path().filename();
         if (!std::all_of(number.begin(), number.end(), [](unsigned char c) { return std::isdigit(c) != 0; }))
             continue;
+        result.anyShown = true;
         const Process process{std::stoi(number), nameOf(entry.path())};
         if (process.pid == getpid()) continue;
         result.modemManagerRuns = result.modemManagerRuns || isModemManager(process);

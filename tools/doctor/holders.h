@@ -20,7 +20,8 @@ struct Holders {
     std::vector<Process> holding{};  ///< have the node open
     std::vector<Process> unread{};   ///< do not show their files
     bool modemManagerRuns = false;
-    bool allShown = true;  ///< false if /proc hides other users' processes altogether
+    bool anyShown = false;  ///< false without /proc
+    bool allShown = true;   ///< false if /proc hides other users' processes altogether
 };
 
 /// Finds the processes that have the character device `device` open, under whatever name.

@@ -154,6 +154,10 @@ Finding checkHolders(Examination& examination) {
             byModemManager ? tr(RULE_AGAINST_MODEM_MANAGER)
                            : tr("Wait until its call ends, or close that program, and run this again."));
     }
+    if (!holders.anyShown)
+        return warning(
+            filled(tr("cannot see who has %s open: /proc shows no processes"), examination.node.c_str()),
+            tr("Mount /proc and run this again."));
     const std::string found = filled(tr("no other process seems to have %s open"), examination.node.c_str());
     if (holders.modemManagerRuns && !isHiddenFromModemManagers(examination.nodeStatus.st_rdev))
         return warning(found + tr(", but ModemManager is running"), tr(RULE_AGAINST_MODEM_MANAGER));

@@ -57,7 +57,8 @@ Finding checkLogs(const std::string& place) {
     for (fs::directory_iterator entry(LOG_DIRECTORY, unreadable), end; !unreadable && entry != end;
          entry.increment(unreadable)) {
         const std::string name = entry->path().filename();
-        if (name.rfind(LOG_PREFIX, 0) != 0) continue;
+        std::error_code unknown;
+        if (name.rfind(LOG_PREFIX, 0) != 0 || !entry->is_regular_file(unknown)) continue;
         if (endsWith(name, LOG_SUFFIX)) ++logs;
         if (endsWith(name, ARCHIVE_SUFFIX)) ++archives;
         if (endsWith(name, std::string(LOG_SUFFIX) + ARCHIVE_SUFFIX)) unnamed.push_back(name);
