@@ -91,8 +91,12 @@ void checkWorkingDirectory() {
 
 void checkRecord() {
     struct stat present {};
-    if (stat(RECORD, &present) == 0 && !S_ISREG(present.st_mode))
+    if (stat(RECORD, &present) != 0) return;
+    if (!S_ISREG(present.st_mode))
         refuse(filled(tr("cannot write %s: %s"), RECORD, tr("not a regular file")));
+    std::ifstream file(RECORD, std::ios::binary);
+    if (present.st_size > 0 && file.seekg(-1, std::ios::end) && file.get() != '\n')
+        refuse(filled(tr("cannot write %s: %s"), RECORD, tr("its last row has no end")));
 }
 
 /// Adds a row to the performance record. Whether the row is in the file.
@@ -116,6 +120,15 @@ DeviceLock::State exchange(const Operation& operation, const Request& request, p
     const Progress progress(operation.command, std::chrono::milliseconds(operation.timeoutMs));
     objManipulaDadosSat.exchange(operation, request, answer);
     return turn.state();
+}
+
+/// Saves a document from its Base64, which must be whole. Returns what went wrong, or an empty text.
+std::string save(OutputFile& file, std::string_view base64) {
+    const std::string content = Base64::decode(std::string(base64));
+    const auto* const bytes = reinterpret_cast<const unsigned char*>(content.data());
+    if (Base64::encode(bytes, static_cast<std::uint32_t>(content.size())) != base64)
+        return tr("the document in the answer is damaged");
+    return file.save(content);
 }
 
 bool dump(const Operation& operation, const std::string& request, const pbs::Message& answer) {
@@ -147,9 +160,9 @@ CallCommand::CallCommand(CLI::App& application)
     std::string footer = tr(
         "An argument @FILE is the content of that file; @- is standard input. Put \"--\" before words that "
         "begin with a dash. Calls made with this command wait for each other.\n"
-        "Exit status: 0 if the device answered (EEEEE says what), 1 if it did not or a file could not be "
-        "written, 2 if nothing was sent: the command line was wrong, the request too long, or the device "
-        "busy.\n\nOperations:\n");
+        "Exit status: 0 if the device answered (EEEEE says what), 1 if it did not, its "
+        "answer cannot be used or a file could not be written, 2 if nothing was sent: the command line was "
+        "wrong, the request too long, or the device busy.\n\nOperations:\n");
     for (const Operation& operation : manipulaDados::OPERATIONS)
         footer += "  " + std::string(operation.command) + " " + call::namesOf(operation.parameters) + "\n";
     m_options->footer(footer);
@@ -173,21 +186,17 @@ int CallCommand::run(const std::vector<std::string>& operands) {
 int CallCommand::makeCall(std::vector<std::string> words) const {
     const Operation& operation = chosenOperation(words.front());
     words.erase(words.begin());
-    std::signal(SIGXFSZ, SIG_IGN);  // a file that may not grow is an error like others
 
     // Everything that can be wrong is found out before anything is sent.
-    const bool saves = m_options->count("--out") > 0;
-    if (saves && !call::mayHoldDocument(operation))
+    const bool wantsDocument = m_options->count("--out") > 0;
+    if (wantsDocument && !call::mayHoldDocument(operation))
         refuse(filled(tr("--out: the answer to %s contains no document"), operation.command));
     const auto arguments = call::argumentsFrom(operation, words);
     if (m_dump || m_record) checkWorkingDirectory();
     if (m_record) checkRecord();
     Interruption interruption;
     std::optional<OutputFile> document;
-    if (saves) {
-        document.emplace(m_documentPath);
-        interruption.remove(document->unfinishedPath());
-    }
+    if (wantsDocument) document.emplace(m_documentPath, interruption);
 
     const auto request = objManipulaDadosSat.makeRequest(operation, arguments.values);
     pbs::Message message;
@@ -206,14 +215,21 @@ int CallCommand::makeCall(std::vector<std::string> words) const {
     }
     const int status = objManipulaDadosSat.CodigoErro();
     const call::Answer answer(operation, message.body());
+    const bool isUsable = answer.answers(arguments.values);
 
     // Files come first: a reader of the output that leaves early must not cost the document.
     std::vector<std::string> complaints;
+    if (status == FISCORA_STATUS_OK && !isUsable)
+        complaints.emplace_back(tr(
+            "this is not the answer to this call: field 0 should be its session number, and field 1 five digits"));
     const bool hasDocument = !answer.document().empty();
-    if (document && !hasDocument && status == FISCORA_STATUS_OK)
-        complaints.emplace_back(tr("the answer contains no document"));
-    const std::string loss =
-        document && hasDocument ? document->save(Base64::decode(std::string(answer.document()))) : "";
+    const bool saves = document && hasDocument && isUsable && answer.isSuccess();
+    if (document && !saves && isUsable && status == FISCORA_STATUS_OK)
+        complaints.emplace_back(hasDocument
+                                    ? tr("the device refused; the document in its answer is not saved")
+                                    : tr("the answer contains no document"));
+    const std::string loss = saves ? save(*document, answer.document()) : "";
+    const bool saved = saves && loss.empty();
     if (!loss.empty())
         complaints.push_back(loss + ". " + tr("The document is shown in Base64. To fetch it again:") +
                              "\n  " + inquiry);
@@ -223,10 +239,15 @@ int CallCommand::makeCall(std::vector<std::string> words) const {
         complaints.push_back(filled(tr("the row of --record could not be written to %s"), RECORD));
     interruption.say("");
 
-    answer.print(status, m_full || !loss.empty() ? call::Extent::Full : call::Extent::Elided);
+    if (!advice.empty())
+        std::signal(SIGPIPE, SIG_IGN);  // the advice must follow, even if the reader has left
+    const bool onlyShown = document && hasDocument && !saved;
+    answer.print(status, m_full || onlyShown ? call::Extent::Full : call::Extent::Elided);
     if (status == FISCORA_STATUS_NO_ANSWER) complaints.emplace_back(tr("run fiscora doctor to find out why"));
-    if (status != FISCORA_STATUS_OK && turn == DeviceLock::State::Held && !advice.empty())
-        complaints.push_back(advice);
+    const bool lacksDocument = document && answer.isSuccess() && !hasDocument;
+    const bool isKnown =
+        status == FISCORA_STATUS_OK && isUsable && !lacksDocument && (std::cout.good() || saved);
+    if (!isKnown && turn == DeviceLock::State::Held && !advice.empty()) complaints.push_back(advice);
     for (const auto& complaint : complaints) complain(complaint);
     return status == FISCORA_STATUS_OK && complaints.empty() ? EXIT_SUCCESS : EXIT_FAILURE;
 }

@@ -10,7 +10,7 @@
 namespace tool {
 namespace {
 
-constexpr int SIGNALS[] = {SIGINT, SIGTERM, SIGHUP};
+constexpr int SIGNALS[] = {SIGINT, SIGTERM, SIGHUP, SIGQUIT};
 
 // For the handler: ready-made, since it can do little more than write.
 std::atomic<const char*> lastWords{nullptr};

@@ -4,8 +4,9 @@
 
 namespace tool {
 
-/// While one exists, SIGINT, SIGTERM and SIGHUP still end the program, but first it can say something and
-/// remove a file. One at a time. A signal that was ignored when the program started stays ignored.
+/// While one exists, SIGINT, SIGTERM, SIGHUP and SIGQUIT still end the program, but first it can say
+/// something and remove a file. One at a time. A signal that was ignored when the program started stays
+/// ignored.
 class Interruption {
   public:
     Interruption();

@@ -180,8 +180,7 @@ int LogCommand::run(const std::vector<std::string>& operands) {
     std::optional<OutputFile> pictureFile;
     if (draws) {
         refuseLog(m_picturePath);
-        pictureFile.emplace(m_picturePath);
-        interruption.remove(pictureFile->unfinishedPath());
+        pictureFile.emplace(m_picturePath, interruption);
     }
 
     logs::Exchanges exchanges;

@@ -3,6 +3,7 @@
 #include <unistd.h>
 
 #include <algorithm>
+#include <csignal>
 #include <cstdlib>
 #include <exception>
 #include <iostream>
@@ -32,6 +33,12 @@ int refuse(const std::string& name, const std::string& reason, const std::string
     std::cerr << name << ": " << tool::withoutControls(reason) << " ("
               << tool::filled(tool::tr("usage: %s"), usage.c_str()) << ")\n";
     return USAGE_STATUS;
+}
+
+/// Makes a write to a file that may not grow an error like others. Not by ignoring the signal: the programs
+/// that `fiscora sim` runs would inherit that.
+void surviveFileLimit() {
+    if (std::signal(SIGXFSZ, [](int) {}) == SIG_IGN) std::signal(SIGXFSZ, SIG_IGN);
 }
 
 int runTool(int argc, char** argv) {
@@ -80,6 +87,7 @@ int main(int argc, char** argv) {
     if (sim::isSearchStandIn()) return sim::standInForSearch(argv);
     reserveStandardStreams();
     tool::chooseLanguage();
+    surviveFileLimit();
     try {
         const int status = runTool(argc, argv);
         if (std::cout.flush()) return status;

@@ -1,5 +1,7 @@
 #include "transaction/DoTransaction.h"
 
+#include <sys/stat.h>
+
 #include <array>
 #include <cstdio>
 #include <cstring>
@@ -120,8 +122,11 @@ bool dumpExchange(const char* code, const char* tx, std::uint32_t txSize, const 
         const QuietWrites guard;
         FILE* const file = std::fopen(name.data(), "wb+");
         const bool written = file != nullptr && (size == 0 || std::fwrite(data, 1, size, file) == size);
+        struct stat present {};
+        const bool lasts =  // not so in a pipe
+            file != nullptr && fstat(fileno(file), &present) == 0 && S_ISREG(present.st_mode);
         const bool closed = file != nullptr && std::fclose(file) == 0;
-        complete = complete && written && closed;
+        complete = complete && written && lasts && closed;
     };
     std::array<char, 256> description{};
     std::snprintf(description.data(), description.size(),

@@ -42,6 +42,6 @@ std::vector<std::string> split(const std::string& text, char delimiter);
 /// Writes both sides of an exchange to the working directory for diagnosis: YYYYDDMMhhmmss_CODE_tx.bin,
 /// ..._debug.txt and, if `rxSize` is not 0, ..._rx.bin (the day before the month, local time). Sizes in
 /// bytes. The bytes are as given: a request holds the activation code. False if a file could not be written
-/// completely; the others are tried all the same.
+/// completely, or is not a regular one; the others are tried all the same.
 bool dumpExchange(const char* code, const char* tx, std::uint32_t txSize, const char* rx,
                   std::uint32_t rxSize);

@@ -34,6 +34,10 @@ const AnswerLayout& layoutOf(const Operation& operation, const std::vector<std::
     return manipulaDados::findOperation(manipulaDados::CMD_CONSULTA_SAT)->answer;
 }
 
+bool isNumber(std::string_view text) {
+    return !text.empty() && text.find_first_not_of("0123456789") == std::string_view::npos;
+}
+
 /// Such as "0 (FISCORA_STATUS_OK: the device answered)".
 std::string described(int status) {
     const std::string name(tool::statusName(status));
@@ -77,8 +81,28 @@ bool mayHoldDocument(const Operation& operation) {
 }
 
 Answer::Answer(const Operation& operation, const std::string& body)
-    : m_fields(body.empty() ? std::vector<std::string_view>() : fieldsOf(body)),
+    : m_operation(operation),
+      m_fields(body.empty() ? std::vector<std::string_view>() : fieldsOf(body)),
       m_layout(layoutOf(operation, m_fields)) {}
+
+bool Answer::answers(const std::vector<manipulaDados::Argument>& arguments) const {
+    constexpr std::size_t SESSION_DIGITS = 6;
+    constexpr std::size_t CODE_DIGITS = 5;
+    if (m_fields.size() < 2 || !isNumber(m_fields[0]) || m_fields[0].size() > SESSION_DIGITS ||
+        !isNumber(m_fields[1]) || m_fields[1].size() != CODE_DIGITS)
+        return false;
+    // It brings an earlier answer, and nobody here knows the session number of that.
+    if (m_operation.command == std::string_view(manipulaDados::CMD_CONSULTA_ULTIMA_SESSAO_FISCAL))
+        return true;
+    const int number = std::stoi(std::string(m_fields[0]));
+    for (std::size_t i = 0; i < arguments.size(); ++i)
+        if (m_operation.parameters[i].kind == manipulaDados::Kind::SessionNumber &&
+            std::get<int>(arguments[i]) == number)
+            return true;
+    return false;
+}
+
+bool Answer::isSuccess() const { return m_fields.size() > 1 && m_operation.succeededWith(m_fields[1]); }
 
 std::string_view Answer::document() const {
     const std::size_t field = m_layout.documentField;

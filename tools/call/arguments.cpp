@@ -56,17 +56,13 @@ std::string readToEnd(int fd, const std::string& path, std::size_t most) {
 /// The text that a word stands for.
 std::string content(const std::string& word, std::size_t most) {
     if (!isFile(word)) return word;
-    const std::string path = word.substr(1);
-    std::string text;
-    if (path == "-") {
-        text = readToEnd(STDIN_FILENO, tr("standard input"), most);
-    } else {
-        const tool::Descriptor file(open(path.c_str(), O_RDONLY | O_CLOEXEC));
-        if (file.get() < 0) refuseUnread(path, errno);
-        text = readToEnd(file.get(), path, most);
-    }
+    const bool isInput = word == "@-";
+    const std::string name = isInput ? tr("standard input") : word.substr(1);
+    const tool::Descriptor file(isInput ? -1 : open(name.c_str(), O_RDONLY | O_CLOEXEC));
+    if (!isInput && file.get() < 0) refuseUnread(name, errno);
+    std::string text = readToEnd(isInput ? STDIN_FILENO : file.get(), name, most);
     if (text.find('\0') != std::string::npos)
-        refuse(filled(tr("%s contains a zero byte and cannot be sent"), path.c_str()));
+        refuse(filled(tr("%s contains a zero byte and cannot be sent"), name.c_str()));
     return text;
 }
 
@@ -83,17 +79,22 @@ int number(const Parameter& parameter, const std::string& text) {
     return value;
 }
 
-/// Drops the line break that an editor leaves at the end of a file, and refuses any other.
+/// Drops the line break that an editor leaves at the end of a file. Refuses any other, and what the device
+/// would count as a wrong code: too many of them lock it.
 void checkCode(const Parameter& parameter, std::string& code, const std::string& word) {
     if (isFile(word))
         for (const char end : {'\n', '\r'})
             if (!code.empty() && code.back() == end) code.pop_back();
-    if (code.find_first_of("\r\n") != std::string::npos)
-        refuse(filled(tr("%s contains a line break"), parameter.name));
+    if (code.empty()) refuse(filled(tr("%s is empty"), parameter.name));
+    if (code.find_first_of("\r\n|") != std::string::npos)
+        refuse(filled(tr("%s contains a line break or \"|\""), parameter.name));
 }
 
-/// Refuses a file's name in place of a document: the "@" was forgotten, and the name would be sent.
-void checkDocument(const Parameter& parameter, const std::string& word) {
+/// Refuses a file's name in place of a document: the "@" was forgotten, and the name would be sent. Refuses
+/// an empty file too: the program that should have written it failed.
+void checkDocument(const Parameter& parameter, const std::string& document, const std::string& word) {
+    if (isFile(word) && document.find_first_not_of(" \t\r\n") == std::string::npos)
+        refuse(filled(tr("%s is empty"), parameter.name));
     std::error_code tooLong;  // as a name, if it is a document
     if (std::filesystem::exists(word, tooLong))
         refuse(filled(tr("%s: %s is a file; write @%s to send its content"), parameter.name, word.c_str(),
@@ -125,7 +126,7 @@ Arguments argumentsFrom(const Operation& operation, const std::vector<std::strin
         const Parameter& parameter = parameters[i];
         std::string& text = arguments.texts.emplace_back(content(words[i], operation.buffer.bytes));
         if (parameter.kind == Kind::ActivationCode) checkCode(parameter, text, words[i]);
-        if (parameter.kind == Kind::Document) checkDocument(parameter, words[i]);
+        if (parameter.kind == Kind::Document) checkDocument(parameter, text, words[i]);
         if (isNumber(parameter.kind))
             arguments.values.emplace_back(number(parameter, text));
         else
