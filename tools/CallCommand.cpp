@@ -220,8 +220,9 @@ int CallCommand::makeCall(std::vector<std::string> words) const {
     // Files come first: a reader of the output that leaves early must not cost the document.
     std::vector<std::string> complaints;
     if (status == FISCORA_STATUS_OK && !isUsable)
-        complaints.emplace_back(tr(
-            "this is not the answer to this call: field 0 should be its session number, and field 1 five digits"));
+        complaints.emplace_back(
+            tr("this is not the answer to this call: field 0 should be its session number, and field 1 five "
+               "digits"));
     const bool hasDocument = !answer.document().empty();
     const bool saves = document && hasDocument && isUsable && answer.isSuccess();
     if (document && !saves && isUsable && status == FISCORA_STATUS_OK)
@@ -237,12 +238,13 @@ int CallCommand::makeCall(std::vector<std::string> words) const {
         complaints.emplace_back(tr("the files of --dump could not be written completely"));
     if (m_record && status == FISCORA_STATUS_OK && !record(message))
         complaints.push_back(filled(tr("the row of --record could not be written to %s"), RECORD));
-    interruption.say("");
+    if (saved) interruption.say("");
 
     if (!advice.empty())
         std::signal(SIGPIPE, SIG_IGN);  // the advice must follow, even if the reader has left
     const bool onlyShown = document && hasDocument && !saved;
     answer.print(status, m_full || onlyShown ? call::Extent::Full : call::Extent::Elided);
+    interruption.say("");
     if (status == FISCORA_STATUS_NO_ANSWER) complaints.emplace_back(tr("run fiscora doctor to find out why"));
     const bool lacksDocument = document && answer.isSuccess() && !hasDocument;
     const bool isKnown =
