@@ -143,18 +143,18 @@ int follow(const fs::path& directory) {
 
 LogCommand::LogCommand(CLI::App& application)
     : Subcommand(application, "log", tr("Show the calls in the library's logs, and how long they took"),
-                 "fiscora log [--dir DIR] [--since DAY] [--svg FILE] [--json] | --follow") {
+                 tr("fiscora log [--dir DIR] [--since DAY] [--svg FILE] [--json] | --follow")) {
     m_options
         ->add_option("--dir", m_directory,
                      tr("Folder of the logs, or the folder that contains logsDrs (default: logsDrs)"))
-        ->type_name("DIR");
+        ->type_name(tr("DIR"));
     m_options
         ->add_option_function<std::string>(
             "--since", [this](const std::string& text) { m_since = dayFrom(text); },
             tr("Leave out days before DAY, YYYYMMDD or YYYY-MM-DD"))
-        ->type_name("DAY");
+        ->type_name(tr("DAY"));
     m_options->add_option("--svg", m_picturePath, tr("Draw the durations over time in FILE, as SVG"))
-        ->type_name("FILE");
+        ->type_name(tr("FILE"));
     m_options->add_flag("--json", m_json, tr("Print the result as one JSON object"));
     m_options->add_flag("--follow", m_follow, tr("Show today's calls as they end, until Ctrl-C"));
     m_options->footer(tr(

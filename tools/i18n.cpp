@@ -65,7 +65,11 @@ void chooseLanguage() {
     textdomain("fiscora");
 }
 
-std::string systemError(int error) { return tr(std::strerror(error)); }
+std::string systemError(int error) {
+    // In English, for our own catalogue: the C library's Portuguese is that of Portugal.
+    const char* const text = strerrordesc_np(error);
+    return text != nullptr ? tr(text) : std::strerror(error);
+}
 
 std::string filled(const char* format, ...) {
     va_list arguments, again;
