@@ -46,6 +46,15 @@ std::string serialized(const pugi::xml_node& node) {
 /// How deep elements may be nested: what walks a document's tree recurses once per level.
 constexpr int MAX_DEPTH = 100;
 
+// Expat 2.9 deprecates the functions whose result has the size of a long.
+#if XML_MAJOR_VERSION == 2 && XML_MINOR_VERSION < 9
+constexpr auto currentLine = XML_GetCurrentLineNumber;
+constexpr auto currentColumn = XML_GetCurrentColumnNumber;
+#else
+constexpr auto currentLine = XML_GetCurrentLineNumber64;
+constexpr auto currentColumn = XML_GetCurrentColumnNumber64;
+#endif
+
 /// Checks what pugixml lets pass: references, characters, duplicate attributes, text after the
 /// root.
 void requireWellFormedText(const std::string& xml) {
@@ -65,8 +74,8 @@ void requireWellFormedText(const std::string& xml) {
         [](void* data, const XML_Char*) { --static_cast<Depth*>(data)->now; });
     if (XML_Parse(parser.get(), xml.data(), static_cast<int>(xml.size()), XML_TRUE) == XML_STATUS_OK) return;
     throw InvalidDocument((depth.now > MAX_DEPTH ? "XML aninhado demais" : "XML malformado") +
-                          std::string(" na linha ") + std::to_string(XML_GetCurrentLineNumber(parser.get())) +
-                          ", coluna " + std::to_string(XML_GetCurrentColumnNumber(parser.get()) + 1));
+                          std::string(" na linha ") + std::to_string(currentLine(parser.get())) +
+                          ", coluna " + std::to_string(currentColumn(parser.get()) + 1));
 }
 
 pugi::xml_node parse(pugi::xml_document& document, const std::string& xml) {
