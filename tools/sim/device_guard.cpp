@@ -36,7 +36,8 @@ constexpr char PORT[] = "ttyACM";
 class Allowed {
   public:
     Allowed() {
-        const landlock_ruleset_attr handled{OPEN | MOVE};
+        landlock_ruleset_attr handled{};  // has more members in newer headers
+        handled.handled_access_fs = OPEN | MOVE;
         m_rules = tool::Descriptor(
             static_cast<int>(syscall(SYS_landlock_create_ruleset, &handled, sizeof handled, 0)));
         if (m_rules.get() < 0)
