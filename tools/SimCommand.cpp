@@ -17,6 +17,7 @@
 #include "sim/Child.h"
 #include "sim/Fault.h"
 #include "sim/FrameTrace.h"
+#include "sim/Ledger.h"
 #include "sim/PtyLine.h"
 #include "sim/program.h"
 #include "terminal_text.h"
@@ -161,6 +162,12 @@ SimCommand::SimCommand(CLI::App& application)
                "answers, for kinds that take one. May be repeated"))
         ->type_name(tr("KIND[=COUNT][@N]"))
         ->allow_extra_args(false);
+    m_options
+        ->add_option("--ledger", m_ledger,
+                     tr("Append a line to FILE for each document that the device books, before it answers: "
+                        "time, operation, session, access key and SHA-256 of the document that was sent, "
+                        "separated by tabs"))
+        ->type_name(tr("FILE"));
     m_options->add_flag("--list-faults", m_listFaults,
                         tr("List the kinds of fault and what the application will see"));
     m_options->add_flag("--trace", m_trace,
@@ -199,6 +206,11 @@ int SimCommand::run(const std::vector<std::string>& operands) {
     sim::FrameTrace trace(
         std::cerr, m_traceSecrets ? sim::FrameTrace::Secrets::Shown : sim::FrameTrace::Secrets::Hidden);
     if (m_trace || m_traceSecrets) m_port.trace = &trace;
+    std::optional<sim::Ledger> ledger;
+    if (m_options->count("--ledger") > 0) {
+        ledger.emplace(m_ledger);
+        m_device.booked = [&ledger](const sim::BookedDocument& document) { return ledger->add(document); };
+    }
     sim::SimulatedDevice device(m_device);
     sim::DevicePort port(device, m_port);
     const sim::Signals signals;

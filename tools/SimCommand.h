@@ -16,6 +16,7 @@ class SimCommand : public Subcommand {
   private:
     sim::DeviceSettings m_device;
     sim::PortSettings m_port;
+    std::string m_ledger;  ///< file name; empty for none
     bool m_trace = false;
     bool m_traceSecrets = false;
     bool m_listFaults = false;

@@ -98,7 +98,8 @@ const SimulatedDevice::Service& SimulatedDevice::serviceOf(const manipulaDados::
 SimulatedDevice::SimulatedDevice(DeviceSettings settings)
     : m_state(settings.state),
       m_activationCode(std::move(settings.activationCode)),
-      m_clock(std::move(settings.clock)) {}
+      m_clock(std::move(settings.clock)),
+      m_booking(std::move(settings.booked)) {}
 
 std::string SimulatedDevice::answer(const std::string& operation, const std::string& request) {
     const auto* const known = manipulaDados::findOperation(operation);
@@ -214,8 +215,14 @@ std::string SimulatedDevice::refusalOfDocument(const Request& request, int block
     return {};
 }
 
-std::string SimulatedDevice::book(const Request& request, const SignedDocument& document) {
+/// Afterwards `cancellable` is the sale that may be cancelled.
+std::string SimulatedDevice::book(const Request& request, const SignedDocument& document,
+                                  std::optional<SignedDocument> cancellable) {
+    const auto& fields = request.fields;
+    if (!m_booking({document.time, request.operation.command, fields.front(), document.key, fields.back()}))
+        return reply(request, UNKNOWN_ERROR, "Erro desconhecido: o equipamento não consegue gravar");
     ++m_documents;
+    m_lastSale = std::move(cancellable);
     m_lastKey = document.key;
     m_lastTime = document.time;
     m_booked.insert(request.fields[0]);
@@ -228,11 +235,11 @@ std::string SimulatedDevice::book(const Request& request, const SignedDocument& 
 std::string SimulatedDevice::sell(const Request& request) {
     if (std::string refusal = refusalOfDocument(request, 6); !refusal.empty()) return refusal;
     try {
-        m_lastSale = signSale(request.fields[2], issuer(), MAX_DOCUMENT);
+        const SignedDocument document = signSale(request.fields[2], issuer(), MAX_DOCUMENT);
+        return book(request, document, document);
     } catch (const InvalidDocument& problem) {
         return reply(request, SALE_CONTENT, fieldText(std::string(CONTENT_TEXT) + ": " + problem.what()));
     }
-    return book(request, *m_lastSale);
 }
 
 std::string SimulatedDevice::cancel(const Request& request) {
@@ -241,9 +248,7 @@ std::string SimulatedDevice::cancel(const Request& request) {
     if (!known || m_clock() - m_lastSale->time > CANCELLATION_SECONDS)
         return reply(request, 2, "Cupom inválido");
     try {
-        const SignedDocument document = signCancellation(request.fields[3], *m_lastSale, issuer());
-        m_lastSale.reset();
-        return book(request, document);
+        return book(request, signCancellation(request.fields[3], *m_lastSale, issuer()), std::nullopt);
     } catch (const InvalidDocument& problem) {
         return reply(request, CANCELLATION_CONTENT,
                      fieldText(std::string(CONTENT_TEXT) + ": " + problem.what()));

@@ -22,12 +22,24 @@ namespace sim {
 
 enum class DeviceState { NotActivated, Active, Blocked };
 
+/// A document that the device is about to book; valid during the call that it is passed to.
+struct BookedDocument {
+    std::time_t time;
+    std::string_view operation;
+    std::string_view session;
+    std::string_view key;      ///< "CFe" and 44 digits
+    std::string_view request;  ///< the document that was sent to the device, byte for byte
+};
+
 struct DeviceSettings {
     DeviceState state = DeviceState::Active;
     /// 8 to 32 characters. Ignored by a device that is not activated: AtivarSAT sets it.
     std::string activationCode = "12345678";
     /// The device's clock; its dates and times are local time.
     std::function<std::time_t()> clock = [] { return std::time(nullptr); };
+    /// Told of each sale and cancellation before it is booked. False: the device refuses it and books
+    /// nothing.
+    std::function<bool(const BookedDocument&)> booked = [](const BookedDocument&) { return true; };
 };
 
 /// The fiscal device as an application meets it: the text of a request goes in, the text of the answer comes
@@ -89,12 +101,14 @@ class SimulatedDevice {
     std::string confirm(const Request& request);
 
     std::string refusalOfDocument(const Request& request, int blockedCode) const;
-    std::string book(const Request& request, const SignedDocument& document);
+    std::string book(const Request& request, const SignedDocument& document,
+                     std::optional<SignedDocument> cancellable);
     Issuer issuer() const;
 
     DeviceState m_state;
     std::string m_activationCode;
     std::function<std::time_t()> m_clock;
+    std::function<bool(const BookedDocument&)> m_booking;
     std::string m_taxpayer = "11222333000181";  ///< CNPJ, for sales that name none
     std::string m_stateCode = "35";             ///< IBGE code of the federal unit
     int m_documents = 0;                        ///< issued so far
