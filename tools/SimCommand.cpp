@@ -143,6 +143,11 @@ SimCommand::SimCommand(CLI::App& application)
         ->type_name(tr("CODE"))
         ->check(CLI::Validator(codeIsValid, ""));
     m_options
+        ->add_option("--memory", m_device.memory,
+                     tr("How many sessions the device remembers (default 32)"))
+        ->type_name("N")
+        ->check(numberFrom(0, 100000));
+    m_options
         ->add_option("--baud", m_port.baud, tr("Speed of the line in bits per second (default: no limit)"))
         ->type_name("N")
         ->check(numberFrom(300, 10000000));

@@ -15,7 +15,7 @@ namespace sim {
 /// that was sent, in lower-case hexadecimal.
 class Ledger {
   public:
-    /// Appends to `path`, which is created (mode 0600) if it does not exist. Throws std::runtime_error, with
+    /// Appends to `path`, which is created (mode 0600) if it does not exist. Throws CLI::ValidationError, with
     /// a text in the user's language, if it cannot be opened.
     explicit Ledger(const std::string& path);
 

@@ -98,6 +98,7 @@ const SimulatedDevice::Service& SimulatedDevice::serviceOf(const manipulaDados::
 SimulatedDevice::SimulatedDevice(DeviceSettings settings)
     : m_state(settings.state),
       m_activationCode(std::move(settings.activationCode)),
+      m_memory(settings.memory),
       m_clock(std::move(settings.clock)),
       m_booking(std::move(settings.booked)) {}
 
@@ -166,7 +167,7 @@ void SimulatedDevice::remember(const Request& request, const std::string& answer
     const bool issued = operation.effect == Effect::Books && operation.succeededWith(code);
     if (query || (m_booked.count(session) != 0 && !issued)) return;
     m_sessions.emplace_back(session, answer);
-    if (m_sessions.size() > KEPT_SESSIONS) m_sessions.pop_front();
+    if (m_sessions.size() > m_memory) m_sessions.pop_front();
 }
 
 /// The earlier `answer` again, under the session number of this request; a refusal if it is empty.

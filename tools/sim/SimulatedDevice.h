@@ -35,6 +35,9 @@ struct DeviceSettings {
     DeviceState state = DeviceState::Active;
     /// 8 to 32 characters. Ignored by a device that is not activated: AtivarSAT sets it.
     std::string activationCode = "12345678";
+    /// How many sessions ConsultarNumeroSessao can ask for; older ones are forgotten. What
+    /// ConsultarUltimaSessaoFiscal returns is kept apart.
+    std::size_t memory = 32;
     /// The device's clock; its dates and times are local time.
     std::function<std::time_t()> clock = [] { return std::time(nullptr); };
     /// Told of each sale and cancellation before it is booked. False: the device refuses it and books
@@ -51,8 +54,6 @@ class SimulatedDevice {
   public:
     /// Largest answer text, in bytes: what the application's library takes.
     static constexpr std::size_t MAX_ANSWER = FISCORA_ANSWER_MAX_BYTES;
-    /// Sessions whose answers can be asked for again; older ones are forgotten.
-    static constexpr std::size_t KEPT_SESSIONS = 32;
     /// How long after its sale a cancellation is accepted.
     static constexpr std::time_t CANCELLATION_SECONDS = std::time_t{30} * 60;
 
@@ -107,6 +108,7 @@ class SimulatedDevice {
 
     DeviceState m_state;
     std::string m_activationCode;
+    std::size_t m_memory;  ///< sessions
     std::function<std::time_t()> m_clock;
     std::function<bool(const BookedDocument&)> m_booking;
     std::string m_taxpayer = "11222333000181";  ///< CNPJ, for sales that name none
