@@ -32,7 +32,7 @@ struct Device {
     SimulatedDevice device;
 
     explicit Device(DeviceState state = DeviceState::Active)
-        : device({state, CODE, 32, [this] { return now; }}) {}
+        : device({state, CODE, "900004019", 32, [this] { return now; }}) {}
 
     std::vector<std::string> ask(const std::string& operation, const std::string& request) {
         const std::string answer = device.answer(operation, request);

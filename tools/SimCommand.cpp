@@ -131,6 +131,9 @@ SimCommand::SimCommand(CLI::App& application)
         return sim::SimulatedDevice::isActivationCode(code) ? ""
                                                             : tr("expected 8 to 32 characters without \"|\"");
     };
+    const auto numberIsValid = [](const std::string& number) {
+        return sim::SimulatedDevice::isSerialNumber(number) ? "" : tr("expected nine digits");
+    };
     m_options
         ->add_option_function<std::string>(
             "--state", [this](const std::string& name) { m_device.state = states.at(name); },
@@ -143,8 +146,12 @@ SimCommand::SimCommand(CLI::App& application)
         ->type_name(tr("CODE"))
         ->check(CLI::Validator(codeIsValid, ""));
     m_options
-        ->add_option("--memory", m_device.memory,
-                     tr("How many sessions the device remembers (default 32)"))
+        ->add_option("--serial", m_device.serialNumber,
+                     filled(tr("Serial number (default %s)"), m_device.serialNumber.c_str()))
+        ->type_name(tr("NUMBER"))
+        ->check(CLI::Validator(numberIsValid, ""));
+    m_options
+        ->add_option("--memory", m_device.memory, tr("How many sessions the device remembers (default 32)"))
         ->type_name("N")
         ->check(numberFrom(0, 100000));
     m_options

@@ -181,7 +181,7 @@ Numbering number(const Issuer& issuer, const pugi::xml_node& emitter) {
     if (result.taxpayer.size() != 14) result.taxpayer = issuer.taxpayer;
     result.cNF = padded(static_cast<int>((issuer.number * 7919LL + 104729) % 1000000), 6);
     const std::string digits = issuer.stateCode + localTimeText("%y%m", issuer.time) + result.taxpayer +
-                               std::string(MODEL) + std::string(SERIAL_NUMBER) + padded(issuer.number, 6) +
+                               std::string(MODEL) + issuer.serialNumber + padded(issuer.number, 6) +
                                result.cNF;
     result.key = "CFe" + digits + checkDigit(digits);
     return result;
@@ -193,7 +193,7 @@ void appendIdentification(pugi::xml_node information, const pugi::xml_node& give
     append(ide, "cUF", issuer.stateCode);
     append(ide, "cNF", numbering.cNF);
     append(ide, "mod", std::string(MODEL));
-    append(ide, "nserieSAT", std::string(SERIAL_NUMBER));
+    append(ide, "nserieSAT", issuer.serialNumber);
     append(ide, "nCFe", padded(issuer.number, 6));
     append(ide, "dEmi", localTimeText("%Y%m%d", issuer.time));
     append(ide, "hEmi", localTimeText("%H%M%S", issuer.time));

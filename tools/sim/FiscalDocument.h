@@ -15,9 +15,10 @@ struct InvalidDocument : std::runtime_error {
 
 /// What the device itself knows when it issues a document.
 struct Issuer {
-    std::string stateCode;  ///< cUF, 2 digits
-    std::string taxpayer;   ///< CNPJ, 14 digits, for a document that names none
-    int number;             ///< nCFe, 1 to 999999
+    std::string stateCode;     ///< cUF, 2 digits
+    std::string taxpayer;      ///< CNPJ, 14 digits, for a document that names none
+    std::string serialNumber;  ///< 9 digits
+    int number;                ///< nCFe, 1 to 999999
     std::time_t time;
 };
 
@@ -30,8 +31,6 @@ struct SignedDocument {
     std::time_t time;
 };
 
-/// Serial number of the simulated device, 9 digits.
-inline constexpr std::string_view SERIAL_NUMBER = "900004019";
 /// In place of the signature of the QR code: 344 characters of Base64.
 std::string qrCodeSignature();
 

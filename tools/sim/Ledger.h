@@ -15,8 +15,8 @@ namespace sim {
 /// that was sent, in lower-case hexadecimal.
 class Ledger {
   public:
-    /// Appends to `path`, which is created (mode 0600) if it does not exist. Throws CLI::ValidationError, with
-    /// a text in the user's language, if it cannot be opened.
+    /// Appends to `path`, which is created (mode 0600) if it does not exist. Throws CLI::ValidationError,
+    /// with a text in the user's language, if it cannot be opened.
     explicit Ledger(const std::string& path);
 
     /// Hands the line to the kernel, in one write. False if the file does not take all of it; nothing of it

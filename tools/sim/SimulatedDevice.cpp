@@ -98,6 +98,7 @@ const SimulatedDevice::Service& SimulatedDevice::serviceOf(const manipulaDados::
 SimulatedDevice::SimulatedDevice(DeviceSettings settings)
     : m_state(settings.state),
       m_activationCode(std::move(settings.activationCode)),
+      m_serialNumber(std::move(settings.serialNumber)),
       m_memory(settings.memory),
       m_clock(std::move(settings.clock)),
       m_booking(std::move(settings.booked)) {}
@@ -123,6 +124,10 @@ bool SimulatedDevice::isSecret(std::string_view operation, std::size_t field) {
 
 bool SimulatedDevice::isActivationCode(std::string_view code) {
     return code.size() >= 8 && code.size() <= 32 && code.find('|') == std::string_view::npos;
+}
+
+bool SimulatedDevice::isSerialNumber(std::string_view number) {
+    return number.size() == 9 && isDigits(number);
 }
 
 std::string SimulatedDevice::judge(const Request& request) {
@@ -205,7 +210,9 @@ std::string SimulatedDevice::communicateCertificate(const Request& request) {
     return plausible ? confirm(request) : reply(request, 3, "Certificado inválido");
 }
 
-Issuer SimulatedDevice::issuer() const { return {m_stateCode, m_taxpayer, m_documents + 1, m_clock()}; }
+Issuer SimulatedDevice::issuer() const {
+    return {m_stateCode, m_taxpayer, m_serialNumber, m_documents + 1, m_clock()};
+}
 
 /// Why no document can be issued now; empty if one can.
 std::string SimulatedDevice::refusalOfDocument(const Request& request, int blockedCode) const {
@@ -273,7 +280,7 @@ std::string SimulatedDevice::status(const Request& request) {
     const std::string key = m_lastKey.empty() ? "" : m_lastKey.substr(3);
     const std::string issued = m_lastKey.empty() ? "" : localTimeText("%Y%m%d%H%M%S", m_lastTime);
     return reply(request, DONE, request.service.confirmation,
-                 {std::string(SERIAL_NUMBER),
+                 {m_serialNumber,
                   "DHCP",
                   "192.168.0.50",
                   "02:00:00:00:00:01",
@@ -323,7 +330,7 @@ std::string SimulatedDevice::associateSignature(const Request& request) {
 }
 
 std::string SimulatedDevice::extractLog(const Request& request) {
-    std::string log = "SAT " + std::string(SERIAL_NUMBER) + " (simulado)\n";
+    std::string log = "SAT " + m_serialNumber + " (simulado)\n";
     for (const std::string& line : m_log) log += line + "\n";
     return reply(request, DONE, request.service.confirmation, {base64(log)});
 }

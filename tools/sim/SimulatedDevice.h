@@ -35,6 +35,7 @@ struct DeviceSettings {
     DeviceState state = DeviceState::Active;
     /// 8 to 32 characters. Ignored by a device that is not activated: AtivarSAT sets it.
     std::string activationCode = "12345678";
+    std::string serialNumber = "900004019";  ///< 9 digits
     /// How many sessions ConsultarNumeroSessao can ask for; older ones are forgotten. What
     /// ConsultarUltimaSessaoFiscal returns is kept apart.
     std::size_t memory = 32;
@@ -67,6 +68,8 @@ class SimulatedDevice {
     static bool isSecret(std::string_view operation, std::size_t field);
     /// Whether `code` may be an activation code: 8 to 32 characters, no "|".
     static bool isActivationCode(std::string_view code);
+    /// Whether `number` may be a serial number: 9 digits.
+    static bool isSerialNumber(std::string_view number);
 
   private:
     struct Service;
@@ -108,6 +111,7 @@ class SimulatedDevice {
 
     DeviceState m_state;
     std::string m_activationCode;
+    std::string m_serialNumber;
     std::size_t m_memory;  ///< sessions
     std::function<std::time_t()> m_clock;
     std::function<bool(const BookedDocument&)> m_booking;
