@@ -150,7 +150,7 @@ Call anyCall(Random& random, int saleBytes) {
 struct Trouble {
     std::string name;
     const sim::Fault* fault = nullptr;  ///< the device's, where it is one
-    unsigned count = 0;                 ///< of that
+    unsigned number = 0;                ///< of bad answers or seconds
 };
 
 Trouble anyTrouble(Random& random) {
@@ -161,7 +161,7 @@ Trouble anyTrouble(Random& random) {
     if (dice == 1) return {random.oneOf(others)};
     if (dice > 5) return {"none"};
     const sim::Fault& fault = random.oneOf(sim::faults());
-    return {std::string(fault.name), &fault, fault.count == 0 ? 0U : unsigned(random.number(1, 8))};
+    return {std::string(fault.name), &fault, fault.measure == nullptr ? 0U : unsigned(random.number(1, 8))};
 }
 
 Call callUnder(const Trouble& trouble, Random& random) {
@@ -410,13 +410,14 @@ void World::take(const char* bytes, unsigned long length) {
 }
 
 void World::answer() {
-    m_answer = m_device.answer(m_request.code(), m_request.body());
+    const auto serve = m_trouble.fault == nullptr ? sim::answerOf : m_trouble.fault->serve;
+    m_answer = serve(m_device, m_request.code(), m_request.body());
     pbs::Message answer(m_request.code(), m_request.sourceId());
     answer.setBody(m_answer);
     answer.compress();
     m_frame = answer.toString();
     if (m_trouble.fault != nullptr) {
-        return transmit(m_trouble.fault->spoil({answer, m_previousFrame, m_trouble.count}));
+        return transmit(m_trouble.fault->spoil({answer, m_previousFrame, m_trouble.number}));
     }
     sim::Transmission transmission;
     for (std::size_t start = 0, end = 0; start < m_frame.size(); start = end) {

@@ -61,8 +61,11 @@ std::vector<SpoiltTill> spoiltTills() {
     std::vector<SpoiltTill> tills{{"silence", 1, silence.status, silence.answer, "--signals"}};
     for (const auto& fault : sim::faults()) {
         const std::string name(fault.name);
-        tills.push_back({name, fault.answer == sim::Answer::Previous ? 2 : 1, fault.status, fault.answer});
-        if (fault.count > 0) tills.push_back({name + "=5", 1, FISCORA_STATUS_OK, sim::Answer::Own});
+        const bool restarts = name == "restart";  // and must be back before the next call
+        tills.push_back({restarts ? name + "=1" : name, fault.answer == sim::Answer::Previous ? 2 : 1,
+                         fault.status, fault.answer});
+        if (fault.measure != nullptr && !restarts)
+            tills.push_back({name + "=5", 1, FISCORA_STATUS_OK, sim::Answer::Own});
     }
     return tills;
 }
@@ -168,7 +171,7 @@ const struct {
     {"sim", "fiscora sim: "},
     {"sim --fault x -- true", "no fault \"x\""},
     {"sim --fault '' -- true", "no fault \"\""},
-    {"sim --fault silence=3 -- true", "takes no count"},
+    {"sim --fault silence=3 -- true", "takes no number"},
     {"sim --fault silence@0 -- true", "number of an exchange"},
     {"sim --fault silence@1x -- true", "of an exchange"},
     {"sim --fault wrong-code= -- true", "from 1 to 1000"},

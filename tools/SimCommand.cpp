@@ -28,7 +28,7 @@ namespace {
 namespace fs = std::filesystem;
 
 // Limits of a planned fault's numbers.
-constexpr unsigned MAX_BAD_ANSWERS = 1000;
+constexpr unsigned MAX_NUMBER = 1000;  // of bad answers or seconds
 constexpr unsigned MAX_EXCHANGE = 999'999'999;
 
 int fail(int status, const std::string& text) {
@@ -51,6 +51,20 @@ std::optional<int> handleSignals(const sim::Signals& signals, sim::Child& child)
     return std::nullopt;
 }
 
+/// Keeps the line away for `time`. The command's exit status if it ends meanwhile.
+std::optional<int> stayAway(std::chrono::milliseconds time, sim::PtyLine& line, const sim::Signals& signals,
+                            sim::Child& child) {
+    using Clock = std::chrono::steady_clock;
+    line.hangUp();
+    for (const auto back = Clock::now() + time; Clock::now() < back;) {
+        const auto left = std::chrono::ceil<std::chrono::milliseconds>(back - Clock::now());
+        pollfd end{signals.fd(), POLLIN, 0};
+        poll(&end, 1, static_cast<int>(left.count()));
+        if (const auto status = handleSignals(signals, child)) return status;
+    }
+    return std::nullopt;
+}
+
 /// Plays the device until the command has ended; returns its exit status.
 int play(sim::DevicePort& port, sim::PtyLine& line, const sim::Signals& signals, sim::Child& child) {
     port.attach(line.fd());
@@ -60,19 +74,22 @@ int play(sim::DevicePort& port, sim::PtyLine& line, const sim::Signals& signals,
         poll(ends.data(), ends.size(), timeoutMs);
         if (const auto status = handleSignals(signals, child)) return *status;
         if (port.step()) continue;
+        if (port.gone().count() > 0) {
+            if (const auto status = stayAway(port.gone(), line, signals, child)) return *status;
+        }
         line.renew();
         port.attach(line.fd());
     }
 }
 
 /// A number of digits alone from 1 to `most`; 0 for any other text.
-unsigned countOf(const std::string& digits, unsigned most) {
+unsigned numberIn(const std::string& digits, unsigned most) {
     const bool number = digits.find_first_not_of("0123456789") == std::string::npos && digits.size() <= 9;
     const unsigned long value = number && !digits.empty() ? std::stoul(digits) : 0;
     return value <= most ? static_cast<unsigned>(value) : 0;
 }
 
-/// KIND[=COUNT][@N]; throws CLI::ValidationError for anything else.
+/// KIND[=NUMBER][@N]; throws CLI::ValidationError for anything else.
 sim::FaultPlan parseFault(const std::string& text) {
     const auto refuse = [&](const std::string& why) {
         return CLI::ValidationError("--fault", "\"" + text + "\": " + why);
@@ -83,15 +100,15 @@ sim::FaultPlan parseFault(const std::string& text) {
     const sim::Fault* fault = sim::findFault(kind);
     if (fault == nullptr)
         throw refuse(filled(tr("there is no fault \"%s\"; see --list-faults"), kind.c_str()));
-    sim::FaultPlan plan{fault, 0, fault->count};
+    sim::FaultPlan plan{fault, 0, fault->number};
     if (equals < at) {
-        if (fault->count == 0) throw refuse(filled(tr("%s takes no count"), kind.c_str()));
-        plan.count = countOf(text.substr(equals + 1, at - equals - 1), MAX_BAD_ANSWERS);
-        if (plan.count == 0)
-            throw refuse(filled(tr("the count must be a number from 1 to %u"), MAX_BAD_ANSWERS));
+        if (fault->measure == nullptr) throw refuse(filled(tr("%s takes no number"), kind.c_str()));
+        plan.number = numberIn(text.substr(equals + 1, at - equals - 1), MAX_NUMBER);
+        if (plan.number == 0)
+            throw refuse(filled(tr("\"=\" must be followed by a number from 1 to %u"), MAX_NUMBER));
     }
     if (at < text.size()) {
-        plan.exchange = countOf(text.substr(at + 1), MAX_EXCHANGE);
+        plan.exchange = numberIn(text.substr(at + 1), MAX_EXCHANGE);
         if (plan.exchange == 0)
             throw refuse(tr("\"@\" must be followed by the number of an exchange, from 1"));
     }
@@ -111,7 +128,8 @@ void listFaults() {
     };
     print(tr("KIND"), tr("STATUS"), tr("What the application sees, and what to learn from it"));
     for (const sim::Fault& fault : sim::faults()) {
-        print(std::string(fault.name) + (fault.count > 0 ? std::string("[=") + tr("COUNT") + "]" : ""),
+        print(std::string(fault.name) +
+                  (fault.measure != nullptr ? std::string("[=") + tr(fault.measure) + "]" : ""),
               std::to_string(fault.status), tr(fault.effect));
         print("", "", std::string("-> ") + tr(fault.advice));
     }
@@ -170,9 +188,9 @@ SimCommand::SimCommand(CLI::App& application)
             [this](const std::vector<std::string>& plans) {
                 for (const std::string& plan : plans) m_port.faults.push_back(parseFault(plan));
             },
-            tr("Make the device fail, in its N-th exchange or in every one. COUNT is the number of bad "
-               "answers, for kinds that take one. May be repeated"))
-        ->type_name(tr("KIND[=COUNT][@N]"))
+            tr("Make the device fail, in its N-th exchange or in every one. NUMBER is that of bad answers or "
+               "seconds, for kinds that take one. May be repeated"))
+        ->type_name(tr("KIND[=NUMBER][@N]"))
         ->allow_extra_args(false);
     m_options
         ->add_option("--ledger", m_ledger,

@@ -164,18 +164,20 @@ void DevicePort::traceFault(const FaultPlan& plan) {
 }
 
 void DevicePort::exchange() {
-    ++m_exchanges;
+    const FaultPlan* const plan = planOf(++m_exchanges);
+    const Fault* const fault = plan != nullptr && plan->fault->spoil != nullptr ? plan->fault : nullptr;
     if (m_settings.trace != nullptr) m_settings.trace->request(m_request);
     pbs::Message request(m_request);
     if (request.isCompressed()) request.uncompress();
 
+    const auto serve = fault != nullptr ? fault->serve : answerOf;
     pbs::Message answer(request.code(), request.sourceId());
-    answer.setBody(m_device.answer(request.code(), request.body()));
+    answer.setBody(serve(m_device, request.code(), request.body()));
     answer.compress();
     std::string frame = answer.toString();
     Transmission out{{frame}};
-    if (const FaultPlan* plan = planOf(m_exchanges); plan != nullptr && plan->fault->spoil != nullptr) {
-        out = plan->fault->spoil({answer, m_previousFrame, plan->count});
+    if (fault != nullptr) {
+        out = fault->spoil({answer, m_previousFrame, plan->number});
         traceFault(*plan);
     }
     m_previousFrame = std::move(frame);

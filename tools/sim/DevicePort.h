@@ -45,6 +45,8 @@ class DevicePort {
     /// Reads and writes what the line takes now, without waiting. False when the line has ended: the other
     /// end has hung up, or a fault wants the caller to.
     bool step();
+    /// After `step` returned false: how long the line must stay away before the next `attach`.
+    std::chrono::milliseconds gone() const { return m_out.gone; }
 
     /// Plays on `fd` until the line has ended.
     void run(int fd);

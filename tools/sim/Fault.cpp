@@ -4,6 +4,7 @@
 
 #include "fiscora.h"
 #include "i18n.h"
+#include "sim/SimulatedDevice.h"
 
 namespace sim {
 namespace {
@@ -17,6 +18,7 @@ constexpr milliseconds BETWEEN_BYTES{1};
 
 /// The library ignores five wrong answers and gives up at the sixth.
 constexpr unsigned ONE_TOO_MANY = 6;
+constexpr unsigned RESTART_SECONDS = 3;
 
 constexpr std::size_t LONG_HEAD = 5000;                      // bytes; a reader takes 4097
 constexpr std::size_t MISSING_BYTES = 100;                   // of a body, after what is sent
@@ -64,17 +66,29 @@ Transmission silenceInAnswer(const Exchange& exchange) { return {{firstHalf(exch
 Transmission hangUp(const Exchange& /*exchange*/) { return {{}, {}, true}; }
 Transmission hangUpInAnswer(const Exchange& exchange) { return {{firstHalf(exchange)}, {}, true}; }
 
+/// The device does the request, and then knows no more than a restart leaves.
+std::string serveAndForget(SimulatedDevice& device, const std::string& operation,
+                           const std::string& request) {
+    std::string answer = answerOf(device, operation, request);
+    device.forgetSessions();
+    return answer;
+}
+
+Transmission restart(const Exchange& exchange) {
+    return {{}, {}, true, std::chrono::seconds(exchange.number)};
+}
+
 Transmission wrongCode(const Exchange& exchange) {
     pbs::Message wrong(exchange.answer);
     wrong.setCode(wrong.code() == "ConsultarSAT" ? "ExtrairLogs" : "ConsultarSAT");
-    return before(exchange, wrong.toString(), exchange.count);
+    return before(exchange, wrong.toString(), exchange.number);
 }
 
 Transmission tooLarge(const Exchange& exchange) {
     pbs::Message large(exchange.answer);
     large.setBody(std::string(FISCORA_ANSWER_MAX_BYTES + 1, 'x'));
     large.compress();
-    return before(exchange, large.toString(), exchange.count);
+    return before(exchange, large.toString(), exchange.number);
 }
 
 Transmission badChecksum(const Exchange& exchange) {
@@ -145,88 +159,98 @@ Transmission byteByByte(const Exchange& exchange) {
 
 }  // namespace
 
+std::string answerOf(SimulatedDevice& device, const std::string& operation, const std::string& request) {
+    return device.answer(operation, request);
+}
+
 const std::vector<Fault>& faults() {
     using tool::translatable;
     static const std::vector<Fault> table{
-        {"silence", 0, 32768, Answer::None,
+        {"silence", nullptr, 0, 32768, Answer::None,
          translatable("no answer until the operation's timeout; if that is over 50 s, status 2 after 50 s"),
          translatable(
              "ask the device (ConsultarNumeroSessao) before you send a document again: it may have booked "
              "it"),
          silence},
-        {"silence-in-answer", 0, 32768, Answer::None,
+        {"silence-in-answer", nullptr, 0, 32768, Answer::None,
          translatable("half of the answer; the call waits for the rest as in silence"),
          translatable("half an answer counts as none: the result stays empty"), silenceInAnswer},
-        {"hang-up", 0, 2, Answer::None,
+        {"hang-up", nullptr, 0, 2, Answer::None,
          translatable("the line fails instead of the answer; the next call finds the device again"),
          translatable("the device has done its work anyway: ask it before you send a document again"),
          hangUp},
-        {"hang-up-in-answer", 0, 2, Answer::None,
+        {"hang-up-in-answer", nullptr, 0, 2, Answer::None,
          translatable("the line fails after half of the answer; the next call finds the device again"),
          translatable("same as hang-up; the half that arrived is lost"), hangUpInAnswer},
-        {"refused-write", 0, 2, Answer::None,
+        {"restart", translatable("SECONDS"), RESTART_SECONDS, 2, Answer::None,
+         translatable(
+             "the device restarts before it answers; for SECONDS (default 3) no call reaches it (status 1)"),
+         translatable("it has booked the document but forgotten the session: compare the last document that "
+                      "ConsultarStatusOperacional shows with the one before"),
+         restart, serveAndForget},
+        {"refused-write", nullptr, 0, 2, Answer::None,
          translatable(
              "the line fails at the first bytes of the request; the rest of a large request is refused"),
          translatable(
              "it looks like hang-up, but the device never got the request: ask it which of the two it was"),
          nullptr},
-        {"wrong-code", ONE_TOO_MANY, 4, Answer::None,
+        {"wrong-code", translatable("COUNT"), ONE_TOO_MANY, 4, Answer::None,
          translatable(
              "COUNT answers to another command (default 6), then the right one; up to 5 are ignored and "
              "the status is 0"),
          translatable("each ignored answer restarts the timeout: a call can last six times as long"),
          wrongCode},
-        {"too-large", ONE_TOO_MANY, 4, Answer::None,
+        {"too-large", translatable("COUNT"), ONE_TOO_MANY, 4, Answer::None,
          translatable(
              "COUNT answers of 1,572,865 bytes, one byte too many, then the right one; otherwise the same "
              "as wrong-code"),
          translatable("an answer is never cut: you get all of it or nothing"), tooLarge},
-        {"bad-checksum", 0, 1, Answer::None,
+        {"bad-checksum", nullptr, 0, 1, Answer::None,
          translatable("no answer: its checksum is wrong; the call ends at once"),
          translatable(
              "status 1 does not only mean that no device was found: ask it before you send a document again"),
          badChecksum},
-        {"bad-head", 0, 32768, Answer::None,
+        {"bad-head", nullptr, 0, 32768, Answer::None,
          translatable("no answer: a line in its head has no \":\"; the call waits as in silence"),
          translatable(
              "a device that answers can seem silent; on a slow line, where a read can end there, the "
              "status can be 1"),
          badHead},
-        {"long-head", 0, 32768, Answer::None,
+        {"long-head", nullptr, 0, 32768, Answer::None,
          translatable("no answer: its head has more than 4097 bytes; the call waits as in silence"),
          translatable("same as bad-head"), longHead},
-        {"negative-size", 0, 32768, Answer::None,
+        {"negative-size", nullptr, 0, 32768, Answer::None,
          translatable("no answer: its head announces -1 bytes; the call waits as in silence"),
          translatable("same as bad-head"), negativeSize},
-        {"missing-bytes", 0, 32768, Answer::None,
+        {"missing-bytes", nullptr, 0, 32768, Answer::None,
          translatable(
              "no answer: its head announces more bytes than arrive; the call waits for them as in silence"),
          translatable("same as silence-in-answer"), missingBytes},
-        {"bad-body", 0, 0, Answer::Compressed,
+        {"bad-body", nullptr, 0, 0, Answer::Compressed,
          translatable("the answer cannot be decompressed; the result is its compressed bytes"),
          translatable(
              "status 0 is not enough: check that field 0 is your session number and field 1 has five digits"),
          badBody},
-        {"bomb", 0, 0, Answer::Compressed,
+        {"bomb", nullptr, 0, 0, Answer::Compressed,
          translatable(
              "16 KiB that would inflate to 16 MiB, more than announced; the result is the compressed bytes"),
          translatable("same as bad-body"), bomb},
-        {"hostile-fields", 0, 0, Answer::Hostile,
+        {"hostile-fields", nullptr, 0, 0, Answer::Hostile,
          translatable("the answer's text has line breaks and control characters"),
          translatable("mask them before you show text from the device on a screen or write it to a log"),
          hostileFields},
-        {"junk-before", 0, 0, Answer::Own, translatable("stray bytes before the answer are skipped"),
+        {"junk-before", nullptr, 0, 0, Answer::Own, translatable("stray bytes before the answer are skipped"),
          translatable("nothing to do"), junkBefore},
-        {"junk-behind", 0, 32768, Answer::Own,
+        {"junk-behind", nullptr, 0, 32768, Answer::Own,
          translatable(
              "stray bytes right after the answer: it is the result, but the call keeps waiting as in "
              "silence"),
          translatable("look at the result after a timeout too; on a slow line the status can be 0"),
          junkBehind},
-        {"two-answers", 0, 0, Answer::Own,
+        {"two-answers", nullptr, 0, 0, Answer::Own,
          translatable("the answer comes twice at once; the result has it once"),
          translatable("nothing to do"), twoAnswers},
-        {"previous-answer", 0, 0, Answer::Previous,
+        {"previous-answer", nullptr, 0, 0, Answer::Previous,
          translatable(
              "the answer to the previous exchange comes first, and is the result if both are of the same "
              "operation"),
@@ -234,7 +258,7 @@ const std::vector<Fault>& faults() {
              "compare field 0 with your session number (the first exchange comes after no other and is "
              "right)"),
          previousAnswer},
-        {"byte-by-byte", 0, 0, Answer::Own,
+        {"byte-by-byte", nullptr, 0, 0, Answer::Own,
          translatable("the answer comes byte by byte, about a thousand per second"),
          translatable("nothing to do; a large answer (a log) can take longer than the operation's timeout"),
          byteByByte},

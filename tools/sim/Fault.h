@@ -9,18 +9,21 @@
 
 namespace sim {
 
+class SimulatedDevice;
+
 /// What the device puts on the line for one request.
 struct Transmission {
     std::vector<std::string> pieces;     ///< one after the other, none empty
     std::chrono::milliseconds pause{0};  ///< between two pieces
     bool hangUp = false;                 ///< the line hangs up after the last byte
+    std::chrono::milliseconds gone{0};   ///< how long the line then cannot be opened
 };
 
 /// An exchange that a fault spoils.
 struct Exchange {
     const pbs::Message& answer;        ///< the device's own, compressed
     const std::string& previousFrame;  ///< of the previous answer; empty at the first exchange
-    unsigned count;                    ///< number of bad answers, for kinds of fault that take one
+    unsigned number;                   ///< of bad answers or seconds, for kinds of fault that take one
 };
 
 /// What the application reads when the call is over.
@@ -32,16 +35,23 @@ enum class Answer {
     Hostile,     ///< the device's own, with control characters after the text of field 2
 };
 
+/// The answer of a device that works.
+std::string answerOf(SimulatedDevice& device, const std::string& operation, const std::string& request);
+
 /// A way for the device to fail, and what the application then sees.
 struct Fault {
     std::string_view name;
-    unsigned count;      ///< number of bad answers if a plan gives none; 0: the kind takes no count
-    int status;          ///< of the application's call, one of the FISCORA_... constants of fiscora.h
-    Answer answer;       ///< in the result of that call
-    const char* effect;  ///< in English, as is `advice`; tools/po/ has the translations
-    const char* advice;  ///< to the application's programmer
+    const char* measure;  ///< name of the number that a plan may give, in English; null: it takes none
+    unsigned number;      ///< if a plan gives none
+    int status;           ///< of the application's call, one of the FISCORA_... constants of fiscora.h
+    Answer answer;        ///< in the result of that call
+    const char* effect;   ///< in English, as is `advice`; tools/po/ has the translations
+    const char* advice;   ///< to the application's programmer
     /// What goes out in place of the answer. Null: nothing, the line hangs up at the request's first bytes.
     Transmission (*spoil)(const Exchange& exchange);
+    /// The device's own answer; does with the request what the device does under this fault.
+    std::string (*serve)(SimulatedDevice& device, const std::string& operation,
+                         const std::string& request) = answerOf;
 };
 
 /// All of them, in the order in which they are listed to the user.
@@ -53,7 +63,7 @@ const Fault* findFault(std::string_view name);
 struct FaultPlan {
     const Fault* fault;
     unsigned exchange;  ///< counted from 1; 0 for every one
-    unsigned count;     ///< as in `Exchange`
+    unsigned number;    ///< as in `Exchange`
 };
 
 }  // namespace sim

@@ -84,6 +84,12 @@ PtyLine::PtyLine() {
 
 PtyLine::~PtyLine() { removeFolder(m_folder); }
 
+void PtyLine::hangUp() {
+    leadTo("nowhere");
+    m_application = tool::Descriptor();
+    m_device = tool::Descriptor();
+}
+
 void PtyLine::renew() {
     tool::Descriptor device(posix_openpt(O_RDWR | O_NOCTTY | O_CLOEXEC));
     require(device.get() >= 0, tool::tr("cannot open a pseudo terminal"));
@@ -101,13 +107,17 @@ void PtyLine::renew() {
     require(tcsetattr(application.get(), TCSANOW, &settings) == 0,
             tool::tr("cannot set up a pseudo terminal"));
 
-    const std::string fresh = path() + ".new";
-    const bool linked =
-        symlink(name.data(), fresh.c_str()) == 0 && std::rename(fresh.c_str(), path().c_str()) == 0;
-    require(linked, tool::tr("cannot link the simulated line"));
-    // The previous line hangs up only now: its number must not be free while the link leads to it.
+    leadTo(name.data());
     std::swap(m_device, device);
     std::swap(m_application, application);
+}
+
+/// Comes before a line hangs up: its number must not be free while the link leads to it.
+void PtyLine::leadTo(const char* target) const {
+    const std::string fresh = path() + ".new";
+    const bool linked =
+        symlink(target, fresh.c_str()) == 0 && std::rename(fresh.c_str(), path().c_str()) == 0;
+    require(linked, tool::tr("cannot link the simulated line"));
 }
 
 }  // namespace sim

@@ -25,10 +25,14 @@ class PtyLine {
     /// What the application opens.
     std::string path() const { return m_folder + "/line"; }
 
+    /// Hangs up; `path` leads nowhere until `renew`. Throws std::system_error if it cannot change the link.
+    void hangUp();
     /// Hangs up; `path` then leads to a fresh pty. Throws as the constructor does.
     void renew();
 
   private:
+    void leadTo(const char* target) const;
+
     std::string m_folder;
     tool::Descriptor m_lock;  ///< of the folder
     tool::Descriptor m_device;

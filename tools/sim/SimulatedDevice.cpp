@@ -116,6 +116,12 @@ std::string SimulatedDevice::answer(const std::string& operation, const std::str
     return text;
 }
 
+void SimulatedDevice::forgetSessions() {
+    m_sessions.clear();
+    m_booked.clear();
+    m_lastFiscalAnswer.clear();
+}
+
 bool SimulatedDevice::isSecret(std::string_view operation, std::size_t field) {
     const auto* const known = manipulaDados::findOperation(operation);
     if (known == nullptr) return field == 1;

@@ -64,6 +64,9 @@ class SimulatedDevice {
     /// `operation`. Every request is answered; unknown and malformed ones are refused.
     std::string answer(const std::string& operation, const std::string& request);
 
+    /// Forgets all sessions, as by a restart: none can be asked for, and each can book again. The books stay.
+    void forgetSessions();
+
     /// Whether field `field` (from 0) of a request for `operation` holds an activation code, present or new.
     static bool isSecret(std::string_view operation, std::size_t field);
     /// Whether `code` may be an activation code: 8 to 32 characters, no "|".
