@@ -75,11 +75,13 @@ std::string callLine(int number, int status, sim::Answer answer) {
     const auto own = [](int session) {
         return "00000" + std::to_string(session) + "\\|08000\\|SAT em Operação\\|\\|";
     };
-    const std::map<sim::Answer, std::string> answers{{sim::Answer::None, ""},
-                                                     {sim::Answer::Own, own(number)},
-                                                     {sim::Answer::Previous, own(number - 1)},
-                                                     {sim::Answer::Compressed, "x[^|\n]*"},
-                                                     {sim::Answer::Hostile, "[0-9]+\\|08000\\|SAT.*"}};
+    const std::map<sim::Answer, std::string> answers{
+        {sim::Answer::None, ""},
+        {sim::Answer::Own, own(number)},
+        {sim::Answer::Previous, own(number - 1)},
+        {sim::Answer::Compressed, "x[^|\n]*"},
+        {sim::Answer::BadCode, "[0-9]+\\|8000\\|SAT em Operação\\|\\|"},
+        {sim::Answer::Hostile, "[0-9]+\\|08000\\|SAT.*"}};
     return std::to_string(status) + " [0-9]+ " + answers.at(answer) + "\n";
 }
 

@@ -127,16 +127,35 @@ Transmission bomb(const Exchange& exchange) {
     return {{withCompressedBody(exchange.answer, body)}};
 }
 
-Transmission hostileFields(const Exchange& exchange) {
+/// Place of field `field` (from 0) in the text of an answer.
+std::size_t placeOf(std::size_t field, const std::string& text) {
+    std::size_t place = 0;
+    while (field-- > 0) place = text.find('|', place) + 1;
+    return place;
+}
+
+std::string textOf(const Exchange& exchange) {
     pbs::Message answer(exchange.answer);
     if (answer.isCompressed()) answer.uncompress();
-    std::string body = answer.body();
-    std::size_t end = 0;
-    for (int field = 0; field < 2; ++field) end = body.find('|', end) + 1;
-    body.insert(std::min(body.find('|', end), body.size()), HOSTILE_TEXT);
-    answer.setBody(body);
+    return answer.body();
+}
+
+Transmission withText(const Exchange& exchange, const std::string& text) {
+    pbs::Message answer(exchange.answer);
+    answer.setBody(text);
     answer.compress();
     return {{answer.toString()}};
+}
+
+Transmission badCode(const Exchange& exchange) {
+    std::string text = textOf(exchange);
+    return withText(exchange, text.erase(placeOf(1, text), 1));
+}
+
+Transmission hostileFields(const Exchange& exchange) {
+    std::string text = textOf(exchange);
+    return withText(exchange,
+                    text.insert(std::min(text.find('|', placeOf(2, text)), text.size()), HOSTILE_TEXT));
 }
 
 Transmission junkBefore(const Exchange& exchange) { return {{JUNK + exchange.answer.toString()}}; }
@@ -235,6 +254,12 @@ const std::vector<Fault>& faults() {
          translatable(
              "16 KiB that would inflate to 16 MiB, more than announced; the result is the compressed bytes"),
          translatable("same as bad-body"), bomb},
+        {"bad-code", nullptr, 0, 0, Answer::BadCode,
+         translatable("the answer's EEEEE lacks its first digit, as 6000 for 06000"),
+         translatable(
+             "such an answer proves nothing: ask the device (ConsultarNumeroSessao) whether it has booked the "
+             "document"),
+         badCode},
         {"hostile-fields", nullptr, 0, 0, Answer::Hostile,
          translatable("the answer's text has line breaks and control characters"),
          translatable("mask them before you show text from the device on a screen or write it to a log"),

@@ -32,6 +32,7 @@ enum class Answer {
     Own,         ///< the device's own, as without the fault
     Previous,    ///< of the exchange before, if both are of the same operation
     Compressed,  ///< the body as it came
+    BadCode,     ///< the device's own, without the first digit of field 1
     Hostile,     ///< the device's own, with control characters after the text of field 2
 };
 
