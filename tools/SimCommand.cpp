@@ -89,30 +89,47 @@ unsigned numberIn(const std::string& digits, unsigned most) {
     return value <= most ? static_cast<unsigned>(value) : 0;
 }
 
-/// KIND[=NUMBER][@N]; throws CLI::ValidationError for anything else.
+/// KIND[=NUMBER][@N|~PERCENT]; throws CLI::ValidationError for anything else.
 sim::FaultPlan parseFault(const std::string& text) {
     const auto refuse = [&](const std::string& why) {
         return CLI::ValidationError("--fault", "\"" + text + "\": " + why);
     };
-    const std::size_t at = std::min(text.find('@'), text.size());
-    const std::size_t equals = std::min(text.find('='), at);
+    const std::size_t when = std::min(text.find_first_of("@~"), text.size());
+    const std::size_t equals = std::min(text.find('='), when);
     const std::string kind = text.substr(0, equals);
     const sim::Fault* fault = sim::findFault(kind);
     if (fault == nullptr)
         throw refuse(filled(tr("there is no fault \"%s\"; see --list-faults"), kind.c_str()));
-    sim::FaultPlan plan{fault, 0, fault->number};
-    if (equals < at) {
+    sim::FaultPlan plan{fault, fault->number};
+    if (equals < when) {
         if (fault->measure == nullptr) throw refuse(filled(tr("%s takes no number"), kind.c_str()));
-        plan.number = numberIn(text.substr(equals + 1, at - equals - 1), MAX_NUMBER);
+        plan.number = numberIn(text.substr(equals + 1, when - equals - 1), MAX_NUMBER);
         if (plan.number == 0)
             throw refuse(filled(tr("\"=\" must be followed by a number from 1 to %u"), MAX_NUMBER));
     }
-    if (at < text.size()) {
-        plan.exchange = numberIn(text.substr(at + 1), MAX_EXCHANGE);
+    if (when == text.size()) return plan;
+    const std::string rest = text.substr(when + 1);
+    if (text[when] == '@') {
+        plan.exchange = numberIn(rest, MAX_EXCHANGE);
         if (plan.exchange == 0)
             throw refuse(tr("\"@\" must be followed by the number of an exchange, from 1"));
+    } else {
+        plan.percent = numberIn(rest, 100);
+        if (plan.percent == 0) throw refuse(tr("\"~\" must be followed by a number from 1 to 100"));
     }
     return plan;
+}
+
+/// Those of all `texts`; throws like parseFault.
+std::vector<sim::FaultPlan> parseFaults(const std::vector<std::string>& texts) {
+    std::vector<sim::FaultPlan> plans;
+    unsigned percent = 0;
+    for (const std::string& text : texts) {
+        plans.push_back(parseFault(text));
+        percent += plans.back().percent;
+    }
+    if (percent > 100) throw CLI::ValidationError("--fault", tr("the percentages exceed 100 in all"));
+    return plans;
 }
 
 /// For each kind of fault its name and status, what the application sees, and what to learn from it.
@@ -184,14 +201,17 @@ SimCommand::SimCommand(CLI::App& application)
         ->check(numberFrom(0, 3600000));
     m_options
         ->add_option_function<std::vector<std::string>>(
-            "--fault",
-            [this](const std::vector<std::string>& plans) {
-                for (const std::string& plan : plans) m_port.faults.push_back(parseFault(plan));
-            },
-            tr("Make the device fail, in its N-th exchange or in every one. NUMBER is that of bad answers or "
-               "seconds, for kinds that take one. May be repeated"))
-        ->type_name(tr("KIND[=NUMBER][@N]"))
+            "--fault", [this](const std::vector<std::string>& plans) { m_port.faults = parseFaults(plans); },
+            tr("Make the device fail: in its N-th exchange, in PERCENT of them at random, or in every one. "
+               "NUMBER is that of bad answers or seconds, for kinds that take one. May be repeated; an "
+               "exchange meets one fault at most"))
+        ->type_name(tr("KIND[=NUMBER][@N|~PERCENT]"))
         ->allow_extra_args(false);
+    m_options
+        ->add_option("--seed", m_port.seed,
+                     tr("Choose the random faults: the same N brings the same ones (default 1)"))
+        ->type_name("N")
+        ->check(numberFrom(0, 999999999));
     m_options
         ->add_option("--ledger", m_ledger,
                      tr("Append a line to FILE for each document that the device books, before it answers: "

@@ -5,6 +5,7 @@
 
 #include <algorithm>
 #include <cerrno>
+#include <utility>
 
 #include "i18n.h"
 #include "sim/FrameTrace.h"
@@ -64,6 +65,8 @@ DevicePort::Clock::duration DevicePort::Pace::duration(std::size_t bytes) const 
 DevicePort::DevicePort(SimulatedDevice& device, PortSettings settings)
     : m_device(device),
       m_settings(std::move(settings)),
+      m_chance(m_settings.seed),
+      m_plan(drawPlan()),
       m_inward(m_settings.baud),
       m_outward(m_settings.baud) {}
 
@@ -118,9 +121,8 @@ bool DevicePort::receive(Clock::time_point now) {
     m_inward.moved(static_cast<std::size_t>(count));
     bytes.resize(static_cast<std::size_t>(count));
 
-    if (const FaultPlan* plan = planOf(m_exchanges + 1); plan != nullptr && plan->fault->spoil == nullptr) {
-        ++m_exchanges;
-        traceFault(*plan);
+    if (m_plan != nullptr && m_plan->fault->spoil == nullptr) {
+        traceFault(*nextPlan());
         return false;
     }
     if (now - m_lastInput > REQUEST_TIMEOUT) m_request = pbs::Message();
@@ -152,10 +154,20 @@ void DevicePort::traceSent(std::string_view bytes) {
     });
 }
 
-const FaultPlan* DevicePort::planOf(unsigned exchange) const {
-    for (const FaultPlan& plan : m_settings.faults)
-        if (plan.exchange == 0 || plan.exchange == exchange) return &plan;
+const FaultPlan* DevicePort::drawPlan() {
+    unsigned draw = m_chance() % 100;  // for every exchange, so that a plan does not shift those after it
+    for (const FaultPlan& plan : m_settings.faults) {
+        const bool named = plan.exchange == 0 || plan.exchange == m_exchanges + 1;
+        if (plan.percent == 0 ? named : draw < plan.percent) return &plan;
+        draw -= plan.percent;
+    }
     return nullptr;
+}
+
+/// Counts one more exchange; returns its plan.
+const FaultPlan* DevicePort::nextPlan() {
+    ++m_exchanges;
+    return std::exchange(m_plan, drawPlan());
 }
 
 void DevicePort::traceFault(const FaultPlan& plan) {
@@ -164,7 +176,7 @@ void DevicePort::traceFault(const FaultPlan& plan) {
 }
 
 void DevicePort::exchange() {
-    const FaultPlan* const plan = planOf(++m_exchanges);
+    const FaultPlan* const plan = nextPlan();
     const Fault* const fault = plan != nullptr && plan->fault->spoil != nullptr ? plan->fault : nullptr;
     if (m_settings.trace != nullptr) m_settings.trace->request(m_request);
     pbs::Message request(m_request);

@@ -4,6 +4,7 @@
 
 #include <chrono>
 #include <cstddef>
+#include <random>
 #include <string>
 #include <string_view>
 #include <vector>
@@ -19,8 +20,11 @@ class SimulatedDevice;
 struct PortSettings {
     int baud = 0;  ///< speed of the line in each direction, 10 bits per byte; 0: no limit
     std::chrono::milliseconds latency{0};  ///< between a request's last byte and its answer's first
-    std::vector<FaultPlan> faults;         ///< the first one that names the exchange counts
-    FrameTrace* trace = nullptr;           ///< prints frames; outlives the port
+    /// At most one for each exchange: the first that names it, or that chance takes. The percentages add up
+    /// to at most 100, and each fault gets its own.
+    std::vector<FaultPlan> faults;
+    unsigned seed = 1;            ///< of chance: the same one brings the same faults in the same exchanges
+    FrameTrace* trace = nullptr;  ///< prints frames; outlives the port
 };
 
 /// Plays a SimulatedDevice on the device's end of a serial line: reads requests, writes answers. The line is
@@ -75,7 +79,8 @@ class DevicePort {
     void traceSent(std::string_view bytes);
     void exchange();
     void begin(Transmission out);
-    const FaultPlan* planOf(unsigned exchange) const;
+    const FaultPlan* drawPlan();
+    const FaultPlan* nextPlan();
     void traceFault(const FaultPlan& plan);
     bool sending() const { return m_piece < m_out.pieces.size(); }
 
@@ -83,6 +88,8 @@ class DevicePort {
     PortSettings m_settings;
     int m_fd = -1;
     unsigned m_exchanges = 0;
+    std::mt19937 m_chance;
+    const FaultPlan* m_plan;  ///< for the next exchange; null for none
     Pace m_inward;
     Pace m_outward;
     pbs::Message m_request;  ///< the parser's target

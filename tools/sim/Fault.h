@@ -63,8 +63,9 @@ const Fault* findFault(std::string_view name);
 /// A fault and the exchanges that it spoils.
 struct FaultPlan {
     const Fault* fault;
-    unsigned exchange;  ///< counted from 1; 0 for every one
-    unsigned number;    ///< as in `Exchange`
+    unsigned number;        ///< as in `Exchange`
+    unsigned exchange = 0;  ///< counted from 1; 0 for every one
+    unsigned percent = 0;   ///< of all exchanges, at random, 1 to 100; 0: `exchange` counts
 };
 
 }  // namespace sim
