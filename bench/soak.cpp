@@ -161,7 +161,8 @@ Trouble anyTrouble(Random& random) {
     if (dice == 1) return {random.oneOf(others)};
     if (dice > 5) return {"none"};
     const sim::Fault& fault = random.oneOf(sim::faults());
-    return {std::string(fault.name), &fault, fault.measure == nullptr ? 0U : unsigned(random.number(1, 8))};
+    const auto number = fault.measure == nullptr ? 0 : random.number(1, 2 * static_cast<int>(fault.number));
+    return {std::string(fault.name), &fault, static_cast<unsigned>(number)};
 }
 
 Call callUnder(const Trouble& trouble, Random& random) {
@@ -422,19 +423,17 @@ void World::answer() {
     sim::Transmission transmission;
     for (std::size_t start = 0, end = 0; start < m_frame.size(); start = end) {
         end = start + static_cast<std::size_t>(m_random.number(1, 2 * static_cast<int>(m_frame.size())));
-        transmission.pieces.push_back(m_frame.substr(start, end - start));
+        transmission.pieces.push_back({m_frame.substr(start, end - start)});
     }
     transmit(transmission);
 }
 
 /// Each piece comes in a read of its own, or in several if it is larger.
 void World::transmit(const sim::Transmission& transmission) {
-    const long pauseMs = transmission.pause.count();
-    for (const std::string& piece : transmission.pieces) {
-        const bool first = &piece == &transmission.pieces.front();
-        for (long ms = READ_MS; !first && ms <= pauseMs; ms += READ_MS)
-            m_line.readings.push_back({"", 0, READ_MS});
-        m_line.readings.push_back({piece, 0, first ? 0 : pauseMs % READ_MS});
+    for (const auto& [bytes, before] : transmission.pieces) {
+        const long pauseMs = before.count();
+        for (long ms = READ_MS; ms <= pauseMs; ms += READ_MS) m_line.readings.push_back({"", 0, READ_MS});
+        m_line.readings.push_back({bytes, 0, pauseMs % READ_MS});
     }
     if (!transmission.hangUp) return;
     // The way an unplugged line or a pty fails.

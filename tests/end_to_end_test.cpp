@@ -78,9 +78,11 @@ std::string callLine(int number, int status, sim::Answer answer) {
     const std::map<sim::Answer, std::string> answers{
         {sim::Answer::None, ""},
         {sim::Answer::Own, own(number)},
+        {sim::Answer::Late, ""},
         {sim::Answer::Previous, own(number - 1)},
         {sim::Answer::Compressed, "x[^|\n]*"},
         {sim::Answer::BadCode, "[0-9]+\\|8000\\|SAT em Operação\\|\\|"},
+        {sim::Answer::Busy, "[0-9]+\\|08098\\|SAT em processamento. Tente novamente.\\|\\|"},
         {sim::Answer::Hostile, "[0-9]+\\|08000\\|SAT.*"}};
     return std::to_string(status) + " [0-9]+ " + answers.at(answer) + "\n";
 }
@@ -101,7 +103,8 @@ TEST(EndToEnd, EachFaultEndsAsListedAndSparesTheNextCall) {
         std::string lines;
         for (int call = 1; call < number; ++call)
             lines += callLine(call, FISCORA_STATUS_OK, sim::Answer::Own);
-        lines += callLine(number, status, answer) + callLine(number + 1, FISCORA_STATUS_OK, sim::Answer::Own);
+        const auto next = answer == sim::Answer::Late ? sim::Answer::Previous : sim::Answer::Own;
+        lines += callLine(number, status, answer) + callLine(number + 1, FISCORA_STATUS_OK, next);
         EXPECT_THAT(output, MatchesRegex(lines));
         const double leastSeconds = status == FISCORA_STATUS_TIMEOUT ? 6 + 2 : 2;  // with a second per call
         EXPECT_THAT(seconds, AllOf(Ge(leastSeconds), Le(leastSeconds + 20)));

@@ -73,6 +73,7 @@ DevicePort::DevicePort(SimulatedDevice& device, PortSettings settings)
 void DevicePort::attach(int fd) {
     m_fd = fd;
     m_request = pbs::Message();
+    m_out = {};
     begin({});
     fcntl(fd, F_SETFL, fcntl(fd, F_GETFL) | O_NONBLOCK);
 }
@@ -187,26 +188,47 @@ void DevicePort::exchange() {
     answer.setBody(serve(m_device, request.code(), request.body()));
     answer.compress();
     std::string frame = answer.toString();
-    Transmission out{{frame}};
+    Transmission out;
     if (fault != nullptr) {
         out = fault->spoil({answer, m_previousFrame, plan->number});
         traceFault(*plan);
+    } else {
+        out.pieces.push_back({frame});
     }
     m_previousFrame = std::move(frame);
-    m_due = Clock::now() + m_settings.latency;
     begin(std::move(out));
 }
 
+/// What is still going out is dropped, or goes out at once before `out` if it is held.
 void DevicePort::begin(Transmission out) {
+    if (m_out.held && sending()) {
+        out = afterTheRest(std::move(out));
+    } else {
+        m_tracedAnswer = pbs::Message();
+    }
     m_out = std::move(out);
     m_piece = 0;
     m_sent = 0;
-    m_tracedAnswer = pbs::Message();
+    m_due = Clock::now() + m_settings.latency;
+    if (sending()) m_due += m_out.pieces.front().before;
+}
+
+Transmission DevicePort::afterTheRest(Transmission next) const {
+    std::vector<Piece> pieces(m_out.pieces.begin() + static_cast<std::ptrdiff_t>(m_piece),
+                              m_out.pieces.end());
+    pieces.front().bytes.erase(0, m_sent);
+    pieces.front().before = milliseconds(0);
+    if (!next.pieces.empty())
+        next.pieces.front().before = std::max(next.pieces.front().before, BETWEEN_ANSWERS);
+    pieces.insert(pieces.end(), next.pieces.begin(), next.pieces.end());
+    next.pieces = std::move(pieces);
+    next.held = true;
+    return next;
 }
 
 bool DevicePort::transmit(Clock::time_point now) {
     if (!sending() || now < m_due) return true;
-    const std::string& piece = m_out.pieces[m_piece];
+    const std::string& piece = m_out.pieces[m_piece].bytes;
     const std::size_t allowed = std::min(m_outward.allowance(now), piece.size() - m_sent);
     if (allowed == 0) return true;
     const ssize_t count = write(m_fd, piece.data() + m_sent, allowed);
@@ -217,7 +239,7 @@ bool DevicePort::transmit(Clock::time_point now) {
     if (m_sent < piece.size()) return true;
     ++m_piece;
     m_sent = 0;
-    m_due = now + (sending() ? m_out.pause : BEFORE_HANG_UP);
+    m_due = now + (sending() ? m_out.pieces[m_piece].before : BEFORE_HANG_UP);
     return true;
 }
 

@@ -30,7 +30,8 @@ struct PortSettings {
 /// Plays a SimulatedDevice on the device's end of a serial line: reads requests, writes answers. The line is
 /// any terminal in raw mode (VMIN 1), such as the master of a pty or a gadget's serial port.
 ///
-/// One exchange at a time, like a device: a request that arrives ends an answer that is still going out.
+/// One exchange at a time, like a device: a request that arrives ends an answer that is still going out. Only
+/// a held one still goes out, before the answer to that request.
 class DevicePort {
   public:
     /// `device` outlives the port.
@@ -79,6 +80,7 @@ class DevicePort {
     void traceSent(std::string_view bytes);
     void exchange();
     void begin(Transmission out);
+    Transmission afterTheRest(Transmission next) const;
     const FaultPlan* drawPlan();
     const FaultPlan* nextPlan();
     void traceFault(const FaultPlan& plan);

@@ -11,14 +11,12 @@ namespace {
 
 using std::chrono::milliseconds;
 
-/// Between two answers, so that the library reads each separately: longer than its pause of 100 ms after a
-/// request.
-constexpr milliseconds BETWEEN_ANSWERS{300};
 constexpr milliseconds BETWEEN_BYTES{1};
 
 /// The library ignores five wrong answers and gives up at the sixth.
 constexpr unsigned ONE_TOO_MANY = 6;
 constexpr unsigned RESTART_SECONDS = 3;
+constexpr unsigned LATE_SECONDS = 15;
 
 constexpr std::size_t LONG_HEAD = 5000;                      // bytes; a reader takes 4097
 constexpr std::size_t MISSING_BYTES = 100;                   // of a body, after what is sent
@@ -51,8 +49,15 @@ std::string compressed(const std::string& text) {
 
 /// The frame, `count` times, then the device's own answer.
 Transmission before(const Exchange& exchange, const std::string& frame, unsigned count) {
-    Transmission line{std::vector(count, frame), BETWEEN_ANSWERS};
-    line.pieces.push_back(exchange.answer.toString());
+    Transmission line{std::vector<Piece>(count + 1, {frame, BETWEEN_ANSWERS})};
+    line.pieces.front().before = milliseconds(0);
+    line.pieces.back().bytes = exchange.answer.toString();
+    return line;
+}
+
+Transmission only(const std::string& bytes) {
+    Transmission line;
+    line.pieces.push_back({bytes});
     return line;
 }
 
@@ -62,9 +67,13 @@ std::string firstHalf(const Exchange& exchange) {
 }
 
 Transmission silence(const Exchange& /*exchange*/) { return {}; }
-Transmission silenceInAnswer(const Exchange& exchange) { return {{firstHalf(exchange)}}; }
-Transmission hangUp(const Exchange& /*exchange*/) { return {{}, {}, true}; }
-Transmission hangUpInAnswer(const Exchange& exchange) { return {{firstHalf(exchange)}, {}, true}; }
+Transmission silenceInAnswer(const Exchange& exchange) { return only(firstHalf(exchange)); }
+Transmission hangUp(const Exchange& /*exchange*/) { return {{}, true}; }
+Transmission hangUpInAnswer(const Exchange& exchange) {
+    Transmission line = silenceInAnswer(exchange);
+    line.hangUp = true;
+    return line;
+}
 
 /// The device does the request, and then knows no more than a restart leaves.
 std::string serveAndForget(SimulatedDevice& device, const std::string& operation,
@@ -74,8 +83,19 @@ std::string serveAndForget(SimulatedDevice& device, const std::string& operation
     return answer;
 }
 
-Transmission restart(const Exchange& exchange) {
-    return {{}, {}, true, std::chrono::seconds(exchange.number)};
+Transmission restart(const Exchange& exchange) { return {{}, true, std::chrono::seconds(exchange.number)}; }
+
+std::string refuseAsBusy(SimulatedDevice& device, const std::string& operation, const std::string& request) {
+    return device.busyAnswer(operation, request);
+}
+
+Transmission unspoilt(const Exchange& exchange) { return only(exchange.answer.toString()); }
+
+Transmission late(const Exchange& exchange) {
+    Transmission line;
+    line.pieces.push_back({exchange.answer.toString(), std::chrono::seconds(exchange.number)});
+    line.held = true;
+    return line;
 }
 
 Transmission wrongCode(const Exchange& exchange) {
@@ -94,37 +114,37 @@ Transmission tooLarge(const Exchange& exchange) {
 Transmission badChecksum(const Exchange& exchange) {
     std::string frame = exchange.answer.toString();
     frame.back() = static_cast<char>(~frame.back());
-    return {{frame}};
+    return only(frame);
 }
 
 Transmission badHead(const Exchange& exchange) {
     std::string frame = exchange.answer.toString();
     frame[frame.find(pbs::HDR_FIELD_SEPARATOR)] = '?';
-    return {{frame}};
+    return only(frame);
 }
 
 Transmission longHead(const Exchange& exchange) {
-    return {{withHeader(exchange.answer, "padding", std::string(LONG_HEAD, 'x'))}};
+    return only(withHeader(exchange.answer, "padding", std::string(LONG_HEAD, 'x')));
 }
 
 Transmission missingBytes(const Exchange& exchange) {
     const std::string size = std::to_string(exchange.answer.bodySize() + MISSING_BYTES);
-    return {{withHeader(exchange.answer, pbs::HDR_CONTENT_SIZE, size)}};
+    return only(withHeader(exchange.answer, pbs::HDR_CONTENT_SIZE, size));
 }
 
 Transmission negativeSize(const Exchange& exchange) {
-    return {{withHeader(exchange.answer, pbs::HDR_CONTENT_SIZE, "-1")}};
+    return only(withHeader(exchange.answer, pbs::HDR_CONTENT_SIZE, "-1"));
 }
 
 Transmission badBody(const Exchange& exchange) {
     std::string body = exchange.answer.body();
     body.back() = static_cast<char>(~body.back());  // of zlib's own checksum
-    return {{withCompressedBody(exchange.answer, body)}};
+    return only(withCompressedBody(exchange.answer, body));
 }
 
 Transmission bomb(const Exchange& exchange) {
     static const std::string body = compressed(std::string(BOMB, 'x'));
-    return {{withCompressedBody(exchange.answer, body)}};
+    return only(withCompressedBody(exchange.answer, body));
 }
 
 /// Place of field `field` (from 0) in the text of an answer.
@@ -144,7 +164,7 @@ Transmission withText(const Exchange& exchange, const std::string& text) {
     pbs::Message answer(exchange.answer);
     answer.setBody(text);
     answer.compress();
-    return {{answer.toString()}};
+    return only(answer.toString());
 }
 
 Transmission badCode(const Exchange& exchange) {
@@ -158,12 +178,12 @@ Transmission hostileFields(const Exchange& exchange) {
                     text.insert(std::min(text.find('|', placeOf(2, text)), text.size()), HOSTILE_TEXT));
 }
 
-Transmission junkBefore(const Exchange& exchange) { return {{JUNK + exchange.answer.toString()}}; }
-Transmission junkBehind(const Exchange& exchange) { return {{exchange.answer.toString() + JUNK}}; }
+Transmission junkBefore(const Exchange& exchange) { return only(JUNK + exchange.answer.toString()); }
+Transmission junkBehind(const Exchange& exchange) { return only(exchange.answer.toString() + JUNK); }
 
 Transmission twoAnswers(const Exchange& exchange) {
     const std::string frame = exchange.answer.toString();
-    return {{frame + frame}};
+    return only(frame + frame);
 }
 
 Transmission previousAnswer(const Exchange& exchange) {
@@ -171,8 +191,9 @@ Transmission previousAnswer(const Exchange& exchange) {
 }
 
 Transmission byteByByte(const Exchange& exchange) {
-    Transmission line{{}, BETWEEN_BYTES};
-    for (const char byte : exchange.answer.toString()) line.pieces.emplace_back(1, byte);
+    Transmission line;
+    for (const char byte : exchange.answer.toString())
+        line.pieces.push_back({std::string(1, byte), BETWEEN_BYTES});
     return line;
 }
 
@@ -207,6 +228,18 @@ const std::vector<Fault>& faults() {
          translatable("it has booked the document but forgotten the session: compare the last document that "
                       "ConsultarStatusOperacional shows with the one before"),
          restart, serveAndForget},
+        {"late", translatable("SECONDS"), LATE_SECONDS, 32768, Answer::Late,
+         translatable(
+             "the answer comes SECONDS after the request (default 15), or right before the next answer; a "
+             "call with a longer timeout gets it"),
+         translatable(
+             "after a timeout, the next call can get the answer to this one: compare field 0 with your session "
+             "number"),
+         late},
+        {"busy", nullptr, 0, 0, Answer::Busy,
+         translatable("the device does nothing and answers that it is busy: EEEEE ends in 098"),
+         translatable("try again later; the device has neither booked nor refused the document"), unspoilt,
+         refuseAsBusy},
         {"refused-write", nullptr, 0, 2, Answer::None,
          translatable(
              "the line fails at the first bytes of the request; the rest of a large request is refused"),

@@ -11,13 +11,23 @@ namespace sim {
 
 class SimulatedDevice;
 
+/// Bytes that go out together.
+struct Piece {
+    std::string bytes;                    ///< at least one
+    std::chrono::milliseconds before{0};  ///< since the piece before, or since the request
+};
+
 /// What the device puts on the line for one request.
 struct Transmission {
-    std::vector<std::string> pieces;     ///< one after the other, none empty
-    std::chrono::milliseconds pause{0};  ///< between two pieces
-    bool hangUp = false;                 ///< the line hangs up after the last byte
-    std::chrono::milliseconds gone{0};   ///< how long the line then cannot be opened
+    std::vector<Piece> pieces;
+    bool hangUp = false;                ///< the line hangs up after the last byte
+    std::chrono::milliseconds gone{0};  ///< how long the line then cannot be opened
+    bool held = false;                  ///< another request does not end it
 };
+
+/// Between two answers, so that the library reads each separately: longer than its pause of 100 ms after a
+/// request.
+inline constexpr std::chrono::milliseconds BETWEEN_ANSWERS{300};
 
 /// An exchange that a fault spoils.
 struct Exchange {
@@ -30,9 +40,11 @@ struct Exchange {
 enum class Answer {
     None,
     Own,         ///< the device's own, as without the fault
+    Late,        ///< none; but a later call of the same operation may get it
     Previous,    ///< of the exchange before, if both are of the same operation
     Compressed,  ///< the body as it came
     BadCode,     ///< the device's own, without the first digit of field 1
+    Busy,        ///< a refusal whose field 1 ends in 098
     Hostile,     ///< the device's own, with control characters after the text of field 2
 };
 

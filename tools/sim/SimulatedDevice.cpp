@@ -23,6 +23,7 @@ constexpr std::size_t LONGEST_SESSION = 11;  // an int with its sign
 constexpr int DONE = 0;
 constexpr int WRONG_CODE = 1;
 constexpr int NO_SUCH_SESSION = 3;
+constexpr int BUSY = 98;
 constexpr int UNKNOWN_ERROR = 99;
 // Refusals of a document's content, of a sale and of a cancellation.
 constexpr int SALE_CONTENT = 10;
@@ -38,6 +39,15 @@ bool isDigits(std::string_view text) {
 bool isSessionNumber(std::string_view text) {
     return text.size() <= LONGEST_SESSION &&
            isDigits(!text.empty() && text.front() == '-' ? text.substr(1) : text);
+}
+
+/// A longer one than there can be is cut, so that it is refused and not echoed.
+std::string sessionOf(const std::string& request) {
+    return request.substr(0, std::min(request.find('|'), LONGEST_SESSION + 1));
+}
+
+std::string unknownCommand(const std::string& request) {
+    return sessionOf(request) + "|99099|Comando desconhecido||";
 }
 
 /// `text` as one field of an answer: whatever would end the field becomes a blank.
@@ -104,16 +114,28 @@ SimulatedDevice::SimulatedDevice(DeviceSettings settings)
       m_booking(std::move(settings.booked)) {}
 
 std::string SimulatedDevice::answer(const std::string& operation, const std::string& request) {
-    const auto* const known = manipulaDados::findOperation(operation);
-    const auto views = fieldsOf(request, '|', known == nullptr ? 2 : known->parameters.size());
-    std::vector<std::string> fields(views.begin(), views.end());
-    std::string& session = fields.front();
-    session.resize(std::min(session.size(), LONGEST_SESSION + 1));  // a longer one is refused, not echoed
-    if (known == nullptr) return session + "|99099|Comando desconhecido||";
-    const Request parsed{*known, serviceOf(*known), std::move(fields)};
-    std::string text = judge(parsed);
-    remember(parsed, text);
+    const auto parsed = parse(operation, request);
+    if (!parsed) return unknownCommand(request);
+    std::string text = judge(*parsed);
+    remember(*parsed, text);
     return text;
+}
+
+std::string SimulatedDevice::busyAnswer(const std::string& operation, const std::string& request) const {
+    const auto parsed = parse(operation, request);
+    if (!parsed) return unknownCommand(request);
+    return reply(*parsed, BUSY, "SAT em processamento. Tente novamente.");
+}
+
+/// Empty if there is no such operation.
+std::optional<SimulatedDevice::Request> SimulatedDevice::parse(const std::string& operation,
+                                                               const std::string& request) {
+    const auto* const known = manipulaDados::findOperation(operation);
+    if (known == nullptr) return std::nullopt;
+    const auto views = fieldsOf(request, '|', known->parameters.size());
+    std::vector<std::string> fields(views.begin(), views.end());
+    fields.front() = sessionOf(request);
+    return Request{*known, serviceOf(*known), std::move(fields)};
 }
 
 void SimulatedDevice::forgetSessions() {

@@ -64,6 +64,8 @@ class SimulatedDevice {
     /// `operation`. Every request is answered; unknown and malformed ones are refused.
     std::string answer(const std::string& operation, const std::string& request);
 
+    /// The answer of a device that is busy with something else, and does nothing for this request.
+    std::string busyAnswer(const std::string& operation, const std::string& request) const;
     /// Forgets all sessions, as by a restart: none can be asked for, and each can book again. The books stay.
     void forgetSessions();
 
@@ -84,6 +86,7 @@ class SimulatedDevice {
     using Handler = std::string (SimulatedDevice::*)(const Request&);
 
     static const Service& serviceOf(const manipulaDados::Operation& operation);
+    static std::optional<Request> parse(const std::string& operation, const std::string& request);
 
     std::string judge(const Request& request);
     std::string reply(const Request& request, int code, std::string_view text,
