@@ -18,6 +18,7 @@ using testing::AllOf, testing::Ge, testing::HasSubstr, testing::Le, testing::Mat
 
 const std::string SIM = FISCORA_TOOL " sim ";
 const std::string TILL = FISCORA_TILL;
+const std::string CALL = FISCORA_TOOL " call";
 
 TEST(EndToEnd, ProgramsMeetTheSimulatedDevice) {
     const std::string good = " [0-9]+ 00000[0-9]\\|08000\\|SAT em Operação\\|\\|\n";
@@ -35,12 +36,36 @@ TEST(EndToEnd, ProgramsMeetTheSimulatedDevice) {
         {"exit status", SIM + "-- sh -c 'exit 7'", 7, ""},
         {"killed command", SIM + "-- sh -c 'kill -TERM $$'", 128 + 15, ""},
         {"signal to pass on", SIM + "-- sh -c 'kill -TERM $PPID; exec sleep 30'", 128 + 15, "", 0, 20},
+        {"a ledger that is complete while the answer is on its way",
+         "printf '<CFe><infCFe>\\r\\n</infCFe></CFe>' >sale; umask 0; " + SIM +
+             "--ledger booked --fault silence -- sh -c 'timeout 3 " + CALL +
+             " EnviarDadosVenda 7 12345678 @sale >/dev/null 2>&1; cat booked; stat -c %a booked; "
+             "grep -c $(sha256sum sale | cut -c -64) booked'",
+         0,
+         "[0-9]{4}-[0-9]{2}-[0-9]{2}T[0-9:]{8}[+-][0-9]{2}:[0-9]{2}\tEnviarDadosVenda\t000007\tCFe[0-9]{44}\t"
+         "[0-9a-f]{64}\n600\n1\n"},
+        {"a full ledger",
+         SIM + "--ledger /dev/full -- sh -c 'for n in 1 2; do " + CALL +
+             " EnviarDadosVenda $n 12345678 \"<CFe/>\"; done' 2>&1 | grep -o '06...$\\|cannot.*'",
+         0, "cannot write /dev/full: No space left on device; the device refuses documents\n06099\n06099\n"},
+        {"a restart",
+         SIM + "--fault restart=1@1 -- sh -c '" + TILL + " --without-pauses 2; sleep 2; " + TILL + " 1'", 0,
+         "2 [0-9]+ \n1 [0-9]+ \n0" + good},
+        {"random faults",
+         "calls() { " + SIM + "--seed $1 --fault busy~30 --fault bad-code~70 -- " + TILL +
+             " --without-pauses 50 | cut -d '|' -f 2; }; calls 5 >a; calls 5 | cmp - a; calls 6 | cmp -s - a; echo $?; "
+             "sort -u a",
+         0, "1\n08098\n8000\n"},
         {"absent command", SIM + "-- /nonexistent/command", 127, ".*/nonexistent/command.*\n"},
     };
+    const WorkingDirectory folder;
+    std::vector<std::string> lines;
+    for (const auto& row : cases) lines.push_back("export LC_ALL=C\n" + row.line);
+    const auto results = runShells(lines);
+    auto shell = results.begin();
     for (const auto& [name, line, exitStatus, output, leastSeconds, mostSeconds] : cases) {
         SCOPED_TRACE(name);
-        const WorkingDirectory folder;
-        const auto result = runShell(line);
+        const auto& result = *shell++;
         EXPECT_EQ(result.exitStatus, exitStatus);
         EXPECT_THAT(result.output, MatchesRegex(output));
         EXPECT_THAT(result.seconds, AllOf(Ge(leastSeconds), Le(mostSeconds)));
@@ -182,6 +207,10 @@ const struct {
     {"sim --fault wrong-code= -- true", "from 1 to 1000"},
     {"sim --fault wrong-code=0@1 -- true", "1 to 1000"},
     {"sim --fault too-large=1001 -- true", "from 1 to 1000"},
+    {"sim --fault silence~101 -- true", "from 1 to 100"},
+    {"sim --fault silence~60 --fault hang-up~41 -- true", "exceed 100"},
+    {"sim --serial 90000401x -- true", "nine digits"},
+    {"sim --ledger absent/booked -- true", "cannot write absent/booked: No such file"},
 };
 
 TEST(EndToEnd, AWrongCommandLineIsRefusedInALineAndDoesNothing) {

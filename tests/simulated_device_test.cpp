@@ -14,6 +14,7 @@ namespace {
 using sim::DeviceState, sim::SimulatedDevice;
 
 constexpr char CODE[] = "12345678";
+constexpr std::size_t NSERIE = 5, ULTIMO_CF_E_SAT = 20;  // fields of the status
 constexpr char CANCELLATION[] = "<CFeCanc><infCFe><ide/><emit/><dest/><total/></infCFe></CFeCanc>";
 
 std::string item(const std::string& quantity, const std::string& price, const std::string& more = "") {
@@ -31,8 +32,11 @@ struct Device {
     std::time_t now = 1795000000;
     SimulatedDevice device;
 
-    explicit Device(DeviceState state = DeviceState::Active)
-        : device({state, CODE, "900004019", 32, [this] { return now; }}) {}
+    explicit Device(sim::DeviceSettings settings = {}) : device(withClock(std::move(settings))) {}
+    sim::DeviceSettings withClock(sim::DeviceSettings settings) const {
+        settings.clock = [this] { return now; };
+        return settings;
+    }
 
     std::vector<std::string> ask(const std::string& operation, const std::string& request) {
         const std::string answer = device.answer(operation, request);
@@ -44,6 +48,9 @@ struct Device {
     }
     std::vector<std::string> sell(const std::string& session, const std::string& document) {
         return ask("EnviarDadosVenda", session + "|" + CODE + "|" + document);
+    }
+    std::string status(std::size_t field) {
+        return ask("ConsultarStatusOperacional", std::string("000099|") + CODE).at(field);
     }
     std::string cancel(const std::string& session, const std::string& key, const std::string& document) {
         return code("CancelarUltimaVenda", session + "|" + CODE + "|" + key + "|" + document);
@@ -89,7 +96,7 @@ TEST(SimulatedDevice, EveryOperationAnswersInItsLayoutAndRefusesAWrongActivation
 }
 
 TEST(SimulatedDevice, StateDecidesWhatIsRefused) {
-    Device fixture(DeviceState::NotActivated);
+    Device fixture({DeviceState::NotActivated});
     const std::string activation = "000001|1|segredo123|11222333000181|23";
     const std::string request = std::string("000002|segredo123|") + sale(item("1", "1"));
     EXPECT_EQ(fixture.code("EnviarDadosVenda", request), "06002");
@@ -137,10 +144,15 @@ TEST(SimulatedDevice, AccessKeyIsWhatItsPartsSay) {
     EXPECT_EQ(sim::checkDigit("6"), '0') << "remainder 1";
     EXPECT_EQ(sim::checkDigit("3523081122233300018159900004019000123000045"), '9');
 
-    const auto answer = Device().sell("000001", sale(item("1", "1")));
+    sim::DeviceSettings settings;
+    settings.serialNumber = "123456789";
+    Device fixture(settings);
+    const auto answer = fixture.sell("000001", sale(item("1", "1")));
     const std::string key = answer.at(8);
     ASSERT_EQ(key.size(), 47U);
-    EXPECT_EQ(key.substr(0, 40), "CFe3526111420016600016659900004019000001");
+    EXPECT_EQ(key.substr(0, 40), "CFe3526111420016600016659123456789000001");
+    EXPECT_EQ(fixture.status(NSERIE), "123456789");
+    EXPECT_EQ(fixture.status(ULTIMO_CF_E_SAT), key.substr(3));
     EXPECT_EQ(key.back(), sim::checkDigit(key.substr(3, 43)));
     EXPECT_NE(Base64::decode(answer.at(6)).find("<infCFe Id=\"" + key + "\""), std::string::npos);
     EXPECT_EQ(answer.at(10), "12345678909");
@@ -187,6 +199,70 @@ TEST(SimulatedDevice, ASessionBooksOnceAndItsAnswerStaysToBeAskedFor) {
     EXPECT_EQ(std::vector(again.begin() + 1, again.end()), std::vector(booked.begin() + 1, booked.end()));
     EXPECT_EQ(fixture.code("ConsultarNumeroSessao", query + "|000077"), "11003");
     EXPECT_EQ(fixture.ask("ConsultarUltimaSessaoFiscal", query).at(8), booked.at(8));
+}
+
+TEST(SimulatedDevice, ForgetsSessionsButNeverItsBooks) {
+    const struct {
+        const char* fault;  ///< that the case would catch
+        std::size_t memory;
+        bool restart;
+        std::string asked;  ///< EEEEE when it is asked for the first session, the second, and the last one
+    } cases[] = {
+        {"a session is forgotten too soon", 2, false, "06000 06000 06000"},
+        {"one too many is remembered", 1, false, "11003 06000 06000"},
+        {"no memory is one session", 0, false, "11003 11003 06000"},
+        {"a session outlives a restart", 2, true, "11003 11003 19003"},
+    };
+    for (const auto& [fault, memory, restart, asked] : cases) {
+        SCOPED_TRACE(fault);
+        sim::DeviceSettings settings;
+        settings.memory = memory;
+        Device fixture(settings);
+        fixture.sell("000001", sale(item("1", "1")));
+        const std::string key = fixture.sell("000002", sale(item("1", "2"))).at(8);
+        if (restart) fixture.device.forgetSessions();
+        const std::string query = std::string("000050|") + CODE;
+        std::string codes = fixture.code("ConsultarNumeroSessao", query + "|000001") + " ";
+        codes += fixture.code("ConsultarNumeroSessao", query + "|000002") + " ";
+        EXPECT_EQ(codes + fixture.code("ConsultarUltimaSessaoFiscal", query), asked);
+        EXPECT_EQ(fixture.status(ULTIMO_CF_E_SAT), key.substr(3));
+        const std::string third = fixture.sell("000003", sale(item("1", "1"))).at(8);
+        EXPECT_EQ(third.substr(34, 6), "000003") << "the numbers go on";
+        EXPECT_EQ(fixture.cancel("000004", third, CANCELLATION), "07000");
+    }
+}
+
+TEST(SimulatedDevice, BooksNothingThatIsNotWrittenDownOrWhileItIsBusy) {
+    std::string written;
+    bool works = true;
+    sim::DeviceSettings settings;
+    settings.booked = [&](const sim::BookedDocument& document) {
+        for (const auto field : {document.operation, document.session, document.key, document.request})
+            written.append(field).append(" ");
+        return works;
+    };
+    Device fixture(settings);
+    const std::string document = sale(item("1", "1"), "<total/> <!-- a | b\n -->");
+    const std::string key = fixture.sell("000001", document).at(8);
+    EXPECT_EQ(written, "EnviarDadosVenda 000001 " + key + " " + document + " ") << "byte for byte";
+
+    works = false;
+    EXPECT_EQ(fixture.sell("000002", document).at(1), "06099");
+    EXPECT_EQ(fixture.cancel("000002", key, CANCELLATION), "07099");
+    EXPECT_EQ(fixture.device.busyAnswer("EnviarDadosVenda", std::string("000002|") + CODE + "|" + document),
+              "000002|06098|0000|SAT em processamento. Tente novamente.||");
+    EXPECT_EQ(fixture.status(ULTIMO_CF_E_SAT), key.substr(3));
+
+    works = true;
+    written.clear();
+    EXPECT_EQ(fixture.cancel("000002", key, CANCELLATION), "07000") << "the sale and the session stay free";
+    EXPECT_EQ(written.substr(0, 27), "CancelarUltimaVenda 000002 ");
+    EXPECT_NE(written.find(std::string(" ") + CANCELLATION + " "), std::string::npos);
+    written.clear();
+    fixture.ask("TesteFimAFim", std::string("000003|") + CODE + "|" + document);
+    fixture.sell("000002", document);
+    fixture.sell("000004", "<CFe>");
+    EXPECT_EQ(written, "") << "a test and refusals book nothing";
 }
 
 }  // namespace
