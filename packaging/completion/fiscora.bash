@@ -34,7 +34,7 @@ _fiscora() {
         sim,--fault) mapfile -t COMPREPLY < <(
             compgen -W "$("$tool" sim --list-faults | sed -nE 's/^([a-z-]+).*/\1/p')" -- "$word") ;;
         log,--dir) _fiscora_files -d "$word" ;;
-        log,--svg | call,--out | call,@) _fiscora_files -f "$word" ;;
+        log,--svg | call,--out | call,@ | sim,--ledger) _fiscora_files -f "$word" ;;
         ,*) mapfile -t COMPREPLY < <(
             compgen -W "sim call doctor log $(_fiscora_options "$tool")" -- "$word") ;;
         *)
