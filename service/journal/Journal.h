@@ -1,0 +1,165 @@
+#pragma once
+
+#include <cstddef>
+#include <cstdint>
+#include <memory>
+#include <optional>
+#include <stdexcept>
+#include <string>
+#include <string_view>
+#include <vector>
+
+#include "rules/document.h"
+#include "rules/rules.h"
+
+namespace fiscorad {
+
+/// The journal cannot be opened, read or written. The text says why, in one line, for the log.
+struct JournalError : std::runtime_error {
+    using std::runtime_error::runtime_error;
+};
+
+/// What became of a submission.
+struct Receipt {
+    enum class Result {
+        Accepted,   ///< on disk, in the queue
+        Known,      ///< the same document was submitted before: `document` is that one
+        KeyReused,  ///< the key was used with another body, for another kind of document or by another till
+        QueueFull,
+    };
+    Result result = Result::Accepted;
+    Document document;  ///< unset if the queue is full
+};
+
+/// Which documents a list holds, newest first.
+struct Filter {
+    std::optional<Kind> kind;
+    std::optional<State> state;
+    std::optional<Time> since;  ///< received at or after
+    std::optional<Time> until;  ///< received before
+    std::optional<std::string> till;
+    std::optional<std::int64_t>
+        before;               ///< documents with a smaller id: those after the last page's last one
+    std::size_t limit = 100;  ///< at least 1
+};
+
+/// How an attempt, or its document, goes on: the new state with all that must be on disk with it.
+struct Outcome {
+    State state = State::Uncertain;
+    std::string answer;      ///< of the device, without the document field; empty: none
+    rules::Booking booking;  ///< if `state` is Booked
+    bool notBooked = false;  ///< the attempt is proved not booked: counts one more of them
+    std::string evidence;    ///< one line for the attempt's history, without codes and documents
+    /// What the journal explains from now on, if that changes.
+    std::optional<rules::DeviceRecord> device;
+};
+
+/// A person's decision about a document.
+struct Ruling {
+    enum class Kind { Booked, SendAgain, Abandon };
+    Kind kind = Kind::Abandon;
+    std::string accessKey;  ///< if Booked: "CFe" and 44 digits
+    std::string person;
+    std::string reason;
+};
+
+/// One entry of a document's history, oldest first: what was seen and done.
+struct HistoryEntry {
+    Time at;
+    std::optional<std::int64_t> attempt;
+    State state;       ///< of the document from then on
+    std::string text;  ///< evidence, or a person's decision with name and reason
+};
+
+/// A device that showed a document which no row explains.
+struct Alarm {
+    std::int64_t id = 0;
+    std::string serial;
+    std::string explained;  ///< the last document that the journal explains, 44 digits or empty
+    std::string shown;      ///< what the device showed, 44 digits or empty
+    Time since;
+    bool halts = false;  ///< nothing is sent to that device until a person confirms it
+};
+
+/// What is on disk: documents, attempts, their history, devices, decisions, session numbers. Every change is
+/// one durable commit; it has happened when the method returns, and has not when it throws JournalError. A
+/// change that rests on a state happens only if the document is still in it. Safe for threads, and for
+/// several processes at once (the maintenance commands work while the service runs).
+class Journal {
+  public:
+    /// Opens the SQLite file `path`, which is made if it does not exist, readable by its user alone; brings
+    /// an older schema up to date. Throws JournalError if it cannot be opened, is damaged or is from a newer
+    /// version.
+    explicit Journal(const std::string& path);
+    ~Journal();
+
+    // ---- for the tills ----
+
+    /// Puts a document into the queue, of at most `queueLimit` documents.
+    Receipt submit(const Submission& submission, std::size_t queueLimit);
+    std::optional<Document> find(std::string_view key);
+    std::optional<Document> find(std::int64_t id);
+    std::vector<Document> list(const Filter& filter);
+    /// What the till sent, byte for byte; empty for a document withdrawn before it arrived.
+    std::string body(std::int64_t id);
+    /// The signed document, byte for byte as the device sent it; none if it is not there.
+    std::optional<std::string> signedDocument(std::int64_t id);
+    std::size_t queueLength();
+
+    /// What became of a withdrawal: `document` is as it is now. Withdrawn also if it was before.
+    struct Withdrawal {
+        bool withdrawn = false;
+        Document document;
+    };
+    /// Withdraws a queued document; records an unknown key as withdrawn.
+    Withdrawal withdraw(std::string_view key, Kind kind, const std::optional<std::string>& till);
+
+    // ---- for the dispatcher ----
+
+    /// A session number that no call has used, 1 to 999999. It comes from a block that is on disk as used;
+    /// the blocks go round, so a number comes again after 900,000 others at the earliest.
+    int takeSession();
+    /// The oldest document in the queue.
+    std::optional<Document> oldestQueued();
+    /// Documents in state Sent or Uncertain, oldest first.
+    std::vector<Document> open();
+    /// Documents in state Undecided whose last attempt was on that device, newest first, at most `limit`.
+    std::vector<Document> undecided(std::string_view serial, std::size_t limit);
+    /// The last attempt of a document.
+    std::optional<Attempt> lastAttempt(std::int64_t document);
+    /// Commits an attempt and the state Sent in one. None if the document is no longer queued.
+    std::optional<Attempt> beginAttempt(const Attempt& attempt);
+    /// Commits what became of the attempt's document if it is still in state `from` with that attempt as its
+    /// last; false, and nothing changes, if it is not. An access key that another row holds makes it fail
+    /// with JournalError.
+    bool settle(const Attempt& attempt, State from, const Outcome& outcome);
+    /// Whether a row holds that access key.
+    bool isBooked(std::string_view accessKey);
+
+    std::optional<rules::DeviceRecord> device(std::string_view serial);
+    /// Writes what the journal explains of a device, if that changes.
+    void record(const rules::DeviceRecord& device);
+    /// Raises an alarm; once for the same device and document.
+    void raise(const Alarm& alarm);
+    /// Alarms that nobody has confirmed and no row has come to explain, oldest first.
+    std::vector<Alarm> alarms();
+
+    // ---- for people ----
+
+    std::vector<Attempt> attempts(std::int64_t document);
+    std::vector<HistoryEntry> history(std::int64_t document);
+    /// Carries out a decision about a document that is Undecided or Uncertain. None if it is in another
+    /// state; throws std::invalid_argument if the access key is in another row.
+    std::optional<Document> rule(std::string_view key, const Ruling& ruling);
+    /// Takes what the device showed as explained from now on.
+    void confirm(std::int64_t alarm, std::string_view person, std::string_view reason);
+
+    /// A number that changes when another process has written to the journal.
+    std::int64_t foreignChanges();
+
+  private:
+    struct Store;
+    std::unique_ptr<Store> m_store;
+};
+
+}  // namespace fiscorad
