@@ -139,8 +139,8 @@ class Journal {
     std::optional<rules::DeviceRecord> device(std::string_view serial);
     /// Writes what the journal explains of a device, if that changes.
     void record(const rules::DeviceRecord& device);
-    /// Raises an alarm; once for the same device and document.
-    void raise(const Alarm& alarm);
+    /// Raises an alarm. False, and nothing is written, if it stands already, for that device and document.
+    bool raise(const Alarm& alarm);
     /// Alarms that nobody has confirmed and no row has come to explain, oldest first.
     std::vector<Alarm> alarms();
 
