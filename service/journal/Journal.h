@@ -3,6 +3,7 @@
 #include <cstddef>
 #include <cstdint>
 #include <memory>
+#include <mutex>
 #include <optional>
 #include <stdexcept>
 #include <string>
@@ -13,6 +14,8 @@
 #include "rules/rules.h"
 
 namespace fiscorad {
+
+class Store;
 
 /// The journal cannot be opened, read or written. The text says why, in one line, for the log.
 struct JournalError : std::runtime_error {
@@ -68,7 +71,9 @@ struct HistoryEntry {
     Time at;
     std::optional<std::int64_t> attempt;
     State state;       ///< of the document from then on
-    std::string text;  ///< evidence, or a person's decision with name and reason
+    std::string text;    ///< evidence, or what was decided
+    std::string person;  ///< who decided; empty for evidence
+    std::string reason;
 };
 
 /// A device that showed a document which no row explains.
@@ -156,10 +161,17 @@ class Journal {
 
     /// A number that changes when another process has written to the journal.
     std::int64_t foreignChanges();
+    /// Writes a consistent copy to the empty file `path`, while the journal goes on being used.
+    void copyTo(const std::string& path);
+    /// Goes on half a round further with the session numbers, so that none is used which the journal may not
+    /// know of.
+    void jumpSessions();
 
   private:
-    struct Store;
     std::unique_ptr<Store> m_store;
+    std::mutex m_sessions;
+    int m_nextSession = 0;   ///< counted from 0, within the block that is on disk
+    int m_sessionsLeft = 0;  ///< of that block
 };
 
 }  // namespace fiscorad

@@ -1,0 +1,60 @@
+#include "journal/Store.h"
+
+#include <algorithm>
+
+#include "journal/schema.h"
+
+namespace fiscorad {
+namespace {
+
+constexpr std::size_t READERS = 4;
+
+}  // namespace
+
+Store::Store(const std::string& path) : m_readers(READERS) {
+    makePrivate(path);
+    try {
+        connect(m_writer, path);
+        prepareSchema(m_writer, path);
+        for (std::size_t i = 0; i < READERS; ++i) connect(m_readers.at(i), path);
+    } catch (const soci::soci_error& error) {
+        throw JournalError(path + ": " + oneLine(error.what()));
+    }
+}
+
+std::int64_t Store::foreignChanges() {
+    const std::lock_guard lock(m_writing);
+    return guarded([&] {
+        long long version = 0;
+        m_writer << "PRAGMA data_version", soci::into(version);
+        return static_cast<std::int64_t>(version);
+    });
+}
+
+void Store::execute(const std::string& statement) {
+    const std::lock_guard lock(m_writing);
+    guarded([&] { m_writer << statement; });
+}
+
+std::string Store::oneLine(std::string text) {
+    std::replace(text.begin(), text.end(), '\n', ' ');
+    return text;
+}
+
+Store::Transaction::Transaction(soci::session& sql) : m_sql(sql) { m_sql << "BEGIN IMMEDIATE"; }
+
+Store::Transaction::~Transaction() {
+    if (!m_open) return;
+    try {
+        m_sql << "ROLLBACK";
+    } catch (const soci::soci_error&) {
+        // Some failures, such as a full disk, have ended it already.
+    }
+}
+
+void Store::Transaction::commit() {
+    m_sql << "COMMIT";
+    m_open = false;
+}
+
+}  // namespace fiscorad

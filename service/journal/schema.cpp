@@ -1,0 +1,121 @@
+#include "journal/schema.h"
+
+#include <fcntl.h>
+#include <soci/sqlite3/soci-sqlite3.h>
+#include <sys/stat.h>
+
+#include <array>
+#include <cerrno>
+#include <cstring>
+#include <random>
+
+#include "Descriptor.h"
+#include "journal/Journal.h"
+
+namespace fiscorad {
+namespace {
+
+/// Times are milliseconds since 1970-01-01 00:00 UTC. Kinds and states have the numbers of rules/document.h.
+constexpr std::array TABLES = {
+    // Rows are never deleted, so ids grow in order of arrival.
+    "CREATE TABLE documents (id INTEGER PRIMARY KEY, key TEXT NOT NULL UNIQUE, kind INTEGER NOT NULL,"
+    " state INTEGER NOT NULL, till TEXT, sale_key TEXT NOT NULL, access_key TEXT UNIQUE, answer TEXT NOT NULL,"
+    " not_booked INTEGER NOT NULL, has_document INTEGER NOT NULL, received_at BIGINT NOT NULL, concluded_at BIGINT)",
+    "CREATE INDEX documents_unsettled ON documents (state, id) WHERE state IN (0, 1, 2, 6)",
+    "CREATE INDEX documents_received ON documents (received_at)",
+    // What was sent and what came back, apart from the rest so that lists stay quick. Packed; the sizes are those of the
+    // texts.
+    "CREATE TABLE texts (document INTEGER PRIMARY KEY REFERENCES documents (id), request BLOB NOT NULL,"
+    " request_size INTEGER NOT NULL, signed BLOB, signed_size INTEGER)",
+    "CREATE TABLE attempts (id INTEGER PRIMARY KEY, document INTEGER NOT NULL REFERENCES documents (id),"
+    " session INTEGER NOT NULL, serial TEXT NOT NULL, last_document TEXT NOT NULL, node TEXT NOT NULL,"
+    " made_at BIGINT NOT NULL)",
+    "CREATE INDEX attempts_document ON attempts (document, id)",
+    "CREATE TRIGGER attempts_stay BEFORE UPDATE ON attempts BEGIN SELECT RAISE(ABORT, 'attempts never change'); END",
+    "CREATE TRIGGER attempts_last BEFORE DELETE ON attempts BEGIN SELECT RAISE(ABORT, 'attempts never go'); END",
+    // A person's decision has their name.
+    "CREATE TABLE history (id INTEGER PRIMARY KEY, document INTEGER NOT NULL REFERENCES documents (id),"
+    " attempt INTEGER REFERENCES attempts (id), at BIGINT NOT NULL, state INTEGER NOT NULL, text TEXT NOT NULL,"
+    " person TEXT, reason TEXT)",
+    "CREATE INDEX history_document ON history (document, id)",
+    "CREATE TABLE devices (serial TEXT PRIMARY KEY, last_document TEXT NOT NULL, last_cancellation TEXT NOT NULL)",
+    "CREATE TABLE alarms (id INTEGER PRIMARY KEY, serial TEXT NOT NULL, explained TEXT NOT NULL, shown TEXT NOT NULL,"
+    " since BIGINT NOT NULL, halts INTEGER NOT NULL, confirmed_at BIGINT, person TEXT, reason TEXT)",
+    "CREATE TABLE sessions (next INTEGER NOT NULL)",
+};
+
+/// A newer journal's version is refused; an older one's would be brought up to date here, one step after the other.
+void create(soci::session& sql) {
+    sql << "BEGIN IMMEDIATE";
+    for (const char* table : TABLES) sql << table;
+    const int start = static_cast<int>(std::random_device{}() % 999999);
+    sql << "INSERT INTO sessions (next) VALUES (:start)", soci::use(start);
+    sql << "PRAGMA application_id = " << APPLICATION_ID;
+    sql << "PRAGMA user_version = " << SCHEMA_VERSION;
+    sql << "COMMIT";
+}
+
+/// Whether the file is shorter than its header says, as after a copy that was cut off.
+bool isCutOff(const std::string& path) {
+    const tool::Descriptor file(open(path.c_str(), O_RDONLY | O_CLOEXEC));
+    std::array<unsigned char, 32> header{};
+    struct stat present {};
+    if (pread(file.get(), header.data(), header.size(), 0) != static_cast<ssize_t>(header.size()) ||
+        fstat(file.get(), &present) != 0)
+        return false;
+    // SQLite's file format: page size at 16 (1 stands for 65536), number of pages at 28, both big-endian.
+    const unsigned pageSize = header[16] * 256U + header[17] == 1 ? 65536U : header[16] * 256U + header[17];
+    const unsigned long pages = ((header[28] * 256UL + header[29]) * 256UL + header[30]) * 256UL + header[31];
+    return static_cast<unsigned long>(present.st_size) < pages * pageSize;
+}
+
+}  // namespace
+
+void makePrivate(const std::string& path) {
+    const tool::Descriptor file(open(path.c_str(), O_RDWR | O_CREAT | O_CLOEXEC, S_IRUSR | S_IWUSR));
+    struct stat present {};
+    if (file.get() < 0 || fstat(file.get(), &present) != 0)
+        throw JournalError(path + ": " + std::strerror(errno));
+    if (!S_ISREG(present.st_mode)) throw JournalError(path + ": not a regular file");
+    const bool isPrivate = (present.st_mode & (S_IRWXG | S_IRWXO)) == 0;
+    if (!isPrivate && fchmod(file.get(), S_IRUSR | S_IWUSR) != 0)
+        throw JournalError(path + ": readable by others: " + std::strerror(errno));
+}
+
+void connect(soci::session& sql, const std::string& path) {
+    if (path.find('"') != std::string::npos) throw JournalError(path + ": a quotation mark in the name");
+    sql.open(soci::sqlite3, "db=\"" + path + "\" timeout=5");
+    sql << "PRAGMA synchronous = FULL";
+    sql << "PRAGMA foreign_keys = ON";
+}
+
+void prepareSchema(soci::session& sql, const std::string& path) {
+    if (isCutOff(path)) throw JournalError(path + ": damaged: the file is cut off");
+    int application = 0;
+    int version = 0;
+    int tables = 0;
+    sql << "PRAGMA application_id", soci::into(application);
+    sql << "PRAGMA user_version", soci::into(version);
+    sql << "SELECT COUNT(*) FROM sqlite_master", soci::into(tables);
+    if (application == 0 && tables == 0) {
+        std::string mode;
+        sql << "PRAGMA journal_mode = WAL", soci::into(mode);
+        return create(sql);
+    }
+    if (application != APPLICATION_ID) throw JournalError(path + ": not a journal of fiscorad");
+    if (version > SCHEMA_VERSION)
+        throw JournalError(path + ": from a newer version of fiscorad (schema " + std::to_string(version) +
+                           ", this program knows " + std::to_string(SCHEMA_VERSION) + ")");
+    std::string mode;
+    sql << "PRAGMA journal_mode = WAL", soci::into(mode);  // a copy made by `backup` is in another mode
+    // What is open must be whole, or nothing can go on.
+    int broken = 0;
+    sql << "SELECT COUNT(*) FROM documents d WHERE d.state IN (1, 2, 6) AND NOT EXISTS"
+           " (SELECT 1 FROM attempts a JOIN texts t ON t.document = a.document WHERE a.document = d.id)",
+        soci::into(broken);
+    int sessions = 0;
+    sql << "SELECT COUNT(*) FROM sessions", soci::into(sessions);
+    if (broken > 0 || sessions != 1) throw JournalError(path + ": damaged: open documents without their attempts");
+}
+
+}  // namespace fiscorad
