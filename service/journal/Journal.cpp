@@ -33,12 +33,12 @@ struct Nullable {
 };
 
 void fill(soci::blob& blob, std::string_view bytes) {
-    if (!bytes.empty()) blob.write_from_start(bytes.data(), bytes.size());
+    if (!bytes.empty()) blob.append(bytes.data(), bytes.size());
 }
 
 std::string contentOf(soci::blob& blob) {
     std::string bytes(blob.get_len(), '\0');
-    if (!bytes.empty()) blob.read_from_start(bytes.data(), bytes.size());
+    if (!bytes.empty()) blob.read(0, bytes.data(), bytes.size());
     return bytes;
 }
 
@@ -153,8 +153,8 @@ std::string requestOf(session& sql, long long document) {
 void addHistory(session& sql, long long document, std::optional<long long> attempt, State state,
                 const std::string& text, const std::string& person = "", const std::string& reason = "") {
     const long long number = attempt.value_or(0);
-    const soci::indicator hasAttempt = attempt ? soci::i_ok : soci::i_null;
-    const soci::indicator isDecision = person.empty() ? soci::i_null : soci::i_ok;
+    soci::indicator hasAttempt = attempt ? soci::i_ok : soci::i_null;
+    soci::indicator isDecision = person.empty() ? soci::i_null : soci::i_ok;
     const long long at = toMs(now());
     const int stateNumber = static_cast<int>(state);
     sql << "INSERT INTO history (document, attempt, at, state, text, person, reason)"
@@ -165,11 +165,11 @@ void addHistory(session& sql, long long document, std::optional<long long> attem
 
 /// Inserts a document and its request, if it came with one.
 long long insert(session& sql, const Submission& submission, State state) {
-    const Nullable till(submission.till);
+    Nullable till(submission.till);
     const int kind = static_cast<int>(submission.kind);
     const int stateNumber = static_cast<int>(state);
     const long long at = toMs(now());
-    const soci::indicator concluded = isFinal(state) ? soci::i_ok : soci::i_null;
+    soci::indicator concluded = isFinal(state) ? soci::i_ok : soci::i_null;
     sql << "INSERT INTO documents (key, kind, state, till, sale_key, answer, not_booked, has_document,"
            " received_at, concluded_at) VALUES (:key, :kind, :state, :till, :sale, '', 0, 0, :at, :concluded)",
         use(submission.key), use(kind), use(stateNumber), use(till.value, till.indicator),
@@ -215,7 +215,7 @@ bool holdsKey(session& sql, const std::string& accessKey) {
 void writeState(session& sql, long long document, State state) {
     const int number = static_cast<int>(state);
     const long long at = toMs(now());
-    const soci::indicator concluded = isFinal(state) ? soci::i_ok : soci::i_null;
+    soci::indicator concluded = isFinal(state) ? soci::i_ok : soci::i_null;
     sql << "UPDATE documents SET state = :state, concluded_at = :at WHERE id = :id", use(number),
         use(at, concluded), use(document);
 }
@@ -527,7 +527,8 @@ std::optional<Document> Journal::rule(std::string_view key, const Ruling& ruling
                 if (!accessKey) throw std::invalid_argument(ruling.accessKey + " is no access key");
                 if (holdsKey(sql, accessKey->text()))
                     throw std::invalid_argument(accessKey->text() + " is another document's");
-                sql << "UPDATE documents SET access_key = :key WHERE id = :id", use(accessKey->text()), use(id);
+                const std::string given = accessKey->text();
+                sql << "UPDATE documents SET access_key = :key WHERE id = :id", use(given), use(id);
                 recordRuling(sql, *document, *accessKey);
                 state = State::Booked;
                 text = "emitida por decisão: " + accessKey->text();
