@@ -20,6 +20,8 @@ class Descriptor {
     }
 
     int get() const { return m_fd; }
+    /// Gives it up to the caller.
+    int release() { return std::exchange(m_fd, -1); }
 
   private:
     int m_fd;

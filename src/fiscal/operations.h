@@ -135,4 +135,14 @@ extern const std::array<Operation, 20> OPERATIONS;
 /// The operation of that name; null if there is none.
 const Operation* findOperation(std::string_view command);
 
+/// The layout of an answer to `operation` with the code `EEEEE`. An earlier answer that comes again shows by
+/// its code which operation it belongs to.
+__attribute__((visibility("hidden"))) inline const AnswerLayout& layoutOf(const Operation& operation,
+                                                                          std::string_view code) {
+    if (operation.answer.fields != nullptr) return operation.answer;
+    for (const Operation& other : OPERATIONS)
+        if (other.answer.fields != nullptr && code.substr(0, 2) == other.codePrefix) return other.answer;
+    return findOperation(CMD_CONSULTA_SAT)->answer;
+}
+
 }  // namespace manipulaDados

@@ -24,16 +24,6 @@ constexpr std::size_t LEAST_VALUE_COLUMNS = 20;
 constexpr std::size_t LONGEST_WORD = 80;  ///< longer than any word, shorter than any signature
 constexpr std::size_t ELIDED_COLUMNS = 20;
 
-/// The layout of an answer to `operation`. An earlier answer that comes again shows by its code which
-/// operation it belongs to.
-const AnswerLayout& layoutOf(const Operation& operation, const std::vector<std::string_view>& answer) {
-    if (operation.answer.fields != nullptr) return operation.answer;
-    const std::string_view prefix = answer.size() > 1 ? answer[1].substr(0, 2) : "";
-    for (const Operation& other : manipulaDados::OPERATIONS)
-        if (other.answer.fields != nullptr && prefix == other.codePrefix) return other.answer;
-    return manipulaDados::findOperation(manipulaDados::CMD_CONSULTA_SAT)->answer;
-}
-
 bool isNumber(std::string_view text) {
     return !text.empty() && text.find_first_not_of("0123456789") == std::string_view::npos;
 }
@@ -83,7 +73,7 @@ bool mayHoldDocument(const Operation& operation) {
 Answer::Answer(const Operation& operation, const std::string& body)
     : m_operation(operation),
       m_fields(body.empty() ? std::vector<std::string_view>() : fieldsOf(body)),
-      m_layout(layoutOf(operation, m_fields)) {}
+      m_layout(manipulaDados::layoutOf(operation, m_fields.size() > 1 ? m_fields[1] : "")) {}
 
 bool Answer::answers(const std::vector<manipulaDados::Argument>& arguments) const {
     constexpr std::size_t SESSION_DIGITS = 6;

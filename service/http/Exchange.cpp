@@ -1,0 +1,154 @@
+#include "http/Exchange.h"
+
+#include <cctype>
+#include <cstdlib>
+#include <utility>
+
+#include "http/Daemon.h"
+#include "http/EventStream.h"
+#include "http/Query.h"
+#include "http/problem.h"
+
+namespace fiscorad::http {
+namespace {
+
+/// What each body may have; beyond that, all of them share the next.
+constexpr std::size_t SMALL_BODY_BYTES = 64 * 1024;
+constexpr std::size_t LARGE_BODIES_BYTES = 48 * 1024 * 1024;
+
+constexpr std::size_t EVENT_BLOCK_BYTES = 8 * 1024;
+
+/// What a stream of events needs to be sent.
+struct Feed {
+    std::shared_ptr<EventStream> events;
+    MHD_Connection* connection;
+
+    static ssize_t read(void* self, std::uint64_t /*position*/, char* bytes, std::size_t size) noexcept {
+        const Feed& feed = *static_cast<Feed*>(self);
+        const auto copied = feed.events->read(
+            bytes, size, [&feed] { MHD_suspend_connection(feed.connection); },
+            [connection = feed.connection] { MHD_resume_connection(connection); });
+        return copied ? static_cast<ssize_t>(*copied) : MHD_CONTENT_READER_END_OF_STREAM;
+    }
+    static void free(void* self) noexcept { delete static_cast<Feed*>(self); }
+};
+
+MHD_Result takeHeader(void* headers, MHD_ValueKind /*kind*/, const char* name, std::size_t nameSize,
+                      const char* value, std::size_t valueSize) noexcept {
+    std::string key(name, nameSize);
+    for (char& c : key) c = static_cast<char>(std::tolower(static_cast<unsigned char>(c)));
+    static_cast<decltype(Request::headers)*>(headers)->emplace(std::move(key),
+                                                               std::string(value, value ? valueSize : 0));
+    return MHD_YES;
+}
+
+}  // namespace
+
+Exchange::Exchange(Daemon& daemon, MHD_Connection* connection, std::string target)
+    : m_daemon(daemon), m_connection(connection) {
+    m_request.target = std::move(target);
+}
+
+MHD_Result Exchange::takeHead(const char* method) {
+    m_request.method = method;
+    MHD_get_connection_values_n(m_connection, MHD_HEADER_KIND, takeHeader, &m_request.headers);
+    const auto length = m_request.headers.find("content-length");
+    const bool known = length != m_request.headers.end();
+    // Whoever asks before sending is told now; the others only when they have sent it, or they would not
+    // read the answer.
+    if (known && m_request.headers.count("expect") != 0 &&
+        std::strtoull(length->second.c_str(), nullptr, 10) > m_daemon.m_settings.maxBodyBytes()) {
+        m_handled = true;
+        m_response = tooLarge(m_daemon.m_settings.maxBodyBytes()).response();
+        return send();
+    }
+    return MHD_YES;
+}
+
+MHD_Result Exchange::takeBody(const char* bytes, std::size_t size) {
+    const std::size_t most = m_daemon.m_settings.maxBodyBytes();
+    m_received += size;
+    if (m_received > 2 * most) return MHD_NO;
+    if (m_refusal) return MHD_YES;
+    if (m_received > most) {
+        refuse(tooLarge(most).response());
+        return MHD_YES;
+    }
+    if (m_received > SMALL_BODY_BYTES) {
+        const std::size_t more = m_received - SMALL_BODY_BYTES - m_largeBytes;
+        m_largeBytes += more;
+        if ((m_daemon.m_largeBodyBytes += more) > LARGE_BODIES_BYTES) {
+            refuse(problemResponse(problems::OVERLOADED, "Reenvie a mesma chave em alguns segundos."));
+            return MHD_YES;
+        }
+    }
+    m_request.body.append(bytes, size);
+    return MHD_YES;
+}
+
+MHD_Result Exchange::proceed() {
+    if (m_handled) return send();
+    m_handled = true;
+    if (!m_daemon.begin(shared_from_this())) return MHD_NO;
+    m_daemon.setDeadline(m_connection, Daemon::Clock::time_point::max());
+    MHD_suspend_connection(m_connection);
+    m_daemon.m_workers.post([self = shared_from_this()] { self->handle(); });
+    return MHD_YES;
+}
+
+void Exchange::handle() {
+    if (m_refusal) return respond(std::move(*m_refusal));
+    m_daemon.m_handle(std::move(m_request),
+                      [self = shared_from_this()](Response response) { self->respond(std::move(response)); });
+    releaseBody();
+}
+
+void Exchange::respond(Response response) {
+    const std::lock_guard<std::mutex> lock(m_mutex);
+    if (m_connection == nullptr || m_response) return;
+    m_response = std::move(response);
+    MHD_resume_connection(m_connection);
+}
+
+void Exchange::finish() {
+    {
+        const std::lock_guard<std::mutex> lock(m_mutex);
+        m_daemon.setDeadline(m_connection, m_daemon.soon());
+        m_connection = nullptr;
+    }
+    releaseBody();
+    m_daemon.end(shared_from_this());
+}
+
+void Exchange::refuse(Response response) {
+    m_refusal = std::move(response);
+    m_request.body = {};
+    releaseBody();
+}
+
+void Exchange::releaseBody() { m_daemon.m_largeBodyBytes -= m_largeBytes.exchange(0); }
+
+MHD_Result Exchange::send() {
+    const std::lock_guard<std::mutex> lock(m_mutex);
+    if (!m_response) return MHD_YES;
+    if (!m_response->events) m_daemon.setDeadline(m_connection, m_daemon.soon());
+    const std::unique_ptr<MHD_Response, decltype(&MHD_destroy_response)> response(makeResponse(),
+                                                                                  MHD_destroy_response);
+    if (!response) return MHD_NO;
+    if (m_response->status != MHD_HTTP_NO_CONTENT)
+        MHD_add_response_header(response.get(), "Content-Type", m_response->type.c_str());
+    for (const auto& [name, value] : m_response->headers)
+        MHD_add_response_header(response.get(), name.c_str(), value.c_str());
+    return MHD_queue_response(m_connection, static_cast<unsigned>(m_response->status), response.get());
+}
+
+/// The body stays in this exchange, which lives until it has been sent.
+MHD_Response* Exchange::makeResponse() {
+    std::string& body = m_response->body;
+    if (!m_response->events)
+        return MHD_create_response_from_buffer(body.size(), body.data(), MHD_RESPMEM_PERSISTENT);
+    return MHD_create_response_from_callback(MHD_SIZE_UNKNOWN, EVENT_BLOCK_BYTES, Feed::read,
+                                             new Feed{m_response->events, m_connection}, Feed::free);
+}
+
+}  // namespace fiscorad::http

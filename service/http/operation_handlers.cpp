@@ -1,0 +1,106 @@
+#include <nlohmann/json.hpp>
+#include <utility>
+
+#include "fiscal/operations.h"
+#include "fiscora.h"
+#include "http/form.h"
+#include "http/handlers.h"
+#include "http/operation_request.h"
+#include "http/problem.h"
+#include "http/representation.h"
+
+namespace fiscorad::http {
+namespace {
+
+using nlohmann::json;
+
+Response operationResponse(const manipulaDados::Operation& operation, const OperationResult& result) {
+    json body{{"status", result.status}, {"sessao", sessionText(result.session)}};
+    body["campos"] =
+        result.status == FISCORA_STATUS_OK ? namedFields(operation, result.answer) : json::object();
+    return jsonResponse(200, body);
+}
+
+/// The form API's answer to a document whose waiting has ended. Reads the journal.
+Response formOutcomeOf(Service& service, const Document& document) {
+    const char* const operation = commandOf(document.kind);
+    if (document.state == State::Refused && !document.answer.empty())
+        return formResponse(operation, document.answer);
+    if (auto failure = failureOf(document)) return std::move(*failure);
+    if (document.state != State::Booked)
+        throw Rejection(problems::NO_OUTCOME, "O documento " + document.key + " está no estado " +
+                                                  std::string(nameOf(document.state)) +
+                                                  "; consulte-o ou reenvie com a mesma chave.");
+    const auto signedDocument = service.signedDocument(document.id);
+    if (document.answer.empty() || !signedDocument)
+        throw Rejection(problems::NO_ANSWER, "Uma pessoa confirmou a emissão de " + document.accessKey + ".");
+    return formResponse(operation, wholeAnswer(document, *signedDocument));
+}
+
+void submitFormDocument(Context& context, const Submission& submission, const Responder& respond) {
+    const Document document = accept(context, submission);
+    context.waiting.wait(document, context.formWait, [&context, respond](const Document& now) {
+        context.workers.postFirst([&context, respond, now] {
+            answerOr(context.warn, respond, [&] { respond(formOutcomeOf(context.service, now)); });
+        });
+    });
+}
+
+void operateByForm(Context& context, OperationRequest request, const Responder& respond) {
+    const char* const command = request.operation->command;
+    context.service.operate(
+        std::move(request), [warn = context.warn, respond, command](const OperationResult& result) {
+            answerOr(warn, respond, [&] {
+                requireDone(result);
+                if (result.status != FISCORA_STATUS_OK)
+                    throw Rejection(problems::CALL_FAILED, std::string(command) + " terminou com o status " +
+                                                               std::to_string(result.status) + ".");
+                respond(formResponse(command, result.answer));
+            });
+        });
+}
+
+}  // namespace
+
+void requireDone(const OperationResult& result) {
+    switch (result.result) {
+        case OperationResult::Result::Done: return;
+        case OperationResult::Result::DocumentOpen:
+            throw Rejection(problems::DOCUMENT_OPEN,
+                            "O equipamento está respondendo sobre um documento sem desfecho. Tente depois.");
+        case OperationResult::Result::NoDevice:
+            throw Rejection(problems::NO_DEVICE,
+                            "O equipamento não foi encontrado, ou outro programa o está usando.");
+        case OperationResult::Result::CodeRefused:
+            throw Rejection(problems::CODE_REFUSED,
+                            "O equipamento recusou o código de ativação. Corrija o arquivo do código.");
+        case OperationResult::Result::CodeNotKept:
+            throw Rejection(problems::CODE_NOT_KEPT,
+                            "O código novo não pôde ser gravado no arquivo; nada foi trocado.");
+        case OperationResult::Result::Stopping:
+            throw Rejection(problems::NOT_READY, "O serviço está parando.");
+    }
+}
+
+void operate(Context& context, Call call) {
+    const manipulaDados::Operation& operation = operationNamed(call.name);
+    OperationRequest request = operationRequestOf(operation, call.request.body);
+    context.service.operate(
+        std::move(request),
+        [warn = context.warn, &operation, respond = std::move(call.respond)](const OperationResult& result) {
+            answerOr(warn, respond, [&] {
+                requireDone(result);
+                respond(operationResponse(operation, result));
+            });
+        });
+}
+
+void submitForm(Context& context, Call call) {
+    auto wanted = formRequestOf(call.name, call.request, context.maxDocumentBytes);
+    call.request.body = {};
+    if (const auto* submission = std::get_if<Submission>(&wanted))
+        return submitFormDocument(context, *submission, call.respond);
+    operateByForm(context, std::move(std::get<OperationRequest>(wanted)), call.respond);
+}
+
+}  // namespace fiscorad::http
