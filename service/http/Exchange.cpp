@@ -2,6 +2,7 @@
 
 #include <cctype>
 #include <cstdlib>
+#include <memory>
 #include <utility>
 
 #include "http/Daemon.h"
@@ -17,21 +18,6 @@ constexpr std::size_t SMALL_BODY_BYTES = 64 * 1024;
 constexpr std::size_t LARGE_BODIES_BYTES = 48 * 1024 * 1024;
 
 constexpr std::size_t EVENT_BLOCK_BYTES = 8 * 1024;
-
-/// What a stream of events needs to be sent.
-struct Feed {
-    std::shared_ptr<EventStream> events;
-    MHD_Connection* connection;
-
-    static ssize_t read(void* self, std::uint64_t /*position*/, char* bytes, std::size_t size) noexcept {
-        const Feed& feed = *static_cast<Feed*>(self);
-        const auto copied = feed.events->read(
-            bytes, size, [&feed] { MHD_suspend_connection(feed.connection); },
-            [connection = feed.connection] { MHD_resume_connection(connection); });
-        return copied ? static_cast<ssize_t>(*copied) : MHD_CONTENT_READER_END_OF_STREAM;
-    }
-    static void free(void* self) noexcept { delete static_cast<Feed*>(self); }
-};
 
 MHD_Result takeHeader(void* headers, MHD_ValueKind /*kind*/, const char* name, std::size_t nameSize,
                       const char* value, std::size_t valueSize) noexcept {
@@ -50,6 +36,7 @@ Exchange::Exchange(Daemon& daemon, MHD_Connection* connection, std::string targe
 }
 
 MHD_Result Exchange::takeHead(const char* method) {
+    m_hasHead = true;
     m_request.method = method;
     MHD_get_connection_values_n(m_connection, MHD_HEADER_KIND, takeHeader, &m_request.headers);
     const auto length = m_request.headers.find("content-length");
@@ -131,7 +118,7 @@ void Exchange::releaseBody() { m_daemon.m_largeBodyBytes -= m_largeBytes.exchang
 MHD_Result Exchange::send() {
     const std::lock_guard<std::mutex> lock(m_mutex);
     if (!m_response) return MHD_YES;
-    if (!m_response->events) m_daemon.setDeadline(m_connection, m_daemon.soon());
+    m_daemon.setDeadline(m_connection, m_daemon.soon());
     const std::unique_ptr<MHD_Response, decltype(&MHD_destroy_response)> response(makeResponse(),
                                                                                   MHD_destroy_response);
     if (!response) return MHD_NO;
@@ -142,13 +129,28 @@ MHD_Result Exchange::send() {
     return MHD_queue_response(m_connection, static_cast<unsigned>(m_response->status), response.get());
 }
 
-/// The body stays in this exchange, which lives until it has been sent.
+/// What is sent stays in this exchange, which lives until then.
 MHD_Response* Exchange::makeResponse() {
     std::string& body = m_response->body;
     if (!m_response->events)
         return MHD_create_response_from_buffer(body.size(), body.data(), MHD_RESPMEM_PERSISTENT);
-    return MHD_create_response_from_callback(MHD_SIZE_UNKNOWN, EVENT_BLOCK_BYTES, Feed::read,
-                                             new Feed{m_response->events, m_connection}, Feed::free);
+    const auto read = [](void* self, std::uint64_t /*position*/, char* bytes, std::size_t size) noexcept {
+        return static_cast<Exchange*>(self)->readEvents(bytes, size);
+    };
+    return MHD_create_response_from_callback(MHD_SIZE_UNKNOWN, EVENT_BLOCK_BYTES, read, this, nullptr);
+}
+
+/// While there is nothing to tell, the connection is suspended.
+ssize_t Exchange::readEvents(char* bytes, std::size_t size) {
+    MHD_Connection* const connection = m_connection;
+    m_daemon.setDeadline(connection, m_daemon.soon());
+    const auto sleep = [&] {
+        m_daemon.setDeadline(connection, Daemon::Clock::time_point::max());
+        MHD_suspend_connection(connection);
+    };
+    const auto copied =
+        m_response->events->read(bytes, size, sleep, [connection] { MHD_resume_connection(connection); });
+    return copied ? static_cast<ssize_t>(*copied) : MHD_CONTENT_READER_END_OF_STREAM;
 }
 
 }  // namespace fiscorad::http

@@ -31,7 +31,7 @@ class Exchange : public std::enable_shared_from_this<Exchange> {
     /// The response has left, or the connection is gone.
     void finish();
 
-    bool hasHead() const { return !m_request.method.empty(); }
+    bool hasHead() const { return m_hasHead; }
 
     /// From any thread; the first response counts.
     void respond(Response response);
@@ -42,12 +42,14 @@ class Exchange : public std::enable_shared_from_this<Exchange> {
     void releaseBody();
     MHD_Result send();
     MHD_Response* makeResponse();
+    ssize_t readEvents(char* bytes, std::size_t size);
 
     Daemon& m_daemon;
     Request m_request;
     std::size_t m_received = 0;                ///< bytes of the body
     std::atomic<std::size_t> m_largeBytes{0};  ///< of them, counted in Daemon::m_largeBodyBytes
     std::optional<Response> m_refusal;         ///< known before the body has ended
+    bool m_hasHead = false;
     bool m_handled = false;
 
     std::mutex m_mutex;            ///< of what follows

@@ -61,7 +61,7 @@ std::optional<std::string> nameIn(std::string_view path, const Route& route) {
 
 /// HEAD is a GET whose body is not sent.
 std::string_view methodOf(const Request& request) {
-    return request.method == "HEAD" ? "GET" : request.method;
+    return request.method == "HEAD" ? std::string_view("GET") : std::string_view(request.method);
 }
 
 Response methodResponse(const std::string& allowed) {

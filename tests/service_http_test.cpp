@@ -1,0 +1,568 @@
+// The service as tills meet it: real requests over sockets to a real service, journal and dispatcher, with a
+// simulated device that can be held in the middle of a sale.
+
+#include <arpa/inet.h>
+#include <gtest/gtest.h>
+#include <netinet/in.h>
+#include <poll.h>
+#include <sys/socket.h>
+
+#include <atomic>
+#include <chrono>
+#include <filesystem>
+#include <fstream>
+#include <future>
+#include <memory>
+#include <nlohmann/json.hpp>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "Changes.h"
+#include "Descriptor.h"
+#include "Service.h"
+#include "dispatcher/ActivationCode.h"
+#include "dispatcher/Dispatcher.h"
+#include "encoding/Base64.h"
+#include "fields.h"
+#include "fiscal/operations.h"
+#include "fiscora.h"
+#include "http/Server.h"
+#include "journal/Journal.h"
+#include "platform.h"
+#include "sim/SimulatedDevice.h"
+
+namespace {
+
+using namespace fiscorad;
+using namespace std::chrono_literals;
+using nlohmann::json;
+using std::string;
+
+constexpr char CODE[] = "12345678";
+constexpr std::size_t LIMIT = 100'000;  ///< bytes of a document here
+constexpr std::size_t QUEUE = 300;
+
+string sale(const string& product) {
+    return "<CFe><infCFe versaoDadosEnt=\"0.08\"><ide><CNPJ>16716114000172</CNPJ><signAC>x</signAC>"
+           "<numeroCaixa>001</numeroCaixa></ide><emit><CNPJ>14200166000166</CNPJ></emit><dest/>"
+           "<det nItem=\"1\"><prod><xProd>" +
+           product +
+           "</xProd><qCom>1.0000</qCom><vUnCom>5.00</vUnCom></prod></det><total/><pgto><MP><cMP>01</cMP>"
+           "<vMP>5.00</vMP></MP></pgto></infCFe></CFe>";
+}
+
+string cancellation(const string& key) {
+    return "<CFeCanc><infCFe chCanc=\"" + key +
+           "\"><ide><CNPJ>16716114000172</CNPJ><signAC>x</signAC><numeroCaixa>001</numeroCaixa></ide></infCFe>"
+           "</CFeCanc>";
+}
+
+/// A device whose sales wait at a gate, and whose operations can fail.
+class Device : public Equipment {
+  public:
+    Device() : m_device(settings()) {}
+    std::optional<std::uint64_t> connection() override { return 1; }
+    rules::Reply call(const manipulaDados::Operation& operation,
+                      const std::vector<manipulaDados::Argument>& arguments) override {
+        manipulaDados::ManipulaDadosSat library;
+        const auto request = library.makeRequest(operation, arguments);
+        if (operation.effect == manipulaDados::Effect::Books)
+            while (!open) std::this_thread::sleep_for(1ms);
+        if (operation.command == string(manipulaDados::CMD_TESTE_FIM_A_FIM))
+            return {FISCORA_STATUS_TIMEOUT, 0, ""};
+        return {0, 0, m_device.answer(operation.command, *request)};
+    }
+    std::atomic<bool> open{true};
+
+  private:
+    static sim::DeviceSettings settings() {
+        sim::DeviceSettings settings;
+        settings.activationCode = CODE;
+        return settings;
+    }
+    sim::SimulatedDevice m_device;
+};
+
+struct Reply {
+    int status = 0;  ///< 0: the connection was closed without a response
+    string head;
+    string body;
+    json content() const { return json::parse(body); }
+    string type() const { return status < 400 ? "" : content().value("type", ""); }
+};
+
+/// A till's connection.
+class Till {
+  public:
+    explicit Till(std::uint16_t port, int receiveBuffer = 0) : m_fd(socket(AF_INET, SOCK_STREAM, 0)) {
+        if (receiveBuffer > 0)
+            setsockopt(m_fd.get(), SOL_SOCKET, SO_RCVBUF, &receiveBuffer, sizeof receiveBuffer);
+        sockaddr_in address{};
+        address.sin_family = AF_INET;
+        address.sin_port = htons(port);
+        address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+        EXPECT_EQ(connect(m_fd.get(), reinterpret_cast<sockaddr*>(&address), sizeof address), 0);
+    }
+    bool send(const string& bytes) {
+        for (std::size_t sent = 0; sent < bytes.size();) {
+            const auto more = ::send(m_fd.get(), bytes.data() + sent, bytes.size() - sent, MSG_NOSIGNAL);
+            if (more <= 0) return false;
+            sent += static_cast<std::size_t>(more);
+        }
+        return true;
+    }
+    void hangUp() { shutdown(m_fd.get(), SHUT_WR); }
+    /// False when the other end has closed, or after 10 s.
+    bool read() {
+        std::array<char, 65536> bytes{};
+        pollfd input{m_fd.get(), POLLIN, 0};
+        if (::poll(&input, 1, 10'000) != 1) return false;
+        const auto size = recv(m_fd.get(), bytes.data(), bytes.size(), 0);
+        if (size > 0) m_read.append(bytes.data(), static_cast<std::size_t>(size));
+        return size > 0;
+    }
+    /// Empty if the other end closes before.
+    string readUntil(const string& end) {
+        while (m_read.find(end) == string::npos)
+            if (!read()) return "";
+        const auto size = m_read.find(end) + end.size();
+        const string result = m_read.substr(0, size);
+        m_read.erase(0, size);
+        return result;
+    }
+    Reply reply(const string& method = "GET") {
+        Reply reply;
+        reply.head = readUntil("\r\n\r\n");
+        if (reply.head.substr(0, 9) != "HTTP/1.1 ") return reply;
+        reply.status = std::stoi(reply.head.substr(9, 3));
+        const auto length = reply.head.find("Content-Length: ");
+        if (method == "HEAD" || length == string::npos) return reply;
+        const std::size_t size = std::stoul(reply.head.substr(length + 16));
+        while (m_read.size() < size && read()) {
+        }
+        reply.body = m_read.substr(0, size);
+        m_read.erase(0, size);
+        return reply;
+    }
+    Reply ask(const string& method, const string& target, const string& headers = "",
+              const string& body = "") {
+        send(method + " " + target + " HTTP/1.1\r\nHost: x\r\n" + headers +
+             "Content-Length: " + std::to_string(body.size()) + "\r\n\r\n" + body);
+        return reply(method);
+    }
+
+  private:
+    tool::Descriptor m_fd;
+    string m_read;
+};
+
+string keyHeaders(const string& key, const string& more = "") {
+    return "Idempotency-Key: " + key + "\r\nContent-Type: application/xml\r\n" + more;
+}
+const string FORM = "Content-Type: application/x-www-form-urlencoded\r\n";
+
+string escaped(const string& text) {
+    string result;
+    constexpr char DIGITS[] = "0123456789ABCDEF";
+    for (const char c : text)
+        result += string("%") + DIGITS[static_cast<unsigned char>(c) >> 4U] + DIGITS[c & 15];
+    return result;
+}
+
+class Http : public testing::Test {
+  protected:
+    Http() {
+        std::ofstream("code") << CODE << "\n";
+        std::filesystem::permissions("code", std::filesystem::perms::owner_read);
+        m_code = std::make_unique<ActivationCode>("code");
+        m_dispatcher = std::make_unique<Dispatcher>(m_journal, device, *m_code, m_changes,
+                                                    Dispatcher::Settings{"host", {Clock::now}, {}});
+        service = std::make_unique<Service>(m_journal, *m_dispatcher, m_changes, QUEUE);
+        settings.maxDocumentBytes = LIMIT;
+        start();
+    }
+    ~Http() override {
+        device.open = true;
+        m_dispatcher->stop();
+        if (m_thread.joinable()) m_thread.join();
+    }
+    void start() {
+        server.reset();
+        server = std::make_unique<http::Server>(*service, settings);
+    }
+    void startDevice() {
+        m_thread = std::thread([this] { m_dispatcher->run(); });
+    }
+    Till till() const { return Till(server->port()); }
+    Reply ask(const string& method, const string& target, const string& headers = "",
+              const string& body = "") {
+        return till().ask(method, target, headers, body);
+    }
+    Reply sell(const string& key, const string& more = "") {
+        return ask("POST", "/v1/vendas", keyHeaders(key, more), sale(key));
+    }
+    std::future<Reply> sellLater(const string& key, const string& more = "") {
+        return std::async(std::launch::async, [=] { return sell(key, more); });
+    }
+    void await(const string& key) {
+        while (!m_journal.find(key)) std::this_thread::sleep_for(1ms);
+    }
+    /// Leaves a queued document to a person, without a device.
+    void leaveUndecided(const string& key) {
+        const Document document = m_journal.find(key).value();
+        Attempt attempt;
+        attempt.document = document.id;
+        attempt.session = m_journal.takeSession();
+        attempt.serial = "900004019";
+        attempt.node = "host";
+        Outcome outcome;
+        outcome.state = State::Undecided;
+        m_journal.settle(m_journal.beginAttempt(attempt).value(), State::Sent, outcome);
+        m_changes.publish(m_journal.find(key).value());
+    }
+
+    using Clock = rules::Clock;
+    WorkingDirectory folder;
+    Device device;
+    Journal m_journal{"journal.db"};
+    std::unique_ptr<ActivationCode> m_code;
+    Changes m_changes;
+    std::unique_ptr<Dispatcher> m_dispatcher;
+    std::unique_ptr<Service> service;
+    http::Server::Settings settings;
+    std::unique_ptr<http::Server> server;
+    std::thread m_thread;
+};
+
+TEST_F(Http, RefusesWhatItCannotUnderstandAndSaysWhy) {
+    const string document = sale("x");
+    const string xml = "Content-Type: application/xml\r\n";
+    struct Case {
+        const char* name;
+        const char* method;
+        string target, headers, body;
+        int status;
+        const char* type;
+        const char* piece;  ///< of the answer, header or body
+    };
+    const std::vector<Case> cases{
+        {"NoKey", "POST", "/v1/vendas", xml, document, 400, "chave-invalida", "Falta"},
+        {"KeyWithBlank", "POST", "/v1/vendas", keyHeaders("a b"), document, 400, "chave-invalida", ""},
+        {"KeyThatIsAPath", "POST", "/v1/vendas", keyHeaders(".."), document, 400, "chave-invalida", ""},
+        {"KeyOf129", "POST", "/v1/vendas", keyHeaders(string(129, 'k')), document, 400, "chave-invalida", ""},
+        {"HalfQuoted", "POST", "/v1/vendas", keyHeaders("\"k"), document, 400, "chave-invalida", ""},
+        {"TwoKeys", "POST", "/v1/vendas", keyHeaders("a") + keyHeaders("b"), document, 400, "chave-invalida",
+         ""},
+        {"OtherType", "POST", "/v1/vendas", "Idempotency-Key: k\r\nContent-Type: text/plain\r\n", document,
+         415, "tipo-nao-suportado", ""},
+        {"Empty", "POST", "/v1/vendas", keyHeaders("k"), "", 400, "corpo-invalido", "vazio"},
+        {"Nul", "POST", "/v1/vendas", keyHeaders("k"), document + '\0', 400, "corpo-invalido", "NUL"},
+        {"OneByteTooMany", "POST", "/v1/vendas", keyHeaders("k"), string(LIMIT + 1, 'x'), 413,
+         "grande-demais", ""},
+        {"FarTooLarge", "POST", "/v1/vendas", keyHeaders("k"), string(5 * LIMIT, 'x'), 413, "grande-demais",
+         ""},
+        {"AnnouncedTooLarge", "POST", "/v1/vendas",
+         "Expect: 100-continue\r\nContent-Length: 99999999\r\n" + keyHeaders("k"), "", 413, "grande-demais",
+         ""},
+        {"ParameterOfNoUse", "POST", "/v1/vendas?chave=1", keyHeaders("k"), document, 400,
+         "parametro-invalido", "chave"},
+        {"NoSale", "POST", "/v1/cancelamentos", keyHeaders("k"), document, 400, "chave-de-acesso-invalida",
+         ""},
+        {"WrongCheckDigit", "POST", "/v1/cancelamentos?chave=CFe35261114200166000166599000040190000010123451",
+         keyHeaders("k"), document, 400, "chave-de-acesso-invalida", ""},
+        {"UnknownPath", "GET", "/v1/venda", "", "", 404, "nao-encontrado", ""},
+        {"UnknownKey", "GET", "/v1/vendas/k", "", "", 404, "nao-encontrado", ""},
+        {"KeyCutByNul", "GET", "/v1/vendas/k%00", "", "", 400, "chave-invalida", ""},
+        {"BadEscape", "GET", "/v1/vendas/%4", "", "", 400, "requisicao-invalida", ""},
+        {"OtherMethod", "PUT", "/v1/vendas", "", "", 405, "metodo-nao-permitido", "Allow: POST, GET, HEAD"},
+        {"UnknownState", "GET", "/v1/vendas?estado=vendida", "", "", 400, "parametro-invalido", "vendida"},
+        {"NoSuchDay", "GET", "/v1/vendas?desde=2026-02-30", "", "", 400, "parametro-invalido", "desde"},
+        {"TimeWithoutOffset", "GET", "/v1/vendas?ate=2026-02-03T10:00:00", "", "", 400, "parametro-invalido",
+         "ate"},
+        {"NoPage", "GET", "/v1/vendas?depois=x", "", "", 400, "parametro-invalido", "depois"},
+        {"Limit0", "GET", "/v1/vendas?limite=0", "", "", 400, "parametro-invalido", "limite"},
+        {"Limit1001", "GET", "/v1/vendas?limite=1001", "", "", 400, "parametro-invalido", "limite"},
+        {"Twice", "GET", "/v1/vendas?caixa=1&caixa=2", "", "", 400, "parametro-invalido", "caixa"},
+        {"Mistyped", "GET", "/v1/vendas?estdo=emitida", "", "", 400, "parametro-invalido", "estdo"},
+        {"NoOperation", "POST", "/v1/operacoes/Vender", "", "", 404, "nao-encontrado", "Vender"},
+        {"Document", "POST", "/v1/operacoes/EnviarDadosVenda", "", "", 409, "operacao-de-documento", ""},
+        {"NoJson", "POST", "/v1/operacoes/ConsultarSAT", "", "{\"\xff\"", 400, "corpo-invalido", ""},
+        {"MissingArgument", "POST", "/v1/operacoes/ConsultarNumeroSessao", "", "{}", 400,
+         "argumento-invalido", "cNumeroDeSessao"},
+        {"OutOfRange", "POST", "/v1/operacoes/ConsultarNumeroSessao", "",
+         R"({"argumentos":{"cNumeroDeSessao":1000000}})", 400, "argumento-invalido", "999999"},
+        {"CodeGiven", "POST", "/v1/operacoes/BloquearSAT", "", R"({"argumentos":{"codigoDeAtivacao":"1"}})",
+         400, "argumento-invalido", "codigoDeAtivacao"},
+        {"NoFunction", "POST", "/hub/v1/vender", FORM, "numero_caixa=1", 404, "nao-encontrado", "vender"},
+        {"NoTill", "POST", "/hub/v1/consultarsat", FORM, "", 400, "argumento-invalido", "numero_caixa"},
+        {"NoField", "POST", "/hub/v1/enviardadosvenda", FORM, "numero_caixa=1", 400, "argumento-invalido",
+         "dados_venda"},
+        {"NoForm", "POST", "/hub/v1/consultarsat", xml, "numero_caixa=1", 415, "tipo-nao-suportado", ""},
+        {"FormNul", "POST", "/hub/v1/enviardadosvenda", FORM, "numero_caixa=1&dados_venda=a%00", 400,
+         "corpo-invalido", "NUL"},
+    };
+    Till till(server->port());  // one connection for all: none may spoil it for the next
+    for (const Case& c : cases) {
+        SCOPED_TRACE(c.name);
+        const bool announced = c.headers.find("Expect") != string::npos;
+        const Reply reply = announced ? ask(c.method, c.target, c.headers, c.body)
+                                      : till.ask(c.method, c.target, c.headers, c.body);
+        EXPECT_EQ(reply.status, c.status);
+        EXPECT_NE(reply.head.find("Content-Type: application/problem+json"), string::npos);
+        EXPECT_EQ(reply.type(), string("/problemas/") + c.type);
+        EXPECT_NE((reply.head + reply.body).find(c.piece), string::npos) << reply.body;
+    }
+    EXPECT_FALSE(m_journal.find("k")) << "none of these is a submission";
+}
+
+TEST_F(Http, BooksOnceAndTellsTheSameEverAfter) {
+    startDevice();
+    const Reply first = sell("\"venda-1\"");
+    ASSERT_EQ(first.status, 201) << first.body;
+    const json booked = first.content();
+    EXPECT_EQ(booked.value("estado", ""), "emitida");
+    EXPECT_EQ(booked.value("EEEEE", ""), "06000");
+    EXPECT_EQ(booked.value("sessao", "").size(), 6U);
+    EXPECT_EQ(fieldsOf(booked.value("retorno", "")).at(6), "");
+    EXPECT_NE(first.head.find("Location: /v1/vendas/venda-1\r\n"), string::npos);
+
+    const Reply again = ask("POST", "/v1/vendas", keyHeaders("venda-1"), sale("\"venda-1\""));
+    EXPECT_EQ(again.status, 200);
+    EXPECT_EQ(again.content(), booked);
+    EXPECT_EQ(ask("GET", "/v1/vendas/venda-1").content(), booked);
+    EXPECT_EQ(ask("HEAD", "/v1/vendas/venda-1").status, 200);
+    const Reply document = ask("GET", booked.value("documento", "?"));
+    EXPECT_NE(document.body.find(booked.value("chaveConsulta", "?")), string::npos);
+    EXPECT_NE(document.head.find("Content-Type: application/xml\r\n"), string::npos);
+    EXPECT_EQ(ask("POST", "/v1/vendas", keyHeaders("venda-1"), sale("outra")).type(),
+              "/problemas/chave-reutilizada");
+    EXPECT_EQ(ask("DELETE", "/v1/vendas/venda-1").status, 409);
+
+    const string saleKey = booked.value("chaveConsulta", "");
+    const Reply cancelled =
+        ask("POST", "/v1/cancelamentos?chave=" + saleKey,
+            keyHeaders("canc-1", "Prefer: respond-async, wait=120;x=1\r\n"), cancellation(saleKey));
+    EXPECT_EQ(cancelled.status, 201) << cancelled.body;
+    EXPECT_EQ(ask("GET", "/v1/vendas/canc-1").status, 404) << "a cancellation is no sale";
+    EXPECT_EQ(ask("GET", cancelled.content().value("documento", "?")).status, 200);
+}
+
+TEST_F(Http, TellsARefusedWithdrawnOrAbandonedDocumentFromOneThatIsNot) {
+    EXPECT_EQ(ask("DELETE", "/v1/vendas/never").status, 204);
+    EXPECT_EQ(sell("never").type(), "/problemas/retirada") << "a delayed request must not book";
+    EXPECT_EQ(sell("odd", "Prefer: wait=0\r\n").status, 202);
+    leaveUndecided("odd");
+    const Reply undecided = sell("odd", "Prefer: wait=20\r\n");
+    EXPECT_EQ(undecided.status, 202) << "nobody can wait for a person";
+    EXPECT_EQ(undecided.content().value("estado", ""), "a-decidir");
+    m_journal.rule("odd", {Ruling::Kind::Abandon, "", "Ana", "equipamento perdido"});
+    const Reply abandoned = sell("odd");
+    EXPECT_EQ(abandoned.status, 410);
+    EXPECT_EQ(abandoned.type(), "/problemas/abandonada");
+    EXPECT_EQ(abandoned.content().value("chave", ""), "odd");
+
+    startDevice();
+    const Reply refused = ask("POST", "/v1/vendas", keyHeaders("bad"), "no document");
+    EXPECT_EQ(refused.status, 422);
+    EXPECT_EQ(refused.type(), "/problemas/recusada");
+    EXPECT_EQ(refused.content().value("estado", ""), "recusada");
+    EXPECT_EQ(ask("GET", "/v1/vendas/bad/documento").status, 404);
+}
+
+TEST_F(Http, AnswersAllWhoWaitWhenTheDocumentHasItsOutcome) {
+    device.open = false;
+    startDevice();
+    std::vector<std::future<Reply>> waiting;
+    for (int i = 0; i < 3; ++i) waiting.push_back(sellLater("one"));
+    await("one");
+    waiting.push_back(std::async(std::launch::async,
+                                 [this] { return ask("GET", "/v1/vendas/one", "Prefer: wait=20\r\n"); }));
+    const Reply impatient = sell("one", "Prefer: wait=0\r\n");
+    EXPECT_EQ(impatient.status, 202);
+    EXPECT_NE(impatient.head.find("Location: /v1/vendas/one\r\n"), string::npos);
+    auto withdrawn = sellLater("two");
+    await("two");
+    EXPECT_EQ(ask("DELETE", "/v1/vendas/two").status, 204);
+    EXPECT_EQ(withdrawn.get().type(), "/problemas/retirada");
+    std::this_thread::sleep_for(50ms);
+    device.open = true;
+    for (std::size_t i = 0; i < 3; ++i) EXPECT_EQ(waiting[i].get().status, 201);
+    EXPECT_EQ(waiting[3].get().content().value("estado", ""), "emitida");
+}
+
+TEST_F(Http, SendsWaitingTillsAwayWhenItStops) {
+    auto waiting = sellLater("one");
+    await("one");
+    std::this_thread::sleep_for(50ms);
+    server->stop();
+    EXPECT_EQ(waiting.get().status, 202);
+    const Reply late = sell("two");
+    EXPECT_EQ(late.status, 503);
+    EXPECT_NE(late.head.find("Retry-After: "), string::npos);
+    EXPECT_EQ(ask("GET", "/pronto").status, 503);
+    EXPECT_EQ(ask("GET", "/saude").status, 200);
+}
+
+TEST_F(Http, ListsPagesThatNeitherOverlapNorMiss) {
+    for (int i = 0; i < 5; ++i) sell("k" + std::to_string(i), "Prefer: wait=0\r\n");
+    ask("DELETE", "/v1/vendas/k2");
+    string keys;
+    string next;
+    do {
+        const json page = ask("GET", "/v1/vendas?estado=na-fila&limite=2" + next).content();
+        for (const json& document : page.at("documentos")) keys += document.value("chave", "") + " ";
+        next = page.contains("depois") ? "&depois=" + page.value("depois", "") : "";
+    } while (!next.empty());
+    EXPECT_EQ(keys, "k4 k3 k1 k0 ");
+    const auto count = [&](const string& query) {
+        return ask("GET", "/v1/vendas?" + query).content()["documentos"].size();
+    };
+    const string now = ask("GET", "/v1/vendas/k0").content().value("recebidaEm", "");
+    EXPECT_EQ(count("desde=" + now), 5U) << "the \"+\" of an offset may come as it is";
+    EXPECT_EQ(count("ate=" + now), 0U);
+    EXPECT_EQ(count("desde=" + now.substr(0, 10) + "&ate=" + now.substr(0, 10)), 5U)
+        << "a day is a whole day";
+    EXPECT_EQ(ask("GET", "/v1/cancelamentos").content()["documentos"].size(), 0U);
+}
+
+TEST_F(Http, SpeaksTheFormApi) {
+    startDevice();
+    const string till = "numero_caixa=caf%E9&";
+    const Reply sold = ask("POST", "/hub/v1/enviardadosvenda", FORM + "Idempotency-Key: k\r\n",
+                           till + "dados_venda=" + escaped(sale("k")));
+    ASSERT_EQ(sold.status, 200) << sold.body;
+    EXPECT_EQ(sold.content().value("funcao", ""), "EnviarDadosVenda");
+    const string answer = sold.content().value("retorno", "");
+    EXPECT_EQ(Base64::decode(string(fieldsOf(answer).at(6))), ask("GET", "/v1/vendas/k/documento").body);
+    EXPECT_EQ(ask("GET", "/v1/vendas/k").content().value("caixa", ""), "café") << "Latin-1 becomes UTF-8";
+    EXPECT_EQ(ask("GET", "/v1/vendas?caixa=caf%E9").content()["documentos"].size(), 1U);
+
+    const Reply refused = ask("POST", "/hub/v1/enviardadosvenda", FORM, till + "dados_venda=x");
+    EXPECT_EQ(refused.status, 200) << "clients read the refusal from the answer";
+    EXPECT_NE(refused.content().value("retorno", "").find("|06"), string::npos);
+    const Reply asked =
+        ask("POST", "/hub/v1/consultarnumerosessao", FORM, till + "numero_sessao=" + answer.substr(0, 6));
+    EXPECT_EQ(fieldsOf(asked.content().value("retorno", "")).at(1), "06000");
+    EXPECT_EQ(ask("POST", "/hub/v1/testefimafim", FORM, till + "dados_venda=x").status, 502);
+
+    device.open = false;
+    settings.formWait = 50ms;
+    start();
+    const Reply undecided = ask("POST", "/hub/v1/enviardadosvenda", FORM, till + "dados_venda=" + sale("l"));
+    EXPECT_EQ(undecided.type(), "/problemas/sem-desfecho");
+}
+
+TEST_F(Http, CallsOperationsByTheirNames) {
+    startDevice();
+    const json status = ask("POST", "/v1/operacoes/ConsultarStatusOperacional").content();
+    EXPECT_EQ(status.value("status", -1), 0);
+    EXPECT_EQ(status["campos"].value("EEEEE", ""), "10000");
+    EXPECT_EQ(status["campos"].value("numeroSessao", "?"), status.value("sessao", ""));
+    const json blocked =
+        ask("POST", "/v1/operacoes/TesteFimAFim", "", R"({"argumentos":{"dadosVenda":"x"}})").content();
+    EXPECT_EQ(blocked.value("status", 0), FISCORA_STATUS_TIMEOUT);
+    const json changed =
+        ask("POST", "/v1/operacoes/TrocarCodigoDeAtivacao", "",
+            R"({"argumentos":{"opcao":"1","novoCodigo":"novo-codigo","confNovoCodigo":"novo-codigo"}})")
+            .content();
+    EXPECT_EQ(changed["campos"].value("EEEEE", ""), "18000");
+    const json seen = ask("GET", "/v1/equipamento").content();
+    EXPECT_EQ(seen.value("numeroDeSerie", "").size(), 9U);
+    EXPECT_EQ(seen["ultimaChamada"].value("status", -1), 0);
+    EXPECT_EQ((changed.dump() + seen.dump()).find("novo-codigo"), string::npos);
+}
+
+TEST_F(Http, TellsEventsAsTheyHappen) {
+    settings.heartbeat = 100ms;
+    start();
+    Till listener(server->port());
+    listener.send("GET /v1/eventos HTTP/1.1\r\nHost: x\r\n\r\n");
+    EXPECT_NE(listener.readUntil("\n\n").find("text/event-stream"), string::npos);
+    EXPECT_NE(listener.readUntil("\r\n:\n\n"), "")
+        << "a comment, by which both ends notice that the other is gone";
+    sell("one", "Prefer: wait=0\r\n");
+    listener.readUntil("event: documento\ndata: ");
+    EXPECT_EQ(json::parse(listener.readUntil("\n\n")).value("chave", ""), "one");
+    startDevice();
+    EXPECT_NE(listener.readUntil("\"estado\":\"emitida\"").find("event: equipamento"), string::npos);
+    server->stop();
+    EXPECT_NE(listener.readUntil("\r\n0\r\n\r\n"), "") << "it ends with the service";
+}
+
+TEST_F(Http, CutsOffWhoLeavesEventsUnread) {
+    Till lazy(server->port(), 4096);
+    lazy.send("GET /v1/eventos HTTP/1.1\r\nHost: x\r\n\r\n");
+    lazy.readUntil("\n\n");
+    Document document;
+    document.key = string(128, 'k');
+    document.answer = string(10'000, 'x');
+    for (int i = 0; i < 2000; ++i) m_changes.publish(document);  // 20 MB, more than the system takes for it
+    const std::size_t got = lazy.readUntil("\r\n0\r\n\r\n").size();
+    EXPECT_TRUE(got > 0 && got < 15'000'000) << got;
+    lazy.send("GET /saude HTTP/1.1\r\nHost: x\r\n\r\n");
+    EXPECT_EQ(lazy.reply().status, 200) << "it may come back";
+}
+
+/// Bytes on a connection that make no request, and how the server gets rid of them.
+struct Nuisance {
+    const char* name;
+    string bytes;
+    int status;  ///< 0: closed without a response
+};
+class NuisanceOf : public Http, public testing::WithParamInterface<Nuisance> {};
+
+TEST_P(NuisanceOf, IsAnsweredOrClosedAndHurtsNobody) {
+    settings.patience = 300ms;
+    start();
+    Till nuisance(server->port());
+    nuisance.send(GetParam().bytes);
+    EXPECT_EQ(sell("other", "Prefer: wait=0\r\n").status, 202);
+    EXPECT_EQ(nuisance.reply().status, GetParam().status);
+    while (nuisance.read()) {
+    }
+    EXPECT_FALSE(m_journal.find("k"));
+}
+
+INSTANTIATE_TEST_SUITE_P(
+    Http, NuisanceOf,
+    testing::Values(
+        Nuisance{"Garbage", "\x16\x03\x01\r\n\r\n", 0}, Nuisance{"NoVersion", "GET /saude\r\n\r\n", 400},
+        Nuisance{"NoHost", "GET /saude HTTP/1.1\r\n\r\n", 400},
+        Nuisance{"NegativeLength", "POST /v1/vendas HTTP/1.1\r\nHost: x\r\nContent-Length: -1\r\n\r\n", 400},
+        Nuisance{"HeaderOf64KiB", "GET /saude HTTP/1.1\r\nHost: x\r\nA: " + string(65536, 'a') + "\r\n\r\n",
+                 431},
+        Nuisance{"TargetOf64KiB", "GET /" + string(65536, 'a') + " HTTP/1.1\r\nHost: x\r\n\r\n", 414},
+        Nuisance{"CutOff",
+                 "POST /v1/vendas HTTP/1.1\r\nHost: x\r\n" + keyHeaders("k") + "Content-Length: 9\r\n\r\n<x",
+                 0},
+        Nuisance{"HeadWithoutEnd", "GET /saude HTTP/1.1\r\nHost: x\r\n", 0}, Nuisance{"Silence", "", 0}),
+    [](const auto& info) { return info.param.name; });
+
+TEST_F(Http, ClosesASlowSenderThoughItNeverFallsSilent) {
+    settings.patience = 300ms;
+    start();
+    Till slow(server->port());
+    slow.send("GET /saude HTTP/1.1\r\nHost: x\r\nA: ");
+    const auto began = Clock::now();
+    while (Clock::now() - began < 5s && slow.send("a")) std::this_thread::sleep_for(10ms);
+    EXPECT_LT(Clock::now() - began, 3s);
+}
+
+TEST_F(Http, ServesTillsBesideAThousandSilentConnections) {
+    std::vector<std::unique_ptr<Till>> silent;
+    for (int i = 0; i < 1000; ++i) silent.push_back(std::make_unique<Till>(server->port()));
+    EXPECT_EQ(sell("one", "Prefer: wait=0\r\n").status, 202);
+}
+
+TEST_F(Http, SaysThatThePortIsTaken) {
+    settings.port = server->port();
+    try {
+        const http::Server second(*service, settings);
+        FAIL();
+    } catch (const std::runtime_error& error) {
+        EXPECT_NE(string(error.what()).find(std::to_string(settings.port)), string::npos);
+    }
+}
+
+}  // namespace
