@@ -25,16 +25,20 @@ constexpr std::size_t LONGEST = 32;
 }
 
 bool isCode(std::string_view text) {
-    return !text.empty() && text.size() <= LONGEST && std::all_of(text.begin(), text.end(), [](unsigned char c) {
-        return c >= ' ' && c != '|' && c != 0x7F;
-    });
+    return !text.empty() && text.size() <= LONGEST &&
+           std::all_of(text.begin(), text.end(),
+                       [](unsigned char c) { return c >= ' ' && c != '|' && c != 0x7F; });
 }
 
 bool same(const struct stat& left, const struct stat& right) {
     const auto key = [](const struct stat& file) {
-        return std::array<long long, 7>{static_cast<long long>(file.st_dev), static_cast<long long>(file.st_ino),
-                                        file.st_size, file.st_mtim.tv_sec, file.st_mtim.tv_nsec,
-                                        file.st_ctim.tv_sec, file.st_ctim.tv_nsec};
+        return std::array<long long, 7>{static_cast<long long>(file.st_dev),
+                                        static_cast<long long>(file.st_ino),
+                                        file.st_size,
+                                        file.st_mtim.tv_sec,
+                                        file.st_mtim.tv_nsec,
+                                        file.st_ctim.tv_sec,
+                                        file.st_ctim.tv_nsec};
     };
     return key(left) == key(right);
 }
@@ -56,7 +60,8 @@ std::string ActivationCode::read() {
     if (!text.empty() && text.back() == '\n') text.pop_back();
     if (!text.empty() && text.back() == '\r') text.pop_back();
     if (text.empty()) fail(m_path, tr("the activation code is missing"));
-    if (!isCode(text)) fail(m_path, tr("not an activation code: one line of 1 to 32 characters without \"|\""));
+    if (!isCode(text))
+        fail(m_path, tr("not an activation code: one line of 1 to 32 characters without \"|\""));
     return text;
 }
 
@@ -72,11 +77,13 @@ bool ActivationCode::changed() {
 }
 
 void ActivationCode::prepare(const std::string& code) {
-    if (!isCode(code)) fail(m_path, tr("not an activation code: one line of 1 to 32 characters without \"|\""));
+    if (!isCode(code))
+        fail(m_path, tr("not an activation code: one line of 1 to 32 characters without \"|\""));
     const std::string line = code + "\n";
     const std::string path = preparedPath();
     std::remove(path.c_str());
-    const tool::Descriptor file(open(path.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, S_IRUSR | S_IWUSR));
+    const tool::Descriptor file(
+        open(path.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, S_IRUSR | S_IWUSR));
     if (file.get() < 0 || write(file.get(), line.data(), line.size()) != static_cast<ssize_t>(line.size()) ||
         fsync(file.get()) != 0)
         fail(path, tool::systemError(errno));

@@ -99,6 +99,47 @@ std::vector<Document> documentsWhere(session& sql, const std::string& conditions
     return documents;
 }
 
+/// What a filter means in SQL. Its values are bound by reference.
+class Selection {
+  public:
+    explicit Selection(const Filter& filter)
+        : m_filter(filter),
+          m_kind(static_cast<int>(filter.kind.value_or(Kind::Sale))),
+          m_state(static_cast<int>(filter.state.value_or(State::Queued))),
+          m_since(toMs(filter.since.value_or(Time{}))),
+          m_until(toMs(filter.until.value_or(Time{}))),
+          m_till(filter.till.value_or("")),
+          m_before(filter.before.value_or(0)) {}
+
+    std::string conditions() const {
+        std::string text = "WHERE 1 = 1";
+        if (m_filter.kind) text += " AND d.kind = :kind";
+        if (m_filter.state) text += " AND d.state = :state";
+        if (m_filter.since) text += " AND d.received_at >= :since";
+        if (m_filter.until) text += " AND d.received_at < :until";
+        if (m_filter.till) text += " AND d.till = :till";
+        if (m_filter.before) text += " AND d.id < :before";
+        return text;
+    }
+    void bind(soci::statement& query) const {
+        if (m_filter.kind) query.exchange(use(m_kind));
+        if (m_filter.state) query.exchange(use(m_state));
+        if (m_filter.since) query.exchange(use(m_since));
+        if (m_filter.until) query.exchange(use(m_until));
+        if (m_filter.till) query.exchange(use(m_till));
+        if (m_filter.before) query.exchange(use(m_before));
+    }
+
+  private:
+    const Filter& m_filter;
+    int m_kind;
+    int m_state;
+    long long m_since;
+    long long m_until;
+    std::string m_till;
+    long long m_before;
+};
+
 std::optional<Document> first(std::vector<Document> documents) {
     if (documents.empty()) return std::nullopt;
     return std::move(documents.front());
@@ -179,10 +220,11 @@ long long insert(session& sql, const Submission& submission, State state) {
         soci::blob packed(sql);
         fill(packed, pack(submission.body));
         const auto size = static_cast<long long>(submission.body.size());
-        sql << "INSERT INTO texts (document, request, request_size) VALUES (:document, :request, :size)", use(id),
-            use(packed), use(size);
+        sql << "INSERT INTO texts (document, request, request_size) VALUES (:document, :request, :size)",
+            use(id), use(packed), use(size);
     }
-    addHistory(sql, id, std::nullopt, state, state == State::Queued ? "recebida" : "retirada antes de chegar");
+    addHistory(sql, id, std::nullopt, state,
+               state == State::Queued ? "recebida" : "retirada antes de chegar");
     return id;
 }
 
@@ -203,7 +245,8 @@ void writeRecord(session& sql, const rules::DeviceRecord& record) {
 }
 
 bool sameRecord(const std::optional<rules::DeviceRecord>& left, const rules::DeviceRecord& right) {
-    return left && left->lastDocument == right.lastDocument && left->lastCancellation == right.lastCancellation;
+    return left && left->lastDocument == right.lastDocument &&
+           left->lastCancellation == right.lastCancellation;
 }
 
 bool holdsKey(session& sql, const std::string& accessKey) {
@@ -252,8 +295,9 @@ Receipt Journal::submit(const Submission& submission, std::size_t queueLimit) {
         if (auto known = byKey(sql, submission.key)) {
             const std::string body = requestOf(sql, known->id);
             const bool withdrawnBefore = known->state == State::Withdrawn && body.empty();
-            const bool same = known->till == submission.till && known->kind == submission.kind &&
-                              (withdrawnBefore || (known->saleKey == submission.saleKey && body == submission.body));
+            const bool same =
+                known->till == submission.till && known->kind == submission.kind &&
+                (withdrawnBefore || (known->saleKey == submission.saleKey && body == submission.body));
             return {same ? Receipt::Result::Known : Receipt::Result::KeyReused, std::move(*known)};
         }
         long long waiting = 0;
@@ -273,30 +317,29 @@ std::optional<Document> Journal::find(std::int64_t id) {
 }
 
 std::vector<Document> Journal::list(const Filter& filter) {
-    const int kind = static_cast<int>(filter.kind.value_or(Kind::Sale));
-    const int state = static_cast<int>(filter.state.value_or(State::Queued));
-    const long long since = toMs(filter.since.value_or(Time{}));
-    const long long until = toMs(filter.until.value_or(Time{}));
-    const std::string till = filter.till.value_or("");
-    const long long before = filter.before.value_or(0);
+    const Selection selection(filter);
     const auto limit = static_cast<long long>(filter.limit);
-    std::string conditions = "WHERE 1 = 1";
-    if (filter.kind) conditions += " AND d.kind = :kind";
-    if (filter.state) conditions += " AND d.state = :state";
-    if (filter.since) conditions += " AND d.received_at >= :since";
-    if (filter.until) conditions += " AND d.received_at < :until";
-    if (filter.till) conditions += " AND d.till = :till";
-    if (filter.before) conditions += " AND d.id < :before";
     return m_store->read([&](session& sql) {
-        return documentsWhere(sql, conditions + " ORDER BY d.id DESC LIMIT :limit", [&](soci::statement& query) {
-            if (filter.kind) query.exchange(use(kind));
-            if (filter.state) query.exchange(use(state));
-            if (filter.since) query.exchange(use(since));
-            if (filter.until) query.exchange(use(until));
-            if (filter.till) query.exchange(use(till));
-            if (filter.before) query.exchange(use(before));
-            query.exchange(use(limit));
-        });
+        return documentsWhere(sql, selection.conditions() + " ORDER BY d.id DESC LIMIT :limit",
+                              [&](soci::statement& query) {
+                                  selection.bind(query);
+                                  query.exchange(use(limit));
+                              });
+    });
+}
+
+std::size_t Journal::count(const Filter& filter) {
+    const Selection selection(filter);
+    return m_store->read([&](session& sql) {
+        long long count = 0;
+        soci::statement query(sql);
+        query.exchange(into(count));
+        selection.bind(query);
+        query.alloc();
+        query.prepare("SELECT COUNT(*) FROM documents d " + selection.conditions());
+        query.define_and_bind();
+        query.execute(true);
+        return static_cast<std::size_t>(count);
     });
 }
 
@@ -326,7 +369,8 @@ std::size_t Journal::queueLength() {
     });
 }
 
-Journal::Withdrawal Journal::withdraw(std::string_view key, Kind kind, const std::optional<std::string>& till) {
+Journal::Withdrawal Journal::withdraw(std::string_view key, Kind kind,
+                                      const std::optional<std::string>& till) {
     return m_store->write([&](session& sql) -> Withdrawal {
         auto known = byKey(sql, std::string(key));
         if (!known) {
@@ -360,7 +404,8 @@ int Journal::takeSession() {
 }
 
 std::optional<Document> Journal::oldestQueued() {
-    return m_store->read([](session& sql) { return first(inState(sql, State::Queued, "ORDER BY d.id LIMIT 1")); });
+    return m_store->read(
+        [](session& sql) { return first(inState(sql, State::Queued, "ORDER BY d.id LIMIT 1")); });
 }
 
 std::vector<Document> Journal::open() {
@@ -379,13 +424,14 @@ std::vector<Document> Journal::undecided(std::string_view serial, std::size_t li
     return m_store->read([&](session& sql) {
         const std::string device(serial);
         const auto most = static_cast<long long>(limit);
-        return documentsWhere(sql,
-                              "WHERE d.state = 6 AND :serial = (SELECT a.serial FROM attempts a WHERE"
-                              " a.document = d.id ORDER BY a.id DESC LIMIT 1) ORDER BY d.id DESC LIMIT :limit",
-                              [&](soci::statement& query) {
-                                  query.exchange(use(device));
-                                  query.exchange(use(most));
-                              });
+        return documentsWhere(
+            sql,
+            "WHERE d.state = 6 AND :serial = (SELECT a.serial FROM attempts a WHERE"
+            " a.document = d.id ORDER BY a.id DESC LIMIT 1) ORDER BY d.id DESC LIMIT :limit",
+            [&](soci::statement& query) {
+                query.exchange(use(device));
+                query.exchange(use(most));
+            });
     });
 }
 
@@ -467,10 +513,12 @@ std::vector<Alarm> Journal::alarms() {
         int halts = 0;
         Alarm alarm;
         soci::statement query =
-            (sql.prepare << "SELECT id, serial, explained, shown, since, halts FROM alarms a WHERE confirmed_at IS NULL"
-                            " AND NOT EXISTS (SELECT 1 FROM documents d WHERE d.access_key = 'CFe' || a.shown)"
-                            " ORDER BY id",
-             into(id), into(alarm.serial), into(alarm.explained), into(alarm.shown), into(since), into(halts));
+            (sql.prepare
+                 << "SELECT id, serial, explained, shown, since, halts FROM alarms a WHERE confirmed_at IS NULL"
+                    " AND NOT EXISTS (SELECT 1 FROM documents d WHERE d.access_key = 'CFe' || a.shown)"
+                    " ORDER BY id",
+             into(id), into(alarm.serial), into(alarm.explained), into(alarm.shown), into(since),
+             into(halts));
         query.execute();
         std::vector<Alarm> alarms;
         while (query.fetch()) {
@@ -543,8 +591,8 @@ std::optional<Document> Journal::rule(std::string_view key, const Ruling& ruling
         }
         writeState(sql, id, state);
         const auto attempt = lastAttemptOf(sql, id);
-        addHistory(sql, id, attempt ? std::optional<long long>(attempt->id) : std::nullopt, state, text, ruling.person,
-                   ruling.reason);
+        addHistory(sql, id, attempt ? std::optional<long long>(attempt->id) : std::nullopt, state, text,
+                   ruling.person, ruling.reason);
         return byId(sql, id);
     });
 }
@@ -557,11 +605,11 @@ void Journal::confirm(std::int64_t alarm, std::string_view person, std::string_v
         const std::string why(reason);
         rules::DeviceRecord record;
         int halts = 0;
-        sql << "SELECT serial, shown, halts FROM alarms WHERE id = :id AND confirmed_at IS NULL", into(record.serial),
-            into(record.lastDocument), into(halts), use(id);
+        sql << "SELECT serial, shown, halts FROM alarms WHERE id = :id AND confirmed_at IS NULL",
+            into(record.serial), into(record.lastDocument), into(halts), use(id);
         if (!sql.got_data()) return;
-        sql << "UPDATE alarms SET confirmed_at = :at, person = :person, reason = :reason WHERE id = :id", use(at),
-            use(who), use(why), use(id);
+        sql << "UPDATE alarms SET confirmed_at = :at, person = :person, reason = :reason WHERE id = :id",
+            use(at), use(who), use(why), use(id);
         if (halts != 0) writeRecord(sql, record);
     });
 }

@@ -70,7 +70,7 @@ struct Ruling {
 struct HistoryEntry {
     Time at;
     std::optional<std::int64_t> attempt;
-    State state;       ///< of the document from then on
+    State state;         ///< of the document from then on
     std::string text;    ///< evidence, or what was decided
     std::string person;  ///< who decided; empty for evidence
     std::string reason;
@@ -105,6 +105,8 @@ class Journal {
     std::optional<Document> find(std::string_view key);
     std::optional<Document> find(std::int64_t id);
     std::vector<Document> list(const Filter& filter);
+    /// How many documents the filter selects, whatever its `limit`.
+    std::size_t count(const Filter& filter);
     /// What the till sent, byte for byte; empty for a document withdrawn before it arrived.
     std::string body(std::int64_t id);
     /// The signed document, byte for byte as the device sent it; none if it is not there.

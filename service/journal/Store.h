@@ -11,8 +11,8 @@
 
 namespace fiscorad {
 
-/// The connections to the journal's database: one that writes, under a lock, and a few that read. Everything that
-/// depends on the kind of database stands here and in schema.cpp.
+/// The connections to the journal's database: one that writes, under a lock, and a few that read. Everything
+/// that depends on the kind of database stands here and in schema.cpp.
 class Store {
   public:
     /// Opens the SQLite file `path`; see Journal's constructor.
@@ -51,8 +51,8 @@ class Store {
     void execute(const std::string& statement);
 
   private:
-    /// Takes the right to write at its beginning, not at the first change: two that read first could block each
-    /// other for ever.
+    /// Takes the right to write at its beginning, not at the first change: two that read first could block
+    /// each other for ever.
     class Transaction {
       public:
         explicit Transaction(soci::session& sql);

@@ -49,7 +49,8 @@ std::string unpack(std::string_view packed, std::size_t size, std::string_view d
     int result = inflate(&stream, Z_FINISH);
     if (result == Z_NEED_DICT) {
         const std::string_view end = endOf(dictionary);
-        if (inflateSetDictionary(&stream, bytes(end), length(end)) == Z_OK) result = inflate(&stream, Z_FINISH);
+        if (inflateSetDictionary(&stream, bytes(end), length(end)) == Z_OK)
+            result = inflate(&stream, Z_FINISH);
     }
     const bool whole = result == Z_STREAM_END && stream.total_out == size;
     inflateEnd(&stream);

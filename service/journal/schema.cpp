@@ -23,7 +23,8 @@ constexpr std::array TABLES = {
     " not_booked INTEGER NOT NULL, has_document INTEGER NOT NULL, received_at BIGINT NOT NULL, concluded_at BIGINT)",
     "CREATE INDEX documents_unsettled ON documents (state, id) WHERE state IN (0, 1, 2, 6)",
     "CREATE INDEX documents_received ON documents (received_at)",
-    // What was sent and what came back, apart from the rest so that lists stay quick. Packed; the sizes are those of the
+    // What was sent and what came back, apart from the rest so that lists stay quick. Packed; the sizes are
+    // those of the
     // texts.
     "CREATE TABLE texts (document INTEGER PRIMARY KEY REFERENCES documents (id), request BLOB NOT NULL,"
     " request_size INTEGER NOT NULL, signed BLOB, signed_size INTEGER)",
@@ -44,7 +45,8 @@ constexpr std::array TABLES = {
     "CREATE TABLE sessions (next INTEGER NOT NULL)",
 };
 
-/// A newer journal's version is refused; an older one's would be brought up to date here, one step after the other.
+/// A newer journal's version is refused; an older one's would be brought up to date here, one step after the
+/// other.
 void create(soci::session& sql) {
     sql << "BEGIN IMMEDIATE";
     for (const char* table : TABLES) sql << table;
@@ -115,7 +117,8 @@ void prepareSchema(soci::session& sql, const std::string& path) {
         soci::into(broken);
     int sessions = 0;
     sql << "SELECT COUNT(*) FROM sessions", soci::into(sessions);
-    if (broken > 0 || sessions != 1) throw JournalError(path + ": damaged: open documents without their attempts");
+    if (broken > 0 || sessions != 1)
+        throw JournalError(path + ": damaged: open documents without their attempts");
 }
 
 }  // namespace fiscorad
