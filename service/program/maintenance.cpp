@@ -1,0 +1,172 @@
+// The commands check, backup, restore and export.
+#include <unistd.h>
+
+#include <cstdlib>
+#include <filesystem>
+#include <fstream>
+#include <iostream>
+#include <iterator>
+
+#include "Interruption.h"
+#include "OutputFile.h"
+#include "dispatcher/ActivationCode.h"
+#include "i18n.h"
+#include "journal/backup.h"
+#include "journal/check.h"
+#include "program/commands.h"
+#include "rules/AccessKey.h"
+#include "terminal_text.h"
+#include "time_text.h"
+
+namespace fiscorad {
+namespace {
+
+namespace fs = std::filesystem;
+using tool::tr;
+
+/// Documents read from the journal at once.
+constexpr std::size_t PAGE = 500;
+
+/// The code, if this user may read it: what it is compared with is checked only then.
+std::string codeOrNone(const std::string& path) {
+    try {
+        return ActivationCode(path).text();
+    } catch (const ActivationCodeError&) {
+        return "";
+    }
+}
+
+bool holds(const fs::path& path, const std::string& content) {
+    std::error_code error;
+    if (fs::file_size(path, error) != content.size() || error) return false;
+    std::ifstream file(path, std::ios::binary);
+    return std::string(std::istreambuf_iterator<char>(file), {}) == content;
+}
+
+/// How far a command is, on a terminal; nothing elsewhere.
+class Bar {
+  public:
+    explicit Bar(std::size_t total) : m_total(total), m_shown(isatty(STDERR_FILENO) != 0) {}
+    Bar(const Bar&) = delete;
+    Bar& operator=(const Bar&) = delete;
+    ~Bar() {
+        if (m_shown) std::cerr << "\r\033[K" << std::flush;
+    }
+
+    void advance() {
+        constexpr std::size_t WIDTH = 40;
+        ++m_done;
+        const std::size_t filled = m_total == 0 ? WIDTH : std::min(m_done, m_total) * WIDTH / m_total;
+        if (!m_shown || (filled == m_filled && m_done != m_total)) return;
+        m_filled = filled;
+        std::cerr << "\r[" << std::string(filled, '#') << std::string(WIDTH - filled, ' ') << "] " << m_done << "/"
+                  << m_total << std::flush;
+    }
+
+  private:
+    std::size_t m_total;
+    bool m_shown;
+    std::size_t m_done = 0;
+    std::size_t m_filled = 0;
+};
+
+}  // namespace
+
+CheckCommand::CheckCommand(CLI::App& application, const Settings& settings)
+    : Command(application, settings, "check", tr("Read the whole journal and verify it"), "fiscorad check") {}
+
+int CheckCommand::run(const std::vector<std::string>& operands) {
+    tool::refuseExtras(operands);
+    if (!fs::exists(settings().journal)) openJournal();
+    const auto problems = problemsIn(settings().journal, codeOrNone(settings().activationCodeFile));
+    for (const std::string& problem : problems) std::cout << tool::withoutControls(problem) << "\n";
+    if (!problems.empty()) return EXIT_FAILURE;
+    Journal journal = openJournal();
+    const std::size_t documents = journal.count({});
+    std::cout << tool::filled(tr("%zu document: nothing wrong", "%zu documents: nothing wrong", documents), documents)
+              << "\n";
+    return EXIT_SUCCESS;
+}
+
+BackupCommand::BackupCommand(CLI::App& application, const Settings& settings)
+    : Command(application, settings, "backup", tr("Write a consistent copy of the journal"), "fiscorad backup FILE") {
+    m_options->add_option("file", m_file, tr("The copy; it must not exist"))->required()->option_text("FILE");
+}
+
+int BackupCommand::run(const std::vector<std::string>& operands) {
+    tool::refuseExtras(operands);
+    backUp(settings().journal, m_file);
+    std::cout << tool::filled(tr("Written: %s"), m_file.c_str()) << "\n";
+    return EXIT_SUCCESS;
+}
+
+RestoreCommand::RestoreCommand(CLI::App& application, const Settings& settings)
+    : Command(application, settings, "restore", tr("Put a copy in place of the journal, while the service is stopped"),
+              "fiscorad restore FILE") {
+    m_options->add_option("file", m_file, tr("A copy that fiscorad backup has written"))->required()->option_text("FILE");
+    m_options->footer(
+        tr("Documents that came after the copy are not protected against being sent twice. If the device has "
+           "issued some, nothing is sent until someone runs fiscorad confirm."));
+}
+
+int RestoreCommand::run(const std::vector<std::string>& operands) {
+    tool::refuseExtras(operands);
+    if (!goesOn(tool::filled(tr("Replace %s by %s?"), settings().journal.c_str(), m_file.c_str()))) return EXIT_FAILURE;
+    const std::string kept = restore(m_file, settings().journal);
+    std::cout << tool::filled(tr("Restored: %s"), settings().journal.c_str()) << "\n";
+    if (!kept.empty()) std::cout << tool::filled(tr("The journal of before: %s"), kept.c_str()) << "\n";
+    return EXIT_SUCCESS;
+}
+
+ExportCommand::ExportCommand(CLI::App& application, const Settings& settings)
+    : Command(application, settings, "export", tr("Write each signed document to a file of its own"),
+              "fiscorad export --dir DIR [--since DAY]") {
+    m_options->add_option("--dir", m_folder, tr("Folder for the documents, in folders by year and month"))
+        ->required()
+        ->type_name("DIR");
+    m_options->add_option("--since", m_since, tr("Only those received on this day or later"))->type_name(tr("DAY"));
+    m_options->footer(tr("Files that are there already stay, so it can be interrupted and run again."));
+}
+
+int ExportCommand::run(const std::vector<std::string>& operands) {
+    tool::refuseExtras(operands);
+    Filter filter;
+    filter.state = State::Booked;
+    filter.limit = PAGE;
+    if (!m_since.empty()) {
+        const auto since = parseTime(m_since);
+        if (!since) throw CLI::ValidationError(tool::filled(tr("%s is no day, such as 2026-11-23"), m_since.c_str()));
+        filter.since = since->begin;
+    }
+    Journal journal = openJournal();
+    std::size_t written = 0;
+    std::size_t failed = 0;
+    {
+        Bar bar(journal.count(filter));
+        for (auto page = journal.list(filter); !page.empty(); page = journal.list(filter)) {
+            for (const Document& document : page) {
+                bar.advance();
+                if (!document.hasDocument) continue;  // booked by a person's decision
+                const auto key = AccessKey::parse(document.accessKey).value();
+                const fs::path path = fs::path(m_folder) / key.year() / key.month() / (key.text() + ".xml");
+                const std::string content = journal.signedDocument(document.id).value();
+                if (holds(path, content)) continue;
+                fs::create_directories(path.parent_path());
+                tool::Interruption interruption;
+                tool::OutputFile file(path.string(), interruption);
+                const std::string problem = file.save(content);
+                if (problem.empty())
+                    ++written;
+                else {
+                    ++failed;
+                    std::cerr << "fiscorad export: " << path.string() << ": " << problem << "\n";
+                }
+            }
+            filter.before = page.back().id;
+        }
+    }
+    std::cout << tool::filled(tr("%zu document written", "%zu documents written", written), written) << "\n";
+    return failed == 0 ? EXIT_SUCCESS : EXIT_FAILURE;
+}
+
+}  // namespace fiscorad
