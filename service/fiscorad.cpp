@@ -52,8 +52,8 @@ void makeAbsolute(Settings& settings) {
 
 int run(int argc, char** argv) {
     const std::string usage = tr("fiscorad [OPTIONS] [SUBCOMMAND ...]");
-    CLI::App application(tr("Lets any number of tills share a fiscal device, and books each sale exactly once."),
-                         "fiscorad");
+    CLI::App application(
+        tr("Lets any number of tills share a fiscal device, and books each sale exactly once."), "fiscorad");
     application.formatter(std::make_shared<tool::HelpFormatter>(usage));
     application.set_help_flag("-h,--help", tr("Show this help"));
     application.set_version_flag("--version", "fiscorad " FISCORA_VERSION, tr("Show the version"));
@@ -67,7 +67,8 @@ int run(int argc, char** argv) {
     commands.push_back(std::make_unique<fiscorad::ExportCommand>(application, settings));
     commands.push_back(std::make_unique<fiscorad::DecideCommand>(application, settings));
     commands.push_back(std::make_unique<fiscorad::ConfirmCommand>(application, settings));
-    for (CLI::App* options : application.get_subcommands({})) options->group(tr("Subcommands"))->fallthrough();
+    for (CLI::App* options : application.get_subcommands({}))
+        options->group(tr("Subcommands"))->fallthrough();
     const auto chosen = [&]() -> fiscorad::Command* {
         for (const auto& command : commands)
             if (command->options().parsed()) return command.get();
@@ -82,10 +83,13 @@ int run(int argc, char** argv) {
         return application.exit(help);
     } catch (const CLI::ParseError& error) {
         const fiscorad::Command* const command = chosen();
-        const std::string name = command == nullptr ? "fiscorad" : "fiscorad " + command->options().get_name();
+        const std::string name =
+            command == nullptr ? "fiscorad" : "fiscorad " + command->options().get_name();
         const CLI::App& options = command == nullptr ? application : command->options();
-        std::cerr << name << ": " << tool::withoutControls(tool::reasonOf(error, application, options)) << " ("
-                  << tool::filled(tr("usage: %s"), (command == nullptr ? usage : command->usage()).c_str()) << ")\n";
+        std::cerr << name << ": " << tool::withoutControls(tool::reasonOf(error, application, options))
+                  << " ("
+                  << tool::filled(tr("usage: %s"), (command == nullptr ? usage : command->usage()).c_str())
+                  << ")\n";
         return USAGE_STATUS;
     }
 }

@@ -5,6 +5,7 @@
 #include "http/Query.h"
 #include "http/problem.h"
 #include "http/text.h"
+#include "time_text.h"
 
 namespace fiscorad::http {
 namespace {

@@ -7,6 +7,7 @@
 #include "fiscal/operations.h"
 #include "http/text.h"
 #include "terminal_text.h"
+#include "time_text.h"
 
 namespace fiscorad::http {
 namespace {

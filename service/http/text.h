@@ -6,8 +6,6 @@
 #include <utility>
 #include <vector>
 
-#include "rules/document.h"
-
 namespace fiscorad::http {
 
 /// `text` with each escape "%XX" as its byte; none if an escape is not two hexadecimal digits.
@@ -17,17 +15,5 @@ using NamedValues = std::vector<std::pair<std::string, std::string>>;
 /// The names and values of a query or of a form (application/x-www-form-urlencoded); none if it is
 /// malformed.
 std::optional<NamedValues> formValues(std::string_view text);
-
-/// RFC 3339 in local time with its offset: "2026-11-23T16:51:43-03:00".
-std::string timeText(Time time);
-
-/// A moment or a day, in which case it ends 24 hours later or so.
-struct Span {
-    Time begin;
-    Time end;  ///< just after it; of a moment, `begin`
-};
-/// Of "2026-11-23" in local time, or of a time by RFC 3339; none if it is neither. A blank is taken for a
-/// "+", since forms and queries write one for the other.
-std::optional<Span> parseTime(std::string_view text);
 
 }  // namespace fiscorad::http

@@ -38,8 +38,9 @@ std::string describe(const DeviceState& device) {
         case Condition::CodeRefused:
             return tool::tr("the device refuses the activation code: nothing is sent until its file changes");
         case Condition::Divergent:
-            return tool::tr("the device shows a document that the journal does not explain: nothing is sent until "
-                            "someone runs fiscorad confirm");
+            return tool::tr(
+                "the device shows a document that the journal does not explain: nothing is sent until "
+                "someone runs fiscorad confirm");
         case Condition::Unknown:
         case Condition::Busy: break;
     }

@@ -9,8 +9,8 @@
 
 namespace fiscorad {
 
-/// The running service's log: one line per event on standard error, with its time unless the system's journal adds
-/// one. It holds neither activation codes nor documents. Safe for threads.
+/// The running service's log: one line per event on standard error, with its time unless the system's journal
+/// adds one. It holds neither activation codes nor documents. Safe for threads.
 class Log {
   public:
     Log();

@@ -15,7 +15,9 @@ using tool::filled;
 using tool::tr;
 
 /// An access key, or that there is none.
-std::string shownKey(const std::string& digits) { return digits.empty() ? tr("no document") : "CFe" + digits; }
+std::string shownKey(const std::string& digits) {
+    return digits.empty() ? tr("no document") : "CFe" + digits;
+}
 
 void showEvidence(Journal& journal, const Document& document) {
     std::cout << nameOf(document.kind) << " " << document.key << ": " << nameOf(document.state) << "\n";
@@ -25,9 +27,11 @@ void showEvidence(Journal& journal, const Document& document) {
                             shownKey(attempt.lastDocument).c_str())
                   << "\n";
     for (const HistoryEntry& entry : journal.history(document.id)) {
-        std::cout << timeText(entry.at) << "  " << nameOf(entry.state) << "  " << tool::withoutControls(entry.text);
+        std::cout << timeText(entry.at) << "  " << nameOf(entry.state) << "  "
+                  << tool::withoutControls(entry.text);
         if (!entry.person.empty())
-            std::cout << " (" << tool::withoutControls(entry.person) << ": " << tool::withoutControls(entry.reason) << ")";
+            std::cout << " (" << tool::withoutControls(entry.person) << ": "
+                      << tool::withoutControls(entry.reason) << ")";
         std::cout << "\n";
     }
     if (const auto attempt = journal.lastAttempt(document.id)) {
@@ -43,13 +47,18 @@ void showEvidence(Journal& journal, const Document& document) {
 DecideCommand::DecideCommand(CLI::App& application, const Settings& settings)
     : Command(application, settings, "decide", tr("Decide about a document whose outcome cannot be proved"),
               "fiscorad decide KEY --booked CFe...|--send-again|--abandon --reason TEXT") {
-    m_options->add_option("key", m_key, tr("The till's key of the document"))->required()->option_text(tr("KEY"));
+    m_options->add_option("key", m_key, tr("The till's key of the document"))
+        ->required()
+        ->option_text(tr("KEY"));
     auto* const decision = m_options->add_option_group(tr("Decision"));
-    decision->add_option("--booked", m_accessKey, tr("The device has booked it, under this access key"))->type_name("CFe...");
+    decision->add_option("--booked", m_accessKey, tr("The device has booked it, under this access key"))
+        ->type_name("CFe...");
     decision->add_flag("--send-again", m_sendAgain, tr("The device has not booked it: send it again"));
     decision->add_flag("--abandon", m_abandon, tr("It will not be resolved"));
     decision->require_option(1);
-    m_options->add_option("--reason", m_reason, tr("Why; kept in the journal with your name"))->required()->type_name(tr("TEXT"));
+    m_options->add_option("--reason", m_reason, tr("Why; kept in the journal with your name"))
+        ->required()
+        ->type_name(tr("TEXT"));
 }
 
 int DecideCommand::run(const std::vector<std::string>& operands) {
@@ -113,8 +122,9 @@ int ConfirmCommand::run(const std::vector<std::string>& operands) {
         return EXIT_SUCCESS;
     }
     for (const Alarm& alarm : alarms)
-        std::cout << filled(tr("%s: device %s shows %s; the journal explains %s"), timeText(alarm.since).c_str(),
-                            alarm.serial.c_str(), shownKey(alarm.shown).c_str(), shownKey(alarm.explained).c_str())
+        std::cout << filled(tr("%s: device %s shows %s; the journal explains %s"),
+                            timeText(alarm.since).c_str(), alarm.serial.c_str(),
+                            shownKey(alarm.shown).c_str(), shownKey(alarm.explained).c_str())
                   << "\n";
     if (!goesOn(tr("Go on selling on this device?"))) return EXIT_FAILURE;
     for (const Alarm& alarm : alarms) journal.confirm(alarm.id, person(), m_reason);

@@ -59,8 +59,8 @@ class Bar {
         const std::size_t filled = m_total == 0 ? WIDTH : std::min(m_done, m_total) * WIDTH / m_total;
         if (!m_shown || (filled == m_filled && m_done != m_total)) return;
         m_filled = filled;
-        std::cerr << "\r[" << std::string(filled, '#') << std::string(WIDTH - filled, ' ') << "] " << m_done << "/"
-                  << m_total << std::flush;
+        std::cerr << "\r[" << std::string(filled, '#') << std::string(WIDTH - filled, ' ') << "] " << m_done
+                  << "/" << m_total << std::flush;
     }
 
   private:
@@ -83,13 +83,15 @@ int CheckCommand::run(const std::vector<std::string>& operands) {
     if (!problems.empty()) return EXIT_FAILURE;
     Journal journal = openJournal();
     const std::size_t documents = journal.count({});
-    std::cout << tool::filled(tr("%zu document: nothing wrong", "%zu documents: nothing wrong", documents), documents)
+    std::cout << tool::filled(tr("%zu document: nothing wrong", "%zu documents: nothing wrong", documents),
+                              documents)
               << "\n";
     return EXIT_SUCCESS;
 }
 
 BackupCommand::BackupCommand(CLI::App& application, const Settings& settings)
-    : Command(application, settings, "backup", tr("Write a consistent copy of the journal"), "fiscorad backup FILE") {
+    : Command(application, settings, "backup", tr("Write a consistent copy of the journal"),
+              "fiscorad backup FILE") {
     m_options->add_option("file", m_file, tr("The copy; it must not exist"))->required()->option_text("FILE");
 }
 
@@ -101,9 +103,12 @@ int BackupCommand::run(const std::vector<std::string>& operands) {
 }
 
 RestoreCommand::RestoreCommand(CLI::App& application, const Settings& settings)
-    : Command(application, settings, "restore", tr("Put a copy in place of the journal, while the service is stopped"),
+    : Command(application, settings, "restore",
+              tr("Put a copy in place of the journal, while the service is stopped"),
               "fiscorad restore FILE") {
-    m_options->add_option("file", m_file, tr("A copy that fiscorad backup has written"))->required()->option_text("FILE");
+    m_options->add_option("file", m_file, tr("A copy that fiscorad backup has written"))
+        ->required()
+        ->option_text("FILE");
     m_options->footer(
         tr("Documents that came after the copy are not protected against being sent twice. If the device has "
            "issued some, nothing is sent until someone runs fiscorad confirm."));
@@ -111,7 +116,8 @@ RestoreCommand::RestoreCommand(CLI::App& application, const Settings& settings)
 
 int RestoreCommand::run(const std::vector<std::string>& operands) {
     tool::refuseExtras(operands);
-    if (!goesOn(tool::filled(tr("Replace %s by %s?"), settings().journal.c_str(), m_file.c_str()))) return EXIT_FAILURE;
+    if (!goesOn(tool::filled(tr("Replace %s by %s?"), settings().journal.c_str(), m_file.c_str())))
+        return EXIT_FAILURE;
     const std::string kept = restore(m_file, settings().journal);
     std::cout << tool::filled(tr("Restored: %s"), settings().journal.c_str()) << "\n";
     if (!kept.empty()) std::cout << tool::filled(tr("The journal of before: %s"), kept.c_str()) << "\n";
@@ -124,7 +130,8 @@ ExportCommand::ExportCommand(CLI::App& application, const Settings& settings)
     m_options->add_option("--dir", m_folder, tr("Folder for the documents, in folders by year and month"))
         ->required()
         ->type_name("DIR");
-    m_options->add_option("--since", m_since, tr("Only those received on this day or later"))->type_name(tr("DAY"));
+    m_options->add_option("--since", m_since, tr("Only those received on this day or later"))
+        ->type_name(tr("DAY"));
     m_options->footer(tr("Files that are there already stay, so it can be interrupted and run again."));
 }
 
@@ -135,7 +142,8 @@ int ExportCommand::run(const std::vector<std::string>& operands) {
     filter.limit = PAGE;
     if (!m_since.empty()) {
         const auto since = parseTime(m_since);
-        if (!since) throw CLI::ValidationError(tool::filled(tr("%s is no day, such as 2026-11-23"), m_since.c_str()));
+        if (!since)
+            throw CLI::ValidationError(tool::filled(tr("%s is no day, such as 2026-11-23"), m_since.c_str()));
         filter.since = since->begin;
     }
     Journal journal = openJournal();

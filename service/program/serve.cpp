@@ -90,9 +90,11 @@ Endpoint endpointOf(const std::string& listen) {
     std::string address = listen.substr(0, colon);
     if (address.size() > 1 && address.front() == '[' && address.back() == ']')
         address = address.substr(1, address.size() - 2);
-    const bool digits = !port.empty() && port.size() <= 5 && port.find_first_not_of("0123456789") == std::string::npos;
+    const bool digits =
+        !port.empty() && port.size() <= 5 && port.find_first_not_of("0123456789") == std::string::npos;
     if (address.empty() || !digits || std::stoi(port) > 65535)
-        throw std::runtime_error(listen + ": " + tool::tr("not an address and a port, such as 127.0.0.1:8059"));
+        throw std::runtime_error(listen + ": " +
+                                 tool::tr("not an address and a port, such as 127.0.0.1:8059"));
     return {address, static_cast<std::uint16_t>(std::stoi(port))};
 }
 
