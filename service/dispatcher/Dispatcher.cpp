@@ -1,10 +1,11 @@
 #include "dispatcher/Dispatcher.h"
 
 #include <algorithm>
-#include <stdexcept>
+#include <exception>
 
 #include "fiscal/operations.h"
 #include "fiscora.h"
+#include "rules/AccessKey.h"
 
 namespace fiscorad {
 
@@ -69,7 +70,7 @@ void Dispatcher::run() {
         try {
             pause = step();
             lastFailure.clear();
-        } catch (const JournalError& failure) {
+        } catch (const std::exception& failure) {  // the journal, or memory
             // What a call has led to and is not on disk is asked for again.
             if (failure.what() != lastFailure) m_settings.warn(failure.what());
             lastFailure = failure.what();
@@ -116,7 +117,10 @@ DeviceState Dispatcher::device() const {
 
 milliseconds Dispatcher::step() {
     publishForeignChanges();
-    if (m_code.changed()) m_codeRefused = false;
+    if (m_code.changed()) {
+        m_codeRefused = false;
+        m_settings.codeChanged();
+    }
     if (m_codeRefused) {
         become(Condition::CodeRefused);
         failOperations(OperationResult::Result::CodeRefused);
@@ -467,6 +471,8 @@ bool Dispatcher::settleByProof(const rules::Trial& trial, State from, const Proo
                 m_journal.device(trial.attempt.serial)
                     .value_or(rules::DeviceRecord{trial.attempt.serial, trial.attempt.lastDocument, ""});
             outcome.device = rules::afterBooking(before, trial.kind, proof.booking.accessKey);
+            const std::lock_guard lock(m_mutex);
+            m_state.lastDocument = AccessKey::parse(proof.booking.accessKey).value().digits();
             break;
         }
         case Proof::Kind::Refused:
@@ -546,7 +552,7 @@ OperationResult Dispatcher::perform(const OperationRequest& request) {
     if (changesCode) {
         try {
             m_code.prepare(request.arguments.at("novoCodigo"));
-        } catch (const std::runtime_error& failure) {
+        } catch (const ActivationCodeError& failure) {
             m_settings.warn(failure.what());
             return {OperationResult::Result::CodeNotKept, 0, 0, ""};
         }
@@ -558,8 +564,16 @@ OperationResult Dispatcher::perform(const OperationRequest& request) {
         answered();
     else
         unanswered();
-    if (changesCode && own && operation.succeededWith(rules::Fields(reply.body).code())) m_code.commit();
-    return {OperationResult::Result::Done, reply.status, session, reply.body};
+    const OperationResult result{OperationResult::Result::Done, reply.status, session, reply.body};
+    if (!changesCode || !own || !operation.succeededWith(rules::Fields(reply.body).code())) return result;
+    try {
+        m_code.commit();
+        m_settings.codeChanged();
+        return result;
+    } catch (const ActivationCodeError& failure) {
+        m_settings.warn(failure.what());
+        return {OperationResult::Result::CodeNotKept, 0, 0, ""};
+    }
 }
 
 void Dispatcher::failOperations(OperationResult::Result result) {

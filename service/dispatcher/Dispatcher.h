@@ -34,6 +34,7 @@ class Dispatcher {
         std::string node;  ///< of this host
         std::function<Clock::time_point()> now = [] { return Clock::now(); };
         std::function<void(const std::string&)> warn = [](const std::string&) {};  ///< one line for the log
+        std::function<void()> codeChanged = [] {};  ///< another activation code is in use now
     };
 
     /// All of them outlive the dispatcher.

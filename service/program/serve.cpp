@@ -131,6 +131,8 @@ int serve(const Settings& settings) {
     Dispatcher::Settings dispatching;
     dispatching.node = nodeName();
     dispatching.warn = [&](const std::string& text) { log.warn(text); };
+    http::Server* tills = nullptr;
+    dispatching.codeChanged = [&] { tills->setMaxDocumentBytes(maxDocumentBytes(code)); };
     Dispatcher dispatcher(journal, equipment, code, changes, dispatching);
     Service service(journal, dispatcher, changes, settings.queueLimit);
     const auto following = log.follow(service);
@@ -140,6 +142,7 @@ int serve(const Settings& settings) {
     serving.maxDocumentBytes = maxDocumentBytes(code);
     serving.warn = dispatching.warn;
     http::Server server(service, serving);
+    tills = &server;
     log.info(tool::filled(tool::tr("listening on %s port %d, journal %s"), endpoint.address.c_str(),
                           static_cast<int>(server.port()), settings.journal.c_str()));
 
