@@ -284,7 +284,8 @@ void recordRuling(session& sql, const Document& document, const AccessKey& key) 
 
 }  // namespace
 
-Journal::Journal(const std::string& path) : m_store(std::make_unique<Store>(path)) {}
+Journal::Journal(const std::string& path, IfMissing ifMissing)
+    : m_store(std::make_unique<Store>(path, ifMissing)) {}
 
 Journal::~Journal() = default;
 

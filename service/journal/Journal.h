@@ -92,10 +92,12 @@ struct Alarm {
 /// several processes at once (the maintenance commands work while the service runs).
 class Journal {
   public:
-    /// Opens the SQLite file `path`, which is made if it does not exist, readable by its user alone; brings
-    /// an older schema up to date. Throws JournalError if it cannot be opened, is damaged or is from a newer
-    /// version.
-    explicit Journal(const std::string& path);
+    /// Whether a journal that is not there, or an empty file, becomes a new one or is refused.
+    enum class IfMissing { Create, Refuse };
+
+    /// Opens the SQLite file `path`, which becomes readable by its user alone; brings an older schema up to
+    /// date. Throws JournalError if it cannot be opened, is damaged or is from a newer version.
+    explicit Journal(const std::string& path, IfMissing ifMissing = IfMissing::Create);
     ~Journal();
 
     // ---- for the tills ----

@@ -11,11 +11,11 @@ constexpr std::size_t READERS = 4;
 
 }  // namespace
 
-Store::Store(const std::string& path) : m_readers(READERS) {
-    makePrivate(path);
+Store::Store(const std::string& path, Journal::IfMissing ifMissing) : m_readers(READERS) {
+    makePrivate(path, ifMissing);
     try {
         connect(m_writer, path);
-        prepareSchema(m_writer, path);
+        prepareSchema(m_writer, path, ifMissing);
         for (std::size_t i = 0; i < READERS; ++i) connect(m_readers.at(i), path);
     } catch (const soci::soci_error& error) {
         throw JournalError(path + ": " + oneLine(error.what()));

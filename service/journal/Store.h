@@ -16,7 +16,7 @@ namespace fiscorad {
 class Store {
   public:
     /// Opens the SQLite file `path`; see Journal's constructor.
-    explicit Store(const std::string& path);
+    Store(const std::string& path, Journal::IfMissing ifMissing);
 
     /// Runs `work` with a connection that only reads. What the database throws becomes JournalError.
     template <typename Work>

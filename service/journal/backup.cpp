@@ -64,17 +64,16 @@ class Draft {
 
 void backUp(const std::string& path, const std::string& to) {
     if (fs::exists(fs::symlink_status(to))) fail(to, EEXIST);
-    if (!fs::exists(path)) fail(path, ENOENT);
+
     Draft draft(to + ".part");
-    Journal(path).copyTo(draft.path());
+    Journal(path, Journal::IfMissing::Refuse).copyTo(draft.path());
     draft.keepAs(to);
 }
 
 std::string restore(const std::string& from, const std::string& path) {
-    if (!fs::exists(from)) fail(from, ENOENT);
     const OwnerLock owner(path);
     Draft draft(path + ".part");
-    Journal(from).copyTo(draft.path());
+    Journal(from, Journal::IfMissing::Refuse).copyTo(draft.path());
     if (const auto problems = problemsIn(draft.path(), ""); !problems.empty())
         throw JournalError(from + ": " + problems.front());
     Journal(draft.path()).jumpSessions();

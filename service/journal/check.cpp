@@ -119,7 +119,8 @@ Problems brokenOrder(session& sql, const std::vector<AttemptRow>& attempts) {
                 problems.push_back("session numbers are used once: " + std::to_string(attempt.session) +
                                    ": " + before->key + ", " + attempt.key);
             long long begun = 0;
-            sql << "SELECT MIN(id) FROM history WHERE attempt = :attempt", into(begun), soci::use(attempt.id);
+            sql << "SELECT COALESCE(MIN(id), 0) FROM history WHERE attempt = :attempt", into(begun),
+                soci::use(attempt.id);
             if (!hadEnded(sql, *before, begun))
                 problems.push_back("only questions while an attempt is open: " + attempt.key +
                                    " was sent while " + before->key + " was open");
@@ -190,7 +191,7 @@ Problems leakedCode(session& sql, const std::string& code) {
 }  // namespace
 
 std::vector<std::string> problemsIn(const std::string& path, const std::string& code) {
-    Journal journal(path);
+    Journal journal(path, Journal::IfMissing::Refuse);
     try {
         session sql;
         connect(sql, path);

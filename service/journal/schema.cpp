@@ -6,10 +6,10 @@
 
 #include <array>
 #include <cerrno>
-#include <cstring>
 #include <random>
 
 #include "Descriptor.h"
+#include "i18n.h"
 #include "journal/Journal.h"
 
 namespace fiscorad {
@@ -57,31 +57,18 @@ void create(soci::session& sql) {
     sql << "COMMIT";
 }
 
-/// Whether the file is shorter than its header says, as after a copy that was cut off.
-bool isCutOff(const std::string& path) {
-    const tool::Descriptor file(open(path.c_str(), O_RDONLY | O_CLOEXEC));
-    std::array<unsigned char, 32> header{};
-    struct stat present {};
-    if (pread(file.get(), header.data(), header.size(), 0) != static_cast<ssize_t>(header.size()) ||
-        fstat(file.get(), &present) != 0)
-        return false;
-    // SQLite's file format: page size at 16 (1 stands for 65536), number of pages at 28, both big-endian.
-    const unsigned pageSize = header[16] * 256U + header[17] == 1 ? 65536U : header[16] * 256U + header[17];
-    const unsigned long pages = ((header[28] * 256UL + header[29]) * 256UL + header[30]) * 256UL + header[31];
-    return static_cast<unsigned long>(present.st_size) < pages * pageSize;
-}
-
 }  // namespace
 
-void makePrivate(const std::string& path) {
-    const tool::Descriptor file(open(path.c_str(), O_RDWR | O_CREAT | O_CLOEXEC, S_IRUSR | S_IWUSR));
+void makePrivate(const std::string& path, Journal::IfMissing ifMissing) {
+    const int create = ifMissing == Journal::IfMissing::Create ? O_CREAT : 0;
+    const tool::Descriptor file(open(path.c_str(), O_RDWR | create | O_CLOEXEC, S_IRUSR | S_IWUSR));
     struct stat present {};
     if (file.get() < 0 || fstat(file.get(), &present) != 0)
-        throw JournalError(path + ": " + std::strerror(errno));
+        throw JournalError(path + ": " + tool::systemError(errno));
     if (!S_ISREG(present.st_mode)) throw JournalError(path + ": not a regular file");
     const bool isPrivate = (present.st_mode & (S_IRWXG | S_IRWXO)) == 0;
     if (!isPrivate && fchmod(file.get(), S_IRUSR | S_IWUSR) != 0)
-        throw JournalError(path + ": readable by others: " + std::strerror(errno));
+        throw JournalError(path + ": readable by others: " + tool::systemError(errno));
 }
 
 void connect(soci::session& sql, const std::string& path) {
@@ -91,15 +78,14 @@ void connect(soci::session& sql, const std::string& path) {
     sql << "PRAGMA foreign_keys = ON";
 }
 
-void prepareSchema(soci::session& sql, const std::string& path) {
-    if (isCutOff(path)) throw JournalError(path + ": damaged: the file is cut off");
+void prepareSchema(soci::session& sql, const std::string& path, Journal::IfMissing ifMissing) {
     int application = 0;
     int version = 0;
     int tables = 0;
     sql << "PRAGMA application_id", soci::into(application);
     sql << "PRAGMA user_version", soci::into(version);
     sql << "SELECT COUNT(*) FROM sqlite_master", soci::into(tables);
-    if (application == 0 && tables == 0) {
+    if (application == 0 && tables == 0 && ifMissing == Journal::IfMissing::Create) {
         std::string mode;
         sql << "PRAGMA journal_mode = WAL", soci::into(mode);
         return create(sql);

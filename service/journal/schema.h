@@ -4,6 +4,8 @@
 
 #include <string>
 
+#include "journal/Journal.h"
+
 namespace fiscorad {
 
 /// Marks the file as a journal (PRAGMA application_id): "FISC".
@@ -11,13 +13,13 @@ constexpr int APPLICATION_ID = 0x46495343;
 /// Of the schema (PRAGMA user_version).
 constexpr int SCHEMA_VERSION = 1;
 
-/// Makes sure that `path` is a file that its user alone can read, and creates it if it does not exist. Throws
+/// Makes sure that `path` is a file that its user alone can read. Throws
 /// JournalError.
-void makePrivate(const std::string& path);
+void makePrivate(const std::string& path, Journal::IfMissing ifMissing);
 /// Opens `path` with the settings that make a commit durable. Throws JournalError or soci_error.
 void connect(soci::session& sql, const std::string& path);
 /// Creates the tables in an empty database, or brings them up to date. Throws JournalError if it is no
 /// journal, is damaged, or is from a newer version.
-void prepareSchema(soci::session& sql, const std::string& path);
+void prepareSchema(soci::session& sql, const std::string& path, Journal::IfMissing ifMissing);
 
 }  // namespace fiscorad

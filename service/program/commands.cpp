@@ -4,7 +4,7 @@
 #include <unistd.h>
 
 #include <cstdlib>
-#include <filesystem>
+
 #include <iostream>
 
 #include "i18n.h"
@@ -16,11 +16,7 @@ Command::Command(CLI::App& application, const Settings& settings, const std::str
                  const std::string& description, const std::string& usage)
     : Subcommand(application, name, description, usage), m_settings(settings) {}
 
-Journal Command::openJournal() const {
-    if (!std::filesystem::exists(m_settings.journal))
-        throw JournalError(m_settings.journal + ": " + tool::systemError(ENOENT));
-    return Journal(m_settings.journal);
-}
+Journal Command::openJournal() const { return Journal(m_settings.journal, Journal::IfMissing::Refuse); }
 
 bool goesOn(const std::string& question) {
     if (isatty(STDIN_FILENO) == 0) return true;

@@ -77,7 +77,7 @@ CheckCommand::CheckCommand(CLI::App& application, const Settings& settings)
 
 int CheckCommand::run(const std::vector<std::string>& operands) {
     tool::refuseExtras(operands);
-    if (!fs::exists(settings().journal)) openJournal();
+
     const auto problems = problemsIn(settings().journal, codeOrNone(settings().activationCodeFile));
     for (const std::string& problem : problems) std::cout << tool::withoutControls(problem) << "\n";
     if (!problems.empty()) return EXIT_FAILURE;

@@ -1,0 +1,255 @@
+// The journal on disk: what goes in comes out byte for byte, and a journal that is not whole is found out.
+
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+#include <soci/soci.h>
+#include <soci/sqlite3/soci-sqlite3.h>
+#include <sys/stat.h>
+
+#include <filesystem>
+#include <fstream>
+#include <functional>
+#include <random>
+#include <set>
+#include <string>
+#include <vector>
+
+#include "journal/Journal.h"
+#include "journal/OwnerLock.h"
+#include "journal/backup.h"
+#include "journal/check.h"
+#include "platform.h"
+
+namespace {
+
+using namespace fiscorad;
+using testing::HasSubstr;
+namespace fs = std::filesystem;
+
+constexpr char PATH[] = "journal.db";
+constexpr char SERIAL[] = "900004019";
+constexpr char KEY[] = "CFe35261114200166000166599000040190000011126480";
+
+Submission sale(const std::string& key, const std::string& body = "<CFe><infCFe><a>1</a></infCFe></CFe>") {
+    return {key, Kind::Sale, {}, body, ""};
+}
+
+/// A journal with one booked document, "booked", one that a person must decide about, "undecided", and one in
+/// the queue.
+void fill(Journal& journal) {
+    for (const std::string key : {"booked", "undecided", "queued"})
+        journal.submit(sale(key, "<CFe><infCFe><a>" + key + "</a></infCFe></CFe>"), 100);
+    for (const char* key : {"booked", "undecided"}) {
+        const Document document = journal.find(key).value();
+        const Attempt attempt =
+            journal.beginAttempt({0, document.id, journal.takeSession(), SERIAL, "", "host", Time{}}).value();
+        Outcome outcome;
+        outcome.state = key == std::string("booked") ? State::Booked : State::Undecided;
+        if (outcome.state == State::Booked) {
+            outcome.booking.accessKey = KEY;
+            outcome.booking.document =
+                std::string("<CFe><infCFe Id=\"") + KEY + "\"><a>booked</a><b>2</b></infCFe></CFe>";
+            outcome.answer = std::string("000001|06000|0000|Emitido||||20261123|") + KEY + "|1.00||x";
+        }
+        ASSERT_TRUE(journal.settle(attempt, State::Sent, outcome));
+    }
+}
+
+void execute(const std::string& statement) {
+    soci::session sql(soci::sqlite3, PATH);
+    sql << statement;
+}
+
+TEST(AJournal, GivesDocumentsBackByteForByte) {
+    const WorkingDirectory folder;
+    std::string every;
+    for (int byte = 1; byte < 256; ++byte) every += static_cast<char>(byte);
+    std::mt19937 random(1);
+    std::string large(1'500'000, '\0');
+    for (char& c : large) c = static_cast<char>(random() % 255 + 1);
+    int number = 0;
+    for (const std::string& body : {std::string("<a>caf\xE9</a>"), every, large}) {
+        Journal journal(PATH);
+        const Document document = journal.submit(sale("key" + std::to_string(++number), body), 100).document;
+        EXPECT_EQ(journal.body(document.id), body);
+        const Attempt attempt =
+            journal.beginAttempt({0, document.id, number, SERIAL, "", "host", Time{}}).value();
+        Outcome outcome;
+        outcome.state = State::Booked;
+        outcome.answer = "000001|06000|Emitido com sucesso \xE7\xE3o||";
+        outcome.booking = {"CFe" + std::to_string(number), body + body, ""};
+        ASSERT_TRUE(journal.settle(attempt, State::Sent, outcome));
+        EXPECT_EQ(Journal(PATH).signedDocument(document.id), body + body);
+        EXPECT_EQ(Journal(PATH).find(document.id)->answer, outcome.answer);
+    }
+    struct stat file {};
+    ASSERT_EQ(stat(PATH, &file), 0);
+    EXPECT_EQ(file.st_mode & 0777, 0600U) << "customers' tax numbers are in it";
+}
+
+TEST(AKey, BelongsToItsFirstDocumentAndTill) {
+    const WorkingDirectory folder;
+    Journal journal(PATH);
+    const Submission first{"key", Kind::Sale, "caixa 1", "<a/>", ""};
+    EXPECT_EQ(journal.submit(first, 2).result, Receipt::Result::Accepted);
+    struct {
+        const char* fault;
+        std::function<void(Submission&)> change;
+        Receipt::Result result;
+    } const cases[] = {
+        {"the same again", [](Submission&) {}, Receipt::Result::Known},
+        {"another body", [](Submission& other) { other.body = "<b/>"; }, Receipt::Result::KeyReused},
+        {"another till", [](Submission& other) { other.till = "caixa 2"; }, Receipt::Result::KeyReused},
+        {"no till", [](Submission& other) { other.till.reset(); }, Receipt::Result::KeyReused},
+        {"a cancellation", [](Submission& other) { other.kind = Kind::Cancellation; },
+         Receipt::Result::KeyReused},
+        {"another key", [](Submission& other) { other.key = "key2"; }, Receipt::Result::Accepted},
+        {"more than the queue takes", [](Submission& other) { other.key = "key3"; },
+         Receipt::Result::QueueFull},
+        {"a known key while the queue is full", [](Submission&) {}, Receipt::Result::Known},
+    };
+    for (const auto& row : cases) {
+        SCOPED_TRACE(row.fault);
+        Submission other = first;
+        row.change(other);
+        EXPECT_EQ(journal.submit(other, 2).result, row.result);
+    }
+    EXPECT_FALSE(journal.withdraw("key", Kind::Sale, "caixa 2").withdrawn) << "by another till";
+    EXPECT_TRUE(journal.withdraw("key", Kind::Sale, "caixa 1").withdrawn);
+    EXPECT_TRUE(journal.withdraw("never came", Kind::Sale, {}).withdrawn);
+    const Receipt late = journal.submit(sale("never came"), 2);
+    EXPECT_EQ(late.result, Receipt::Result::Known);
+    EXPECT_EQ(nameOf(late.document.state), "retirada")
+        << "a delayed request of a withdrawn key must not be booked";
+}
+
+TEST(AJournal, ChangesADocumentOnlyFromTheStateThatTheChangeRestsOn) {
+    const WorkingDirectory folder;
+    Journal journal(PATH);
+    fill(journal);
+    const Document undecided = journal.find("undecided").value();
+    const Attempt attempt = journal.lastAttempt(undecided.id).value();
+    EXPECT_FALSE(journal.settle(attempt, State::Uncertain, Outcome{})) << "it is undecided";
+    EXPECT_FALSE(journal.beginAttempt({0, undecided.id, 7, SERIAL, "", "host", Time{}}))
+        << "it is not queued";
+    EXPECT_FALSE(journal.rule("booked", {})) << "there is nothing to decide";
+    EXPECT_THROW(journal.rule("undecided", {Ruling::Kind::Booked, KEY, "Ana", "x"}), std::invalid_argument)
+        << "another document has that access key";
+    EXPECT_TRUE(journal.rule("undecided", {Ruling::Kind::SendAgain, "", "Ana", "não saiu cupom"}));
+    EXPECT_EQ(journal.history(undecided.id).back().person, "Ana");
+    const Attempt again = journal.beginAttempt({0, undecided.id, 8, SERIAL, "", "host", Time{}}).value();
+    EXPECT_FALSE(journal.settle(attempt, State::Sent, Outcome{})) << "a later attempt is under way";
+    EXPECT_TRUE(journal.settle(again, State::Sent, Outcome{}));
+    EXPECT_THROW(execute("UPDATE attempts SET session = 1"), soci::soci_error);
+}
+
+TEST(ASessionNumber, IsNeverTakenTwiceWhateverEndsTheProcess) {
+    const WorkingDirectory folder;
+    std::set<int> taken;
+    for (int start = 0; start < 5; ++start) {
+        Journal journal(PATH);
+        for (int i = 0; i < 130; ++i) {
+            const int session = journal.takeSession();
+            EXPECT_TRUE(taken.insert(session).second) << session;
+            EXPECT_TRUE(session >= 1 && session <= 999999) << session;
+        }
+    }
+}
+
+TEST(AJournal, IsRefusedIfItIsNotWhole) {
+    struct {
+        const char* fault;
+        std::function<void()> harm;
+        const char* message;
+    } const cases[] = {
+        {"no database", [] { std::ofstream(PATH) << std::string(5000, 'x'); }, "not a database"},
+        {"another program's database", [] { execute("PRAGMA application_id = 1"); }, "not a journal"},
+        {"from a newer version", [] { execute("PRAGMA user_version = 99"); }, "newer version"},
+        {"cut off", [] { fs::resize_file(PATH, fs::file_size(PATH) - 4096); }, "malformed"},
+        {"open without its attempt", [] { execute("UPDATE documents SET state = 2 WHERE key = 'queued'"); },
+         "damaged"},
+    };
+    for (const auto& row : cases) {
+        SCOPED_TRACE(row.fault);
+        const WorkingDirectory folder;
+        {
+            Journal journal(PATH);
+            fill(journal);
+        }
+        row.harm();
+        try {
+            Journal journal{PATH};
+            ADD_FAILURE() << "opened";
+        } catch (const JournalError& error) {
+            EXPECT_THAT(error.what(), HasSubstr(row.message));
+        }
+    }
+}
+
+TEST(ACheck, NamesTheRowThatBreaksARule) {
+    struct {
+        const char* statement;
+        const char* problem;
+    } const cases[] = {
+        {"", ""},
+        {"UPDATE documents SET access_key = NULL WHERE key = 'booked'",
+         "state and access key differ: booked"},
+        {"UPDATE documents SET state = 4 WHERE key = 'queued'", "history ends in another state: queued"},
+        {"UPDATE documents SET concluded_at = NULL WHERE key = 'booked'",
+         "final without its time, or the reverse: booked"},
+        {"INSERT INTO history (document, at, state, text) SELECT id, 0, 3, '' FROM documents WHERE key = 'booked'",
+         "booked twice: booked"},
+        {"DELETE FROM history WHERE state = 3", "sent while booked was open"},
+        {"INSERT INTO attempts (document, session, serial, last_document, node, made_at) SELECT document, session, serial,"
+         " last_document, node, made_at FROM attempts ORDER BY id DESC LIMIT 1",
+         "session numbers are used once"},
+        {"UPDATE texts SET request = (SELECT request FROM texts WHERE document = 2) WHERE document = 1",
+         "belongs to its attempt"},
+        {"UPDATE documents SET answer = '1|06000|12345678|' WHERE key = 'queued'", "no activation code"},
+        {"DELETE FROM texts WHERE document = 3", "without its request: queued"},
+    };
+    for (const auto& row : cases) {
+        SCOPED_TRACE(row.statement);
+        const WorkingDirectory folder;
+        {
+            Journal journal(PATH);
+            fill(journal);
+            journal.submit(sale("other", "<other/>"), 100);
+        }
+        std::string statement = row.statement;
+        if (!statement.empty()) execute(statement);
+        const auto problems = problemsIn(PATH, "12345678");
+        if (statement.empty())
+            EXPECT_THAT(problems, testing::IsEmpty());
+        else
+            EXPECT_THAT(problems, testing::Contains(HasSubstr(row.problem)));
+    }
+}
+
+TEST(ABackup, ComesBackWithOtherSessionNumbersAndOnlyWhileNobodyServes) {
+    const WorkingDirectory folder;
+    int last = 0;
+    {
+        Journal journal(PATH);
+        fill(journal);
+        last = journal.takeSession();
+        backUp(PATH, "copy.db");
+        EXPECT_THROW(backUp(PATH, "copy.db"), JournalError) << "a file must not be replaced";
+        journal.submit(sale("later"), 100);
+        const OwnerLock serving(PATH);
+        EXPECT_THROW(restore("copy.db", PATH), JournalError);
+    }
+    const std::string kept = restore("copy.db", PATH);
+    EXPECT_TRUE(Journal(kept).find("later")) << "the journal of before must not be lost";
+    Journal journal(PATH);
+    EXPECT_FALSE(journal.find("later"));
+    EXPECT_TRUE(journal.find("booked"));
+    const int distance = (journal.takeSession() - last + 999999) % 999999;
+    EXPECT_GT(distance, 100000);
+    EXPECT_LT(distance, 899999);
+    std::ofstream("copy.db", std::ios::trunc) << "x";
+    EXPECT_THROW(restore("copy.db", PATH), JournalError);
+    EXPECT_TRUE(Journal(PATH).find("booked"));
+}
+
+}  // namespace
