@@ -150,7 +150,7 @@ TEST(DoctorCommand, ExaminesTheSimulatedDeviceAndSendsOnlyIfAsked) {
          "ERROR    answer: ConsultarSAT: status 32768 (FISCORA_STATUS_TIMEOUT)"},
         {ENGLISH, "--fault hang-up", "--ask", 1, "ok       sim", "\n1 problem: fix it and run this again.\n"},
         {ENGLISH, "--trace", "", 0, "ok       sim", "\nNo problem found.\n"},
-        {"LC_ALL=C.UTF-8 LANGUAGE=pt ", "--trace", "", 0,
+        {"LC_ALL=pt_BR.UTF-8 LANGUAGE= ", "--trace", "", 0,
          "ok       simulação: fiscora sim está ativo: os passos seguintes examinam o equipamento simulado.",
          "\nNenhum problema encontrado.\n"},
     };

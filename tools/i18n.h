@@ -1,25 +1,23 @@
 #pragma once
 
-#include <libintl.h>
-
 #include <string>
 
 namespace tool {
 
-/// Chooses the language of messages from the environment (LC_ALL, LC_MESSAGES, LANG; LANGUAGE overrides
-/// them), even if the locale named there is not installed. The catalogue is in `locale` beside this program
-/// in a build tree, or in the installed share/locale; without it, and for every language that it lacks, texts
-/// stay English. Numbers and times keep the C locale.
+/// Chooses the language of messages from the environment: LANGUAGE, a list, then LC_ALL, LC_MESSAGES and
+/// LANG, even if the locale named there is not installed. The C locale stays English whatever LANGUAGE says.
+/// The catalogue is in `locale` beside this program in a build tree, or in the installed share/locale;
+/// without it, and for every language that it lacks, texts stay English. Numbers and times keep the C locale.
+/// Call it before other threads start.
 void chooseLanguage();
 
-/// `text` in the user's language. The catalogue is tools/po/pt.po; scripts/translate keeps it up to date.
-__attribute__((format_arg(1))) inline const char* tr(const char* text) { return gettext(text); }
+/// `text` in the user's language, valid until the program ends. The catalogue is tools/po/pt.po;
+/// scripts/translate keeps it up to date.
+__attribute__((format_arg(1))) const char* tr(const char* text);
 
-/// The form of a noun that goes with `count`.
-__attribute__((format_arg(1), format_arg(2))) inline const char* tr(const char* one, const char* many,
-                                                                    unsigned long count) {
-    return ngettext(one, many, count);
-}
+/// The form of a noun that goes with `count`: the first for 1, the second for every other number.
+__attribute__((format_arg(1), format_arg(2))) const char* tr(const char* one, const char* many,
+                                                             unsigned long count);
 
 /// Marks a text for the catalogue that cannot be translated yet, as in a constant table; whoever prints it
 /// calls `tr`.
