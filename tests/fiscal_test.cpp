@@ -129,6 +129,8 @@ TEST_F(Fiscal, ARequestIsSentWholeOrRefused) {
             }
         }
     }
+    for (const auto* buffer : {g_bufferVenda, g_bufferCancela, g_bufferFimAFim})
+        EXPECT_STREQ(buffer, "") << "a part of a refused request, with its activation code, stays";
 }
 
 TEST_F(Fiscal, AnAnswerIsTerminatedAndLeavesNothingOfTheLast) {

@@ -82,6 +82,27 @@ constexpr const char* conversionOf(Kind kind) {
     }
 }
 
+/// Writes `arguments` into `buffer`, of the operation's size. The length of the request without its
+/// terminating zero; none if `makeRequest` refuses it, which may leave a part of it in `buffer`.
+std::optional<std::size_t> writeRequest(const std::vector<Argument>& arguments, const Operation& operation,
+                                        char* buffer) {
+    if (arguments.size() != operation.parameters.size()) return std::nullopt;
+    std::size_t used = 0;
+    for (std::size_t i = 0; i < arguments.size(); ++i) {
+        const Argument& argument = arguments[i];
+        const Kind kind = operation.parameters[i].kind;
+        if (argument == Argument(nullptr) || std::holds_alternative<int>(argument) != isNumber(kind))
+            return std::nullopt;
+        const std::string format = (i == 0 ? "" : "|") + std::string(conversionOf(kind));
+        const std::size_t left = operation.buffer.bytes - used;
+        const int length = std::visit(
+            [&](auto value) { return std::snprintf(buffer + used, left, format.c_str(), value); }, argument);
+        if (length < 0 || static_cast<std::size_t>(length) >= left) return std::nullopt;
+        used += static_cast<std::size_t>(length);
+    }
+    return used;
+}
+
 /// `a` minus `b` in 32 bits, wrapping around.
 std::int32_t difference(std::int32_t a, std::int32_t b) {
     return static_cast<std::int32_t>(static_cast<std::uint32_t>(a) - static_cast<std::uint32_t>(b));
@@ -193,23 +214,13 @@ Request ManipulaDadosSat::makeRequest(const Operation& operation, const std::vec
     std::vector<char> own(operation.buffer.shared == nullptr ? size : 0);
     char* const buffer = operation.buffer.shared == nullptr ? own.data() : operation.buffer.shared;
     std::memset(buffer, 0, size);
-
-    if (arguments.size() != operation.parameters.size()) return std::nullopt;
-    std::size_t used = 0;
-    for (std::size_t i = 0; i < arguments.size(); ++i) {
-        const Argument& argument = arguments[i];
-        const Kind kind = operation.parameters[i].kind;
-        if (argument == Argument(nullptr) || std::holds_alternative<int>(argument) != isNumber(kind))
-            return std::nullopt;
-        const std::string format = (i == 0 ? "" : "|") + std::string(conversionOf(kind));
-        const std::size_t left = size - used;
-        const int length = std::visit(
-            [&](auto value) { return std::snprintf(buffer + used, left, format.c_str(), value); }, argument);
-        if (length < 0 || static_cast<std::size_t>(length) >= left) return std::nullopt;
-        used += static_cast<std::size_t>(length);
+    const auto used = writeRequest(arguments, operation, buffer);
+    if (!used) {
+        std::memset(buffer, 0, size);
+        return std::nullopt;
     }
 
-    std::string request(buffer, used);
+    std::string request(buffer, *used);
     if (operation.cleaning == Cleaning::TagsAndEmptyFields) replaceTag(request);
     if (operation.cleaning != Cleaning::None) cleanEmptyFields(request);
     return request;

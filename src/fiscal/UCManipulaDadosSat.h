@@ -89,7 +89,8 @@ class ManipulaDadosSat {
 
     /// The request text of any operation from its arguments, numeroSessao first. None if their number or a
     /// type is not the operation's, a text is null, or the request and its terminating zero do not fit the
-    /// operation's buffer: a shortened document or activation code must never reach the device.
+    /// operation's buffer: a shortened document or activation code must never reach the device. The buffer is
+    /// left zeroed then.
     Request makeRequest(const Operation& operation, const std::vector<Argument>& arguments);
     /// Exchanges a request of `operation` with the device, as each of the operations above does. `answer`, a
     /// fresh message, then holds the answer with its headers, if one was accepted. Without a request nothing
