@@ -96,6 +96,13 @@ TEST_F(Diagnostics, TarNeitherWaitsForAReaderNorFollowsALink) {
     testing::internal::GetCapturedStdout();
 }
 
+TEST_F(Diagnostics, ALogThatIsALinkBeginsLikeAnyOther) {
+    fs::create_symlink("../elsewhere", LOG);
+    const std::string first = logged("2031-02-28 12:00:00", "x"), second = logged("2031-02-28 12:00:00", "y");
+    EXPECT_EQ(files()["./elsewhere"], VERSION_LINE + first + second);
+    EXPECT_TRUE(fs::is_symlink(LOG));
+}
+
 TEST_F(Diagnostics, OfEightLogFilesTheOldestGoes) {
     const std::tuple<int, std::string, bool> cases[] = {
         {7, "notes.txt", false},           {8, "notes.txt", true},     {13, "notes.txt", true},

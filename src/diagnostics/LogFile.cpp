@@ -47,6 +47,11 @@ LogFile::~LogFile() {
     if (m_fd != -1) close(m_fd);
 }
 
+bool LogFile::isEmpty() const {
+    struct stat status {};
+    return fstat(m_fd, &status) == 0 && status.st_size == 0;
+}
+
 bool LogFile::isLinked() const {
     struct stat status {};
     return fstat(m_fd, &status) == 0 && status.st_nlink > 0;

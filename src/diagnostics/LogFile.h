@@ -15,6 +15,7 @@ class __attribute__((visibility("hidden"))) LogFile {
 
     bool isOpen() const { return m_fd != -1; }
     int fd() const { return m_fd; }
+    bool isEmpty() const;
     /// Whether the file still has a name.
     bool isLinked() const;
     /// Locks the file until it is closed (flock): shared to append, alone to archive. False if another

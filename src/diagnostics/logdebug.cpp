@@ -83,6 +83,11 @@ void removeUnlessRegular(const std::string& path) {
     if (lstat(path.c_str(), &status) == 0 && !S_ISREG(status.st_mode)) remove(path.c_str());
 }
 
+bool isLink(const std::string& path) {
+    struct stat status {};
+    return lstat(path.c_str(), &status) == 0 && S_ISLNK(status.st_mode);
+}
+
 /// The day's file, open for appending.
 struct DayFile {
     LogFile file;
@@ -96,7 +101,10 @@ DayFile openDayFile(const std::string& path) {
     if (existing.isOpen() || errno != ENOENT) return {std::move(existing)};
     LogFile created(path, FLAGS | O_CREAT | O_EXCL);
     if (created.isOpen() || errno != EEXIST) return {std::move(created), true};
-    return {LogFile(path, FLAGS | O_CREAT)};  // another process was quicker, or a link has no target yet
+    // Another process was quicker, or a link has no target yet.
+    LogFile late(path, FLAGS | O_CREAT);
+    const bool isTarget = isLink(path) && late.isEmpty();
+    return {std::move(late), isTarget};
 }
 
 }  // namespace
