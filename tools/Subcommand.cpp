@@ -117,6 +117,10 @@ std::string reasonOf(const CLI::ParseError& error, const CLI::App& application, 
     if (dynamic_cast<const CLI::ExtrasError*>(&error) != nullptr || (lacksSubcommand && !extras.empty()))
         return unexpected(extras);
     if (lacksSubcommand) return tr("a subcommand is missing");
+    if (dynamic_cast<const CLI::FileError*>(&error) != nullptr)
+        return tr("the configuration file cannot be read");
+    if (dynamic_cast<const CLI::ConfigError*>(&error) != nullptr)
+        return filled(tr("unknown name in the configuration file (%s)"), error.what());
     if (option == nullptr) return error.what();
     const std::string name = option->get_name();
     if (dynamic_cast<const CLI::ArgumentMismatch*>(&error) != nullptr)

@@ -417,8 +417,10 @@ void Dispatcher::askForLastFiscal(const Document& document) {
         return unanswered();
     answered();
     m_open->next = Open::Question::Status;
-    m_nextCall = m_settings.now() + m_open->inquiry.pause;
-    m_open->inquiry.pause = rules::longer(m_open->inquiry.pause);
+    if (!rules::awaitsReading(m_open->inquiry)) {
+        m_nextCall = m_settings.now() + m_open->inquiry.pause;
+        m_open->inquiry.pause = rules::longer(m_open->inquiry.pause);
+    }
     settleByProof(m_open->trial, document.state, rules::proofInLastFiscalAnswer(m_open->trial, answer.reply),
                   evidenceOf(fiscal::CMD_CONSULTA_ULTIMA_SESSAO_FISCAL, answer.reply));
 }

@@ -18,7 +18,7 @@ Store::Store(const std::string& path, Journal::IfMissing ifMissing) : m_readers(
         prepareSchema(m_writer, path, ifMissing);
         for (std::size_t i = 0; i < READERS; ++i) connect(m_readers.at(i), path);
     } catch (const soci::soci_error& error) {
-        throw JournalError(path + ": " + oneLine(error.what()));
+        throw JournalError(path + ": " + reasonOf(error));
     }
 }
 
@@ -36,7 +36,11 @@ void Store::execute(const std::string& statement) {
     guarded([&] { m_writer << statement; });
 }
 
-std::string Store::oneLine(std::string text) {
+std::string Store::reasonOf(const soci::soci_error& error) {
+    std::string text = error.get_error_message();
+    // "sqlite3_statement_backend::prepare: database disk image is malformed"
+    if (const auto colon = text.find(": "); text.rfind("sqlite3_", 0) == 0 && colon != std::string::npos)
+        text.erase(0, colon + 2);
     std::replace(text.begin(), text.end(), '\n', ' ');
     return text;
 }

@@ -71,10 +71,11 @@ class Store {
         try {
             return work();
         } catch (const soci::soci_error& error) {
-            throw JournalError(oneLine(error.what()));
+            throw JournalError(reasonOf(error));
         }
     }
-    static std::string oneLine(std::string text);
+    /// What the database says, without the statement.
+    static std::string reasonOf(const soci::soci_error& error);
 
     soci::connection_pool m_readers;
     std::mutex m_writing;

@@ -57,6 +57,15 @@ void create(soci::session& sql) {
     sql << "COMMIT";
 }
 
+/// Whether the file says so itself: a wrong path must not change another file's permissions.
+bool isJournal(const tool::Descriptor& file) {
+    // SQLite's file format: the application's mark is 4 bytes, big-endian.
+    constexpr off_t MARK = 68;
+    std::array<unsigned char, 4> mark{};
+    if (pread(file.get(), mark.data(), mark.size(), MARK) != static_cast<ssize_t>(mark.size())) return false;
+    return mark == std::array<unsigned char, 4>{'F', 'I', 'S', 'C'};
+}
+
 }  // namespace
 
 void makePrivate(const std::string& path, Journal::IfMissing ifMissing) {
@@ -65,10 +74,10 @@ void makePrivate(const std::string& path, Journal::IfMissing ifMissing) {
     struct stat present {};
     if (file.get() < 0 || fstat(file.get(), &present) != 0)
         throw JournalError(path + ": " + tool::systemError(errno));
-    if (!S_ISREG(present.st_mode)) throw JournalError(path + ": not a regular file");
-    const bool isPrivate = (present.st_mode & (S_IRWXG | S_IRWXO)) == 0;
-    if (!isPrivate && fchmod(file.get(), S_IRUSR | S_IWUSR) != 0)
-        throw JournalError(path + ": readable by others: " + tool::systemError(errno));
+    if (!S_ISREG(present.st_mode)) throw JournalError(path + ": " + tool::tr("not a regular file"));
+    if ((present.st_mode & (S_IRWXG | S_IRWXO)) == 0 || !isJournal(file)) return;
+    if (fchmod(file.get(), S_IRUSR | S_IWUSR) != 0)
+        throw JournalError(path + ": " + tool::systemError(errno));
 }
 
 void connect(soci::session& sql, const std::string& path) {
@@ -90,7 +99,8 @@ void prepareSchema(soci::session& sql, const std::string& path, Journal::IfMissi
         sql << "PRAGMA journal_mode = WAL", soci::into(mode);
         return create(sql);
     }
-    if (application != APPLICATION_ID) throw JournalError(path + ": not a journal of fiscorad");
+    if (application != APPLICATION_ID)
+        throw JournalError(path + ": " + tool::tr("not a journal of fiscorad"));
     if (version > SCHEMA_VERSION)
         throw JournalError(path + ": from a newer version of fiscorad (schema " + std::to_string(version) +
                            ", this program knows " + std::to_string(SCHEMA_VERSION) + ")");

@@ -50,12 +50,10 @@ DecideCommand::DecideCommand(CLI::App& application, const Settings& settings)
     m_options->add_option("key", m_key, tr("The till's key of the document"))
         ->required()
         ->option_text(tr("KEY"));
-    auto* const decision = m_options->add_option_group(tr("Decision"));
-    decision->add_option("--booked", m_accessKey, tr("The device has booked it, under this access key"))
+    m_options->add_option("--booked", m_accessKey, tr("The device has booked it, under this access key"))
         ->type_name("CFe...");
-    decision->add_flag("--send-again", m_sendAgain, tr("The device has not booked it: send it again"));
-    decision->add_flag("--abandon", m_abandon, tr("It will not be resolved"));
-    decision->require_option(1);
+    m_options->add_flag("--send-again", m_sendAgain, tr("The device has not booked it: send it again"));
+    m_options->add_flag("--abandon", m_abandon, tr("It will not be resolved"));
     m_options->add_option("--reason", m_reason, tr("Why; kept in the journal with your name"))
         ->required()
         ->type_name(tr("TEXT"));
@@ -63,6 +61,8 @@ DecideCommand::DecideCommand(CLI::App& application, const Settings& settings)
 
 int DecideCommand::run(const std::vector<std::string>& operands) {
     tool::refuseExtras(operands);
+    const int decisions = (m_accessKey.empty() ? 0 : 1) + (m_sendAgain ? 1 : 0) + (m_abandon ? 1 : 0);
+    if (decisions != 1) throw CLI::ValidationError(tr("give one of --booked, --send-again and --abandon"));
     Ruling ruling;
     ruling.person = person();
     ruling.reason = m_reason;

@@ -197,9 +197,11 @@ Inquiry afterStoredAnswer(Inquiry inquiry, const Trial& trial, const Reply& repl
 
 std::chrono::seconds longer(std::chrono::seconds pause) { return std::min(2 * pause, LONGEST_PAUSE); }
 
+bool awaitsReading(const Inquiry& inquiry) { return inquiry.answersThatDoNotProve.size() == ANSWERS_NEEDED; }
+
 Conclusion conclude(const Trial& trial, const Inquiry& inquiry, const Reading& reading) {
     if (reading.serial != trial.attempt.serial) return Conclusion::Undecided;  // another device in its place
-    if (inquiry.answersThatDoNotProve.size() < ANSWERS_NEEDED) return Conclusion::Open;
+    if (!awaitsReading(inquiry)) return Conclusion::Open;
     // A device that restarts can forget its sessions and keep its books, and a cancellation may not count as
     // the last document; so neither is proved by an unknown session alone.
     const bool notBooked = inquiry.allUnknown && trial.kind == Kind::Sale && trial.ownNode &&

@@ -116,6 +116,9 @@ Inquiry afterStoredAnswer(Inquiry inquiry, const Trial& trial, const Reply& repl
 /// The pause for the next round: 1 s, doubled each time, up to 30 s.
 std::chrono::seconds longer(std::chrono::seconds pause);
 
+/// Whether nothing is missing for a conclusion but a reading.
+bool awaitsReading(const Inquiry& inquiry);
+
 /// What a reading, made after all that `inquiry` holds, decides.
 enum class Conclusion { Open, NotBooked, Undecided };
 Conclusion conclude(const Trial& trial, const Inquiry& inquiry, const Reading& reading);

@@ -1,0 +1,122 @@
+// The program fiscorad from the shell, against the simulated device.
+
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+#include <string>
+#include <vector>
+
+#include "platform.h"
+#include "surroundings.h"
+
+namespace {
+
+using testing::AllOf, testing::HasSubstr, testing::MatchesRegex, testing::Not;
+
+constexpr char SALE[] =
+    "<CFe><infCFe><ide><CNPJ>16716114000172</CNPJ></ide><det nItem=\"1\"><prod><xProd>x</xProd><qCom>1.0000</qCom>"
+    "<vUnCom>5.00</vUnCom></prod></det><total/></infCFe></CFe>";
+
+/// Shell functions for the scripts below: `start` a service whose log is in "log" and whose address in $url,
+/// `sell` a key, `state` of a key, `finish` the service.
+std::string script(const std::string& lines) {
+    return std::string("set -u; umask 022; printf '12345678\\n' >code; chmod 600 code\n") +
+           "fiscorad() { " FISCORAD
+           " --journal j.db --activation-code-file code \"$@\"; }\n"
+           "start() { " FISCORAD
+           " --listen 127.0.0.1:0 --journal j.db --activation-code-file code 2>log & pid=$!\n"
+           "  until grep -qs 'port' log; do sleep 0.05; done; url=http://127.0.0.1:$(sed -n 's/.*port \\([0-9]*\\).*/\\1/p' log); }\n"
+           "sell() { curl -s -o answer -w '%{http_code} ' -H \"Idempotency-Key: $1\" -H \"Prefer: wait=${wait:-30}\" "
+           "-H 'Content-Type: application/xml' -d '" +
+           SALE +
+           "' $url/v1/vendas; }\n"
+           "state() { curl -s $url/v1/vendas/$1 | sed 's/.*\"estado\":\"\\([a-z-]*\\)\".*/\\1/'; echo; }\n"
+           "finish() { kill $pid; wait $pid; echo ended $?; }\n" +
+           lines;
+}
+
+ShellResult runUnderSimulation(const std::string& options, const std::string& lines) {
+    std::string quoted;
+    for (const char c : script(lines)) quoted += c == '\'' ? "'\\''" : std::string(1, c);
+    return runShell("timeout 60 " FISCORA_TOOL " sim " + options + " -- bash -c '" + quoted + "'");
+}
+
+TEST(Fiscorad, SaysInOneLineWhyItDoesNotStart) {
+    const struct {
+        const char* fault;
+        std::string line;
+        int exitStatus;
+        testing::Matcher<std::string> output;
+    } cases[] = {
+        {"no code file", "rm code; fiscorad", 1, HasSubstr("/code: No such file")},
+        {"an empty code file", ": >code; fiscorad", 1, HasSubstr("the activation code is missing")},
+        {"a code that others can read", "chmod 644 code; fiscorad", 1, HasSubstr("others may read")},
+        {"a code with a delimiter", "echo '1234|5678' >code; fiscorad", 1,
+         HasSubstr("not an activation code")},
+        {"a taken port",
+         "start; " FISCORAD
+         " --journal other.db --activation-code-file code --listen ${url#http://}; status=$?; kill $pid; exit $status",
+         1, HasSubstr("in use")},
+        {"an owned journal", "start; fiscorad; status=$?; kill $pid; exit $status", 1,
+         HasSubstr("another fiscorad")},
+        {"a journal in no folder", FISCORAD " --journal none/j.db --activation-code-file code", 1,
+         HasSubstr("No such file")},
+        {"a damaged journal", "head -c 9000 /dev/zero | tr '\\0' x >j.db; fiscorad", 1,
+         HasSubstr("not a database")},
+        {"no port", "fiscorad --listen 127.0.0.1", 1, HasSubstr("not an address and a port")},
+        {"a configuration with a mistake", "echo 'listem = \"127.0.0.1:1\"' >c; fiscorad --config c", 2,
+         HasSubstr("listem")},
+        {"a wrong option", "fiscorad --lissten 127.0.0.1:1", 2, HasSubstr("usage: ")},
+        {"two decisions", "fiscorad decide key --abandon --send-again --reason x", 2,
+         HasSubstr("give one of")},
+        {"a decision without a journal", "fiscorad decide key --abandon --reason x", 1,
+         HasSubstr("No such file")},
+        {"another file taken for a journal", "echo x >f; " FISCORAD " check --journal f; stat -c %a f; false",
+         1, AllOf(HasSubstr("not a database"), HasSubstr("\n644\n"))},
+    };
+    for (const auto& row : cases) {
+        SCOPED_TRACE(row.fault);
+        const WorkingDirectory folder;
+        const ShellResult result = runUnderSimulation("", row.line);
+        EXPECT_EQ(result.exitStatus, row.exitStatus) << result.output;
+        EXPECT_THAT(result.output, AllOf(row.output, Not(HasSubstr("12345678"))));
+    }
+}
+
+TEST(Fiscorad, SellsAndLetsPeopleLookAfterItsJournalWhileItRuns) {
+    const WorkingDirectory folder;
+    const ShellResult result = runUnderSimulation(
+        "--ledger ledger --fault restart=1@4",
+        "start; sell zero; wait=1; sell one; until grep -q incerta log; do sleep 0.1; done; finish; cat log\n"
+        "fiscorad check; fiscorad backup b.db; stat -c %a j.db b.db\n"
+        "fiscorad export --dir out; fiscorad export --dir out; find out -name 'CFe*.xml' | wc -l\n"
+        "fiscorad decide one --abandon --reason x </dev/null; wc -l <ledger\n"
+        "fiscorad restore b.db </dev/null; fiscorad check\n");
+    EXPECT_THAT(result.output, HasSubstr("201 202 ended 0\n"));
+    EXPECT_THAT(result.output,
+                AllOf(HasSubstr("listening on 127.0.0.1"), HasSubstr("venda one: enviada, sessao"),
+                      Not(HasSubstr("12345678")), Not(HasSubstr("<CFe>"))));
+    EXPECT_THAT(
+        result.output,
+        HasSubstr(
+            "2 documents: nothing wrong\nWritten: b.db\n600\n600\n1 document written\n0 documents written\n1\n"));
+    EXPECT_THAT(result.output, AllOf(HasSubstr("Attempt of"), HasSubstr("one: abandonada\n2\nRestored: ")));
+    EXPECT_EQ(result.exitStatus, 0) << result.output;
+}
+
+TEST(Fiscorad, EndsItsCallAtASignalAndItselfAtTheSecond) {
+    const WorkingDirectory folder;
+    const ShellResult result = runUnderSimulation(
+        "--latency 800",
+        "start; (sell one; echo told) & till=$!; until grep -q enviada log; do sleep 0.05; done\n"
+        "kill $pid; sleep 0.3; sell late; grep -o 'indisponivel' answer; wait $till; wait $pid; echo ended $?\n"
+        "start; state one; sell two >/dev/null & until grep -q 'two: enviada' log; do sleep 0.05; done\n"
+        "kill $pid; sleep 0.2; kill $pid; wait $pid; echo ended $?\n"
+        "start; until state two | grep emitida; do sleep 0.2; done; finish; fiscorad check\n");
+    EXPECT_THAT(result.output, HasSubstr("503 indisponivel\n"));
+    EXPECT_THAT(result.output, MatchesRegex("(.|\n)*20[12] told\n(.|\n)*"));
+    EXPECT_THAT(result.output, HasSubstr("ended 0\nemitida\n"));
+    EXPECT_THAT(result.output, HasSubstr("ended 3\nemitida\nended 0\n2 documents: nothing wrong\n"));
+}
+
+}  // namespace
