@@ -7,7 +7,17 @@ namespace fiscorad {
 Service::Service(Journal& journal, Dispatcher& dispatcher, Changes& changes, std::size_t queueLimit)
     : m_journal(journal), m_dispatcher(dispatcher), m_changes(changes), m_queueLimit(queueLimit) {}
 
-bool Service::takesDocuments() const { return !m_stopped && !m_journalFails; }
+bool Service::takesDocuments() {
+    if (m_stopped) return false;
+    if (!m_journalFails) return true;
+    try {
+        m_journal.tryToWrite();
+        m_journalFails = false;
+    } catch (const JournalError&) {
+        return false;
+    }
+    return true;
+}
 
 void Service::stop() { m_stopped = true; }
 

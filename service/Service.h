@@ -24,7 +24,7 @@ class Service {
     Service(Journal& journal, Dispatcher& dispatcher, Changes& changes, std::size_t queueLimit);
 
     /// Whether new documents are taken: not after `stop`, nor while the journal cannot be written.
-    bool takesDocuments() const;
+    bool takesDocuments();
     /// Takes no more documents and operations.
     void stop();
 

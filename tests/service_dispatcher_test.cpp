@@ -248,6 +248,8 @@ struct Ending {
     std::size_t bookings;
 };
 
+void PrintTo(const Ending& ending, std::ostream* out) { *out << ending.name; }
+
 class EndingOfASale : public testing::TestWithParam<Ending> {};
 
 TEST_P(EndingOfASale, IsThatOfTheDevice) {

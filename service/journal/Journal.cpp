@@ -370,6 +370,10 @@ std::size_t Journal::queueLength() {
     });
 }
 
+void Journal::tryToWrite() {
+    m_store->write([](session& sql) { sql << "UPDATE sessions SET next = next"; });
+}
+
 Journal::Withdrawal Journal::withdraw(std::string_view key, Kind kind,
                                       const std::optional<std::string>& till) {
     return m_store->write([&](session& sql) -> Withdrawal {

@@ -114,6 +114,8 @@ class Journal {
     /// The signed document, byte for byte as the device sent it; none if it is not there.
     std::optional<std::string> signedDocument(std::int64_t id);
     std::size_t queueLength();
+    /// Makes a commit that changes nothing, to see whether one is possible.
+    void tryToWrite();
 
     /// What became of a withdrawal: `document` is as it is now. Withdrawn also if it was before.
     struct Withdrawal {
