@@ -14,8 +14,12 @@ Time midnight(std::tm day, int after) {
     return std::chrono::system_clock::from_time_t(std::mktime(&day));
 }
 
-/// Whether the calendar has that day: strptime takes a 31st of any month.
+/// Whether the calendar has that day (strptime takes a 31st of any month), and Time too: its nanoseconds
+/// begin in 1677 and end in 2262.
 bool isInCalendar(const std::tm& given) {
+    constexpr int FIRST_YEAR = 1970 - 1900;
+    constexpr int LAST_YEAR = 2199 - 1900;
+    if (given.tm_year < FIRST_YEAR || given.tm_year > LAST_YEAR) return false;
     std::tm day{};
     day.tm_year = given.tm_year;
     day.tm_mon = given.tm_mon;
