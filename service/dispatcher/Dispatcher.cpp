@@ -566,7 +566,7 @@ OperationResult Dispatcher::perform(const OperationRequest& request) {
         answered();
     else
         unanswered();
-    const OperationResult result{OperationResult::Result::Done, reply.status, session, reply.body};
+    OperationResult result{OperationResult::Result::Done, reply.status, session, reply.body};
     if (!changesCode || !own || !operation.succeededWith(rules::Fields(reply.body).code())) return result;
     try {
         m_code.commit();
