@@ -27,13 +27,13 @@
 #include <limits>
 #include <map>
 #include <optional>
-#include <random>
 #include <sstream>
 #include <stdexcept>
 #include <string>
 #include <string_view>
 #include <vector>
 
+#include "Random.h"
 #include "encoding/Base64.h"
 #include "fiscal/operations.h"
 #include "fiscora.h"
@@ -56,27 +56,6 @@ constexpr std::size_t MAX_LOGS = 7;      ///< files, once a day has begun
 constexpr long READ_MS = 100;                     ///< of a read that brings nothing
 constexpr std::time_t FIRST_DAY = 1'795'046'400;  ///< 2026-11-19, 0 o'clock
 constexpr long SECONDS_OF_DAY = 86'400;
-
-class Random {
-  public:
-    explicit Random(unsigned seed) : m_generator(seed) {}
-
-    /// From `least` to `most`.
-    int number(int least, int most) { return std::uniform_int_distribution(least, most)(m_generator); }
-    bool oneIn(int count) { return number(1, count) == 1; }
-    template <typename Container>
-    const auto& oneOf(const Container& container) {
-        return container[static_cast<std::size_t>(number(0, static_cast<int>(container.size()) - 1))];
-    }
-    std::string digits(int count) {
-        std::string text;
-        while (count-- > 0) text += static_cast<char>('0' + number(0, 9));
-        return text;
-    }
-
-  private:
-    std::mt19937 m_generator;
-};
 
 /// A call of a flat function.
 struct Call {
