@@ -24,7 +24,7 @@ constexpr rlim_t CONNECTIONS = 4096;
 constexpr rlim_t OTHER_DESCRIPTORS = 128;
 
 /// For a request's head and for what is read and written at a time; a longer head is refused.
-constexpr std::size_t CONNECTION_BYTES = 32 * 1024;
+constexpr std::size_t CONNECTION_BYTES = std::size_t{32} * 1024;
 
 constexpr std::chrono::seconds LAST_ANSWERS{1};
 
@@ -84,7 +84,8 @@ struct Daemon::Callbacks {
 
     static void* begin(void* self, const char* target, MHD_Connection* connection) noexcept {
         auto& daemon = *static_cast<Daemon*>(self);
-        return new std::shared_ptr<Exchange>(std::make_shared<Exchange>(daemon, connection, target));
+        auto exchange = std::make_shared<Exchange>(daemon, connection, target);
+        return std::make_unique<std::shared_ptr<Exchange>>(std::move(exchange)).release();
     }
 
     static MHD_Result step(void* /*self*/, MHD_Connection* /*connection*/, const char* /*url*/,

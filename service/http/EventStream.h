@@ -27,7 +27,7 @@ class EventStream {
                                     std::function<void()> wake);
 
   private:
-    static constexpr std::size_t UNREAD_BYTES_AT_MOST = 256 * 1024;
+    static constexpr std::size_t UNREAD_BYTES_AT_MOST = std::size_t{256} * 1024;
     void wakeReader();
 
     std::mutex m_mutex;

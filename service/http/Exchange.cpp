@@ -14,10 +14,10 @@ namespace fiscorad::http {
 namespace {
 
 /// What each body may have; beyond that, all of them share the next.
-constexpr std::size_t SMALL_BODY_BYTES = 64 * 1024;
-constexpr std::size_t LARGE_BODIES_BYTES = 48 * 1024 * 1024;
+constexpr std::size_t SMALL_BODY_BYTES = std::size_t{64} * 1024;
+constexpr std::size_t LARGE_BODIES_BYTES = std::size_t{48} * 1024 * 1024;
 
-constexpr std::size_t EVENT_BLOCK_BYTES = 8 * 1024;
+constexpr std::size_t EVENT_BLOCK_BYTES = std::size_t{8} * 1024;
 
 MHD_Result takeHeader(void* headers, MHD_ValueKind /*kind*/, const char* name, std::size_t nameSize,
                       const char* value, std::size_t valueSize) noexcept {

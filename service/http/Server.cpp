@@ -17,7 +17,7 @@ namespace {
 constexpr std::size_t WORKERS = 4;
 /// In a form, each byte of a document may be an escape of three.
 constexpr std::size_t ESCAPED = 3;
-constexpr std::size_t OTHER_FIELDS_BYTES = 64 * 1024;
+constexpr std::size_t OTHER_FIELDS_BYTES = std::size_t{64} * 1024;
 
 constexpr std::chrono::seconds LAST_ANSWERS{5};
 
@@ -53,7 +53,8 @@ struct Server::Rooms {
     Daemon daemon;
 };
 
-Server::Server(Service& service, Settings settings) : m_rooms(std::make_unique<Rooms>(service, settings)) {}
+Server::Server(Service& service, const Settings& settings)
+    : m_rooms(std::make_unique<Rooms>(service, settings)) {}
 
 Server::~Server() {
     stop();

@@ -30,7 +30,7 @@ class Server {
 
     /// Listens. `service` outlives the server. Throws std::runtime_error with a text for the log if it
     /// cannot, such as because the port is taken.
-    Server(Service& service, Settings settings);
+    Server(Service& service, const Settings& settings);
     /// Stops, and gives the answers that are under way a few seconds to leave.
     ~Server();
 

@@ -7,13 +7,13 @@
 
 namespace fiscorad::http {
 
-void showDevice(Context& context, Call call) {
+void showDevice(Context& context, Call& call) {
     Service& service = context.service;
     call.respond(
         jsonResponse(200, representationOf(service.device(), service.queueLength(), service.alarms())));
 }
 
-void streamEvents(Context& context, Call call) {
+void streamEvents(Context& context, Call& call) {
     Response response;
     response.type = "text/event-stream";
     response.headers.emplace_back("Cache-Control", "no-store");
@@ -21,15 +21,15 @@ void streamEvents(Context& context, Call call) {
     call.respond(std::move(response));
 }
 
-void showHealth(Context& /*context*/, Call call) { call.respond(jsonResponse(200, {{"vivo", true}})); }
+void showHealth(Context& /*context*/, Call& call) { call.respond(jsonResponse(200, {{"vivo", true}})); }
 
-void showReadiness(Context& context, Call call) {
+void showReadiness(Context& context, Call& call) {
     if (context.stopped || !context.service.takesDocuments())
         throw Rejection(problems::NOT_READY, "O serviço está parando, ou o registro não pode ser gravado.");
     call.respond(jsonResponse(200, {{"pronto", true}}));
 }
 
-void sendDescription(Context& /*context*/, Call call) {
+void sendDescription(Context& /*context*/, Call& call) {
     Response response;
     response.type = "application/yaml";
     response.body = OPENAPI;

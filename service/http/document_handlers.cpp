@@ -56,8 +56,8 @@ std::optional<Response> failureOf(const Document& document) {
     json members = representationOf(document);
     switch (document.state) {
         case State::Refused: {
-            std::string detail = refusalText(document, members);
-            return problemResponse(problems::REFUSED, std::move(detail), std::move(members));
+            const std::string detail = refusalText(document, members);
+            return problemResponse(problems::REFUSED, detail, std::move(members));
         }
         case State::Withdrawn:
             return problemResponse(problems::WITHDRAWN, "O documento foi retirado antes do envio.",
@@ -69,7 +69,7 @@ std::optional<Response> failureOf(const Document& document) {
     }
 }
 
-void submit(Context& context, Call call) {
+void submit(Context& context, Call& call) {
     const auto limit = waitOf(call.request, DEFAULT_WAIT);
     const Document document =
         accept(context, submissionOf(std::move(call.request), call.kind, context.maxDocumentBytes));
@@ -80,7 +80,7 @@ void submit(Context& context, Call call) {
     });
 }
 
-void show(Context& context, Call call) {
+void show(Context& context, Call& call) {
     const Document document = existing(context.service, call.name, call.kind);
     const auto limit = waitOf(call.request, std::chrono::seconds(0));
     context.waiting.wait(document, limit, [respond = std::move(call.respond)](const Document& now) {
@@ -88,7 +88,7 @@ void show(Context& context, Call call) {
     });
 }
 
-void withdraw(Context& context, Call call) {
+void withdraw(Context& context, Call& call) {
     if (!isKey(call.name)) throw Rejection(problems::KEY, "A chave no caminho é inválida.");
     const auto withdrawal = context.service.withdraw(call.name, call.kind, std::nullopt);
     if (!withdrawal.withdrawn)
@@ -99,7 +99,7 @@ void withdraw(Context& context, Call call) {
     call.respond(std::move(response));
 }
 
-void list(Context& context, Call call) {
+void list(Context& context, Call& call) {
     Filter filter = filterOf(call.request, call.kind);
     const std::size_t pageSize = filter.limit++;  // one more tells whether another page follows
     std::vector<Document> documents = context.service.list(filter);
@@ -112,7 +112,7 @@ void list(Context& context, Call call) {
     call.respond(jsonResponse(200, body));
 }
 
-void sendSignedDocument(Context& context, Call call) {
+void sendSignedDocument(Context& context, Call& call) {
     const Document document = existing(context.service, call.name, call.kind);
     auto xml = context.service.signedDocument(document.id);
     if (!xml) throw Rejection(problems::NOT_FOUND, "O documento ainda não foi emitido.");

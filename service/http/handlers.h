@@ -40,22 +40,22 @@ struct Call {
     Responder respond;
 };
 
-using Handler = void (*)(Context&, Call);
+using Handler = void (*)(Context&, Call&);
 
-void submit(Context& context, Call call);
-void show(Context& context, Call call);
-void withdraw(Context& context, Call call);
-void list(Context& context, Call call);
-void sendSignedDocument(Context& context, Call call);
+void submit(Context& context, Call& call);
+void show(Context& context, Call& call);
+void withdraw(Context& context, Call& call);
+void list(Context& context, Call& call);
+void sendSignedDocument(Context& context, Call& call);
 
-void operate(Context& context, Call call);
-void submitForm(Context& context, Call call);
+void operate(Context& context, Call& call);
+void submitForm(Context& context, Call& call);
 
-void showDevice(Context& context, Call call);
-void streamEvents(Context& context, Call call);
-void showHealth(Context& context, Call call);
-void showReadiness(Context& context, Call call);
-void sendDescription(Context& context, Call call);
+void showDevice(Context& context, Call& call);
+void streamEvents(Context& context, Call& call);
+void showHealth(Context& context, Call& call);
+void showReadiness(Context& context, Call& call);
+void sendDescription(Context& context, Call& call);
 
 // For handlers to share:
 

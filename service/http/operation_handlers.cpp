@@ -82,7 +82,7 @@ void requireDone(const OperationResult& result) {
     }
 }
 
-void operate(Context& context, Call call) {
+void operate(Context& context, Call& call) {
     const manipulaDados::Operation& operation = operationNamed(call.name);
     OperationRequest request = operationRequestOf(operation, call.request.body);
     context.service.operate(
@@ -95,7 +95,7 @@ void operate(Context& context, Call call) {
         });
 }
 
-void submitForm(Context& context, Call call) {
+void submitForm(Context& context, Call& call) {
     auto wanted = formRequestOf(call.name, call.request, context.maxDocumentBytes);
     call.request.body = {};
     if (const auto* submission = std::get_if<Submission>(&wanted))

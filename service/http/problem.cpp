@@ -4,7 +4,7 @@
 
 namespace fiscorad::http {
 
-Response problemResponse(const Problem& problem, std::string detail, nlohmann::json members) {
+Response problemResponse(const Problem& problem, const std::string& detail, nlohmann::json members) {
     nlohmann::json body = std::move(members);
     body["type"] = std::string("/problemas/") + problem.name;
     body["title"] = problem.title;

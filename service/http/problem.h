@@ -49,7 +49,7 @@ constexpr Problem NO_OUTCOME{504, "sem-desfecho", "Documento ainda sem desfecho"
 }  // namespace problems
 
 /// `members` is an object whose members are added, or null.
-Response problemResponse(const Problem& problem, std::string detail, nlohmann::json members = nullptr);
+Response problemResponse(const Problem& problem, const std::string& detail, nlohmann::json members = nullptr);
 
 /// A request that is answered with a problem. The detail is Portuguese, for the till's programmer.
 class Rejection : public std::exception {

@@ -75,8 +75,10 @@ void dispatch(Context& context, Request request, const Responder& respond) {
     for (const Route& route : ROUTES) {
         auto name = nameIn(pathOf(request), route);
         if (!name) continue;
-        if (route.method == methodOf(request))
-            return route.handler(context, {std::move(request), route.kind, std::move(*name), respond});
+        if (route.method == methodOf(request)) {
+            Call call{std::move(request), route.kind, std::move(*name), respond};
+            return route.handler(context, call);
+        }
         allowed += (allowed.empty() ? "" : ", ") + std::string(route.method);
         if (route.method == "GET") allowed += ", HEAD";
     }
