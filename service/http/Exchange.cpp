@@ -109,7 +109,7 @@ void Exchange::finish() {
 
 void Exchange::refuse(Response response) {
     m_refusal = std::move(response);
-    m_request.body = {};
+    std::string().swap(m_request.body);  // assignment would keep its memory
     releaseBody();
 }
 

@@ -97,7 +97,6 @@ void operate(Context& context, Call& call) {
 
 void submitForm(Context& context, Call& call) {
     auto wanted = formRequestOf(call.name, call.request, context.maxDocumentBytes);
-    call.request.body = {};
     if (const auto* submission = std::get_if<Submission>(&wanted))
         return submitFormDocument(context, *submission, call.respond);
     operateByForm(context, std::move(std::get<OperationRequest>(wanted)), call.respond);
