@@ -111,14 +111,15 @@ class Selection {
           m_till(filter.till.value_or("")),
           m_before(filter.before.value_or(0)) {}
 
+    /// Of the table `documents`.
     std::string conditions() const {
         std::string text = "WHERE 1 = 1";
-        if (m_filter.kind) text += " AND d.kind = :kind";
-        if (m_filter.state) text += " AND d.state = :state";
-        if (m_filter.since) text += " AND d.received_at >= :since";
-        if (m_filter.until) text += " AND d.received_at < :until";
-        if (m_filter.till) text += " AND d.till = :till";
-        if (m_filter.before) text += " AND d.id < :before";
+        if (m_filter.kind) text += " AND kind = :kind";
+        if (m_filter.state) text += " AND state = :state";
+        if (m_filter.since) text += " AND received_at >= :since";
+        if (m_filter.until) text += " AND received_at < :until";
+        if (m_filter.till) text += " AND till = :till";
+        if (m_filter.before) text += " AND id < :before";
         return text;
     }
     void bind(soci::statement& query) const {
@@ -204,8 +205,8 @@ void addHistory(session& sql, long long document, std::optional<long long> attem
         use(reason, isDecision);
 }
 
-/// Inserts a document and its request, if it came with one.
-long long insert(session& sql, const Submission& submission, State state) {
+/// Inserts a document and its request, packed, if it came with one.
+long long insert(session& sql, const Submission& submission, const std::string& request, State state) {
     Nullable till(submission.till);
     const int kind = static_cast<int>(submission.kind);
     const int stateNumber = static_cast<int>(state);
@@ -218,7 +219,7 @@ long long insert(session& sql, const Submission& submission, State state) {
     const long long id = byKey(sql, submission.key).value().id;
     if (!submission.body.empty()) {
         soci::blob packed(sql);
-        fill(packed, pack(submission.body));
+        fill(packed, request);
         const auto size = static_cast<long long>(submission.body.size());
         sql << "INSERT INTO texts (document, request, request_size) VALUES (:document, :request, :size)",
             use(id), use(packed), use(size);
@@ -263,9 +264,11 @@ void writeState(session& sql, long long document, State state) {
         use(at, concluded), use(document);
 }
 
-void writeBooking(session& sql, long long document, const rules::Booking& booking) {
+/// `signedDocument`: the booking's document, packed.
+void writeBooking(session& sql, long long document, const rules::Booking& booking,
+                  const std::string& signedDocument) {
     soci::blob packed(sql);
-    fill(packed, pack(booking.document, requestOf(sql, document)));
+    fill(packed, signedDocument);
     const auto size = static_cast<long long>(booking.document.size());
     sql << "UPDATE texts SET signed = :signed, signed_size = :size WHERE document = :document", use(packed),
         use(size), use(document);
@@ -292,6 +295,7 @@ Journal::~Journal() = default;
 // ---- for the tills ----
 
 Receipt Journal::submit(const Submission& submission, std::size_t queueLimit) {
+    const std::string request = pack(submission.body);  // large ones take a while: not while others wait
     return m_store->write([&](session& sql) -> Receipt {
         if (auto known = byKey(sql, submission.key)) {
             const std::string body = requestOf(sql, known->id);
@@ -304,7 +308,7 @@ Receipt Journal::submit(const Submission& submission, std::size_t queueLimit) {
         long long waiting = 0;
         sql << "SELECT COUNT(*) FROM documents WHERE state = 0", into(waiting);
         if (static_cast<std::size_t>(waiting) >= queueLimit) return {Receipt::Result::QueueFull, {}};
-        const long long id = insert(sql, submission, State::Queued);
+        const long long id = insert(sql, submission, request, State::Queued);
         return {Receipt::Result::Accepted, byId(sql, id).value()};
     });
 }
@@ -321,7 +325,11 @@ std::vector<Document> Journal::list(const Filter& filter) {
     const Selection selection(filter);
     const auto limit = static_cast<long long>(filter.limit);
     return m_store->read([&](session& sql) {
-        return documentsWhere(sql, selection.conditions() + " ORDER BY d.id DESC LIMIT :limit",
+        // The page is selected first, so that what a row costs beyond its own table is paid for the page
+        // alone.
+        return documentsWhere(sql,
+                              "WHERE d.id IN (SELECT id FROM documents " + selection.conditions() +
+                                  " ORDER BY id DESC LIMIT :limit) ORDER BY d.id DESC",
                               [&](soci::statement& query) {
                                   selection.bind(query);
                                   query.exchange(use(limit));
@@ -337,7 +345,7 @@ std::size_t Journal::count(const Filter& filter) {
         query.exchange(into(count));
         selection.bind(query);
         query.alloc();
-        query.prepare("SELECT COUNT(*) FROM documents d " + selection.conditions());
+        query.prepare("SELECT COUNT(*) FROM documents " + selection.conditions());
         query.define_and_bind();
         query.execute(true);
         return static_cast<std::size_t>(count);
@@ -379,7 +387,7 @@ Journal::Withdrawal Journal::withdraw(std::string_view key, Kind kind,
     return m_store->write([&](session& sql) -> Withdrawal {
         auto known = byKey(sql, std::string(key));
         if (!known) {
-            const long long id = insert(sql, {std::string(key), kind, till, "", ""}, State::Withdrawn);
+            const long long id = insert(sql, {std::string(key), kind, till, "", ""}, "", State::Withdrawn);
             return {true, byId(sql, id).value()};
         }
         if (known->kind != kind || known->till != till) return {false, std::move(*known)};
@@ -462,6 +470,9 @@ std::optional<Attempt> Journal::beginAttempt(const Attempt& attempt) {
 }
 
 bool Journal::settle(const Attempt& attempt, State from, const Outcome& outcome) {
+    std::string signedDocument;
+    if (outcome.state == State::Booked)
+        signedDocument = pack(outcome.booking.document, body(attempt.document));
     return m_store->write([&](session& sql) {
         const long long document = attempt.document;
         const auto now = byId(sql, document);
@@ -470,7 +481,7 @@ bool Journal::settle(const Attempt& attempt, State from, const Outcome& outcome)
         if (outcome.state == State::Booked) {
             if (holdsKey(sql, outcome.booking.accessKey))
                 throw JournalError(outcome.booking.accessKey + " is in another row already");
-            writeBooking(sql, document, outcome.booking);
+            writeBooking(sql, document, outcome.booking, signedDocument);
         }
         writeState(sql, document, outcome.state);
         if (!outcome.answer.empty())
