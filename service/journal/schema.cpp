@@ -59,6 +59,8 @@ void create(soci::session& sql) {
     sql << "COMMIT";
 }
 
+bool isPrivate(const struct stat& file) { return (file.st_mode & (S_IRWXG | S_IRWXO)) == 0; }
+
 /// Whether the file says so itself: a wrong path must not change another file's permissions.
 bool isJournal(const tool::Descriptor& file) {
     // SQLite's file format: the application's mark is 4 bytes, big-endian.
@@ -71,15 +73,22 @@ bool isJournal(const tool::Descriptor& file) {
 }  // namespace
 
 void makePrivate(const std::string& path, Journal::IfMissing ifMissing) {
+    // What is private already is not opened: closing it would end the locks on it that SQLite holds for
+    // other connections of this process.
+    struct stat present {};
+    const bool exists = stat(path.c_str(), &present) == 0;
+    if (exists && S_ISREG(present.st_mode) && isPrivate(present)) return;
+
     const int create = ifMissing == Journal::IfMissing::Create ? O_CREAT : 0;
     const tool::Descriptor file(open(path.c_str(), O_RDWR | create | O_CLOEXEC, S_IRUSR | S_IWUSR));
-    struct stat present {};
     if (file.get() < 0 || fstat(file.get(), &present) != 0)
         throw JournalError(path + ": " + tool::systemError(errno));
     if (!S_ISREG(present.st_mode)) throw JournalError(path + ": " + tool::tr("not a regular file"));
-    if ((present.st_mode & (S_IRWXG | S_IRWXO)) == 0 || !isJournal(file)) return;
+    const bool becomesOne = present.st_size == 0 && create != 0;
+    if (isPrivate(present) || !(becomesOne || isJournal(file))) return;
     if (fchmod(file.get(), S_IRUSR | S_IWUSR) != 0)
         throw JournalError(path + ": " + tool::systemError(errno));
+    for (const char* suffix : {"-wal", "-shm"}) chmod((path + suffix).c_str(), S_IRUSR | S_IWUSR);
 }
 
 void connect(soci::session& sql, const std::string& path) {
@@ -97,6 +106,8 @@ void prepareSchema(soci::session& sql, const std::string& path, Journal::IfMissi
     sql << "PRAGMA user_version", soci::into(version);
     sql << "SELECT COUNT(*) FROM sqlite_master", soci::into(tables);
     if (application == 0 && tables == 0 && ifMissing == Journal::IfMissing::Create) {
+        // Large, since packed texts of 2 to 3 KB leave much of a small page empty.
+        sql << "PRAGMA page_size = 16384";
         std::string mode;
         sql << "PRAGMA journal_mode = WAL", soci::into(mode);
         return create(sql);
@@ -110,7 +121,7 @@ void prepareSchema(soci::session& sql, const std::string& path, Journal::IfMissi
     sql << "PRAGMA journal_mode = WAL", soci::into(mode);  // a copy made by `backup` is in another mode
     // What is open must be whole, or nothing can go on.
     int broken = 0;
-    sql << "SELECT COUNT(*) FROM documents d WHERE d.state IN (1, 2, 6) AND NOT EXISTS"
+    sql << "SELECT COUNT(*) FROM documents d WHERE d.state IN (1, 2) AND NOT EXISTS"
            " (SELECT 1 FROM attempts a JOIN texts t ON t.document = a.document WHERE a.document = d.id)",
         soci::into(broken);
     int sessions = 0;

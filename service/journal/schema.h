@@ -13,7 +13,7 @@ constexpr int APPLICATION_ID = 0x46495343;
 /// Of the schema (PRAGMA user_version).
 constexpr int SCHEMA_VERSION = 1;
 
-/// Makes sure that `path` is a file that its user alone can read. Throws
+/// Makes sure that a journal at `path`, or what becomes one, can be read by its user alone. Throws
 /// JournalError.
 void makePrivate(const std::string& path, Journal::IfMissing ifMissing);
 /// Opens `path` with the settings that make a commit durable. Throws JournalError or soci_error.
