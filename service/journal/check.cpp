@@ -2,10 +2,11 @@
 
 #include <soci/soci.h>
 
+#include <cctype>
 #include <map>
-#include <set>
+#include <string_view>
+#include <unordered_map>
 
-#include "fields.h"
 #include "journal/Journal.h"
 #include "journal/schema.h"
 #include "rules/AccessKey.h"
@@ -19,13 +20,18 @@ using soci::session;
 
 using Problems = std::vector<std::string>;
 
-/// Rows of a query with one text column.
-Problems textsOf(session& sql, const std::string& query, const std::string& before) {
+/// Calls `use` with each row of a query that has one text column.
+template <typename Use>
+void forEachText(session& sql, const std::string& query, Use use) {
     std::string text;
     soci::statement rows = (sql.prepare << query, into(text));
     rows.execute();
+    while (rows.fetch()) use(text);
+}
+
+Problems textsOf(session& sql, const std::string& query, const std::string& before) {
     Problems found;
-    while (rows.fetch()) found.push_back(before + text);
+    forEachText(sql, query, [&](const std::string& text) { found.push_back(before + text); });
     return found;
 }
 
@@ -62,79 +68,96 @@ Problems brokenRows(session& sql) {
         textsOf(sql, "SELECT key FROM documents WHERE (state IN (3, 4, 5, 7)) <> (concluded_at IS NOT NULL)",
                 "told only what is on disk: final without its time, or the reverse: "));
     append(problems, textsOf(sql,
-                             "SELECT d.key FROM documents d WHERE d.state IN (1, 2, 6) AND NOT EXISTS"
+                             "SELECT d.key FROM documents d WHERE d.state IN (1, 2) AND NOT EXISTS"
                              " (SELECT 1 FROM attempts a WHERE a.document = d.id)",
                              "on disk before the call: open without an attempt: "));
     append(problems, textsOf(sql,
                              "SELECT d.key FROM documents d WHERE d.state <> 5 AND NOT EXISTS"
                              " (SELECT 1 FROM texts t WHERE t.document = d.id)",
                              "nothing is lost: without its request: "));
-    append(problems,
-           textsOf(sql,
-                   "SELECT d.key FROM attempts a JOIN documents d ON d.id = a.document WHERE NOT EXISTS"
-                   " (SELECT 1 FROM history h WHERE h.attempt = a.id AND h.state = 1)",
-                   "on disk before the call: an attempt without its beginning: "));
+    append(
+        problems,
+        textsOf(
+            sql,
+            "SELECT d.key FROM attempts a JOIN documents d ON d.id = a.document WHERE NOT EXISTS"
+            " (SELECT 1 FROM history h WHERE h.document = a.document AND h.attempt = a.id AND h.state = 1)",
+            "on disk before the call: an attempt without its beginning: "));
     return problems;
 }
 
+/// An attempt, and where in the history it began and ended.
 struct AttemptRow {
-    long long id = 0;
-    long long document = 0;
-    int session = 0;
-    std::string serial;
-    std::string lastDocument;
     std::string key;
+    std::string serial;
+    int session = 0;
+    long long madeAt = 0;
+    long long begun = 0;
+    long long ended = 0;  ///< 0: it is open
 };
 
-std::vector<AttemptRow> attemptsOf(session& sql) {
+/// Calls `use` with each attempt, oldest first.
+template <typename Use>
+void forEachAttempt(session& sql, Use use) {
     AttemptRow row;
     soci::statement rows =
-        (sql.prepare << "SELECT a.id, a.document, a.session, a.serial, a.last_document, d.key FROM"
-                        " attempts a JOIN documents d ON d.id = a.document ORDER BY a.id",
-         into(row.id), into(row.document), into(row.session), into(row.serial), into(row.lastDocument),
-         into(row.key));
+        (sql.prepare
+             << "SELECT key, serial, session, made_at, begun, COALESCE((SELECT MIN(h.id) FROM history h WHERE"
+                " h.document = begun_at.document AND h.id > begun AND h.state NOT IN (1, 2)), 0) FROM"
+                " (SELECT a.id, a.document, d.key, a.serial, a.session, a.made_at, COALESCE((SELECT MIN(h.id) FROM"
+                " history h WHERE h.document = a.document AND h.attempt = a.id), 0) AS begun"
+                " FROM attempts a JOIN documents d ON d.id = a.document) begun_at ORDER BY id",
+         into(row.key), into(row.serial), into(row.session), into(row.madeAt), into(row.begun),
+         into(row.ended));
     rows.execute();
-    std::vector<AttemptRow> attempts;
-    while (rows.fetch()) attempts.push_back(row);
-    return attempts;
-}
-
-/// Whether the attempt had ended when the history got its entry number `by`.
-bool hadEnded(session& sql, const AttemptRow& attempt, long long by) {
-    int count = 0;
-    sql << "SELECT COUNT(*) FROM history WHERE document = :document AND id < :by AND state NOT IN (1, 2) AND id >"
-           " (SELECT MIN(id) FROM history WHERE attempt = :attempt)",
-        into(count), soci::use(attempt.document), soci::use(by), soci::use(attempt.id);
-    return count > 0;
+    while (rows.fetch()) use(row);
 }
 
 /// One attempt after the other on each device, each under a number of its own.
-Problems brokenOrder(session& sql, const std::vector<AttemptRow>& attempts) {
-    Problems problems;
-    std::map<std::string, const AttemptRow*> last;
-    for (const AttemptRow& attempt : attempts) {
-        const AttemptRow*& before = last[attempt.serial];
-        if (before != nullptr) {
-            if (before->session == attempt.session)
-                problems.push_back("session numbers are used once: " + std::to_string(attempt.session) +
-                                   ": " + before->key + ", " + attempt.key);
-            long long begun = 0;
-            sql << "SELECT COALESCE(MIN(id), 0) FROM history WHERE attempt = :attempt", into(begun),
-                soci::use(attempt.id);
-            if (!hadEnded(sql, *before, begun))
-                problems.push_back("only questions while an attempt is open: " + attempt.key +
-                                   " was sent while " + before->key + " was open");
-        }
-        before = &attempt;
+class DeviceAttempts {
+  public:
+    Problems add(const AttemptRow& attempt) {
+        Problems problems;
+        if (m_count > 0 && (m_last.ended == 0 || m_last.ended > attempt.begun))
+            problems.push_back("only questions while an attempt is open: " + attempt.key +
+                               " was sent while " + m_last.key + " was open");
+        const auto before = m_sessions.find(attempt.session);
+        if (before != m_sessions.end() && isTooSoon(before->second, attempt))
+            problems.push_back("session numbers are used once: " + std::to_string(attempt.session) + ": " +
+                               attempt.key + " and another before it");
+        m_sessions[attempt.session] = {m_count++, attempt.madeAt};
+        m_last = attempt;
+        return problems;
     }
+
+  private:
+    struct Use {
+        long long place = 0;
+        long long madeAt = 0;
+    };
+
+    /// The numbers that questions took are not kept. But nobody asks so often that the numbers go round
+    /// within a day, unless attempts took many of them.
+    bool isTooSoon(const Use& before, const AttemptRow& attempt) const {
+        constexpr long long DAY_MS = 24LL * 3600 * 1000;
+        constexpr long long REMEMBERED = 100000;
+        return m_count - before.place < REMEMBERED && attempt.madeAt - before.madeAt < DAY_MS;
+    }
+
+    long long m_count = 0;
+    AttemptRow m_last;
+    std::unordered_map<int, Use> m_sessions;
+};
+
+Problems brokenOrder(session& sql) {
+    Problems problems;
+    std::map<std::string, DeviceAttempts> devices;
+    forEachAttempt(
+        sql, [&](const AttemptRow& attempt) { append(problems, devices[attempt.serial].add(attempt)); });
     return problems;
 }
 
 /// Whether each booked document is proved to belong to its attempt.
-Problems brokenProofs(session& sql, Journal& journal, const std::vector<AttemptRow>& attempts) {
-    std::map<long long, const AttemptRow*> lastOf;
-    for (const AttemptRow& attempt : attempts) lastOf[attempt.document] = &attempt;
-
+Problems brokenProofs(session& sql, Journal& journal) {
     long long id = 0;
     std::string key;
     soci::statement rows =
@@ -147,13 +170,13 @@ Problems brokenProofs(session& sql, Journal& journal, const std::vector<AttemptR
         };
         const Document document = journal.find(id).value();
         const auto accessKey = AccessKey::parse(document.accessKey);
-        const auto attempt = lastOf.find(id);
-        if (!accessKey || attempt == lastOf.end()) {
+        const auto attempt = journal.lastAttempt(id);
+        if (!accessKey || !attempt) {
             fail("no attempt or no access key");
             continue;
         }
-        const auto before = AccessKey::parse(attempt->second->lastDocument);
-        if (accessKey->serial() != attempt->second->serial) fail("the device is another");
+        const auto before = AccessKey::parse(attempt->lastDocument);
+        if (accessKey->serial() != attempt->serial) fail("the device is another");
         if (before && accessKey->numbersAfter(*before) < 1)
             fail("not later than the last document before it");
         if (document.answer.find(accessKey->text()) == std::string::npos)
@@ -171,20 +194,27 @@ Problems brokenProofs(session& sql, Journal& journal, const std::vector<AttemptR
     return problems;
 }
 
-/// The activation code as a field or a word of its own; a document may hold the same digits by chance.
+/// Whether `word` is in the text, not as a part of a longer one: a document may hold the same digits by
+/// chance.
+bool holdsWord(std::string_view text, std::string_view word) {
+    const auto isPart = [&](std::size_t place) {
+        return place < text.size() && std::isalnum(static_cast<unsigned char>(text[place])) != 0;
+    };
+    for (auto at = text.find(word); at != std::string_view::npos; at = text.find(word, at + 1))
+        if (!(at > 0 && isPart(at - 1)) && !isPart(at + word.size())) return true;
+    return false;
+}
+
 Problems leakedCode(session& sql, const std::string& code) {
     Problems problems;
     if (code.empty()) return problems;
     for (const char* column : {"SELECT answer FROM documents", "SELECT text FROM history",
                                "SELECT reason FROM history WHERE reason IS NOT NULL",
-                               "SELECT reason FROM alarms WHERE reason IS NOT NULL"}) {
-        for (const std::string& text : textsOf(sql, column, "")) {
-            for (const char delimiter : {'|', ' '})
-                for (const auto field : fieldsOf(text, delimiter))
-                    if (field == code)
-                        problems.push_back(std::string("no activation code on disk: ") + column);
-        }
-    }
+                               "SELECT reason FROM alarms WHERE reason IS NOT NULL"})
+        forEachText(sql, column, [&](const std::string& text) {
+            if (holdsWord(text, code))
+                problems.push_back(std::string("no activation code on disk: ") + column);
+        });
     return problems;
 }
 
@@ -198,9 +228,8 @@ std::vector<std::string> problemsIn(const std::string& path, const std::string& 
         Problems problems = damage(sql);
         if (!problems.empty()) return problems;
         append(problems, brokenRows(sql));
-        const auto attempts = attemptsOf(sql);
-        append(problems, brokenOrder(sql, attempts));
-        append(problems, brokenProofs(sql, journal, attempts));
+        append(problems, brokenOrder(sql));
+        append(problems, brokenProofs(sql, journal));
         append(problems, leakedCode(sql, code));
         return problems;
     } catch (const soci::soci_error& error) {
