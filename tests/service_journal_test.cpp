@@ -4,8 +4,12 @@
 #include <gtest/gtest.h>
 #include <soci/soci.h>
 #include <soci/sqlite3/soci-sqlite3.h>
+#include <sys/resource.h>
 #include <sys/stat.h>
 
+#include <algorithm>
+#include <chrono>
+#include <csignal>
 #include <filesystem>
 #include <fstream>
 #include <functional>
@@ -62,6 +66,8 @@ void execute(const std::string& statement) {
 
 TEST(AJournal, GivesDocumentsBackByteForByte) {
     const WorkingDirectory folder;
+    std::ofstream(PATH).flush();
+    ASSERT_EQ(chmod(PATH, 0644), 0);
     std::string every;
     for (int byte = 1; byte < 256; ++byte) every += static_cast<char>(byte);
     std::mt19937 random(1);
@@ -165,7 +171,7 @@ TEST(AJournal, IsRefusedIfItIsNotWhole) {
         {"no database", [] { std::ofstream(PATH) << std::string(5000, 'x'); }, "not a database"},
         {"another program's database", [] { execute("PRAGMA application_id = 1"); }, "not a journal"},
         {"from a newer version", [] { execute("PRAGMA user_version = 99"); }, "newer version"},
-        {"cut off", [] { fs::resize_file(PATH, fs::file_size(PATH) - 4096); }, "malformed"},
+        {"cut off", [] { fs::resize_file(PATH, fs::file_size(PATH) - 16384); }, "malformed"},
         {"open without its attempt", [] { execute("UPDATE documents SET state = 2 WHERE key = 'queued'"); },
          "damaged"},
     };
@@ -203,6 +209,9 @@ TEST(ACheck, NamesTheRowThatBreaksARule) {
         {"INSERT INTO attempts (document, session, serial, last_document, node, made_at) SELECT document, session, serial,"
          " last_document, node, made_at FROM attempts ORDER BY id DESC LIMIT 1",
          "session numbers are used once"},
+        {"INSERT INTO attempts (document, session, serial, last_document, node, made_at) SELECT 3, 77, serial, '', '', 0"
+         " FROM attempts UNION ALL SELECT 3, session, serial, '', '', 0 FROM attempts WHERE id = 1",
+         "session numbers are used once"},
         {"UPDATE texts SET request = (SELECT request FROM texts WHERE document = 2) WHERE document = 1",
          "belongs to its attempt"},
         {"UPDATE documents SET answer = '1|06000|12345678|' WHERE key = 'queued'", "no activation code"},
@@ -226,30 +235,103 @@ TEST(ACheck, NamesTheRowThatBreaksARule) {
     }
 }
 
-TEST(ABackup, ComesBackWithOtherSessionNumbersAndOnlyWhileNobodyServes) {
+TEST(AJournal, GoesOnWhenTheDiskHasRoomAgain) {
     const WorkingDirectory folder;
-    int last = 0;
+    Journal journal(PATH);
+    std::string body(100'000, '\0');
+    std::mt19937 random(1);
+    for (char& c : body) c = static_cast<char>(random() % 255 + 1);
+    rlimit before{};
+    ASSERT_EQ(getrlimit(RLIMIT_FSIZE, &before), 0);
+    const rlimit small{1'000'000, before.rlim_max};
+    const auto handler = signal(SIGXFSZ, SIG_IGN);
+    setrlimit(RLIMIT_FSIZE, &small);
+    std::size_t accepted = 0;
+    try {
+        for (; accepted < 100; ++accepted) journal.submit(sale("key" + std::to_string(accepted), body), 1000);
+        ADD_FAILURE() << "the disk was not full";
+    } catch (const JournalError& error) {
+        EXPECT_THAT(error.what(), testing::Not(HasSubstr("\n")));
+    }
+    EXPECT_EQ(journal.queueLength(), accepted) << "what failed must not be there by half";
+    setrlimit(RLIMIT_FSIZE, &before);
+    signal(SIGXFSZ, handler);
+    EXPECT_EQ(journal.submit(sale("key" + std::to_string(accepted), body), 1000).result,
+              Receipt::Result::Accepted);
+    EXPECT_THAT(problemsIn(PATH, ""), testing::IsEmpty());
+}
+
+TEST(AJournal, LooksAtItsQueueAsQuicklyWhenItIsLarge) {
+    const WorkingDirectory folder;
+    Journal journal(PATH);
+    const auto quickest = [&] {
+        auto best = std::chrono::nanoseconds::max();
+        for (int i = 0; i < 30; ++i) {
+            const auto begin = std::chrono::steady_clock::now();
+            journal.oldestQueued();
+            journal.open();
+            journal.undecided(SERIAL, 10);
+            journal.queueLength();
+            best = std::min<std::chrono::nanoseconds>(best, std::chrono::steady_clock::now() - begin);
+        }
+        return best;
+    };
+    const auto empty = quickest();
+    execute(
+        "INSERT INTO documents (key, kind, state, sale_key, answer, not_booked, has_document, received_at)"
+        " WITH RECURSIVE n (i) AS (SELECT 1 UNION ALL SELECT i + 1 FROM n WHERE i < 50000)"
+        " SELECT i, 0, 3, '', '', 0, 0, 0 FROM n");
+    EXPECT_LT(quickest(), 10 * empty) << "it reads all documents";
+}
+
+TEST(ABackup, TakesThePlaceOfTheJournalOnlyWhileNobodyServes) {
+    const WorkingDirectory folder;
+    Journal{PATH}.submit(sale("one"), 100);
+    backUp(PATH, "copy.db");
+    EXPECT_THROW(backUp(PATH, "copy.db"), JournalError) << "a file must not be replaced";
+    Journal{PATH}.submit(sale("later"), 100);
     {
-        Journal journal(PATH);
-        fill(journal);
-        last = journal.takeSession();
-        backUp(PATH, "copy.db");
-        EXPECT_THROW(backUp(PATH, "copy.db"), JournalError) << "a file must not be replaced";
-        journal.submit(sale("later"), 100);
         const OwnerLock serving(PATH);
         EXPECT_THROW(restore("copy.db", PATH), JournalError);
     }
-    const std::string kept = restore("copy.db", PATH);
-    EXPECT_TRUE(Journal(kept).find("later")) << "the journal of before must not be lost";
-    Journal journal(PATH);
-    EXPECT_FALSE(journal.find("later"));
-    EXPECT_TRUE(journal.find("booked"));
-    const int distance = (journal.takeSession() - last + 999999) % 999999;
-    EXPECT_GT(distance, 100000);
-    EXPECT_LT(distance, 899999);
+    EXPECT_TRUE(Journal(restore("copy.db", PATH)).find("later")) << "the journal of before must not be lost";
+    EXPECT_FALSE(Journal(PATH).find("later"));
     std::ofstream("copy.db", std::ios::trunc) << "x";
     EXPECT_THROW(restore("copy.db", PATH), JournalError);
-    EXPECT_TRUE(Journal(PATH).find("booked"));
+    EXPECT_TRUE(Journal(PATH).find("one"));
+    for (const auto& entry : fs::directory_iterator("."))
+        EXPECT_THAT(
+            entry.path(),
+            testing::AnyOf(
+                "./copy.db", "./journal.db", "./journal.db.lock",
+                testing::ResultOf(
+                    [](const fs::path& path) { return path.string().rfind("./journal.db.2", 0); }, 0)));
+}
+
+TEST(ARestoredJournal, RepeatsNothingThatMayHaveHappenedAfterTheCopy) {
+    const WorkingDirectory folder;
+    std::set<int> taken;
+    const auto takeSome = [&] {
+        Journal journal(PATH);
+        for (int i = 0; i < 3; ++i) EXPECT_TRUE(taken.insert(journal.takeSession()).second);
+    };
+    {
+        Journal journal(PATH);
+        fill(journal);
+    }
+    backUp(PATH, "copy.db");
+    takeSome();
+    for (const bool readable : {true, false, true, false}) {
+        SCOPED_TRACE(readable);
+        if (!readable) std::ofstream(PATH, std::ios::trunc) << "x";
+        fs::remove(restore("copy.db", PATH));
+        takeSome();
+        const Document queued = Journal(PATH).find("queued").value();
+        EXPECT_EQ(queued.state, State::Undecided) << "it may have been sold after the copy was made";
+        EXPECT_EQ(Journal(PATH).find("booked")->state, State::Booked);
+        EXPECT_THAT(problemsIn(PATH, ""), testing::IsEmpty());
+    }
+    EXPECT_TRUE(Journal(PATH).rule("queued", {Ruling::Kind::SendAgain, "", "Ana", "não saiu cupom"}));
 }
 
 }  // namespace

@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <chrono>
+#include <random>
 
 #include "journal/Store.h"
 #include "journal/packing.h"
@@ -16,7 +17,8 @@ using soci::use;
 
 constexpr int SESSION_NUMBERS = 999999;  ///< 1 to this
 constexpr int SESSION_BLOCK = 100;
-constexpr int SESSION_JUMP = 500000;
+constexpr int SHORTEST_JUMP = 100000;  ///< what a device remembers
+constexpr int LONGEST_JUMP = SESSION_NUMBERS - SHORTEST_JUMP;
 
 long long toMs(Time time) {
     return std::chrono::duration_cast<std::chrono::milliseconds>(time.time_since_epoch()).count();
@@ -638,9 +640,26 @@ void Journal::copyTo(const std::string& path) {
     m_store->execute("VACUUM INTO '" + quoted + "'");
 }
 
-void Journal::jumpSessions() {
-    m_store->write([](session& sql) {
-        sql << "UPDATE sessions SET next = (next + " << SESSION_JUMP << ") % " << SESSION_NUMBERS;
+int Journal::nextSession() {
+    return m_store->read([](session& sql) {
+        int next = 0;
+        sql << "SELECT next FROM sessions", into(next);
+        return next;
+    });
+}
+
+void Journal::goOnFromCopy(std::optional<int> nextSession) {
+    // By chance and not always as far: whoever restores the same copy again must not get the same numbers.
+    std::random_device random;
+    const int jump = std::uniform_int_distribution(SHORTEST_JUMP, LONGEST_JUMP)(random);
+    m_store->write([&](session& sql) {
+        sql << "UPDATE sessions SET next = (next + " << jump << ") % " << SESSION_NUMBERS;
+        if (nextSession) sql << "UPDATE sessions SET next = " << *nextSession;
+        for (const Document& document : inState(sql, State::Queued, "ORDER BY d.id")) {
+            writeState(sql, document.id, State::Undecided);
+            addHistory(sql, document.id, std::nullopt, State::Undecided,
+                       "cópia restaurada: pode ter sido enviada depois que ela foi feita");
+        }
     });
 }
 

@@ -169,9 +169,12 @@ class Journal {
     std::int64_t foreignChanges();
     /// Writes a consistent copy to the empty file `path`, while the journal goes on being used.
     void copyTo(const std::string& path);
-    /// Goes on half a round further with the session numbers, so that none is used which the journal may not
-    /// know of.
-    void jumpSessions();
+    /// What the next block of session numbers begins with, counted from 0.
+    int nextSession();
+    /// Makes a copy fit to go on with, since the device and the tills may know more than it does: goes on
+    /// with session number `nextSession` of the journal before it, or else with one that is 100,000 to
+    /// 899,999 further at random, and lets a person decide about each document that was queued.
+    void goOnFromCopy(std::optional<int> nextSession);
 
   private:
     std::unique_ptr<Store> m_store;

@@ -109,9 +109,10 @@ RestoreCommand::RestoreCommand(CLI::App& application, const Settings& settings)
     m_options->add_option("file", m_file, tr("A copy that fiscorad backup has written"))
         ->required()
         ->option_text("FILE");
-    m_options->footer(
-        tr("Documents that came after the copy are not protected against being sent twice. If the device has "
-           "issued some, nothing is sent until someone runs fiscorad confirm."));
+    m_options->footer(tr(
+        "Documents that were queued in the copy wait for fiscorad decide, since they may have been sent after "
+        "it was made. Documents that came after the copy are not protected against being sent twice. If the "
+        "device has issued some, nothing is sent until someone runs fiscorad confirm."));
 }
 
 int RestoreCommand::run(const std::vector<std::string>& operands) {
