@@ -87,7 +87,7 @@ std::optional<int> nextSessionOf(const std::string& path) {
 /// It stays in its place as well: a service that found none there would begin a new one.
 std::string keepAside(const std::string& path) {
     if (!fs::exists(path)) return "";
-    const std::string kept = path + localTimeText(".%Y%m%dT%H%M%S");
+    std::string kept = path + localTimeText(".%Y%m%dT%H%M%S");
     nameAlso(path, kept);
     // There unless the journal was closed in good order. They belong to it, and not to what replaces it.
     for (const char* suffix : {"-wal", "-shm"})
@@ -114,7 +114,7 @@ std::string restore(const std::string& from, const std::string& path) {
         throw JournalError(from + ": " + problems.front());
     Journal(draft.path(), Journal::IfMissing::Refuse).goOnFromCopy(nextSessionOf(path));
 
-    const std::string kept = keepAside(path);
+    std::string kept = keepAside(path);
     draft.replace(path);
     return kept;
 }

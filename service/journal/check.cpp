@@ -166,7 +166,8 @@ Problems brokenProofs(session& sql, Journal& journal) {
     Problems problems;
     while (rows.fetch()) {
         const auto fail = [&](const std::string& why) {
-            problems.push_back("an answer belongs to its attempt: " + why + ": " + key);
+            problems.push_back(
+                std::string("an answer belongs to its attempt: ").append(why).append(": ").append(key));
         };
         const Document document = journal.find(id).value();
         const auto accessKey = AccessKey::parse(document.accessKey);
