@@ -115,7 +115,8 @@ pid_t open(const Options& options, int shop) {
     std::vector<char*> arguments;
     for (std::string& word : words) arguments.push_back(word.data());
     arguments.push_back(nullptr);
-    std::ofstream(folder / crash::LEDGER_FILE);  // also if nothing is ever booked
+    std::ofstream ledger(folder / crash::LEDGER_FILE);  // also if nothing is ever booked
+    ledger.close();
     const fs::path trace = folder / crash::TRACE_FILE;
     const pid_t pid = fork();
     if (pid < 0) throw std::system_error(errno, std::generic_category(), "fork");

@@ -2,6 +2,7 @@
 
 #include <fcntl.h>
 #include <sys/statvfs.h>
+#include <unistd.h>
 
 #include <cerrno>
 #include <fstream>
@@ -21,7 +22,9 @@ namespace fs = std::filesystem;
 using std::chrono::milliseconds;
 using std::chrono::seconds;
 
+/// Far from those of other shops, of this run or another one.
 constexpr int FIRST_PORT = 18100;
+constexpr int PORTS = 12000;
 constexpr seconds QUIET_EVERY{60};
 constexpr seconds QUIET_FOR{20};
 
@@ -195,8 +198,7 @@ std::vector<std::string> Counter::differences() const {
 
 void runShop(const ShopSettings& settings) {
     Random random(settings.seed);
-    Counter counter(ServiceProcess::freePort(FIRST_PORT + static_cast<int>(settings.seed % 1000) * 10),
-                    ACTIVATION_CODE);
+    Counter counter(ServiceProcess::freePort(FIRST_PORT + getpid() % PORTS), ACTIVATION_CODE);
     ServiceProcess service(
         {settings.program, settings.folder, settings.journal, counter.port(), ACTIVATION_CODE});
     service.start();

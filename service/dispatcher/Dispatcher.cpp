@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <exception>
+#include <limits>
 
 #include "fiscal/operations.h"
 #include "fiscora.h"
@@ -52,6 +53,7 @@ Dispatcher::Dispatcher(Journal& journal, Equipment& equipment, ActivationCode& c
       m_changes(changes),
       m_settings(std::move(settings)) {
     Filter unsettled;
+    unsettled.limit = std::numeric_limits<int>::max();
     for (const State state : {State::Uncertain, State::Undecided}) {
         unsettled.state = state;
         for (const Document& document : m_journal.list(unsettled)) m_unsettled.insert(document.id);
