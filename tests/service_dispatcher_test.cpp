@@ -198,7 +198,7 @@ class Shop {
         m_code = std::make_unique<ActivationCode>("code");
         m_dispatcher =
             std::make_unique<Dispatcher>(*m_journal, devices, *m_code, m_changes,
-                                         Dispatcher::Settings{"host", [this] { return devices.now; }, {}});
+                                         Dispatcher::Settings{"host", [this] { return devices.now; }});
     }
     Journal& journal() { return *m_journal; }
 

@@ -176,8 +176,8 @@ class Http : public testing::Test {
         std::ofstream("code") << CODE << "\n";
         std::filesystem::permissions("code", std::filesystem::perms::owner_read);
         m_code = std::make_unique<ActivationCode>("code");
-        m_dispatcher = std::make_unique<Dispatcher>(m_journal, device, *m_code, m_changes,
-                                                    Dispatcher::Settings{"host", {Clock::now}, {}});
+        m_dispatcher =
+            std::make_unique<Dispatcher>(m_journal, device, *m_code, m_changes, Dispatcher::Settings{"host"});
         service = std::make_unique<Service>(m_journal, *m_dispatcher, m_changes, QUEUE);
         settings.maxDocumentBytes = LIMIT;
         start();
