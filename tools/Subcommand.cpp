@@ -49,6 +49,19 @@ const CLI::Option* optionIn(const std::string& text, const CLI::App& options) {
     return found;
 }
 
+/// What people call an option: an argument without dashes has the name that the usage shows.
+std::string nameOf(const CLI::Option& option) {
+    return option.get_option_text().empty() ? option.get_name() : option.get_option_text();
+}
+
+/// The name in the configuration file that CLI11 complains about.
+std::string nameIn(const CLI::ConfigError& error) {
+    constexpr std::string_view UNKNOWN = "INI was not able to parse ";
+    const std::string text = error.what();
+    if (text.rfind(UNKNOWN, 0) == 0) return text.substr(UNKNOWN.size());
+    return text.substr(0, text.find(':'));
+}
+
 std::string unexpected(const std::vector<std::string>& words) {
     return filled(tr("unexpected argument: %s"), CLI::detail::join(words, " ").c_str());
 }
@@ -118,11 +131,14 @@ std::string reasonOf(const CLI::ParseError& error, const CLI::App& application, 
         return unexpected(extras);
     if (lacksSubcommand) return tr("a subcommand is missing");
     if (dynamic_cast<const CLI::FileError*>(&error) != nullptr)
-        return tr("the configuration file cannot be read");
-    if (dynamic_cast<const CLI::ConfigError*>(&error) != nullptr)
-        return filled(tr("unknown name in the configuration file (%s)"), error.what());
+        return filled(tr("the configuration file cannot be read: %s"),
+                      application.get_config_ptr()->as<std::string>().c_str());
+    if (const auto* const name = dynamic_cast<const CLI::ConfigError*>(&error); name != nullptr)
+        return filled(tr("unknown name in the configuration file: %s"), nameIn(*name).c_str());
     if (option == nullptr) return error.what();
-    const std::string name = option->get_name();
+    const std::string name = nameOf(*option);
+    if (dynamic_cast<const CLI::RequiredError*>(&error) != nullptr)
+        return filled(tr("%s is missing"), name.c_str());
     if (dynamic_cast<const CLI::ArgumentMismatch*>(&error) != nullptr)
         return filled(option->count() > 1 ? tr("%s is given more than once") : tr("%s needs a value"),
                       name.c_str());

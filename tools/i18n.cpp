@@ -93,8 +93,10 @@ fs::path catalogueIn(const fs::path& folder) {
 
 /// glibc's texts in English, for the catalogue.
 [[maybe_unused]] constexpr const char* SYSTEM_ERRORS[] = {
+    translatable("Address already in use"),
     translatable("Bad file descriptor"),
     translatable("Cannot allocate memory"),
+    translatable("Cannot assign requested address"),
     translatable("Device or resource busy"),
     translatable("File exists"),
     translatable("File name too long"),

@@ -6,6 +6,7 @@
 
 #include "fiscal/operations.h"
 #include "fiscora.h"
+#include "i18n.h"
 #include "rules/AccessKey.h"
 
 namespace fiscorad {
@@ -236,8 +237,8 @@ bool Dispatcher::read() {
     auto reading = rules::readingIn(status.reply);
     if (!reading || !status.sameConnection) {
         if (rules::isOwnAnswer(status.reply) && status.sameConnection)
-            m_settings.warn("a situação do equipamento não pôde ser lida: " +
-                            evidenceOf(fiscal::CMD_CONSULTA_STATUS_OP, status.reply));
+            m_settings.warn(tool::filled(tool::tr("the device's state cannot be read: %s"),
+                                         evidenceOf(fiscal::CMD_CONSULTA_STATUS_OP, status.reply).c_str()));
         if (!m_open) become(Condition::Absent);
         unanswered();
         return false;
@@ -511,7 +512,11 @@ void Dispatcher::alarm(const rules::DeviceRecord& record, Halts halts) {
     alarm.shown = m_reading->lastDocument;
     alarm.since = std::chrono::system_clock::now();
     alarm.halts = halts == Halts::Yes;
-    if (m_journal.raise(alarm)) m_changes.publishDevice();
+    if (!m_journal.raise(alarm)) return;
+    const std::string shown = alarm.shown.empty() ? tool::tr("no document") : "CFe" + alarm.shown;
+    m_settings.warn(tool::filled(tool::tr("device %s shows %s, which the journal does not explain"),
+                                 alarm.serial.c_str(), shown.c_str()));
+    m_changes.publishDevice();
 }
 
 // ---- other operations ----

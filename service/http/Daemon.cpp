@@ -15,6 +15,7 @@
 #include "Descriptor.h"
 #include "http/Exchange.h"
 #include "http/problem.h"
+#include "i18n.h"
 
 namespace fiscorad::http {
 namespace {
@@ -43,8 +44,8 @@ unsigned connectionLimit() {
 }
 
 [[noreturn]] void cannotListen(const std::string& address, std::uint16_t port, const std::string& reason) {
-    throw std::runtime_error("cannot listen on " + address + ", port " + std::to_string(port) + ": " +
-                             reason);
+    throw std::runtime_error(tool::filled(tool::tr("cannot listen on %s, port %d: %s"), address.c_str(),
+                                          static_cast<int>(port), reason.c_str()));
 }
 
 tool::Descriptor listenOn(const std::string& address, std::uint16_t port) {
@@ -52,16 +53,15 @@ tool::Descriptor listenOn(const std::string& address, std::uint16_t port) {
     hints.ai_flags = AI_NUMERICHOST | AI_NUMERICSERV | AI_PASSIVE;
     hints.ai_socktype = SOCK_STREAM;
     addrinfo* found = nullptr;
-    if (const int error = getaddrinfo(address.c_str(), std::to_string(port).c_str(), &hints, &found);
-        error != 0)
-        cannotListen(address, port, gai_strerror(error));
+    if (getaddrinfo(address.c_str(), std::to_string(port).c_str(), &hints, &found) != 0)
+        cannotListen(address, port, tool::tr("not an IP address"));
     const std::unique_ptr<addrinfo, decltype(&freeaddrinfo)> where(found, freeaddrinfo);
 
     tool::Descriptor fd(socket(where->ai_family, SOCK_STREAM | SOCK_NONBLOCK | SOCK_CLOEXEC, 0));
     const int on = 1;  // or a service that starts again would find its own old connections in the way
     if (fd.get() < 0 || setsockopt(fd.get(), SOL_SOCKET, SO_REUSEADDR, &on, sizeof on) != 0 ||
         bind(fd.get(), where->ai_addr, where->ai_addrlen) != 0 || listen(fd.get(), BACKLOG) != 0)
-        cannotListen(address, port, std::generic_category().message(errno));
+        cannotListen(address, port, tool::systemError(errno));
     return fd;
 }
 

@@ -1,13 +1,26 @@
 #include "journal/Store.h"
 
 #include <algorithm>
+#include <array>
 
+#include "i18n.h"
 #include "journal/schema.h"
 
 namespace fiscorad {
 namespace {
 
 constexpr std::size_t READERS = 4;
+
+/// What SQLite says most often, for those who do not read English.
+constexpr std::array FAILURES = {
+    tool::translatable("file is not a database"),
+    tool::translatable("database disk image is malformed"),
+    tool::translatable("database or disk is full"),
+    tool::translatable("attempt to write a readonly database"),
+    tool::translatable("unable to open database file"),
+    tool::translatable("database is locked"),
+    tool::translatable("disk I/O error"),
+};
 
 }  // namespace
 
@@ -38,6 +51,8 @@ void Store::execute(const std::string& statement) {
 
 std::string Store::reasonOf(const soci::soci_error& error) {
     std::string text = error.get_error_message();
+    for (const char* failure : FAILURES)
+        if (text.find(failure) != std::string::npos) return tool::tr(failure);
     // "sqlite3_statement_backend::prepare: database disk image is malformed"
     if (const auto colon = text.find(": "); text.rfind("sqlite3_", 0) == 0 && colon != std::string::npos)
         text.erase(0, colon + 2);
