@@ -45,9 +45,14 @@ void addOptions(CLI::App& application, Settings& settings) {
 }
 
 /// The service changes its working folder.
-void makeAbsolute(Settings& settings) {
-    for (std::string* path : {&settings.journal, &settings.activationCodeFile})
-        *path = std::filesystem::absolute(*path).string();
+void makeAbsolute(const char* option, std::string& path) {
+    if (path.empty()) throw CLI::ValidationError(tool::filled(tr("%s needs a value"), option));
+    path = std::filesystem::absolute(path).string();
+}
+
+/// Nothing in the configuration file may decide in a person's place.
+void keepOutOfConfiguration(CLI::App& options) {
+    for (CLI::Option* option : options.get_options()) option->configurable(false);
 }
 
 int run(int argc, char** argv) {
@@ -67,8 +72,10 @@ int run(int argc, char** argv) {
     commands.push_back(std::make_unique<fiscorad::ExportCommand>(application, settings));
     commands.push_back(std::make_unique<fiscorad::DecideCommand>(application, settings));
     commands.push_back(std::make_unique<fiscorad::ConfirmCommand>(application, settings));
-    for (CLI::App* options : application.get_subcommands({}))
+    for (CLI::App* options : application.get_subcommands({})) {
         options->group(tr("Subcommands"))->fallthrough();
+        keepOutOfConfiguration(*options);
+    }
     const auto chosen = [&]() -> fiscorad::Command* {
         for (const auto& command : commands)
             if (command->options().parsed()) return command.get();
@@ -76,7 +83,8 @@ int run(int argc, char** argv) {
     };
     try {
         application.parse(argc, argv);
-        makeAbsolute(settings);
+        makeAbsolute("--journal", settings.journal);
+        makeAbsolute("--activation-code-file", settings.activationCodeFile);
         fiscorad::Command* const command = chosen();
         return command == nullptr ? fiscorad::serve(settings) : command->run({});
     } catch (const CLI::Success& help) {

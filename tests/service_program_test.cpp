@@ -23,7 +23,7 @@ std::string script(const std::string& lines) {
     return std::string("set -u; umask 022; printf '12345678\\n' >code; chmod 600 code\n") +
            "fiscorad() { " FISCORAD
            " --journal j.db --activation-code-file code \"$@\"; }\n"
-           "start() { " FISCORAD
+           "start() { rm -f log; " FISCORAD
            " --listen 127.0.0.1:0 --journal j.db --activation-code-file code 2>log & pid=$!\n"
            "  until grep -qs 'port' log; do sleep 0.05; done; url=http://127.0.0.1:$(sed -n 's/.*port \\([0-9]*\\).*/\\1/p' log); }\n"
            "sell() { curl -s -o answer -w '%{http_code} ' -H \"Idempotency-Key: $1\" -H \"Prefer: wait=${wait:-30}\" "
@@ -63,9 +63,20 @@ TEST(Fiscorad, SaysInOneLineWhyItDoesNotStart) {
          HasSubstr("No such file")},
         {"a damaged journal", "head -c 9000 /dev/zero | tr '\\0' x >j.db; fiscorad", 1,
          HasSubstr("not a database")},
+        {"a file name that is none", FISCORAD " --journal '' --activation-code-file code", 2,
+         HasSubstr("--journal needs a value")},
+        {"a journal from a newer version",
+         "start; kill $pid; wait $pid; printf '\\0\\0\\0\\11' | dd of=j.db bs=1 seek=60 conv=notrunc status=none; fiscorad",
+         1, HasSubstr("from a newer version")},
         {"no port", "fiscorad --listen 127.0.0.1", 1, HasSubstr("not an address and a port")},
         {"a configuration with a mistake", "echo 'listem = \"127.0.0.1:1\"' >c; fiscorad --config c", 2,
          HasSubstr("listem")},
+        {"a decision in the configuration", "printf '[decide]\\nabandon = true\\n' >c; fiscorad --config c",
+         2, HasSubstr("decide.abandon")},
+        {"a host's name, in Portuguese", "LC_ALL=pt_BR.UTF-8 fiscorad --listen localhost:1", 1,
+         HasSubstr("porta 1: não é um endereço IP")},
+        {"a missing argument, in Portuguese", "LC_ALL=pt_BR.UTF-8 fiscorad decide", 2,
+         HasSubstr("falta CHAVE")},
         {"a wrong option", "fiscorad --lissten 127.0.0.1:1", 2, HasSubstr("usage: ")},
         {"two decisions", "fiscorad decide key --abandon --send-again --reason x", 2,
          HasSubstr("give one of")},
@@ -90,6 +101,7 @@ TEST(Fiscorad, SellsAndLetsPeopleLookAfterItsJournalWhileItRuns) {
         "start; sell zero; wait=1; sell one; until grep -q incerta log; do sleep 0.1; done; finish; cat log\n"
         "fiscorad check; fiscorad backup b.db; stat -c %a j.db b.db\n"
         "fiscorad export --dir out; fiscorad export --dir out; find out -name 'CFe*.xml' | wc -l\n"
+        "year=$(ls out); rm -r out; mkdir out; : >out/$year; fiscorad export --dir out || echo failed\n"
         "fiscorad decide one --abandon --reason x </dev/null; wc -l <ledger\n"
         "fiscorad restore b.db </dev/null; fiscorad check\n");
     EXPECT_THAT(result.output, HasSubstr("201 202 ended 0\n"));
@@ -100,8 +112,26 @@ TEST(Fiscorad, SellsAndLetsPeopleLookAfterItsJournalWhileItRuns) {
         result.output,
         HasSubstr(
             "2 documents: nothing wrong\nWritten: b.db\n600\n600\n1 document written\n0 documents written\n1\n"));
+    EXPECT_THAT(result.output,
+                MatchesRegex("(.|\n)*fiscorad export: CFe[0-9]+: out/20[0-9/]+: Not a directory\n"
+                             "0 documents written\nfailed\n(.|\n)*"));
     EXPECT_THAT(result.output, AllOf(HasSubstr("Attempt of"), HasSubstr("one: abandonada\n2\nRestored: ")));
     EXPECT_EQ(result.exitStatus, 0) << result.output;
+}
+
+TEST(Fiscorad, SellsAfterAnotherProgramOnlyWhenAPersonHasConfirmed) {
+    const WorkingDirectory folder;
+    const ShellResult result = runUnderSimulation(
+        "--ledger ledger",
+        "start; sell one; finish; " FISCORA_TOOL " call EnviarDadosVenda 123456 12345678 '" +
+            std::string(SALE) +
+            "' >/dev/null\n"
+            "start; wait=3; sell two; wc -l <ledger; grep -o 'shows CFe[0-9]*, which' log\n"
+            "fiscorad confirm --reason tried </dev/null; wait=30; sell two; wc -l <ledger; finish; fiscorad check\n");
+    EXPECT_THAT(result.output,
+                MatchesRegex("201 ended 0\n202 2\nshows CFe[0-9]{44}, which\n"
+                             ".* the journal explains CFe[0-9]{44}\nConfirmed\n201 3\nended 0\n"
+                             "2 documents: nothing wrong\n"));
 }
 
 TEST(Fiscorad, EndsItsCallAtASignalAndItselfAtTheSecond) {
@@ -109,7 +139,7 @@ TEST(Fiscorad, EndsItsCallAtASignalAndItselfAtTheSecond) {
     const ShellResult result = runUnderSimulation(
         "--latency 800",
         "start; (sell one; echo told) & till=$!; until grep -q enviada log; do sleep 0.05; done\n"
-        "kill $pid; sleep 0.3; sell late; grep -o 'indisponivel' answer; wait $till; wait $pid; echo ended $?\n"
+        "kill -HUP $pid; kill $pid; sleep 0.3; sell late; grep -o 'indisponivel' answer; wait $till; wait $pid; echo ended $?\n"
         "start; state one; sell two >/dev/null & until grep -q 'two: enviada' log; do sleep 0.05; done\n"
         "kill $pid; sleep 0.2; kill $pid; wait $pid; echo ended $?\n"
         "start; until state two | grep emitida; do sleep 0.2; done; finish; fiscorad check\n");

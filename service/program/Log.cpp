@@ -23,9 +23,12 @@ bool isSystemJournal() {
     return std::to_string(present.st_dev) + ":" + std::to_string(present.st_ino) == stream;
 }
 
-/// Whether `condition` is one in which the device stays, unlike those that every call passes through.
-bool stays(DeviceState::Condition condition) {
-    return condition != DeviceState::Condition::Busy && condition != DeviceState::Condition::Unknown;
+/// Whether `now` is worth a line. Every call passes through some conditions, which are not.
+bool isNews(const DeviceState& before, const DeviceState& now) {
+    using Condition = DeviceState::Condition;
+    if (now.condition == Condition::Busy || now.condition == Condition::Unknown) return false;
+    const bool another = now.condition == Condition::Answering && now.serial != before.serial;
+    return another || now.condition != before.condition;
 }
 
 std::string describe(const DeviceState& device) {
@@ -80,8 +83,8 @@ void Log::tellDevice(Service& service) {
     const DeviceState device = service.device();
     {
         const std::lock_guard lock(m_mutex);
-        if (!stays(device.condition) || device.condition == m_condition) return;
-        m_condition = device.condition;
+        if (!isNews(m_device, device)) return;
+        m_device = device;
     }
     write(device.condition == DeviceState::Condition::Answering ? INFO : WARNING, describe(device));
 }

@@ -32,7 +32,7 @@ class Log {
 
     bool m_forSystemJournal;
     std::mutex m_mutex;
-    DeviceState::Condition m_condition = DeviceState::Condition::Unknown;
+    DeviceState m_device;  ///< as it was told last
 };
 
 }  // namespace fiscorad

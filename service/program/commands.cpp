@@ -3,8 +3,9 @@
 #include <pwd.h>
 #include <unistd.h>
 
+#include <algorithm>
+#include <cctype>
 #include <cstdlib>
-
 #include <iostream>
 
 #include "i18n.h"
@@ -23,6 +24,8 @@ bool goesOn(const std::string& question) {
     std::cout << question << " [" << tool::tr("y/N") << "] " << std::flush;
     std::string answer;
     std::getline(std::cin, answer);
+    std::transform(answer.begin(), answer.end(), answer.begin(),
+                   [](unsigned char c) { return static_cast<char>(std::tolower(c)); });
     const std::string yes = tool::tr("yes");
     return !answer.empty() && (answer == yes || answer == yes.substr(0, 1));
 }

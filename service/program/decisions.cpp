@@ -46,7 +46,7 @@ void showEvidence(Journal& journal, const Document& document) {
 
 DecideCommand::DecideCommand(CLI::App& application, const Settings& settings)
     : Command(application, settings, "decide", tr("Decide about a document whose outcome cannot be proved"),
-              "fiscorad decide KEY --booked CFe...|--send-again|--abandon --reason TEXT") {
+              tr("fiscorad decide KEY --booked CFe...|--send-again|--abandon --reason TEXT")) {
     m_options->add_option("key", m_key, tr("The till's key of the document"))
         ->required()
         ->option_text(tr("KEY"));
@@ -106,7 +106,7 @@ int DecideCommand::run(const std::vector<std::string>& operands) {
 ConfirmCommand::ConfirmCommand(CLI::App& application, const Settings& settings)
     : Command(application, settings, "confirm",
               tr("Confirm a device that shows a document which the journal does not explain"),
-              "fiscorad confirm --reason TEXT") {
+              tr("fiscorad confirm --reason TEXT")) {
     m_options->add_option("--reason", m_reason, tr("Why; kept in the journal with your name"))
         ->required()
         ->type_name(tr("TEXT"));

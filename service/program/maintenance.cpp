@@ -6,6 +6,7 @@
 #include <fstream>
 #include <iostream>
 #include <iterator>
+#include <stdexcept>
 
 #include "Interruption.h"
 #include "OutputFile.h"
@@ -27,11 +28,13 @@ using tool::tr;
 /// Documents read from the journal at once.
 constexpr std::size_t PAGE = 500;
 
-/// The code, if this user may read it: what it is compared with is checked only then.
-std::string codeOrNone(const std::string& path) {
+/// The activation code that the journal must not hold; empty, and this user is told, if it cannot be read.
+std::string codeToLookFor(const std::string& path) {
     try {
         return ActivationCode(path).text();
-    } catch (const ActivationCodeError&) {
+    } catch (const ActivationCodeError& unreadable) {
+        std::cerr << "fiscorad check: "
+                  << tool::filled(tr("not searched for the activation code: %s"), unreadable.what()) << "\n";
         return "";
     }
 }
@@ -43,14 +46,36 @@ bool holds(const fs::path& path, const std::string& content) {
     return std::string(std::istreambuf_iterator<char>(file), {}) == content;
 }
 
+/// Throws std::runtime_error, with one line for the user, if it cannot.
+void makeFolder(const fs::path& folder) {
+    std::error_code error;
+    fs::create_directories(folder, error);
+    if (error) throw std::runtime_error(folder.string() + ": " + tool::systemError(error.value()));
+}
+
+/// Makes `content` the file `path`; false if it is there already. Throws as makeFolder does.
+bool write(const fs::path& path, const std::string& content) {
+    if (holds(path, content)) return false;
+    makeFolder(path.parent_path());
+    tool::Interruption interruption;
+    tool::OutputFile file(path.string(), interruption);
+    const std::string problem = file.save(content);
+    if (!problem.empty()) throw std::runtime_error(problem);
+    return true;
+}
+
 /// How far a command is, on a terminal; nothing elsewhere.
 class Bar {
   public:
     explicit Bar(std::size_t total) : m_total(total), m_shown(isatty(STDERR_FILENO) != 0) {}
     Bar(const Bar&) = delete;
     Bar& operator=(const Bar&) = delete;
-    ~Bar() {
+    ~Bar() { wipe(); }
+
+    /// Makes room for a message; the bar comes again with the next step.
+    void wipe() {
         if (m_shown) std::cerr << "\r\033[K" << std::flush;
+        m_filled = NOTHING;
     }
 
     void advance() {
@@ -64,10 +89,12 @@ class Bar {
     }
 
   private:
+    static constexpr std::size_t NOTHING = static_cast<std::size_t>(-1);
+
     std::size_t m_total;
     bool m_shown;
     std::size_t m_done = 0;
-    std::size_t m_filled = 0;
+    std::size_t m_filled = NOTHING;
 };
 
 }  // namespace
@@ -78,7 +105,7 @@ CheckCommand::CheckCommand(CLI::App& application, const Settings& settings)
 int CheckCommand::run(const std::vector<std::string>& operands) {
     tool::refuseExtras(operands);
 
-    const auto problems = problemsIn(settings().journal, codeOrNone(settings().activationCodeFile));
+    const auto problems = problemsIn(settings().journal, codeToLookFor(settings().activationCodeFile));
     for (const std::string& problem : problems) std::cout << tool::withoutControls(problem) << "\n";
     if (!problems.empty()) return EXIT_FAILURE;
     Journal journal = openJournal();
@@ -91,8 +118,10 @@ int CheckCommand::run(const std::vector<std::string>& operands) {
 
 BackupCommand::BackupCommand(CLI::App& application, const Settings& settings)
     : Command(application, settings, "backup", tr("Write a consistent copy of the journal"),
-              "fiscorad backup FILE") {
-    m_options->add_option("file", m_file, tr("The copy; it must not exist"))->required()->option_text("FILE");
+              tr("fiscorad backup FILE")) {
+    m_options->add_option("file", m_file, tr("The copy; it must not exist"))
+        ->required()
+        ->option_text(tr("FILE"));
 }
 
 int BackupCommand::run(const std::vector<std::string>& operands) {
@@ -105,10 +134,10 @@ int BackupCommand::run(const std::vector<std::string>& operands) {
 RestoreCommand::RestoreCommand(CLI::App& application, const Settings& settings)
     : Command(application, settings, "restore",
               tr("Put a copy in place of the journal, while the service is stopped"),
-              "fiscorad restore FILE") {
+              tr("fiscorad restore FILE")) {
     m_options->add_option("file", m_file, tr("A copy that fiscorad backup has written"))
         ->required()
-        ->option_text("FILE");
+        ->option_text(tr("FILE"));
     m_options->footer(tr(
         "Documents that were queued in the copy wait for fiscorad decide, since they may have been sent after "
         "it was made. Documents that came after the copy are not protected against being sent twice. If the "
@@ -127,10 +156,10 @@ int RestoreCommand::run(const std::vector<std::string>& operands) {
 
 ExportCommand::ExportCommand(CLI::App& application, const Settings& settings)
     : Command(application, settings, "export", tr("Write each signed document to a file of its own"),
-              "fiscorad export --dir DIR [--since DAY]") {
+              tr("fiscorad export --dir DIR [--since DAY]")) {
     m_options->add_option("--dir", m_folder, tr("Folder for the documents, in folders by year and month"))
         ->required()
-        ->type_name("DIR");
+        ->type_name(tr("DIR"));
     m_options->add_option("--since", m_since, tr("Only those received on this day or later"))
         ->type_name(tr("DAY"));
     m_options->footer(tr("Files that are there already stay, so it can be interrupted and run again."));
@@ -148,6 +177,7 @@ int ExportCommand::run(const std::vector<std::string>& operands) {
         filter.since = since->begin;
     }
     Journal journal = openJournal();
+    makeFolder(m_folder);
     std::size_t written = 0;
     std::size_t failed = 0;
     {
@@ -158,17 +188,13 @@ int ExportCommand::run(const std::vector<std::string>& operands) {
                 if (!document.hasDocument) continue;  // booked by a person's decision
                 const auto key = AccessKey::parse(document.accessKey).value();
                 const fs::path path = fs::path(m_folder) / key.year() / key.month() / (key.text() + ".xml");
-                const std::string content = journal.signedDocument(document.id).value();
-                if (holds(path, content)) continue;
-                fs::create_directories(path.parent_path());
-                tool::Interruption interruption;
-                tool::OutputFile file(path.string(), interruption);
-                const std::string problem = file.save(content);
-                if (problem.empty())
-                    ++written;
-                else {
+                try {
+                    if (write(path, journal.signedDocument(document.id).value())) ++written;
+                } catch (const std::runtime_error& problem) {
                     ++failed;
-                    std::cerr << "fiscorad export: " << path.string() << ": " << problem << "\n";
+                    bar.wipe();
+                    std::cerr << "fiscorad export: " << key.text() << ": "
+                              << tool::withoutControls(problem.what()) << "\n";
                 }
             }
             filter.before = page.back().id;

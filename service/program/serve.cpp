@@ -1,12 +1,8 @@
 #include "program/serve.h"
 
-#include <poll.h>
-#include <sys/eventfd.h>
-#include <sys/signalfd.h>
 #include <unistd.h>
 
 #include <array>
-#include <cerrno>
 #include <csignal>
 #include <cstdlib>
 #include <filesystem>
@@ -14,7 +10,6 @@
 #include <thread>
 
 #include "Changes.h"
-#include "Descriptor.h"
 #include "Service.h"
 #include "dispatcher/ActivationCode.h"
 #include "dispatcher/Dispatcher.h"
@@ -32,57 +27,44 @@ namespace {
 /// Of a process that a second signal has ended.
 constexpr int ENDED_AT_ONCE = 3;
 
-/// SIGTERM and SIGINT as something to wait for, in this thread and those that it starts.
+/// SIGTERM and SIGINT, in this thread and those that it starts.
 class EndSignals {
   public:
     EndSignals() {
-        sigset_t signals;
-        sigemptyset(&signals);
-        sigaddset(&signals, SIGTERM);
-        sigaddset(&signals, SIGINT);
-        pthread_sigmask(SIG_BLOCK, &signals, nullptr);
-        m_file = tool::Descriptor(signalfd(-1, &signals, SFD_CLOEXEC | SFD_NONBLOCK));
+        sigemptyset(&m_signals);
+        sigaddset(&m_signals, SIGTERM);
+        sigaddset(&m_signals, SIGINT);
+        pthread_sigmask(SIG_BLOCK, &m_signals, nullptr);
     }
 
-    int fd() const { return m_file.get(); }
-    void take() const {
-        signalfd_siginfo signal{};
-        while (read(m_file.get(), &signal, sizeof signal) < 0 && errno == EINTR) {
-        }
+    /// Waits for the first one. The next one ends the process, whatever its threads are waiting for.
+    void await() const {
+        int signal = 0;
+        sigwait(&m_signals, &signal);
+        for (const int next : {SIGTERM, SIGINT}) std::signal(next, [](int) { _exit(ENDED_AT_ONCE); });
+        pthread_sigmask(SIG_UNBLOCK, &m_signals, nullptr);
     }
 
   private:
-    tool::Descriptor m_file;
+    sigset_t m_signals{};
 };
 
-/// The dispatcher's thread, whose end can be waited for together with signals.
+/// Runs the dispatcher; its end stops it and waits for a running call.
 class DispatcherThread {
   public:
     explicit DispatcherThread(Dispatcher& dispatcher)
-        : m_ended(eventfd(0, EFD_CLOEXEC)), m_thread([this, &dispatcher] {
-              dispatcher.run();
-              eventfd_write(m_ended.get(), 1);
-          }) {}
+        : m_dispatcher(dispatcher), m_thread([&dispatcher] { dispatcher.run(); }) {}
     DispatcherThread(const DispatcherThread&) = delete;
     DispatcherThread& operator=(const DispatcherThread&) = delete;
-    ~DispatcherThread() { m_thread.join(); }
-
-    int fd() const { return m_ended.get(); }
+    ~DispatcherThread() {
+        m_dispatcher.stop();
+        m_thread.join();
+    }
 
   private:
-    tool::Descriptor m_ended;
+    Dispatcher& m_dispatcher;
     std::thread m_thread;
 };
-
-/// Waits until a signal has come (true) or the thread has ended (false).
-bool waitForSignal(const EndSignals& signals, const DispatcherThread& thread) {
-    std::array<pollfd, 2> files{{{signals.fd(), POLLIN, 0}, {thread.fd(), POLLIN, 0}}};
-    while (poll(files.data(), files.size(), -1) < 0) {
-    }
-    if ((files[0].revents & POLLIN) == 0) return false;
-    signals.take();
-    return true;
-}
 
 Endpoint endpointOf(const std::string& listen) {
     const auto colon = listen.rfind(':');
@@ -119,6 +101,7 @@ int serve(const Settings& settings) {
     const EndSignals signals;
     std::signal(SIGPIPE, SIG_IGN);
     std::signal(SIGXFSZ, SIG_IGN);
+    std::signal(SIGHUP, SIG_IGN);  // there is nothing to read anew: the code file is looked at all the time
     Log log;
     ActivationCode code(settings.activationCodeFile);
     const OwnerLock owner(settings.journal);
@@ -146,16 +129,13 @@ int serve(const Settings& settings) {
     log.info(tool::filled(tool::tr("listening on %s port %d, journal %s"), endpoint.address.c_str(),
                           static_cast<int>(server.port()), settings.journal.c_str()));
 
-    DispatcherThread thread(dispatcher);
-    if (waitForSignal(signals, thread)) {
-        log.info(tool::tr("ending: no new documents; a running call ends first"));
+    {
+        const DispatcherThread running(dispatcher);
+        signals.await();
         service.stop();
+        log.info(
+            tool::tr("ending: no new documents; a running call ends first, unless another signal comes"));
         server.stop();
-        dispatcher.stop();
-        if (waitForSignal(signals, thread)) {
-            log.warn(tool::tr("ended at once; what is open will be resolved at the next start"));
-            _exit(ENDED_AT_ONCE);
-        }
     }
     log.info(tool::tr("ended"));
     return EXIT_SUCCESS;
