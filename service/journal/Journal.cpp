@@ -4,6 +4,7 @@
 #include <chrono>
 #include <random>
 
+#include "i18n.h"
 #include "journal/Store.h"
 #include "journal/packing.h"
 #include "rules/AccessKey.h"
@@ -482,7 +483,8 @@ bool Journal::settle(const Attempt& attempt, State from, const Outcome& outcome)
         if (!now || now->state != from || !last || last->id != attempt.id) return false;
         if (outcome.state == State::Booked) {
             if (holdsKey(sql, outcome.booking.accessKey))
-                throw JournalError(outcome.booking.accessKey + " is in another row already");
+                throw JournalError(
+                    tool::filled(tool::tr("%s is another document's"), outcome.booking.accessKey.c_str()));
             writeBooking(sql, document, outcome.booking, signedDocument);
         }
         writeState(sql, document, outcome.state);
@@ -590,9 +592,12 @@ std::optional<Document> Journal::rule(std::string_view key, const Ruling& ruling
         switch (ruling.kind) {
             case Ruling::Kind::Booked: {
                 const auto accessKey = AccessKey::parse(ruling.accessKey);
-                if (!accessKey) throw std::invalid_argument(ruling.accessKey + " is no access key");
+                if (!accessKey)
+                    throw std::invalid_argument(
+                        tool::filled(tool::tr("%s is no access key"), ruling.accessKey.c_str()));
                 if (holdsKey(sql, accessKey->text()))
-                    throw std::invalid_argument(accessKey->text() + " is another document's");
+                    throw std::invalid_argument(
+                        tool::filled(tool::tr("%s is another document's"), accessKey->text().c_str()));
                 const std::string given = accessKey->text();
                 sql << "UPDATE documents SET access_key = :key WHERE id = :id", use(given), use(id);
                 recordRuling(sql, *document, *accessKey);

@@ -50,6 +50,9 @@ class Store {
     /// Runs one statement outside of any transaction.
     void execute(const std::string& statement);
 
+    /// What the database says, in the user's language if it is common, without the statement.
+    static std::string reasonOf(const soci::soci_error& error);
+
   private:
     /// Takes the right to write at its beginning, not at the first change: two that read first could block
     /// each other for ever.
@@ -74,8 +77,6 @@ class Store {
             throw JournalError(reasonOf(error));
         }
     }
-    /// What the database says, without the statement.
-    static std::string reasonOf(const soci::soci_error& error);
 
     soci::connection_pool m_readers;
     std::mutex m_writing;

@@ -7,7 +7,9 @@
 #include <string_view>
 #include <unordered_map>
 
+#include "i18n.h"
 #include "journal/Journal.h"
+#include "journal/Store.h"
 #include "journal/schema.h"
 #include "rules/AccessKey.h"
 #include "rules/content.h"
@@ -17,71 +19,69 @@ namespace {
 
 using soci::into;
 using soci::session;
+using tool::filled;
+using tool::tr;
 
 using Problems = std::vector<std::string>;
 
-/// Calls `use` with each row of a query that has one text column.
-template <typename Use>
-void forEachText(session& sql, const std::string& query, Use use) {
+/// `problem` with each row of a query that has one text column.
+Problems inEachRow(session& sql, const std::string& query, const std::string& problem) {
     std::string text;
     soci::statement rows = (sql.prepare << query, into(text));
     rows.execute();
-    while (rows.fetch()) use(text);
-}
-
-Problems textsOf(session& sql, const std::string& query, const std::string& before) {
     Problems found;
-    forEachText(sql, query, [&](const std::string& text) { found.push_back(before + text); });
+    while (rows.fetch()) found.push_back(std::string(problem).append(": ").append(text));
     return found;
 }
 
 void append(Problems& problems, Problems more) { problems.insert(problems.end(), more.begin(), more.end()); }
 
 Problems damage(session& sql) {
-    Problems problems = textsOf(sql, "PRAGMA integrity_check", "damaged file: ");
-    if (problems == Problems{"damaged file: ok"}) problems.clear();
-    append(problems, textsOf(sql, "SELECT \"table\" || ' ' || rowid FROM pragma_foreign_key_check",
-                             "row without the one it belongs to: "));
+    const std::string damaged = tr("damaged file");
+    Problems problems = inEachRow(sql, "PRAGMA integrity_check", damaged);
+    if (problems == Problems{damaged + ": ok"}) problems.clear();
+    append(problems, inEachRow(sql, "SELECT \"table\" || ' ' || rowid FROM pragma_foreign_key_check",
+                               tr("row without the one it belongs to")));
     return problems;
 }
 
 /// What the tables alone show.
 Problems brokenRows(session& sql) {
     Problems problems;
-    append(problems, textsOf(sql,
-                             "SELECT key FROM documents WHERE (state = 3) <> (access_key IS NOT NULL) OR"
-                             " (has_document <> 0 AND access_key IS NULL)",
-                             "booked at most once: state and access key differ: "));
+    append(problems, inEachRow(sql,
+                               "SELECT key FROM documents WHERE (state = 3) <> (access_key IS NOT NULL) OR"
+                               " (has_document <> 0 AND access_key IS NULL)",
+                               tr("booked at most once: state and access key differ")));
     append(problems,
-           textsOf(sql,
-                   "SELECT d.key FROM documents d JOIN history h ON h.document = d.id WHERE h.state = 3"
-                   " GROUP BY d.id HAVING COUNT(*) > 1",
-                   "booked at most once: booked twice: "));
+           inEachRow(sql,
+                     "SELECT d.key FROM documents d JOIN history h ON h.document = d.id WHERE h.state = 3"
+                     " GROUP BY d.id HAVING COUNT(*) > 1",
+                     tr("booked at most once: booked twice")));
+    append(problems,
+           inEachRow(
+               sql,
+               "SELECT d.key FROM documents d WHERE d.state <> COALESCE((SELECT h.state FROM history h WHERE"
+               " h.document = d.id ORDER BY h.id DESC LIMIT 1), -1)",
+               tr("told only what is on disk: history ends in another state")));
+    append(problems,
+           inEachRow(sql,
+                     "SELECT key FROM documents WHERE (state IN (3, 4, 5, 7)) <> (concluded_at IS NOT NULL)",
+                     tr("told only what is on disk: final without its time, or the reverse")));
+    append(problems, inEachRow(sql,
+                               "SELECT d.key FROM documents d WHERE d.state IN (1, 2) AND NOT EXISTS"
+                               " (SELECT 1 FROM attempts a WHERE a.document = d.id)",
+                               tr("on disk before the call: open without an attempt")));
+    append(problems, inEachRow(sql,
+                               "SELECT d.key FROM documents d WHERE d.state <> 5 AND NOT EXISTS"
+                               " (SELECT 1 FROM texts t WHERE t.document = d.id)",
+                               tr("nothing is lost: without its request")));
     append(
         problems,
-        textsOf(sql,
-                "SELECT d.key FROM documents d WHERE d.state <> COALESCE((SELECT h.state FROM history h WHERE"
-                " h.document = d.id ORDER BY h.id DESC LIMIT 1), -1)",
-                "told only what is on disk: history ends in another state: "));
-    append(
-        problems,
-        textsOf(sql, "SELECT key FROM documents WHERE (state IN (3, 4, 5, 7)) <> (concluded_at IS NOT NULL)",
-                "told only what is on disk: final without its time, or the reverse: "));
-    append(problems, textsOf(sql,
-                             "SELECT d.key FROM documents d WHERE d.state IN (1, 2) AND NOT EXISTS"
-                             " (SELECT 1 FROM attempts a WHERE a.document = d.id)",
-                             "on disk before the call: open without an attempt: "));
-    append(problems, textsOf(sql,
-                             "SELECT d.key FROM documents d WHERE d.state <> 5 AND NOT EXISTS"
-                             " (SELECT 1 FROM texts t WHERE t.document = d.id)",
-                             "nothing is lost: without its request: "));
-    append(
-        problems,
-        textsOf(
+        inEachRow(
             sql,
             "SELECT d.key FROM attempts a JOIN documents d ON d.id = a.document WHERE NOT EXISTS"
             " (SELECT 1 FROM history h WHERE h.document = a.document AND h.attempt = a.id AND h.state = 1)",
-            "on disk before the call: an attempt without its beginning: "));
+            tr("on disk before the call: an attempt without its beginning")));
     return problems;
 }
 
@@ -118,12 +118,13 @@ class DeviceAttempts {
     Problems add(const AttemptRow& attempt) {
         Problems problems;
         if (m_count > 0 && (m_last.ended == 0 || m_last.ended > attempt.begun))
-            problems.push_back("only questions while an attempt is open: " + attempt.key +
-                               " was sent while " + m_last.key + " was open");
+            problems.push_back(
+                filled(tr("only questions while an attempt is open: %s was sent while %s was open"),
+                       attempt.key.c_str(), m_last.key.c_str()));
         const auto before = m_sessions.find(attempt.session);
         if (before != m_sessions.end() && isTooSoon(before->second, attempt))
-            problems.push_back("session numbers are used once: " + std::to_string(attempt.session) + ": " +
-                               attempt.key + " and another before it");
+            problems.push_back(filled(tr("session numbers are used once: %06d: %s and another before it"),
+                                      attempt.session, attempt.key.c_str()));
         m_sessions[attempt.session] = {m_count++, attempt.madeAt};
         m_last = attempt;
         return problems;
@@ -167,27 +168,27 @@ Problems brokenProofs(session& sql, Journal& journal) {
     while (rows.fetch()) {
         const auto fail = [&](const std::string& why) {
             problems.push_back(
-                std::string("an answer belongs to its attempt: ").append(why).append(": ").append(key));
+                filled(tr("an answer belongs to its attempt: %s: %s"), why.c_str(), key.c_str()));
         };
         const Document document = journal.find(id).value();
         const auto accessKey = AccessKey::parse(document.accessKey);
         const auto attempt = journal.lastAttempt(id);
         if (!accessKey || !attempt) {
-            fail("no attempt or no access key");
+            fail(tr("no attempt or no access key"));
             continue;
         }
         const auto before = AccessKey::parse(attempt->lastDocument);
-        if (accessKey->serial() != attempt->serial) fail("the device is another");
+        if (accessKey->serial() != attempt->serial) fail(tr("the device is another"));
         if (before && accessKey->numbersAfter(*before) < 1)
-            fail("not later than the last document before it");
+            fail(tr("not later than the last document before it"));
         if (document.answer.find(accessKey->text()) == std::string::npos)
-            fail("the answer names another document");
+            fail(tr("the answer names another document"));
         try {
             const std::string signedDocument = journal.signedDocument(id).value_or("");
             if (signedDocument.find(accessKey->text()) == std::string::npos)
-                fail("the signed document is another");
+                fail(tr("the signed document is another"));
             if (!hasContentOf(signedDocument, journal.body(id), document.saleKey))
-                fail("the content is another");
+                fail(tr("the content is another"));
         } catch (const JournalError& damage) {
             fail(damage.what());
         }
@@ -209,13 +210,20 @@ bool holdsWord(std::string_view text, std::string_view word) {
 Problems leakedCode(session& sql, const std::string& code) {
     Problems problems;
     if (code.empty()) return problems;
-    for (const char* column : {"SELECT answer FROM documents", "SELECT text FROM history",
-                               "SELECT reason FROM history WHERE reason IS NOT NULL",
-                               "SELECT reason FROM alarms WHERE reason IS NOT NULL"})
-        forEachText(sql, column, [&](const std::string& text) {
+    const struct {
+        std::string table, column;
+    } places[] = {{"documents", "answer"}, {"history", "text"}, {"history", "reason"}, {"alarms", "reason"}};
+    for (const auto& [table, column] : places) {
+        long long row = 0;
+        std::string text;
+        soci::statement rows = (sql.prepare << "SELECT id, COALESCE(" << column << ", '') FROM " << table,
+                                into(row), into(text));
+        rows.execute();
+        while (rows.fetch())
             if (holdsWord(text, code))
-                problems.push_back(std::string("no activation code on disk: ") + column);
-        });
+                problems.push_back(filled(tr("no activation code on disk: table %s, row %lld, column %s"),
+                                          table.c_str(), row, column.c_str()));
+    }
     return problems;
 }
 
@@ -234,7 +242,7 @@ std::vector<std::string> problemsIn(const std::string& path, const std::string& 
         append(problems, leakedCode(sql, code));
         return problems;
     } catch (const soci::soci_error& error) {
-        throw JournalError(path + ": " + error.what());
+        throw JournalError(path + ": " + Store::reasonOf(error));
     }
 }
 

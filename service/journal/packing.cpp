@@ -2,6 +2,9 @@
 
 #include <zlib.h>
 
+#include <cerrno>
+
+#include "i18n.h"
 #include "journal/Journal.h"
 
 namespace fiscorad {
@@ -22,7 +25,7 @@ std::string_view endOf(std::string_view dictionary) {
 
 std::string pack(std::string_view text, std::string_view dictionary) {
     z_stream stream{};
-    if (deflateInit(&stream, Z_BEST_COMPRESSION) != Z_OK) throw JournalError("memory ran out");
+    if (deflateInit(&stream, Z_BEST_COMPRESSION) != Z_OK) throw JournalError(tool::systemError(ENOMEM));
     const std::string_view end = endOf(dictionary);
     if (!end.empty()) deflateSetDictionary(&stream, bytes(end), length(end));
     std::string packed(deflateBound(&stream, text.size()), '\0');
@@ -33,13 +36,13 @@ std::string pack(std::string_view text, std::string_view dictionary) {
     const int result = deflate(&stream, Z_FINISH);
     packed.resize(stream.total_out);
     deflateEnd(&stream);
-    if (result != Z_STREAM_END) throw JournalError("memory ran out");
+    if (result != Z_STREAM_END) throw JournalError(tool::systemError(ENOMEM));
     return packed;
 }
 
 std::string unpack(std::string_view packed, std::size_t size, std::string_view dictionary) {
     z_stream stream{};
-    if (inflateInit(&stream) != Z_OK) throw JournalError("memory ran out");
+    if (inflateInit(&stream) != Z_OK) throw JournalError(tool::systemError(ENOMEM));
     std::string text(size, '\0');
     char spare = 0;  // an empty text has no bytes to point to
     stream.next_in = const_cast<Bytef*>(bytes(packed));
@@ -54,7 +57,7 @@ std::string unpack(std::string_view packed, std::size_t size, std::string_view d
     }
     const bool whole = result == Z_STREAM_END && stream.total_out == size;
     inflateEnd(&stream);
-    if (!whole) throw JournalError("a text in the journal is damaged");
+    if (!whole) throw JournalError(tool::tr("a text in the journal is damaged"));
     return text;
 }
 

@@ -92,7 +92,8 @@ void makePrivate(const std::string& path, Journal::IfMissing ifMissing) {
 }
 
 void connect(soci::session& sql, const std::string& path) {
-    if (path.find('"') != std::string::npos) throw JournalError(path + ": a quotation mark in the name");
+    if (path.find('"') != std::string::npos)
+        throw JournalError(path + ": " + tool::tr("a quotation mark in the name"));
     sql.open(soci::sqlite3, "db=\"" + path + "\" timeout=5");
     sql << "PRAGMA synchronous = FULL";
     sql << "PRAGMA foreign_keys = ON";
@@ -115,8 +116,10 @@ void prepareSchema(soci::session& sql, const std::string& path, Journal::IfMissi
     if (application != APPLICATION_ID)
         throw JournalError(path + ": " + tool::tr("not a journal of fiscorad"));
     if (version > SCHEMA_VERSION)
-        throw JournalError(path + ": from a newer version of fiscorad (schema " + std::to_string(version) +
-                           ", this program knows " + std::to_string(SCHEMA_VERSION) + ")");
+        throw JournalError(
+            path + ": " +
+            tool::filled(tool::tr("from a newer version of fiscorad (schema %d, this program knows %d)"),
+                         version, SCHEMA_VERSION));
     std::string mode;
     sql << "PRAGMA journal_mode = WAL", soci::into(mode);  // a copy made by `backup` is in another mode
     // What is open must be whole, or nothing can go on.
@@ -127,7 +130,7 @@ void prepareSchema(soci::session& sql, const std::string& path, Journal::IfMissi
     int sessions = 0;
     sql << "SELECT COUNT(*) FROM sessions", soci::into(sessions);
     if (broken > 0 || sessions != 1)
-        throw JournalError(path + ": damaged: open documents without their attempts");
+        throw JournalError(path + ": " + tool::tr("damaged: open documents without their attempts"));
 }
 
 }  // namespace fiscorad
