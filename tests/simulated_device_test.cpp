@@ -133,6 +133,9 @@ TEST(SimulatedDevice, TotalsAreExactToTheCent) {
 
     const std::string discount = "<total><DescAcrEntr><vDescSubtot>0.25</vDescSubtot></DescAcrEntr></total>";
     EXPECT_EQ(Device().sell("000001", sale(item("1", "2"), discount)).at(9), "1.75");
+    const auto taxes = Device().sell("000001", sale("", "<total><vCFeLei12741>0.10</vCFeLei12741></total>"));
+    EXPECT_NE(Base64::decode(taxes.at(6)).find("<vCFeLei12741>0.10</vCFeLei12741></total>"),
+              std::string::npos);
     for (const char* bad : {"1,5", "", "-1", "1.00001", "99999999999999999999"})
         EXPECT_EQ(Device().sell("000001", sale(item(bad, "1"))).at(1), "06010") << bad;
 }

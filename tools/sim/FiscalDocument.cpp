@@ -252,6 +252,7 @@ void appendTotal(pugi::xml_node information, const pugi::xml_node& given, Totals
     totals.add(0, cents(adjustment.child("vDescSubtot")), cents(adjustment.child("vAcresSubtot")));
     append(total, "vCFe", money(totals.document()));
     appendCopy(total, adjustment);
+    appendCopy(total, given.child("vCFeLei12741"));
 }
 
 void appendPayment(pugi::xml_node information, const pugi::xml_node& given, Cents total) {
