@@ -267,7 +267,10 @@ end:
         :: else ->
             if :: disk.state[0] == na_fila -> current = 0 :: disk.state[1] == na_fila -> current = 1 fi;
             step = chosen; disk.sessions++;
-            if :: !disk.known[readSerial] || !(EXPLAINED(readSerial, readLast) || without(STANDING_CHECK)) -> explain() :: else fi
+            if
+            :: !disk.known[readSerial] || !(EXPLAINED(readSerial, readLast) || without(STANDING_CHECK)) -> explain()
+            :: else
+            fi
         fi }
     :: atomic { step == chosen && (disk.state[current] != na_fila && !without(WITHDRAWN_STAYS) || !valid) -> finish() }
     :: atomic { step == chosen && (disk.state[current] == na_fila || without(WITHDRAWN_STAYS)) && valid ->
@@ -371,7 +374,10 @@ active proctype hands() { end: do :: atomic { here == NO_DEVICE -> if :: here = 
 active proctype person() { end: do :: atomic { halted -> explain(); halted = false; forgetReading() } od }
 active proctype time() {
 end:
-    do :: atomic { step == idle && disk.state[the_open] == incerta && !timeoutPassed && !HELD(the_open) -> timeoutPassed = true } od
+    do
+    :: atomic { step == idle && disk.state[the_open] == incerta && !timeoutPassed && !HELD(the_open) ->
+        timeoutPassed = true }
+    od
 }
 
 inline copyRow(TO, FROM, I) {
