@@ -660,10 +660,12 @@ void Journal::goOnFromCopy(std::optional<int> nextSession) {
     m_store->write([&](session& sql) {
         sql << "UPDATE sessions SET next = (next + " << jump << ") % " << SESSION_NUMBERS;
         if (nextSession) sql << "UPDATE sessions SET next = " << *nextSession;
-        for (const Document& document : inState(sql, State::Queued, "ORDER BY d.id")) {
-            writeState(sql, document.id, State::Undecided);
-            addHistory(sql, document.id, std::nullopt, State::Undecided,
-                       "cópia restaurada: pode ter sido enviada depois que ela foi feita");
+        for (const State waiting : {State::Queued, State::Sent, State::Uncertain}) {
+            for (const Document& document : inState(sql, waiting, "ORDER BY d.id")) {
+                writeState(sql, document.id, State::Undecided);
+                addHistory(sql, document.id, std::nullopt, State::Undecided,
+                           "cópia restaurada: pode ter sido enviada depois que ela foi feita");
+            }
         }
     });
 }

@@ -173,7 +173,8 @@ class Journal {
     int nextSession();
     /// Makes a copy fit to go on with, since the device and the tills may know more than it does: goes on
     /// with session number `nextSession` of the journal before it, or else with one that is 100,000 to
-    /// 899,999 further at random, and lets a person decide about each document that was queued.
+    /// 899,999 further at random, and lets a person decide about each document that had no
+    /// outcome: it may have got one since.
     void goOnFromCopy(std::optional<int> nextSession);
 
   private:
