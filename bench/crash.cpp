@@ -9,6 +9,7 @@
 // What a shop leaves stays in FOLDER/shop-N (see --folder). The seed, printed first, chooses what tills and
 // devices do, not when it meets. Exit status 1 if anything differs.
 
+#include <sys/prctl.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -16,7 +17,7 @@
 #include <algorithm>
 #include <array>
 #include <cerrno>
-#include <chrono>
+#include <csignal>
 #include <cstdio>
 #include <cstdlib>
 #include <filesystem>
@@ -42,8 +43,9 @@ constexpr int EXCHANGES_PER_KILL = 9;
 constexpr int EXCHANGES_PER_FILLING = 12;
 constexpr int FILLINGS = 5;
 constexpr int EXCHANGES_PER_FAULT = 4;
-/// Few, so that a session is often forgotten before it is asked for.
-constexpr const char* REMEMBERED_SESSIONS = "3";
+/// That the devices remember, in turns: mostly so few that a session is often forgotten before it is asked
+/// for.
+constexpr std::array REMEMBERED_SESSIONS{3, 1, 32};
 constexpr std::size_t SHOWN_DIFFERENCES = 20;
 
 struct Options {
@@ -89,17 +91,18 @@ pid_t open(const Options& options, int shop) {
     const unsigned seed = seedOf(options, shop);
     const int exchanges =
         options.disk.empty() ? killsOf(options, shop) * EXCHANGES_PER_KILL : FILLINGS * EXCHANGES_PER_FILLING;
-    std::vector<std::string> words{FISCORA_TOOL,
-                                   "sim",
-                                   "--trace",
-                                   "--activation-code",
-                                   crash::ACTIVATION_CODE,
-                                   "--serial",
-                                   std::to_string(900004000 + shop),
-                                   "--memory",
-                                   REMEMBERED_SESSIONS,
-                                   "--ledger",
-                                   folder / crash::LEDGER_FILE};
+    std::vector<std::string> words{
+        FISCORA_TOOL,
+        "sim",
+        "--trace",
+        "--activation-code",
+        crash::ACTIVATION_CODE,
+        "--serial",
+        std::to_string(900004000 + shop),
+        "--memory",
+        std::to_string(REMEMBERED_SESSIONS.at(static_cast<std::size_t>(shop) % REMEMBERED_SESSIONS.size())),
+        "--ledger",
+        folder / crash::LEDGER_FILE};
     const auto faults = faultOptions(seed, exchanges);
     words.insert(words.end(), faults.begin(), faults.end());
     const std::vector<std::string> rest{"--",       fs::read_symlink("/proc/self/exe"),
@@ -121,6 +124,7 @@ pid_t open(const Options& options, int shop) {
     const pid_t pid = fork();
     if (pid < 0) throw std::system_error(errno, std::generic_category(), "fork");
     if (pid > 0) return pid;
+    prctl(PR_SET_PDEATHSIG, SIGTERM);
     setenv("LC_ALL", "C", 1);  // the trace is read by crash/trace.cpp
     if (std::freopen(trace.c_str(), "w", stderr) == nullptr) _exit(126);
     execv(arguments.front(), arguments.data());
