@@ -26,6 +26,7 @@
 #include "fiscora.h"
 #include "picture.h"
 #include "platform.h"
+#include "table.h"
 
 namespace {
 
@@ -67,44 +68,26 @@ class Least : public benchmark::BenchmarkReporter {
     std::map<std::string, double> m_least;
 };
 
-std::string text(const char* format, double value) {
-    std::array<char, 40> result{};
-    std::snprintf(result.data(), result.size(), format, value);
-    return result.data();
-}
-
-/// A line of the table. One without a target is a detail of the line above it.
-struct Row {
-    std::string what, ours, theirs, ratio, wanted;
-    bool isReached;
-};
-
-Row atLeast(double limit, const std::string& what, double ourSeconds, double theirSeconds) {
+Row ratioAtLeast(double limit, const std::string& what, double ourSeconds, double theirSeconds) {
     const double factor = theirSeconds / ourSeconds;
     const char* const rate = "%.0f MB/s";
     return {what,
-            text(rate, BODY / ourSeconds / 1e6),
-            text(rate, BODY / theirSeconds / 1e6),
-            text("%.2f", factor),
-            text(">= %.1f", limit),
+            formatted(rate, BODY / ourSeconds / 1e6),
+            formatted(rate, BODY / theirSeconds / 1e6),
+            formatted("%.2f", factor),
+            formatted(">= %.1f", limit),
             factor >= limit};
 }
 
-Row atMost(double limit, const std::string& what, double ourSeconds, double theirSeconds) {
+Row ratioAtMost(double limit, const std::string& what, double ourSeconds, double theirSeconds) {
     const double factor = ourSeconds / theirSeconds;
     return {what,
-            text("%.3f ms", ourSeconds * MS),
-            text("%.3f ms", theirSeconds * MS),
-            text("%.2f", factor),
-            text("<= %.2f", limit),
+            formatted("%.3f ms", ourSeconds * MS),
+            formatted("%.3f ms", theirSeconds * MS),
+            formatted("%.2f", factor),
+            formatted("<= %.2f", limit),
             factor <= limit};
 }
-
-Row atMost(double limit, const std::string& what, const char* format, double figure) {
-    return {what, text(format, figure), "", "", "<= " + text(format, limit), figure <= limit};
-}
-
-Row detail(const std::string& what, const std::string& figures) { return {what, figures, "", "", "", true}; }
 
 std::string sale(std::size_t bytes, const std::string& counter) {
     return "sale " + std::to_string(bytes) + " " + counter;
@@ -124,17 +107,17 @@ Row growthRow(const Least& seconds) {
     const double dearest = std::max({byteCost(seconds, small, "whole"), byteCost(seconds, large, "whole"),
                                      byteCost(seconds, largest, "whole")});
     return {"per byte, worst of 64/800/1536 KiB; 256 KiB",
-            text("%.2f ns/B", dearest),
-            text("%.2f ns/B", base),
-            text("%.2f", dearest / base),
-            text("<= %.2f", LIMIT),
+            formatted("%.2f ns/B", dearest),
+            formatted("%.2f ns/B", base),
+            formatted("%.2f", dearest / base),
+            formatted("<= %.2f", LIMIT),
             base > 0 && dearest / base <= LIMIT};
 }
 
 Row costsRow(const std::string& what, const Least& seconds, const char* way) {
     std::string figures;
     for (std::size_t i = 1; i < CALL_BYTES.size(); ++i)
-        figures += (i > 1 ? "/" : "") + text("%.2f", byteCost(seconds, CALL_BYTES[i], way));
+        figures += (i > 1 ? "/" : "") + formatted("%.2f", byteCost(seconds, CALL_BYTES[i], way));
     return detail(what, figures);
 }
 
@@ -154,45 +137,30 @@ std::vector<Row> tableOf(const Least& seconds, double peak) {
     const std::size_t full = CALL_BYTES.back();
     const double checked = seconds[sale(full, "checksum")];
     return {
-        atLeast(6, "crc16_ccitt, 1.5 MiB; Boost.CRC", seconds["crc16_ccitt/ours"],
-                seconds["crc16_ccitt/theirs"]),
-        atMost(1.25, "parse, 1.5 MiB in reads of 8192; memcpy + CRC", seconds["parse/ours"],
-               seconds["parse/theirs"]),
+        ratioAtLeast(6, "crc16_ccitt, 1.5 MiB; Boost.CRC", seconds["crc16_ccitt/ours"],
+                     seconds["crc16_ccitt/theirs"]),
+        ratioAtMost(1.25, "parse, 1.5 MiB in reads of 8192; memcpy + CRC", seconds["parse/ours"],
+                    seconds["parse/theirs"]),
         atMost(2.5, "parse, the frame of 201 bytes", "%.2f us", seconds["small parse/ours"] * US),
-        atLeast(1, "Base64::decode, 1.5 MiB; OpenSSL", seconds["decode/ours"], seconds["decode/theirs"]),
-        atLeast(1, "Base64::encode, 1.5 MiB; OpenSSL", seconds["encode/ours"], seconds["encode/theirs"]),
-        atMost(0.08, "full-size sale, to the frame; compress2", seconds[sale(full, "request")],
-               seconds[sale(full, "deflate")]),
-        atMost(0.6, "full-size answer, to g_resp; uncompress + CRC", seconds[sale(full, "answer")] - checked,
-               seconds[sale(full, "inflate")] + checked),
+        ratioAtLeast(1, "Base64::decode, 1.5 MiB; OpenSSL", seconds["decode/ours"], seconds["decode/theirs"]),
+        ratioAtLeast(1, "Base64::encode, 1.5 MiB; OpenSSL", seconds["encode/ours"], seconds["encode/theirs"]),
+        ratioAtMost(0.08, "full-size sale, to the frame; compress2", seconds[sale(full, "request")],
+                    seconds[sale(full, "deflate")]),
+        ratioAtMost(0.6, "full-size answer, to g_resp; uncompress + CRC",
+                    seconds[sale(full, "answer")] - checked, seconds[sale(full, "inflate")] + checked),
         atMost(15, "ConsultarSAT beyond its pauses, median of 9", "%.1f ms",
                (seconds["ConsultarSAT total"] - PAUSES_S) * MS),
         detail("  of which the shell of the device search",
-               text("%.1f ms", seconds["ConsultarSAT search"] * MS)),
+               formatted("%.1f ms", seconds["ConsultarSAT search"] * MS)),
         growthRow(seconds),
         costsRow("  64/256/800/1536 KiB, in ns/B", seconds, "whole"),
         costsRow("  of which to the frame", seconds, "request"),
         costsRow("  of which sending it", seconds, "sending"),
         costsRow("  of which to g_resp", seconds, "answer"),
         detail("  and the first KiB, with all fixed costs",
-               text("%.0f us", seconds[sale(CALL_BYTES.front(), "whole")] * US)),
+               formatted("%.0f us", seconds[sale(CALL_BYTES.front(), "whole")] * US)),
         atMost(24, "peak memory of a full-size sale", "%.1f MiB", peak),
     };
-}
-
-/// Prints the table. False if a figure misses its target and `isJudged`.
-bool print(const std::vector<Row>& table, bool isJudged) {
-    constexpr char FORMAT[] = "| %-47s | %-19s | %-10s | %-5s | %-11s | %-7s |\n";
-    std::printf(FORMAT, "Figure; compared with", "Ours", "Theirs", "Ratio", "Target", "Met");
-    std::printf("|---|---|---|---|---|---|\n");
-    bool isGood = true;
-    for (const auto& [what, ours, theirs, ratio, wanted, isReached] : table) {
-        const char* const verdict = wanted.empty() ? "" : !isJudged ? "-" : isReached ? "yes" : "NO";
-        std::printf(FORMAT, what.c_str(), ours.c_str(), theirs.c_str(), ratio.c_str(), wanted.c_str(),
-                    verdict);
-        isGood = isGood && (isReached || !isJudged);
-    }
-    return isGood;
 }
 
 /// Runs all registered benchmarks: `repetitions` of each, in turns.
@@ -254,7 +222,7 @@ int main(int argc, char** argv) try {
         const WorkingDirectory folder;
         return peakMiB();
     }();
-    const bool isGood = print(tableOf(seconds, peak), !isQuick);
+    const bool isGood = print(tableOf(seconds, peak), isQuick ? Targets::Ignored : Targets::Judged);
     if (!pictureFile.empty()) savePicture(barsOf(seconds), pictureFile);
     return isGood ? EXIT_SUCCESS : EXIT_FAILURE;
 } catch (const std::exception& failure) {
