@@ -3,6 +3,7 @@
 #include <fcntl.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <fstream>
 #include <memory>
@@ -13,6 +14,7 @@
 #include "Descriptor.h"
 #include "crash/Till.h"
 #include "crash/audit.h"
+#include "service/ServiceClient.h"
 
 namespace crash {
 namespace {
@@ -26,6 +28,9 @@ constexpr int FIRST_PORT = 18100;
 constexpr int PORTS = 12000;
 constexpr seconds QUIET_EVERY{60};
 constexpr seconds QUIET_FOR{20};
+
+/// What is left when the tills go home may take as long.
+constexpr seconds SETTLING{300};
 
 /// Between two kills, unless the second follows at once.
 constexpr int LONGEST_LIFE_MS = 50'000;
@@ -143,6 +148,25 @@ void fillAgainAndAgain(ServiceProcess& service, Counter& counter, Random& random
     await("documents told as booked");
 }
 
+/// Waits until the service has nothing left to do: also with documents whose till does not know their key.
+void awaitRest(const Counter& counter) {
+    const ServiceClient client(counter.port());
+    const auto isEmpty = [&](const std::string& list) {
+        const auto page = client.get(list + "&limite=1");
+        return page && page->status == 200 && nlohmann::json::parse(page->body).at("documentos").empty();
+    };
+    const std::vector<std::string> lists{
+        "/v1/vendas?estado=na-fila",        "/v1/vendas?estado=enviada",
+        "/v1/vendas?estado=incerta",        "/v1/cancelamentos?estado=na-fila",
+        "/v1/cancelamentos?estado=enviada", "/v1/cancelamentos?estado=incerta"};
+    const auto end = std::chrono::steady_clock::now() + SETTLING;
+    // Twice, since a document can go from one list to another between two looks.
+    for (int quiet = 0; quiet < 2 && std::chrono::steady_clock::now() < end;) {
+        quiet = std::all_of(lists.begin(), lists.end(), isEmpty) ? quiet + 1 : 0;
+        std::this_thread::sleep_for(milliseconds(200));
+    }
+}
+
 void writeReport(const fs::path& file, const Counter& counter) {
     std::ofstream(file)
         << nlohmann::json{{"counts", counter.counts()}, {"differences", counter.differences()}}.dump(1);
@@ -214,6 +238,7 @@ void runShop(const ShopSettings& settings) {
     counter.close();
     const Records records = staff.goHome();
     requireAlive(service, counter);
+    awaitRest(counter);
     audit(settings, records, service, counter);
     writeReport(settings.folder / REPORT_FILE, counter);
 }

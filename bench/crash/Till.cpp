@@ -20,6 +20,7 @@ using std::chrono::seconds;
 
 constexpr char XML[] = "application/xml";
 constexpr int LONGEST_WAIT = 30;
+constexpr std::size_t MOST_OPEN = 3;
 constexpr seconds CLOSING_TIME{420};
 
 // Fields of the answer to a sale or cancellation.
@@ -86,7 +87,10 @@ void Till::work() {
 
 void Till::act() {
     if (m_random.oneIn(12)) return meddle();
-    if (HandedIn* const open = anyOpen(); open != nullptr && !m_random.oneIn(3)) return settle(*open);
+    // A queue that only grows would hide what happens to a document that is sent at once.
+    const auto open = openDocuments();
+    if (open.size() >= MOST_OPEN || (!open.empty() && !m_random.oneIn(3)))
+        return settle(*m_random.oneOf(open));
     if (!m_records.empty() && m_random.oneIn(6))
         return askAgain(
             m_records[static_cast<std::size_t>(m_random.number(0, static_cast<int>(m_records.size()) - 1))]);
@@ -184,12 +188,12 @@ HandedIn& Till::newCancellation(const std::string& saleKey) {
     return m_records.back();
 }
 
-HandedIn* Till::anyOpen() {
-    if (!hasKeys()) return nullptr;
+/// Those that it will hand in again.
+std::vector<HandedIn*> Till::openDocuments() {
     std::vector<HandedIn*> open;
     for (HandedIn& document : m_records)
-        if (!document.isSettled()) open.push_back(&document);
-    return open.empty() ? nullptr : m_random.oneOf(open);
+        if (hasKeys() && !document.isSettled()) open.push_back(&document);
+    return open;
 }
 
 std::optional<std::string> Till::lastBookedSale() const {

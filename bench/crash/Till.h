@@ -2,6 +2,7 @@
 
 #include <optional>
 #include <string>
+#include <vector>
 
 #include "Random.h"
 #include "crash/Shop.h"
@@ -39,7 +40,7 @@ class Till {
     HandedIn& newSale();
     HandedIn& newCancellation(const std::string& saleKey);
     std::string newKey();
-    HandedIn* anyOpen();
+    std::vector<HandedIn*> openDocuments();
     std::optional<std::string> lastBookedSale() const;
 
     void handIn(HandedIn& document, int waitSeconds);
