@@ -207,6 +207,7 @@ Dispatcher::Call Dispatcher::call(const fiscal::Operation& operation, int sessio
     last.duration = std::chrono::duration_cast<milliseconds>(Clock::now() - began);
     last.status = call.reply.status;
     if (const rules::Fields fields(call.reply.body); !fields.result().empty()) last.code = fields.code();
+    m_settings.called(last);
     {
         const std::lock_guard lock(m_mutex);
         m_state.lastCall = std::move(last);

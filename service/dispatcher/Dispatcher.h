@@ -35,6 +35,7 @@ class Dispatcher {
         std::function<Clock::time_point()> now = [] { return Clock::now(); };
         std::function<void(const std::string&)> warn = [](const std::string&) {};  ///< one line for the log
         std::function<void()> codeChanged = [] {};  ///< another activation code is in use now
+        std::function<void(const LastCall&)> called = [](const LastCall&) {};  ///< after each call
     };
 
     /// All of them outlive the dispatcher.
