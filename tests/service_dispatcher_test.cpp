@@ -309,6 +309,22 @@ TEST(Cancellation, IsNeverTakenAsNotBooked) {
     EXPECT_EQ(nameOf(shop.stateOf("next")), "emitida");
 }
 
+TEST(Refusal, IsKnownThoughItsAnswerIsLost) {
+    for (const std::size_t memory : {32U, 1U}) {
+        SCOPED_TRACE(std::to_string(memory) + " sessions remembered");
+        Shop shop(memory);
+        shop.devices.faults = {Fault::Unplugged, Fault::NotReached};
+        shop.journal().submit({"refused", Kind::Sale, {}, "<CFe>", ""}, 1000);
+        shop.sell("next");
+        shop.work();
+        shop.devices.plug(0);
+        shop.work();
+        EXPECT_EQ(nameOf(shop.stateOf("refused")), "recusada");
+        EXPECT_NE(shop.journal().find("refused")->answer.find("|06010|"), std::string::npos);
+        EXPECT_EQ(nameOf(shop.stateOf("next")), "emitida");
+    }
+}
+
 TEST(Device, IsNotSoldOnWhileItShowsADocumentThatNobodyExplains) {
     Shop shop;
     shop.sell("ours");

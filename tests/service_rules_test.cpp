@@ -96,8 +96,8 @@ TEST(AnAnswer, ProvesOnlyWhatBearsTheMarksOfItsAttempt) {
          Proof::Kind::None, Proof::Kind::None},
         {"other content", 0, answer("000123", "06000", good, signedDocument(good, "Café", "Chá")),
          Proof::Kind::None, Proof::Kind::None},
-        {"a refusal", 0, "000123|06010|1999|Erro de validação do conteúdo||", Proof::Kind::Refused,
-         Proof::Kind::Refused},
+        {"a refusal, perhaps another's", 0, "000123|06010|1999|Erro de validação do conteúdo||",
+         Proof::Kind::Refused, Proof::Kind::None},
         {"a busy device", 0, "000123|06098|0000|SAT em processamento||", Proof::Kind::None,
          Proof::Kind::None},
         {"nothing", 0, "", Proof::Kind::None, Proof::Kind::None},
@@ -111,8 +111,6 @@ TEST(AnAnswer, ProvesOnlyWhatBearsTheMarksOfItsAttempt) {
     EXPECT_EQ(booking.accessKey, "CFe" + good);
     EXPECT_EQ(booking.document, signedDocument(good));
     EXPECT_EQ(booking.answer, "000123|06000|0000|Emitido||||20261123120000|CFe" + good + "|2.00||assinatura");
-    EXPECT_EQ(proofInLastFiscalAnswer(trial(), {0, 777, "000777|06010|1999|Erro||"}).kind, Proof::Kind::None)
-        << "a refusal may be another session's";
     EXPECT_EQ(proofInCall(trial(), {FISCORA_STATUS_BAD_REQUEST, 123, ""}).kind, Proof::Kind::NothingSent);
 }
 
@@ -167,6 +165,7 @@ TEST(AnAttempt, IsNotBookedOnlyAfterAllOfItsConditionsInOrder) {
     const Reply other{0, 777, "000777|08000|SAT em Operação||"};
     const Reply busy{0, 777, "000777|11098|SAT em processamento||"};
     const Reply refused{0, 777, "000777|11002|Erro||"};
+    const Reply refusal{0, 777, "000123|06010|1999|Erro||"};
     struct Asked {
         Clock::duration after;
         Reply reply;
@@ -213,6 +212,24 @@ TEST(AnAttempt, IsNotBookedOnlyAfterAllOfItsConditionsInOrder) {
         {"the device has gone on",
          Kind::Sale,
          {{TIMEOUT, unknown}, {TIMEOUT + 2s, unknown}},
+         keyOf(8),
+         true,
+         Conclusion::Undecided},
+        {"refused, and then forgotten",
+         Kind::Sale,
+         {{1s, refusal}, {TIMEOUT, unknown}, {TIMEOUT + 2s, unknown}},
+         keyOf(7),
+         true,
+         Conclusion::Refused},
+        {"refused, before the device is surely done",
+         Kind::Sale,
+         {{1s, refusal}, {TIMEOUT, refusal}},
+         keyOf(7),
+         true,
+         Conclusion::Open},
+        {"refused, and the device has gone on",
+         Kind::Sale,
+         {{TIMEOUT, refusal}, {TIMEOUT + 2s, refusal}},
          keyOf(8),
          true,
          Conclusion::Undecided},

@@ -313,7 +313,7 @@ milliseconds Dispatcher::send(const Document& document) {
     }
     become(Condition::Busy);
     m_open = Open{{*attempt, document.kind, body, document.saleKey, true},
-                  {m_settings.now(), {}, true, seconds(1)}};
+                  {m_settings.now(), {}, true, "", seconds(1)}};
     std::vector<Argument> arguments;
     if (document.kind == Kind::Cancellation) arguments.emplace_back(document.saleKey.c_str());
     arguments.emplace_back(body.c_str());
@@ -357,7 +357,7 @@ void Dispatcher::takeOver(const Document& document) {
     const Attempt attempt = m_journal.lastAttempt(document.id).value();
     m_open = Open{{attempt, document.kind, m_journal.body(document.id), document.saleKey,
                    attempt.node == m_settings.node},
-                  {m_settings.now(), {}, true, seconds(1)}};
+                  {m_settings.now(), {}, true, "", seconds(1)}};
 }
 
 milliseconds Dispatcher::judgeByReading(const Document& document, const std::vector<Document>& open) {
@@ -393,6 +393,14 @@ milliseconds Dispatcher::judgeByReading(const Document& document, const std::vec
             settle(trial.attempt, State::Uncertain, outcome);
             break;
         }
+        case rules::Conclusion::Refused: {
+            Outcome outcome;
+            outcome.state = State::Refused;
+            outcome.answer = m_open->inquiry.refusal;
+            outcome.evidence = evidenceOf(fiscal::CMD_CONSULTAR_NUM_SESSAO, {0, 0, outcome.answer});
+            settle(trial.attempt, State::Uncertain, outcome);
+            break;
+        }
         case rules::Conclusion::Undecided:
             leaveToAPerson(document, "o equipamento respondeu e nada ficou provado");
             break;
@@ -425,7 +433,7 @@ void Dispatcher::askForLastFiscal(const Document& document) {
         m_nextCall = m_settings.now() + m_open->inquiry.pause;
         m_open->inquiry.pause = rules::longer(m_open->inquiry.pause);
     }
-    settleByProof(m_open->trial, document.state, rules::proofInLastFiscalAnswer(m_open->trial, answer.reply),
+    settleByProof(m_open->trial, document.state, rules::proofInStoredAnswer(m_open->trial, answer.reply),
                   evidenceOf(fiscal::CMD_CONSULTA_ULTIMA_SESSAO_FISCAL, answer.reply));
 }
 

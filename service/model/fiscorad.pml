@@ -179,8 +179,8 @@ inline weigh(WHAT) {
     if
     :: heard < 2 && (timeoutPassed || without(TIMEOUT_FIRST)) ->
         heard++;
-        said = (said == nothing || said == WHAT -> WHAT : other)
-    :: else
+        said = (said == nothing || said == WHAT -> WHAT : (said == other || WHAT == other -> other : refusal))
+    :: else -> if :: WHAT == refusal && said == nothing -> said = refusal :: else fi  /* it may be forgotten */
     fi
 }
 /* The reading counts as explained from now on, with an alarm. */

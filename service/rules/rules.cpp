@@ -136,14 +136,8 @@ Proof proofInCall(const Trial& trial, const Reply& reply) {
 
 Proof proofInStoredAnswer(const Trial& trial, const Reply& reply) {
     if (!isOwnAnswer(reply, trial.attempt.session)) return {};
-    return proofIn(trial, Fields(reply.body), reply.body);
-}
-
-Proof proofInLastFiscalAnswer(const Trial& trial, const Reply& reply) {
-    Proof proof = proofInStoredAnswer(trial, reply);
-    // It may be the answer to another session, and only a booking bears marks of its own.
-    if (proof.kind == Proof::Kind::Refused && !Fields(reply.body).isSession(trial.attempt.session)) return {};
-    return proof;
+    Proof proof = proofIn(trial, Fields(reply.body), reply.body);
+    return proof.kind == Proof::Kind::Booked ? proof : Proof();
 }
 
 Standing standingOf(const Reading& reading, const DeviceRecord& record, int openAttempts) {
@@ -185,13 +179,15 @@ Inquiry afterStoredAnswer(Inquiry inquiry, const Trial& trial, const Reply& repl
     const Fields fields(reply.body);
     const bool unknown = fields.code() == UNKNOWN_SESSION;
     if (!unknown && fields.code().substr(0, 2) == QUERY_PREFIX) return inquiry;  // the question was refused
+    const bool refusal = isOfOperation(trial, fields) && fields.result() != DONE;
+    if (refusal) inquiry.refusal = reply.body;
 
     auto& answers = inquiry.answersThatDoNotProve;
     if (asked - inquiry.openSince < timeoutOf(trial.kind)) return inquiry;
     if (!answers.empty() && asked - answers.back() < BETWEEN_ANSWERS) return inquiry;
     if (answers.size() == ANSWERS_NEEDED) return inquiry;
     answers.push_back(asked);
-    inquiry.allUnknown = inquiry.allUnknown && unknown;
+    inquiry.noneBooked = inquiry.noneBooked && (unknown || refusal);
     return inquiry;
 }
 
@@ -202,11 +198,13 @@ bool awaitsReading(const Inquiry& inquiry) { return inquiry.answersThatDoNotProv
 Conclusion conclude(const Trial& trial, const Inquiry& inquiry, const Reading& reading) {
     if (reading.serial != trial.attempt.serial) return Conclusion::Undecided;  // another device in its place
     if (!awaitsReading(inquiry)) return Conclusion::Open;
-    // A device that restarts can forget its sessions and keep its books, and a cancellation may not count as
-    // the last document; so neither is proved by an unknown session alone.
-    const bool notBooked = inquiry.allUnknown && trial.kind == Kind::Sale && trial.ownNode &&
+    // A device that restarts can forget its sessions and keep its books, another program's refusal may stand
+    // under the same number, and a cancellation may not count as the last document; so nothing is proved by a
+    // stored answer alone.
+    const bool notBooked = inquiry.noneBooked && trial.kind == Kind::Sale && trial.ownNode &&
                            reading.lastDocument == trial.attempt.lastDocument;
-    return notBooked ? Conclusion::NotBooked : Conclusion::Undecided;
+    if (!notBooked) return Conclusion::Undecided;
+    return inquiry.refusal.empty() ? Conclusion::NotBooked : Conclusion::Refused;
 }
 
 State afterNotBooked(int times) { return times >= NOT_BOOKED_AT_MOST ? State::Undecided : State::Queued; }

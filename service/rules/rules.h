@@ -72,15 +72,15 @@ struct Proof {
     enum class Kind { None, Booked, Refused, NothingSent };
     Kind kind = Kind::None;
     Booking booking;     ///< if Booked
-    std::string answer;  ///< if Refused; empty if the library refused the arguments
+    std::string answer;  ///< if Refused
 };
 
 /// From the call of the attempt itself. NothingSent: the library refused the arguments (status 8).
 Proof proofInCall(const Trial& trial, const Reply& reply);
-/// From ConsultarNumeroSessao for the attempt's session.
+/// From a question: ConsultarNumeroSessao for the attempt's session, or ConsultarUltimaSessaoFiscal. Only a
+/// booking bears marks of its own; a stored refusal may be another program's that took the same number, while
+/// the device is still at work on ours (see afterStoredAnswer).
 Proof proofInStoredAnswer(const Trial& trial, const Reply& reply);
-/// From ConsultarUltimaSessaoFiscal. A refusal counts only if field 0 is the attempt's session.
-Proof proofInLastFiscalAnswer(const Trial& trial, const Reply& reply);
 
 /// What the journal knows of a device.
 struct DeviceRecord {
@@ -106,12 +106,15 @@ DeviceRecord afterBooking(DeviceRecord record, Kind kind, std::string_view acces
 struct Inquiry {
     Clock::time_point openSince;  ///< when its call began, or when this process took it over
     std::vector<Clock::time_point> answersThatDoNotProve;  ///< at most two, at least 2 s apart
-    bool allUnknown = true;         ///< whether all of these said that the session is unknown (11003)
+    /// Whether each of these said that the session is unknown (11003), or was a refusal of the operation.
+    bool noneBooked = true;
+    std::string refusal;            ///< the stored one, as the device sent it; empty if there was none
     std::chrono::seconds pause{1};  ///< before the next round of questions
 };
 
 /// `inquiry` after an answer to ConsultarNumeroSessao that proves nothing. Answers before the operation's own
-/// timeout has passed do not count, since the device may still be at work.
+/// timeout has passed do not count, since the device may still be at work; a refusal is kept all the same,
+/// since the device may forget it.
 Inquiry afterStoredAnswer(Inquiry inquiry, const Trial& trial, const Reply& reply, Clock::time_point asked);
 /// The pause for the next round: 1 s, doubled each time, up to 30 s.
 std::chrono::seconds longer(std::chrono::seconds pause);
@@ -120,7 +123,7 @@ std::chrono::seconds longer(std::chrono::seconds pause);
 bool awaitsReading(const Inquiry& inquiry);
 
 /// What a reading, made after all that `inquiry` holds, decides.
-enum class Conclusion { Open, NotBooked, Undecided };
+enum class Conclusion { Open, NotBooked, Refused, Undecided };
 Conclusion conclude(const Trial& trial, const Inquiry& inquiry, const Reading& reading);
 
 /// The state after an attempt is proved not booked, for the `times`-th time: the third time a person
