@@ -36,9 +36,8 @@ Receipt Service::submit(const Submission& submission) {
     }
 }
 
-Journal::Withdrawal Service::withdraw(std::string_view key, Kind kind,
-                                      const std::optional<std::string>& till) {
-    Journal::Withdrawal withdrawal = m_journal.withdraw(key, kind, till);
+Journal::Withdrawal Service::withdraw(std::string_view key, Kind kind, const Identity& who) {
+    Journal::Withdrawal withdrawal = m_journal.withdraw(key, kind, who);
     if (withdrawal.withdrawn) m_changes.publish(withdrawal.document);
     return withdrawal;
 }

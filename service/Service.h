@@ -8,6 +8,7 @@
 #include <vector>
 
 #include "Changes.h"
+#include "access/Token.h"
 #include "dispatcher/device_state.h"
 #include "journal/Journal.h"
 #include "rules/document.h"
@@ -29,7 +30,7 @@ class Service {
     void stop();
 
     Receipt submit(const Submission& submission);
-    Journal::Withdrawal withdraw(std::string_view key, Kind kind, const std::optional<std::string>& till);
+    Journal::Withdrawal withdraw(std::string_view key, Kind kind, const Identity& who);
     std::optional<Document> find(std::string_view key);
     std::optional<std::string> signedDocument(std::int64_t id);
     std::vector<Document> list(const Filter& filter);
@@ -37,6 +38,13 @@ class Service {
     DeviceState device() const;
     std::size_t queueLength();
     std::vector<Alarm> alarms();
+
+    bool hasTokens() { return m_journal.hasTokens(); }
+    std::optional<Token> findToken(const std::string& hash) { return m_journal.findToken(hash); }
+    /// Keeps what an administrator did.
+    void record(const std::string& person, const std::string& what, const std::string& subject) {
+        m_journal.record(person, what, subject);
+    }
 
     /// Runs the operation when the device is free. `done` is called once: here if it cannot run, else on the
     /// dispatcher's thread.

@@ -8,6 +8,12 @@
 
 namespace fiscorad {
 
+/// Milliseconds since 1970-01-01 00:00 UTC, as in the journal.
+inline long long toMs(Time time) {
+    return std::chrono::duration_cast<std::chrono::milliseconds>(time.time_since_epoch()).count();
+}
+inline Time fromMs(long long ms) { return Time(std::chrono::milliseconds(ms)); }
+
 /// RFC 3339 in local time with its offset: "2026-11-23T16:51:43-03:00".
 std::string timeText(Time time);
 

@@ -30,6 +30,8 @@ using namespace fiscorad;
 using testing::HasSubstr;
 namespace fs = std::filesystem;
 
+Identity till(const std::string& name) { return {Role::Till, name, name}; }
+
 constexpr char PATH[] = "journal.db";
 constexpr char SERIAL[] = "900004019";
 constexpr char KEY[] = "CFe35261114200166000166599000040190000011126480";
@@ -120,8 +122,8 @@ TEST(AKey, BelongsToItsFirstDocumentAndTill) {
         row.change(other);
         EXPECT_EQ(journal.submit(other, 2).result, row.result);
     }
-    EXPECT_FALSE(journal.withdraw("key", Kind::Sale, "caixa 2").withdrawn) << "by another till";
-    EXPECT_TRUE(journal.withdraw("key", Kind::Sale, "caixa 1").withdrawn);
+    EXPECT_FALSE(journal.withdraw("key", Kind::Sale, till("caixa 2")).withdrawn) << "by another till";
+    EXPECT_TRUE(journal.withdraw("key", Kind::Sale, till("caixa 1")).withdrawn);
     EXPECT_TRUE(journal.withdraw("never came", Kind::Sale, {}).withdrawn);
     const Receipt late = journal.submit(sale("never came"), 2);
     EXPECT_EQ(late.result, Receipt::Result::Known);

@@ -6,6 +6,7 @@
 #include <sys/socket.h>
 
 #include <algorithm>
+#include <array>
 #include <cerrno>
 #include <stdexcept>
 #include <system_error>
@@ -26,6 +27,9 @@ constexpr rlim_t OTHER_DESCRIPTORS = 128;
 
 /// For a request's head and for what is read and written at a time; a longer head is refused.
 constexpr std::size_t CONNECTION_BYTES = std::size_t{32} * 1024;
+
+/// Of GnuTLS. Older versions have known weaknesses.
+constexpr char TLS_VERSIONS[] = "NORMAL:-VERS-ALL:+VERS-TLS1.3:+VERS-TLS1.2";
 
 constexpr std::chrono::seconds LAST_ANSWERS{1};
 
@@ -120,13 +124,21 @@ Daemon::Daemon(Settings settings, Workers& workers, Handle handle)
     : m_settings(std::move(settings)), m_workers(workers), m_handle(std::move(handle)) {
     tool::Descriptor listener = listenOn(m_settings.address, m_settings.port);
     m_port = portOf(listener.get());
+    const auto secret = [](std::string& pem) { return static_cast<void*>(pem.data()); };
+    std::array<MHD_OptionItem, 4> tls{{{MHD_OPTION_HTTPS_MEM_CERT, 0, secret(m_settings.certificate)},
+                                       {MHD_OPTION_HTTPS_MEM_KEY, 0, secret(m_settings.key)},
+                                       {MHD_OPTION_HTTPS_PRIORITIES, 0, const_cast<char*>(TLS_VERSIONS)},
+                                       {MHD_OPTION_END, 0, nullptr}}};
+    if (!isSecure()) tls.front().option = MHD_OPTION_END;
     // With epoll, the library misses the end of a connection that comes together with its last bytes.
+    const unsigned flags =
+        MHD_USE_POLL_INTERNAL_THREAD | MHD_ALLOW_SUSPEND_RESUME | (isSecure() ? unsigned{MHD_USE_TLS} : 0U);
     m_daemon = MHD_start_daemon(
-        MHD_USE_POLL_INTERNAL_THREAD | MHD_ALLOW_SUSPEND_RESUME, 0, nullptr, nullptr, Callbacks::step, this,
-        MHD_OPTION_LISTEN_SOCKET, listener.get(), MHD_OPTION_CONNECTION_LIMIT, connectionLimit(),
-        MHD_OPTION_CONNECTION_MEMORY_LIMIT, CONNECTION_BYTES, MHD_OPTION_STRICT_FOR_CLIENT, 1,
-        MHD_OPTION_URI_LOG_CALLBACK, Callbacks::begin, this, MHD_OPTION_NOTIFY_COMPLETED, Callbacks::end,
-        this, MHD_OPTION_NOTIFY_CONNECTION, Callbacks::connection, this, MHD_OPTION_END);
+        flags, 0, nullptr, nullptr, Callbacks::step, this, MHD_OPTION_LISTEN_SOCKET, listener.get(),
+        MHD_OPTION_CONNECTION_LIMIT, connectionLimit(), MHD_OPTION_CONNECTION_MEMORY_LIMIT, CONNECTION_BYTES,
+        MHD_OPTION_STRICT_FOR_CLIENT, 1, MHD_OPTION_URI_LOG_CALLBACK, Callbacks::begin, this,
+        MHD_OPTION_NOTIFY_COMPLETED, Callbacks::end, this, MHD_OPTION_NOTIFY_CONNECTION,
+        Callbacks::connection, this, MHD_OPTION_ARRAY, tls.data(), MHD_OPTION_END);
     if (m_daemon == nullptr)
         cannotListen(m_settings.address, m_settings.port, "the HTTP library could not start");
     listener.release();  // the library closes it

@@ -32,6 +32,7 @@ class Daemon {
     struct Settings {
         std::string address;
         std::uint16_t port = 0;
+        std::string certificate, key;           ///< see Server::Settings
         std::chrono::milliseconds patience{0};  ///< see Server::Settings
         std::function<std::size_t()> maxBodyBytes;
     };
@@ -46,6 +47,7 @@ class Daemon {
     Daemon& operator=(const Daemon&) = delete;
 
     std::uint16_t port() const { return m_port; }
+    bool isSecure() const { return !m_settings.certificate.empty(); }
     /// Waits until all requests that have arrived are answered, at most `limit`.
     void drain(std::chrono::milliseconds limit);
 

@@ -1,8 +1,15 @@
 #include "http/Exchange.h"
 
+#include <netdb.h>
+#include <netinet/in.h>
+#include <sys/socket.h>
+
+#include <algorithm>
+#include <array>
 #include <cctype>
 #include <cstdlib>
 #include <memory>
+#include <string_view>
 #include <utility>
 
 #include "http/Daemon.h"
@@ -28,11 +35,39 @@ MHD_Result takeHeader(void* headers, MHD_ValueKind /*kind*/, const char* name, s
     return MHD_YES;
 }
 
+bool hasHeader(const Response& response, std::string_view name) {
+    return std::any_of(response.headers.begin(), response.headers.end(),
+                       [&](const auto& header) { return header.first == name; });
+}
+
+std::string addressOf(MHD_Connection* connection) {
+    const sockaddr* const address =
+        MHD_get_connection_info(connection, MHD_CONNECTION_INFO_CLIENT_ADDRESS)->client_addr;
+    const socklen_t size = address->sa_family == AF_INET6 ? sizeof(sockaddr_in6) : sizeof(sockaddr_in);
+    std::array<char, NI_MAXHOST> name{};
+    getnameinfo(address, size, name.data(), name.size(), nullptr, 0, NI_NUMERICHOST);
+    return name.data();
+}
+
+/// What browsers are to keep to, as OWASP's list of secure headers has it.
+constexpr std::array<std::pair<const char*, const char*>, 6> SECURITY_HEADERS{{
+    {"Content-Security-Policy",
+     "default-src 'none'; script-src 'self'; style-src 'self'; img-src 'self'; connect-src 'self'; "
+     "form-action 'self'; base-uri 'none'; frame-ancestors 'none'"},
+    {"X-Content-Type-Options", "nosniff"},
+    {"X-Frame-Options", "DENY"},
+    {"Referrer-Policy", "no-referrer"},
+    {"Cross-Origin-Opener-Policy", "same-origin"},
+    {"Cross-Origin-Resource-Policy", "same-origin"},
+}};
+constexpr char ONLY_TLS[] = "max-age=31536000";
+
 }  // namespace
 
 Exchange::Exchange(Daemon& daemon, MHD_Connection* connection, std::string target)
     : m_daemon(daemon), m_connection(connection) {
     m_request.target = std::move(target);
+    m_request.peer = addressOf(connection);
 }
 
 MHD_Result Exchange::takeHead(const char* method) {
@@ -124,6 +159,10 @@ MHD_Result Exchange::send() {
     if (!response) return MHD_NO;
     if (m_response->status != MHD_HTTP_NO_CONTENT)
         MHD_add_response_header(response.get(), "Content-Type", m_response->type.c_str());
+    for (const auto& [name, value] : SECURITY_HEADERS) MHD_add_response_header(response.get(), name, value);
+    if (m_daemon.isSecure()) MHD_add_response_header(response.get(), "Strict-Transport-Security", ONLY_TLS);
+    if (!hasHeader(*m_response, "Cache-Control"))
+        MHD_add_response_header(response.get(), "Cache-Control", "no-store");
     for (const auto& [name, value] : m_response->headers)
         MHD_add_response_header(response.get(), name.c_str(), value.c_str());
     return MHD_queue_response(m_connection, static_cast<unsigned>(m_response->status), response.get());

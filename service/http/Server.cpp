@@ -29,9 +29,11 @@ struct Server::Rooms {
           workers(WORKERS),
           waiting(service, workers),
           events(service, workers, settings.heartbeat),
-          context{service, workers,          waiting,           events,
+          doorkeeper(service,
+                     settings.certificate.empty() ? Doorkeeper::Cookies::Plain : Doorkeeper::Cookies::Secure),
+          context{service, workers,          waiting,           events,       doorkeeper,
                   stopped, maxDocumentBytes, settings.formWait, settings.warn},
-          daemon({settings.address, settings.port, settings.patience,
+          daemon({settings.address, settings.port, settings.certificate, settings.key, settings.patience,
                   [this] { return ESCAPED * maxDocumentBytes + OTHER_FIELDS_BYTES; }},
                  workers, [this](Request request, const Responder& respond) {
                      route(context, std::move(request), respond);
@@ -49,6 +51,7 @@ struct Server::Rooms {
     Workers workers;
     WaitingRoom waiting;
     Events events;
+    Doorkeeper doorkeeper;
     Context context;
     Daemon daemon;
 };

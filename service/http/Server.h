@@ -18,6 +18,8 @@ class Server {
         std::string address = "127.0.0.1";  ///< IPv4 or IPv6
         std::uint16_t port = 0;             ///< 0: a free one
         std::size_t maxDocumentBytes = 0;
+        /// Certificate chain and private key as PEM; empty: plain HTTP. TLS 1.2 and later.
+        std::string certificate, key;
         /// How long the form API waits for a document's outcome.
         std::chrono::milliseconds formWait = std::chrono::seconds(120);
         /// Between two comments in a stream of events.

@@ -16,7 +16,6 @@ void showDevice(Context& context, Call& call) {
 void streamEvents(Context& context, Call& call) {
     Response response;
     response.type = "text/event-stream";
-    response.headers.emplace_back("Cache-Control", "no-store");
     response.events = context.events.open();
     call.respond(std::move(response));
 }

@@ -29,11 +29,19 @@ Response outcomeOf(const Document& document, int booked) {
     return response;
 }
 
-Document existing(Service& service, const std::string& key, Kind kind) {
-    if (!isKey(key)) throw Rejection(problems::KEY, "A chave no caminho é inválida.");
-    auto document = service.find(key);
-    if (!document || document->kind != kind)
-        throw Rejection(problems::NOT_FOUND, "Não há documento com a chave " + key + ".");
+/// Whether the call's sender may see the document.
+bool maySee(const Call& call, const Document& document) {
+    return call.who.role == Role::Administrator || isFor(document, call.who.till);
+}
+
+Rejection notFound(const std::string& key) {
+    return {problems::NOT_FOUND, "Não há documento com a chave " + key + "."};
+}
+
+Document existing(Service& service, const Call& call) {
+    if (!isKey(call.name)) throw Rejection(problems::KEY, "A chave no caminho é inválida.");
+    auto document = service.find(call.name);
+    if (!document || document->kind != call.kind || !maySee(call, *document)) throw notFound(call.name);
     return std::move(*document);
 }
 
@@ -71,8 +79,9 @@ std::optional<Response> failureOf(const Document& document) {
 
 void submit(Context& context, Call& call) {
     const auto limit = waitOf(call.request, DEFAULT_WAIT);
-    const Document document =
-        accept(context, submissionOf(std::move(call.request), call.kind, context.maxDocumentBytes));
+    Submission submission = submissionOf(std::move(call.request), call.kind, context.maxDocumentBytes);
+    submission.till = call.who.till;
+    const Document document = accept(context, submission);
     // 201 for all who waited for the booking, 200 for those who come later.
     const int booked = document.state == State::Booked ? 200 : 201;
     context.waiting.wait(document, limit, [respond = std::move(call.respond), booked](const Document& now) {
@@ -81,7 +90,7 @@ void submit(Context& context, Call& call) {
 }
 
 void show(Context& context, Call& call) {
-    const Document document = existing(context.service, call.name, call.kind);
+    const Document document = existing(context.service, call);
     const auto limit = waitOf(call.request, std::chrono::seconds(0));
     context.waiting.wait(document, limit, [respond = std::move(call.respond)](const Document& now) {
         respond(jsonResponse(200, representationOf(now)));
@@ -90,7 +99,8 @@ void show(Context& context, Call& call) {
 
 void withdraw(Context& context, Call& call) {
     if (!isKey(call.name)) throw Rejection(problems::KEY, "A chave no caminho é inválida.");
-    const auto withdrawal = context.service.withdraw(call.name, call.kind, std::nullopt);
+    const auto withdrawal = context.service.withdraw(call.name, call.kind, call.who);
+    if (!maySee(call, withdrawal.document)) throw notFound(call.name);
     if (!withdrawal.withdrawn)
         return call.respond(problemResponse(problems::ALREADY_SENT, "Só se retira um documento na fila.",
                                             representationOf(withdrawal.document)));
@@ -101,6 +111,7 @@ void withdraw(Context& context, Call& call) {
 
 void list(Context& context, Call& call) {
     Filter filter = filterOf(call.request, call.kind);
+    if (call.who.role == Role::Till) filter.till = call.who.till;
     const std::size_t pageSize = filter.limit++;  // one more tells whether another page follows
     std::vector<Document> documents = context.service.list(filter);
     json body{{"documentos", json::array()}};
@@ -113,7 +124,7 @@ void list(Context& context, Call& call) {
 }
 
 void sendSignedDocument(Context& context, Call& call) {
-    const Document document = existing(context.service, call.name, call.kind);
+    const Document document = existing(context.service, call);
     auto xml = context.service.signedDocument(document.id);
     if (!xml) throw Rejection(problems::NOT_FOUND, "O documento ainda não foi emitido.");
     Response response;

@@ -12,6 +12,7 @@
 #include "http/Events.h"
 #include "http/WaitingRoom.h"
 #include "http/Workers.h"
+#include "http/access.h"
 #include "http/message.h"
 
 /// What is done for each route. A handler answers through the call's responder, now or later, or throws
@@ -27,6 +28,7 @@ struct Context {
     Workers& workers;
     WaitingRoom& waiting;
     Events& events;
+    Doorkeeper& doorkeeper;
     std::atomic<bool>& stopped;  ///< no new documents
     std::atomic<std::size_t>& maxDocumentBytes;
     std::chrono::milliseconds formWait;  ///< how long the form API waits for an outcome
@@ -38,6 +40,7 @@ struct Call {
     Kind kind = Kind::Sale;  ///< of the documents that the route is about
     std::string name;        ///< the part of the path that names a document, an operation or a function
     Responder respond;
+    Identity who;
 };
 
 using Handler = void (*)(Context&, Call&);
@@ -53,6 +56,10 @@ void submitForm(Context& context, Call& call);
 
 void showDevice(Context& context, Call& call);
 void streamEvents(Context& context, Call& call);
+void signIn(Context& context, Call& call);
+void showSession(Context& context, Call& call);
+void signOut(Context& context, Call& call);
+
 void showHealth(Context& context, Call& call);
 void showReadiness(Context& context, Call& call);
 void sendDescription(Context& context, Call& call);
@@ -60,6 +67,8 @@ void sendDescription(Context& context, Call& call);
 // For handlers to share:
 
 Response jsonResponse(int status, const nlohmann::json& body);
+/// Answers later, without holding a thread, if the refusal says so.
+void refuse(Context& context, const Responder& respond, Doorkeeper::Refusal refusal);
 /// Runs `answer`, and answers with the problem instead if it throws.
 void answerOr(const Warn& warn, const Responder& respond, const std::function<void()>& answer);
 /// Takes the submission into the queue, and returns its document. Throws Rejection if that cannot be.

@@ -17,6 +17,7 @@ struct Request {
     std::string target;                               ///< path and query as they came, escapes and all
     std::multimap<std::string, std::string> headers;  ///< names in lower case
     std::string body;
+    std::string peer;  ///< the other end's IP address
 };
 
 struct Response {

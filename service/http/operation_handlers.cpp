@@ -1,4 +1,7 @@
+#include <algorithm>
+#include <array>
 #include <nlohmann/json.hpp>
+#include <string_view>
 #include <utility>
 
 #include "fiscal/operations.h"
@@ -60,6 +63,23 @@ void operateByForm(Context& context, OperationRequest request, const Responder& 
         });
 }
 
+/// Throws Rejection unless the call's sender may call the operation.
+void requirePermission(const Call& call, const manipulaDados::Operation& operation) {
+    constexpr std::array<std::string_view, 3> FOR_TILLS{manipulaDados::CMD_CONSULTA_SAT,
+                                                        manipulaDados::CMD_CONSULTA_STATUS_OP,
+                                                        manipulaDados::CMD_TESTE_FIM_A_FIM};
+    const bool forTills = std::find(FOR_TILLS.begin(), FOR_TILLS.end(), operation.command) != FOR_TILLS.end();
+    if (call.who.role != Role::Administrator && !forTills)
+        throw Rejection(problems::FORBIDDEN, std::string("A operação ") + operation.command +
+                                                 " é só para quem administra o serviço.");
+}
+
+/// Keeps that an administrator called the operation.
+void record(Context& context, const Call& call, const manipulaDados::Operation& operation) {
+    if (call.who.role == Role::Administrator)
+        context.service.record(call.who.person, "operação", operation.command);
+}
+
 }  // namespace
 
 void requireDone(const OperationResult& result) {
@@ -84,7 +104,9 @@ void requireDone(const OperationResult& result) {
 
 void operate(Context& context, Call& call) {
     const manipulaDados::Operation& operation = operationNamed(call.name);
+    requirePermission(call, operation);
     OperationRequest request = operationRequestOf(operation, call.request.body);
+    record(context, call, operation);
     context.service.operate(
         std::move(request),
         [warn = context.warn, &operation, respond = std::move(call.respond)](const OperationResult& result) {
@@ -97,9 +119,14 @@ void operate(Context& context, Call& call) {
 
 void submitForm(Context& context, Call& call) {
     auto wanted = formRequestOf(call.name, call.request, context.maxDocumentBytes);
-    if (const auto* submission = std::get_if<Submission>(&wanted))
+    if (auto* submission = std::get_if<Submission>(&wanted)) {
+        if (call.who.till) submission->till = call.who.till;
         return submitFormDocument(context, *submission, call.respond);
-    operateByForm(context, std::move(std::get<OperationRequest>(wanted)), call.respond);
+    }
+    auto& request = std::get<OperationRequest>(wanted);
+    requirePermission(call, *request.operation);
+    record(context, call, *request.operation);
+    operateByForm(context, std::move(request), call.respond);
 }
 
 }  // namespace fiscorad::http

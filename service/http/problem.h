@@ -25,6 +25,9 @@ constexpr Problem ACCESS_KEY{400, "chave-de-acesso-invalida", "Chave de acesso i
 constexpr Problem BODY{400, "corpo-invalido", "Corpo inválido"};
 constexpr Problem PARAMETER{400, "parametro-invalido", "Parâmetro inválido"};
 constexpr Problem ARGUMENT{400, "argumento-invalido", "Argumento inválido"};
+constexpr Problem NOT_SIGNED_IN{401, "nao-autenticado", "Token ausente ou inválido"};
+constexpr Problem FORBIDDEN{403, "sem-permissao", "Sem permissão"};
+constexpr Problem FORGED{403, "origem-recusada", "Origem recusada"};
 constexpr Problem NOT_FOUND{404, "nao-encontrado", "Não encontrado"};
 constexpr Problem METHOD{405, "metodo-nao-permitido", "Método não permitido"};
 constexpr Problem ALREADY_SENT{409, "ja-enviada", "O documento não está mais na fila"};

@@ -15,29 +15,34 @@ namespace {
 struct Route {
     std::string_view method;
     std::string_view path;  ///< a part in braces is the call's name
+    Access access;
     Handler handler;
     Kind kind = Kind::Sale;
 };
 
+// Handlers for tills hold a till's token to its own documents, and to the operations that tills may call.
 // clang-format off
-constexpr std::array<Route, 17> ROUTES{{
-    {"POST",   "/v1/vendas",                          submit},
-    {"GET",    "/v1/vendas",                          list},
-    {"GET",    "/v1/vendas/{chave}",                  show},
-    {"DELETE", "/v1/vendas/{chave}",                  withdraw},
-    {"GET",    "/v1/vendas/{chave}/documento",        sendSignedDocument},
-    {"POST",   "/v1/cancelamentos",                   submit,             Kind::Cancellation},
-    {"GET",    "/v1/cancelamentos",                   list,               Kind::Cancellation},
-    {"GET",    "/v1/cancelamentos/{chave}",           show,               Kind::Cancellation},
-    {"DELETE", "/v1/cancelamentos/{chave}",           withdraw,           Kind::Cancellation},
-    {"GET",    "/v1/cancelamentos/{chave}/documento", sendSignedDocument, Kind::Cancellation},
-    {"POST",   "/v1/operacoes/{nome}",                operate},
-    {"GET",    "/v1/equipamento",                     showDevice},
-    {"GET",    "/v1/eventos",                         streamEvents},
-    {"GET",    "/v1/openapi.yaml",                    sendDescription},
-    {"GET",    "/saude",                              showHealth},
-    {"GET",    "/pronto",                             showReadiness},
-    {"POST",   "/hub/v1/{funcao}",                    submitForm},
+constexpr std::array<Route, 20> ROUTES{{
+    {"POST",   "/v1/vendas",                          Access::Till,   submit},
+    {"GET",    "/v1/vendas",                          Access::Till,   list},
+    {"GET",    "/v1/vendas/{chave}",                  Access::Till,   show},
+    {"DELETE", "/v1/vendas/{chave}",                  Access::Till,   withdraw},
+    {"GET",    "/v1/vendas/{chave}/documento",        Access::Till,   sendSignedDocument},
+    {"POST",   "/v1/cancelamentos",                   Access::Till,   submit,             Kind::Cancellation},
+    {"GET",    "/v1/cancelamentos",                   Access::Till,   list,               Kind::Cancellation},
+    {"GET",    "/v1/cancelamentos/{chave}",           Access::Till,   show,               Kind::Cancellation},
+    {"DELETE", "/v1/cancelamentos/{chave}",           Access::Till,   withdraw,           Kind::Cancellation},
+    {"GET",    "/v1/cancelamentos/{chave}/documento", Access::Till,   sendSignedDocument, Kind::Cancellation},
+    {"POST",   "/v1/operacoes/{nome}",                Access::Till,   operate},
+    {"GET",    "/v1/equipamento",                     Access::Till,   showDevice},
+    {"GET",    "/v1/eventos",                         Access::Administrator, streamEvents},
+    {"POST",   "/v1/sessao",                          Access::Public, signIn},
+    {"GET",    "/v1/sessao",                          Access::Till,   showSession},
+    {"DELETE", "/v1/sessao",                          Access::Till,   signOut},
+    {"GET",    "/v1/openapi.yaml",                    Access::Public, sendDescription},
+    {"GET",    "/saude",                              Access::Public, showHealth},
+    {"GET",    "/pronto",                             Access::Public, showReadiness},
+    {"POST",   "/hub/v1/{funcao}",                    Access::Till,   submitForm},
 }};
 // clang-format on
 
@@ -76,7 +81,11 @@ void dispatch(Context& context, Request request, const Responder& respond) {
         auto name = nameIn(pathOf(request), route);
         if (!name) continue;
         if (route.method == methodOf(request)) {
-            Call call{std::move(request), route.kind, std::move(*name), respond};
+            auto admission = context.doorkeeper.admit(request, route.access);
+            if (auto* refusal = std::get_if<Doorkeeper::Refusal>(&admission))
+                return refuse(context, respond, std::move(*refusal));
+            Call call{std::move(request), route.kind, std::move(*name), respond,
+                      std::move(std::get<Identity>(admission))};
             return route.handler(context, call);
         }
         allowed += (allowed.empty() ? "" : ", ") + std::string(route.method);
@@ -93,6 +102,12 @@ Response jsonResponse(int status, const nlohmann::json& body) {
     response.status = status;
     response.body = body.dump();
     return response;
+}
+
+void refuse(Context& context, const Responder& respond, Doorkeeper::Refusal refusal) {
+    if (refusal.delay.count() == 0) return respond(std::move(refusal.response));
+    context.workers.at(Workers::Clock::now() + refusal.delay,
+                       [respond, response = std::move(refusal.response)] { respond(response); });
 }
 
 void answerOr(const Warn& warn, const Responder& respond, const std::function<void()>& answer) {

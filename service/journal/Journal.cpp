@@ -8,6 +8,7 @@
 #include "journal/Store.h"
 #include "journal/packing.h"
 #include "rules/AccessKey.h"
+#include "time_text.h"
 
 namespace fiscorad {
 namespace {
@@ -21,10 +22,6 @@ constexpr int SESSION_BLOCK = 100;
 constexpr int SHORTEST_JUMP = 100000;  ///< what a device remembers
 constexpr int LONGEST_JUMP = SESSION_NUMBERS - SHORTEST_JUMP;
 
-long long toMs(Time time) {
-    return std::chrono::duration_cast<std::chrono::milliseconds>(time.time_since_epoch()).count();
-}
-Time fromMs(long long ms) { return Time(std::chrono::milliseconds(ms)); }
 Time now() { return std::chrono::system_clock::now(); }
 
 /// A value for a column that may be null.
@@ -304,7 +301,7 @@ Receipt Journal::submit(const Submission& submission, std::size_t queueLimit) {
             const std::string body = requestOf(sql, known->id);
             const bool withdrawnBefore = known->state == State::Withdrawn && body.empty();
             const bool same =
-                known->till == submission.till && known->kind == submission.kind &&
+                isFor(*known, submission.till) && known->kind == submission.kind &&
                 (withdrawnBefore || (known->saleKey == submission.saleKey && body == submission.body));
             return {same ? Receipt::Result::Known : Receipt::Result::KeyReused, std::move(*known)};
         }
@@ -385,18 +382,23 @@ void Journal::tryToWrite() {
     m_store->write([](session& sql) { sql << "UPDATE sessions SET next = next"; });
 }
 
-Journal::Withdrawal Journal::withdraw(std::string_view key, Kind kind,
-                                      const std::optional<std::string>& till) {
+Journal::Withdrawal Journal::withdraw(std::string_view key, Kind kind, const Identity& who) {
     return m_store->write([&](session& sql) -> Withdrawal {
         auto known = byKey(sql, std::string(key));
         if (!known) {
-            const long long id = insert(sql, {std::string(key), kind, till, "", ""}, "", State::Withdrawn);
+            const long long id =
+                insert(sql, {std::string(key), kind, who.till, "", ""}, "", State::Withdrawn);
             return {true, byId(sql, id).value()};
         }
-        if (known->kind != kind || known->till != till) return {false, std::move(*known)};
+        const bool theirs = who.role == Role::Administrator || isFor(*known, who.till);
+        if (known->kind != kind || !theirs) return {false, std::move(*known)};
         if (known->state != State::Queued) return {known->state == State::Withdrawn, std::move(*known)};
         writeState(sql, known->id, State::Withdrawn);
-        addHistory(sql, known->id, std::nullopt, State::Withdrawn, "retirada pelo caixa");
+        if (known->till == who.till)
+            addHistory(sql, known->id, std::nullopt, State::Withdrawn, "retirada pelo caixa");
+        else
+            addHistory(sql, known->id, std::nullopt, State::Withdrawn, "retirada por quem administra",
+                       who.person);
         return {true, byId(sql, known->id).value()};
     });
 }

@@ -10,6 +10,7 @@
 #include <string_view>
 #include <vector>
 
+#include "access/Token.h"
 #include "rules/document.h"
 #include "rules/rules.h"
 
@@ -27,7 +28,8 @@ struct Receipt {
     enum class Result {
         Accepted,   ///< on disk, in the queue
         Known,      ///< the same document was submitted before: `document` is that one
-        KeyReused,  ///< the key was used with another body, for another kind of document or by another till
+        KeyReused,  ///< the key was used with another body, for another kind of document or by another till;
+                    ///< one that no till used, since there were no tokens, belongs to all
         QueueFull,
     };
     Result result = Result::Accepted;
@@ -86,10 +88,18 @@ struct Alarm {
     bool halts = false;  ///< nothing is sent to that device until a person confirms it
 };
 
-/// What is on disk: documents, attempts, their history, devices, decisions, session numbers. Every change is
-/// one durable commit; it has happened when the method returns, and has not when it throws JournalError. A
-/// change that rests on a state happens only if the document is still in it. Safe for threads, and for
-/// several processes at once (the maintenance commands work while the service runs).
+/// What an administrator did, other than a decision about a document, which stands in its history.
+struct Action {
+    Time at;
+    std::string person;
+    std::string what;     ///< such as "retirada"
+    std::string subject;  ///< such as the document's key; may be empty
+};
+
+/// What is on disk: documents, attempts, their history, devices, decisions, session numbers, tokens. Every
+/// change is one durable commit; it has happened when the method returns, and has not when it throws
+/// JournalError. A change that rests on a state happens only if the document is still in it. Safe for
+/// threads, and for several processes at once (the maintenance commands work while the service runs).
 class Journal {
   public:
     /// Whether a journal that is not there, or an empty file, becomes a new one or is refused.
@@ -122,8 +132,8 @@ class Journal {
         bool withdrawn = false;
         Document document;
     };
-    /// Withdraws a queued document; records an unknown key as withdrawn.
-    Withdrawal withdraw(std::string_view key, Kind kind, const std::optional<std::string>& till);
+    /// Withdraws a queued document, of any till for an administrator; records an unknown key as withdrawn.
+    Withdrawal withdraw(std::string_view key, Kind kind, const Identity& who);
 
     // ---- for the dispatcher ----
 
@@ -164,6 +174,21 @@ class Journal {
     std::optional<Document> rule(std::string_view key, const Ruling& ruling);
     /// Takes what the device showed as explained from now on.
     void confirm(std::int64_t alarm, std::string_view person, std::string_view reason);
+
+    // ---- who may do what ----
+
+    /// False if a token of that name is in use.
+    bool addToken(const Token& token);
+    /// False if none of that name is in use.
+    bool revokeToken(const std::string& name);
+    /// All, those that were revoked included, oldest first.
+    std::vector<Token> tokens();
+    bool hasTokens();
+    /// The token in use that has the hash.
+    std::optional<Token> findToken(const std::string& hash);
+    void record(const std::string& person, const std::string& what, const std::string& subject);
+    /// What administrators did, newest first.
+    std::vector<Action> actions(std::size_t limit);
 
     /// A number that changes when another process has written to the journal.
     std::int64_t foreignChanges();

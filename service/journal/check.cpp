@@ -212,7 +212,11 @@ Problems leakedCode(session& sql, const std::string& code) {
     if (code.empty()) return problems;
     const struct {
         std::string table, column;
-    } places[] = {{"documents", "answer"}, {"history", "text"}, {"history", "reason"}, {"alarms", "reason"}};
+    } places[] = {{"documents", "answer"},
+                  {"history", "text"},
+                  {"history", "reason"},
+                  {"alarms", "reason"},
+                  {"actions", "subject"}};
     for (const auto& [table, column] : places) {
         long long row = 0;
         std::string text;

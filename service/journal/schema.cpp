@@ -46,16 +46,28 @@ constexpr std::array TABLES = {
     " since BIGINT NOT NULL, halts INTEGER NOT NULL, confirmed_at BIGINT, person TEXT, reason TEXT)",
     "CREATE TABLE sessions (next INTEGER NOT NULL)",
 };
+constexpr std::array TABLES_OF_VERSION_2 = {
+    "CREATE TABLE tokens (id INTEGER PRIMARY KEY, name TEXT NOT NULL, role INTEGER NOT NULL, hash TEXT NOT NULL UNIQUE,"
+    " made_at BIGINT NOT NULL, revoked_at BIGINT)",
+    "CREATE TABLE actions (id INTEGER PRIMARY KEY, at BIGINT NOT NULL, person TEXT NOT NULL, what TEXT NOT NULL,"
+    " subject TEXT NOT NULL)",
+};
 
-/// A newer journal's version is refused; an older one's would be brought up to date here, one step after the
-/// other.
-void create(soci::session& sql) {
+/// Brings the schema to this program's version, from nothing or from an older one, in one transaction.
+/// Another process may have been faster.
+void bringUpToDate(soci::session& sql) {
     sql << "BEGIN IMMEDIATE";
-    for (const char* table : TABLES) sql << table;
-    const int start = static_cast<int>(std::random_device{}() % 999999);
-    sql << "INSERT INTO sessions (next) VALUES (:start)", soci::use(start);
-    sql << "PRAGMA application_id = " << APPLICATION_ID;
-    sql << "PRAGMA user_version = " << SCHEMA_VERSION;
+    int version = 0;
+    sql << "PRAGMA user_version", soci::into(version);
+    if (version < 1) {
+        for (const char* table : TABLES) sql << table;
+        const int start = static_cast<int>(std::random_device{}() % 999999);
+        sql << "INSERT INTO sessions (next) VALUES (:start)", soci::use(start);
+        sql << "PRAGMA application_id = " << APPLICATION_ID;
+    }
+    if (version < 2)
+        for (const char* table : TABLES_OF_VERSION_2) sql << table;
+    if (version < SCHEMA_VERSION) sql << "PRAGMA user_version = " << SCHEMA_VERSION;
     sql << "COMMIT";
 }
 
@@ -111,7 +123,7 @@ void prepareSchema(soci::session& sql, const std::string& path, Journal::IfMissi
         sql << "PRAGMA page_size = 16384";
         std::string mode;
         sql << "PRAGMA journal_mode = WAL", soci::into(mode);
-        return create(sql);
+        return bringUpToDate(sql);
     }
     if (application != APPLICATION_ID)
         throw JournalError(path + ": " + tool::tr("not a journal of fiscorad"));
@@ -122,6 +134,7 @@ void prepareSchema(soci::session& sql, const std::string& path, Journal::IfMissi
                          version, SCHEMA_VERSION));
     std::string mode;
     sql << "PRAGMA journal_mode = WAL", soci::into(mode);  // a copy made by `backup` is in another mode
+    if (version < SCHEMA_VERSION) bringUpToDate(sql);
     // What is open must be whole, or nothing can go on.
     int broken = 0;
     sql << "SELECT COUNT(*) FROM documents d WHERE d.state IN (1, 2) AND NOT EXISTS"

@@ -11,7 +11,7 @@ namespace fiscorad {
 /// Marks the file as a journal (PRAGMA application_id): "FISC".
 constexpr int APPLICATION_ID = 0x46495343;
 /// Of the schema (PRAGMA user_version).
-constexpr int SCHEMA_VERSION = 1;
+constexpr int SCHEMA_VERSION = 2;
 
 /// Makes sure that a journal at `path`, or what becomes one, can be read by its user alone. Throws
 /// JournalError.

@@ -68,6 +68,11 @@ struct Document {
     std::optional<Time> concludedAt;  ///< when it reached a final state
 };
 
+/// Whether the document is that till's. One that came while there were no tokens is everybody's.
+inline bool isFor(const Document& document, const std::optional<std::string>& till) {
+    return !document.till || document.till == till;
+}
+
 /// One call to the device for a document. On disk before the call, and never changed.
 struct Attempt {
     std::int64_t id = 0;

@@ -1,11 +1,9 @@
 #include "sim/Ledger.h"
 
 #include <fcntl.h>
-#include <openssl/evp.h>
 #include <unistd.h>
 
 #include <CLI/CLI.hpp>
-#include <array>
 #include <cerrno>
 #include <iostream>
 #include <stdexcept>
@@ -13,24 +11,11 @@
 
 #include "i18n.h"
 #include "local_time.h"
+#include "sha256.h"
 #include "terminal_text.h"
 
 namespace sim {
 namespace {
-
-/// In lower-case hexadecimal.
-std::string sha256(std::string_view bytes) {
-    std::array<unsigned char, EVP_MAX_MD_SIZE> digest{};
-    unsigned size = 0;
-    if (EVP_Digest(bytes.data(), bytes.size(), digest.data(), &size, EVP_sha256(), nullptr) != 1)
-        throw std::runtime_error("SHA-256");
-    std::string text;
-    for (unsigned i = 0; i < size; ++i) {
-        text += "0123456789abcdef"[digest[i] >> 4U];
-        text += "0123456789abcdef"[digest[i] & 0xfU];
-    }
-    return text;
-}
 
 /// Local time as RFC 3339 has it; strftime writes the offset without its colon.
 std::string timestamp(std::time_t time) {
@@ -42,7 +27,7 @@ std::string lineOf(const BookedDocument& document) {
     std::string line = timestamp(document.time);
     for (const std::string_view field : {document.operation, document.session, document.key})
         line.append("\t").append(field);
-    return line + "\t" + sha256(document.request) + "\n";
+    return line + "\t" + tool::sha256(document.request) + "\n";
 }
 
 /// `error` is an errno.
