@@ -42,6 +42,21 @@ void addOptions(CLI::App& application, Settings& settings) {
                     tr("Documents that may wait; more are refused for the moment (default 1000)"))
         ->type_name("N")
         ->check(tool::numberFrom(1, 1000000));
+    auto* const certificate =
+        application
+            .add_option("--certificate", settings.certificate,
+                        tr("Certificate with its chain, in PEM: the service speaks TLS 1.2 and later"))
+            ->type_name(tr("FILE"));
+    auto* const key = application
+                          .add_option("--key", settings.key,
+                                      tr("The certificate's private key, in PEM, readable by its user alone"))
+                          ->type_name(tr("FILE"))
+                          ->needs(certificate);
+    certificate->needs(key);
+    application
+        .add_flag("--plain-http", settings.plainHttp,
+                  tr("Listen beyond this machine without TLS, since a proxy does it"))
+        ->excludes(certificate);
 }
 
 /// The service changes its working folder.
@@ -72,6 +87,7 @@ int run(int argc, char** argv) {
     commands.push_back(std::make_unique<fiscorad::ExportCommand>(application, settings));
     commands.push_back(std::make_unique<fiscorad::DecideCommand>(application, settings));
     commands.push_back(std::make_unique<fiscorad::ConfirmCommand>(application, settings));
+    commands.push_back(std::make_unique<fiscorad::TokenCommand>(application, settings));
     for (CLI::App* options : application.get_subcommands({})) {
         options->group(tr("Subcommands"))->fallthrough();
         keepOutOfConfiguration(*options);
@@ -85,6 +101,10 @@ int run(int argc, char** argv) {
         application.parse(argc, argv);
         makeAbsolute("--journal", settings.journal);
         makeAbsolute("--activation-code-file", settings.activationCodeFile);
+        if (!settings.certificate.empty()) {
+            makeAbsolute("--certificate", settings.certificate);
+            makeAbsolute("--key", settings.key);
+        }
         fiscorad::Command* const command = chosen();
         return command == nullptr ? fiscorad::serve(settings) : command->run({});
     } catch (const CLI::Success& help) {

@@ -12,6 +12,9 @@ struct Settings {
     std::string journal = "/var/lib/fiscorad/journal.db";
     std::string activationCodeFile = "/etc/fiscorad/activation-code";
     std::size_t queueLimit = 1000;
+    std::string certificate;  ///< PEM file with the chain; empty: plain HTTP
+    std::string key;          ///< PEM file
+    bool plainHttp = false;   ///< also beyond this machine: a proxy does TLS
 };
 
 /// Where to listen.

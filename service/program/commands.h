@@ -81,6 +81,17 @@ class ConfirmCommand : public Command {
     std::string m_reason;
 };
 
+class TokenCommand : public Command {
+  public:
+    TokenCommand(CLI::App& application, const Settings& settings);
+    int run(const std::vector<std::string>& operands) override;
+
+  private:
+    std::string m_action;
+    std::string m_name;
+    bool m_administrates = false;
+};
+
 /// Asks on a terminal whether to go on; elsewhere the command line is the answer.
 bool goesOn(const std::string& question);
 /// The login name of who runs this, also under sudo.

@@ -20,6 +20,7 @@
 #include "journal/Journal.h"
 #include "journal/OwnerLock.h"
 #include "program/Log.h"
+#include "program/tls.h"
 
 namespace fiscorad {
 namespace {
@@ -86,6 +87,19 @@ std::string nodeName() {
     return name.data();
 }
 
+bool isLoopback(const std::string& address) { return address == "::1" || address.rfind("127.", 0) == 0; }
+
+/// Throws std::runtime_error unless what goes over the network is kept secret, or a person takes care of
+/// that.
+void requireSecrecy(const Settings& settings, const Endpoint& endpoint) {
+    if (isLoopback(endpoint.address) || !settings.certificate.empty() || settings.plainHttp) return;
+    throw std::runtime_error(
+        settings.listen + ": " +
+        tool::tr(
+            "beyond this machine tokens and documents need TLS (--certificate and --key), or a proxy that does it "
+            "(--plain-http)"));
+}
+
 /// The longest document that fits a request, with room for the code, the session number and the delimiters.
 std::size_t maxDocumentBytes(const ActivationCode& code) {
     const auto& sale = *manipulaDados::findOperation(manipulaDados::CMD_ENVIAR_DADOS_VENDA);
@@ -98,6 +112,10 @@ std::size_t maxDocumentBytes(const ActivationCode& code) {
 
 int serve(const Settings& settings) {
     const Endpoint endpoint = endpointOf(settings.listen);
+    requireSecrecy(settings, endpoint);
+    Identification identification;
+    if (!settings.certificate.empty())
+        identification = readIdentification(settings.certificate, settings.key);
     const EndSignals signals;
     std::signal(SIGPIPE, SIG_IGN);
     std::signal(SIGXFSZ, SIG_IGN);
@@ -123,11 +141,16 @@ int serve(const Settings& settings) {
     serving.address = endpoint.address;
     serving.port = endpoint.port;
     serving.maxDocumentBytes = maxDocumentBytes(code);
+    serving.certificate = std::move(identification.certificate);
+    serving.key = std::move(identification.key);
     serving.warn = dispatching.warn;
     http::Server server(service, serving);
     tills = &server;
     log.info(tool::filled(tool::tr("listening on %s port %d, journal %s"), endpoint.address.c_str(),
                           static_cast<int>(server.port()), settings.journal.c_str()));
+    if (!service.hasTokens())
+        log.info(
+            tool::tr("there is no token (fiscorad token add): only requests from this machine are served"));
 
     {
         const DispatcherThread running(dispatcher);
