@@ -73,6 +73,7 @@ class Shop {
     }
 
     StampedDevice device;
+    fiscorad::CallHistory calls;
 
   private:
     fiscorad::Journal m_journal;
@@ -127,7 +128,7 @@ std::vector<double> measureAnswers(const fs::path& journal, const fs::path& code
     Shop shop(journal, codeFile, "900004001", milliseconds(20));
     fiscorad::http::Server::Settings settings;
     settings.maxDocumentBytes = LARGEST_SALE;
-    const fiscorad::http::Server server(shop.service, settings);
+    const fiscorad::http::Server server(shop.service, shop.calls, settings);
     shop.open();
 
     std::mutex mutex;

@@ -48,6 +48,21 @@ std::optional<std::string> Service::signedDocument(std::int64_t id) { return m_j
 
 std::vector<Document> Service::list(const Filter& filter) { return m_journal.list(filter); }
 
+std::optional<Document> Service::decide(std::string_view key, const Ruling& ruling) {
+    auto document = m_journal.rule(key, ruling);
+    if (document) {
+        m_changes.publish(*document);
+        m_dispatcher.wake();
+    }
+    return document;
+}
+
+void Service::confirmDevice(const std::string& person, const std::string& reason) {
+    for (const Alarm& alarm : m_journal.alarms()) m_journal.confirm(alarm.id, person, reason);
+    m_dispatcher.wake();
+    m_changes.publishDevice();
+}
+
 DeviceState Service::device() const { return m_dispatcher.device(); }
 
 std::size_t Service::queueLength() { return m_journal.queueLength(); }

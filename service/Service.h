@@ -35,6 +35,15 @@ class Service {
     std::optional<std::string> signedDocument(std::int64_t id);
     std::vector<Document> list(const Filter& filter);
 
+    std::size_t count(const Filter& filter) { return m_journal.count(filter); }
+    std::vector<Attempt> attempts(std::int64_t document) { return m_journal.attempts(document); }
+    std::vector<HistoryEntry> history(std::int64_t document) { return m_journal.history(document); }
+
+    /// A person's decision; see Journal::rule.
+    std::optional<Document> decide(std::string_view key, const Ruling& ruling);
+    /// Takes what each device showed as explained from now on.
+    void confirmDevice(const std::string& person, const std::string& reason);
+
     DeviceState device() const;
     std::size_t queueLength();
     std::vector<Alarm> alarms();

@@ -189,7 +189,7 @@ class Http : public testing::Test {
     }
     void start() {
         server.reset();
-        server = std::make_unique<http::Server>(*service, settings);
+        server = std::make_unique<http::Server>(*service, calls, settings);
     }
     void startDevice() {
         m_thread = std::thread([this] { m_dispatcher->run(); });
@@ -231,6 +231,7 @@ class Http : public testing::Test {
     std::unique_ptr<Dispatcher> m_dispatcher;
     std::unique_ptr<Service> service;
     http::Server::Settings settings;
+    CallHistory calls;
     std::unique_ptr<http::Server> server;
     std::thread m_thread;
 };
@@ -557,7 +558,7 @@ TEST_F(Http, ServesTillsBesideAThousandSilentConnections) {
 TEST_F(Http, SaysThatThePortIsTaken) {
     settings.port = server->port();
     try {
-        const http::Server second(*service, settings);
+        const http::Server second(*service, calls, settings);
         FAIL();
     } catch (const std::runtime_error& error) {
         EXPECT_NE(string(error.what()).find(std::to_string(settings.port)), string::npos);

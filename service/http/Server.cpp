@@ -24,14 +24,14 @@ constexpr std::chrono::seconds LAST_ANSWERS{5};
 }  // namespace
 
 struct Server::Rooms {
-    Rooms(Service& service, const Settings& settings)
+    Rooms(Service& service, const CallHistory& calls, const Settings& settings)
         : maxDocumentBytes(settings.maxDocumentBytes),
           workers(WORKERS),
           waiting(service, workers),
           events(service, workers, settings.heartbeat),
           doorkeeper(service,
                      settings.certificate.empty() ? Doorkeeper::Cookies::Plain : Doorkeeper::Cookies::Secure),
-          context{service, workers,          waiting,           events,       doorkeeper,
+          context{service, workers,          waiting,           events,       doorkeeper, calls,
                   stopped, maxDocumentBytes, settings.formWait, settings.warn},
           daemon({settings.address, settings.port, settings.certificate, settings.key, settings.patience,
                   [this] { return ESCAPED * maxDocumentBytes + OTHER_FIELDS_BYTES; }},
@@ -56,8 +56,8 @@ struct Server::Rooms {
     Daemon daemon;
 };
 
-Server::Server(Service& service, const Settings& settings)
-    : m_rooms(std::make_unique<Rooms>(service, settings)) {}
+Server::Server(Service& service, const CallHistory& calls, const Settings& settings)
+    : m_rooms(std::make_unique<Rooms>(service, calls, settings)) {}
 
 Server::~Server() {
     stop();

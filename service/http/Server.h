@@ -7,6 +7,7 @@
 #include <memory>
 #include <string>
 
+#include "CallHistory.h"
 #include "Service.h"
 
 namespace fiscorad::http {
@@ -30,9 +31,9 @@ class Server {
         std::function<void(const std::string&)> warn = [](const std::string&) {};  ///< one line for the log
     };
 
-    /// Listens. `service` outlives the server. Throws std::runtime_error with a text for the log if it
-    /// cannot, such as because the port is taken.
-    Server(Service& service, const Settings& settings);
+    /// Listens. `service` and `calls` outlive the server. Throws std::runtime_error with a text for the log
+    /// if it cannot, such as because the port is taken.
+    Server(Service& service, const CallHistory& calls, const Settings& settings);
     /// Stops, and gives the answers that are under way a few seconds to leave.
     ~Server();
 

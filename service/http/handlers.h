@@ -8,6 +8,7 @@
 #include <optional>
 #include <string>
 
+#include "CallHistory.h"
 #include "Service.h"
 #include "http/Events.h"
 #include "http/WaitingRoom.h"
@@ -29,6 +30,7 @@ struct Context {
     WaitingRoom& waiting;
     Events& events;
     Doorkeeper& doorkeeper;
+    const CallHistory& calls;
     std::atomic<bool>& stopped;  ///< no new documents
     std::atomic<std::size_t>& maxDocumentBytes;
     std::chrono::milliseconds formWait;  ///< how long the form API waits for an outcome
@@ -56,6 +58,15 @@ void submitForm(Context& context, Call& call);
 
 void showDevice(Context& context, Call& call);
 void streamEvents(Context& context, Call& call);
+void summarize(Context& context, Call& call);
+void showCalls(Context& context, Call& call);
+void showAttempts(Context& context, Call& call);
+void decide(Context& context, Call& call);
+void confirmDevice(Context& context, Call& call);
+
+void sendPage(Context& context, Call& call);
+void sendStyle(Context& context, Call& call);
+void sendScript(Context& context, Call& call);
 void signIn(Context& context, Call& call);
 void showSession(Context& context, Call& call);
 void signOut(Context& context, Call& call);

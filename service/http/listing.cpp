@@ -44,6 +44,7 @@ Filter filterOf(const Request& request, Kind kind) {
     if (const auto text = query.take("desde")) filter.since = spanOf("desde", *text).begin;
     if (const auto text = query.take("ate")) filter.until = spanOf("ate", *text).end;
     filter.till = query.take("caixa");
+    filter.named = query.take("busca").value_or("");
     if (const auto text = query.take("depois")) filter.before = numberOf("depois", *text, INT64_MAX);
     if (const auto text = query.take("limite"))
         filter.limit = static_cast<std::size_t>(numberOf("limite", *text, PAGE_AT_MOST));

@@ -31,16 +31,6 @@ std::string alarmText(const Alarm& alarm) {
     return tool::toUtf8(text);
 }
 
-json representationOf(const LastCall& call) {
-    json result{{"operacao", call.operation},
-                {"sessao", sessionText(call.session)},
-                {"status", call.status},
-                {"inicio", timeText(call.began)},
-                {"duracaoMs", call.duration.count()}};
-    if (!call.code.empty()) result["EEEEE"] = tool::toUtf8(call.code);
-    return result;
-}
-
 }  // namespace
 
 std::string sessionText(int session) {
@@ -83,6 +73,16 @@ json representationOf(const Document& document) {
     if (!document.accessKey.empty()) result["chaveConsulta"] = document.accessKey;
     if (document.state == State::Booked && document.hasDocument)
         result["documento"] = pathTo(document) + "/documento";
+    return result;
+}
+
+json representationOf(const LastCall& call) {
+    json result{{"operacao", call.operation},
+                {"sessao", sessionText(call.session)},
+                {"status", call.status},
+                {"inicio", timeText(call.began)},
+                {"duracaoMs", call.duration.count()}};
+    if (!call.code.empty()) result["EEEEE"] = tool::toUtf8(call.code);
     return result;
 }
 

@@ -18,6 +18,8 @@ nlohmann::json representationOf(const Document& document);
 nlohmann::json representationOf(const DeviceState& device, std::size_t queueLength,
                                 const std::vector<Alarm>& alarms);
 
+nlohmann::json representationOf(const LastCall& call);
+
 /// The fields of an answer to `operation` by their names.
 nlohmann::json namedFields(const manipulaDados::Operation& operation, std::string_view answer);
 /// Six digits.

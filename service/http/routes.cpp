@@ -22,19 +22,29 @@ struct Route {
 
 // Handlers for tills hold a till's token to its own documents, and to the operations that tills may call.
 // clang-format off
-constexpr std::array<Route, 20> ROUTES{{
+constexpr std::array<Route, 30> ROUTES{{
     {"POST",   "/v1/vendas",                          Access::Till,   submit},
     {"GET",    "/v1/vendas",                          Access::Till,   list},
     {"GET",    "/v1/vendas/{chave}",                  Access::Till,   show},
     {"DELETE", "/v1/vendas/{chave}",                  Access::Till,   withdraw},
     {"GET",    "/v1/vendas/{chave}/documento",        Access::Till,   sendSignedDocument},
+    {"GET",    "/v1/vendas/{chave}/tentativas",       Access::Administrator, showAttempts},
+    {"POST",   "/v1/vendas/{chave}/decisao",          Access::Administrator, decide},
     {"POST",   "/v1/cancelamentos",                   Access::Till,   submit,             Kind::Cancellation},
     {"GET",    "/v1/cancelamentos",                   Access::Till,   list,               Kind::Cancellation},
     {"GET",    "/v1/cancelamentos/{chave}",           Access::Till,   show,               Kind::Cancellation},
     {"DELETE", "/v1/cancelamentos/{chave}",           Access::Till,   withdraw,           Kind::Cancellation},
     {"GET",    "/v1/cancelamentos/{chave}/documento", Access::Till,   sendSignedDocument, Kind::Cancellation},
+    {"GET",    "/v1/cancelamentos/{chave}/tentativas", Access::Administrator, showAttempts, Kind::Cancellation},
+    {"POST",   "/v1/cancelamentos/{chave}/decisao",   Access::Administrator, decide,      Kind::Cancellation},
     {"POST",   "/v1/operacoes/{nome}",                Access::Till,   operate},
     {"GET",    "/v1/equipamento",                     Access::Till,   showDevice},
+    {"POST",   "/v1/equipamento/confirmacao",         Access::Administrator, confirmDevice},
+    {"GET",    "/v1/resumo",                          Access::Administrator, summarize},
+    {"GET",    "/v1/chamadas",                        Access::Administrator, showCalls},
+    {"GET",    "/",                                   Access::Public, sendPage},
+    {"GET",    "/fiscorad.css",                       Access::Public, sendStyle},
+    {"GET",    "/fiscorad.js",                        Access::Public, sendScript},
     {"GET",    "/v1/eventos",                         Access::Administrator, streamEvents},
     {"POST",   "/v1/sessao",                          Access::Public, signIn},
     {"GET",    "/v1/sessao",                          Access::Till,   showSession},

@@ -109,6 +109,8 @@ class Selection {
           m_since(toMs(filter.since.value_or(Time{}))),
           m_until(toMs(filter.until.value_or(Time{}))),
           m_till(filter.till.value_or("")),
+          m_namedFrom(filter.named),
+          m_namedTo(filter.named + "~"),  // after all that a key is made of
           m_before(filter.before.value_or(0)) {}
 
     /// Of the table `documents`.
@@ -119,6 +121,8 @@ class Selection {
         if (m_filter.since) text += " AND received_at >= :since";
         if (m_filter.until) text += " AND received_at < :until";
         if (m_filter.till) text += " AND till = :till";
+        if (!m_filter.named.empty())
+            text += " AND (key BETWEEN :from AND :to OR access_key BETWEEN :from2 AND :to2)";
         if (m_filter.before) text += " AND id < :before";
         return text;
     }
@@ -128,6 +132,11 @@ class Selection {
         if (m_filter.since) query.exchange(use(m_since));
         if (m_filter.until) query.exchange(use(m_until));
         if (m_filter.till) query.exchange(use(m_till));
+        if (!m_filter.named.empty())
+            for (int column = 0; column < 2; ++column) {
+                query.exchange(use(m_namedFrom));
+                query.exchange(use(m_namedTo));
+            }
         if (m_filter.before) query.exchange(use(m_before));
     }
 
@@ -138,6 +147,8 @@ class Selection {
     long long m_since;
     long long m_until;
     std::string m_till;
+    std::string m_namedFrom;
+    std::string m_namedTo;
     long long m_before;
 };
 

@@ -43,6 +43,7 @@ struct Filter {
     std::optional<Time> since;  ///< received at or after
     std::optional<Time> until;  ///< received before
     std::optional<std::string> till;
+    std::string named;  ///< if not empty: what its key or its access key begins with
     std::optional<std::int64_t>
         before;               ///< documents with a smaller id: those after the last page's last one
     std::size_t limit = 100;  ///< at least 1

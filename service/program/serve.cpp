@@ -9,6 +9,7 @@
 #include <stdexcept>
 #include <thread>
 
+#include "CallHistory.h"
 #include "Changes.h"
 #include "Service.h"
 #include "dispatcher/ActivationCode.h"
@@ -132,6 +133,8 @@ int serve(const Settings& settings) {
     Dispatcher::Settings dispatching;
     dispatching.node = nodeName();
     dispatching.warn = [&](const std::string& text) { log.warn(text); };
+    CallHistory calls;
+    dispatching.called = [&](const LastCall& call) { calls.add(call); };
     http::Server* tills = nullptr;
     dispatching.codeChanged = [&] { tills->setMaxDocumentBytes(maxDocumentBytes(code)); };
     Dispatcher dispatcher(journal, equipment, code, changes, dispatching);
@@ -144,7 +147,7 @@ int serve(const Settings& settings) {
     serving.certificate = std::move(identification.certificate);
     serving.key = std::move(identification.key);
     serving.warn = dispatching.warn;
-    http::Server server(service, serving);
+    http::Server server(service, calls, serving);
     tills = &server;
     log.info(tool::filled(tool::tr("listening on %s port %d, journal %s"), endpoint.address.c_str(),
                           static_cast<int>(server.port()), settings.journal.c_str()));

@@ -1,0 +1,367 @@
+// The page of fiscorad. Texts from tills and from the device become text nodes, never markup.
+"use strict";
+
+const $ = (id) => document.getElementById(id);
+const money = new Intl.NumberFormat("pt-BR", { style: "currency", currency: "BRL" });
+const integer = new Intl.NumberFormat("pt-BR");
+const moment = new Intl.DateTimeFormat("pt-BR", { dateStyle: "short", timeStyle: "medium" });
+const hourAndMinute = new Intl.DateTimeFormat("pt-BR", { hour: "2-digit", minute: "2-digit" });
+
+const DEVICE = {
+  desconhecido: ["Ainda não consultado", "", "O serviço ainda não falou com o equipamento."],
+  respondendo: ["Respondendo", "good", "O equipamento respondeu à última chamada."],
+  ocupado: ["Em uma chamada", "busy", "O equipamento está trabalhando."],
+  resolvendo: ["Resolvendo uma venda", "busy", "Uma chamada terminou sem resposta; o serviço pergunta ao equipamento o que aconteceu."],
+  ausente: ["Ausente", "bad", "O equipamento não foi encontrado ou não responde."],
+  "codigo-recusado": ["Código recusado", "bad", "O equipamento recusou o código de ativação. Nada é enviado até o arquivo do código mudar."],
+  divergente: ["Divergente", "bad", "O equipamento mostra um documento que o registro não explica. Nada é enviado até alguém confirmar."],
+};
+const STATE = { emitida: "good", recusada: "bad", "a-decidir": "bad", incerta: "busy", enviada: "busy", "na-fila": "busy" };
+
+let events = null;
+let older = null;  // where the next page of documents begins
+let summaryTimer = 0;
+
+/** An element with a class, attributes and children; strings become text. */
+function make(tag, attributes, ...children) {
+  const element = document.createElement(tag);
+  for (const [name, value] of Object.entries(attributes || {})) {
+    if (name === "onclick") element.addEventListener("click", value);
+    else element.setAttribute(name, value);
+  }
+  element.append(...children);
+  return element;
+}
+
+function facts(list, pairs) {
+  list.replaceChildren(...pairs.filter(([, value]) => value !== undefined && value !== "")
+    .map(([name, value]) => make("div", null, make("dt", null, name), make("dd", null, value))));
+}
+
+const pill = (state) => make("span", { class: `pill ${STATE[state] || ""}` }, state);
+const pathOf = (doc) => `/v1/${doc.tipo === "venda" ? "vendas" : "cancelamentos"}/${encodeURIComponent(doc.chave)}`;
+const valueOf = (doc) => (doc.valorTotalCFe ? money.format(Number(doc.valorTotalCFe)) : "");
+
+/** Answers of the service as JSON; throws an Error with its text for people. */
+async function call(method, path, body) {
+  const headers = { "X-Fiscorad": "pagina" };
+  if (body !== undefined) headers["Content-Type"] = "application/json";
+  const response = await fetch(path, { method, headers, body: body === undefined ? undefined : JSON.stringify(body) });
+  if (response.status === 401) showSignIn();
+  const text = await response.text();
+  const answer = text && (response.headers.get("Content-Type") || "").includes("json") ? JSON.parse(text) : {};
+  if (!response.ok) throw new Error(answer.detail || `O serviço respondeu ${response.status}.`);
+  return answer;
+}
+
+// ---- signing in ----
+
+function showSignIn() {
+  if (events) events.close();
+  events = null;
+  clearTimeout(summaryTimer);
+  for (const dialog of [$("details"), $("confirmation")]) if (dialog.open) dialog.close();
+  for (const id of ["rows", "timeline", "details-facts", "device-facts", "alarms", "chart"]) $(id).replaceChildren();
+  for (const id of ["sales", "total", "refused", "queue", "undecided", "device-words", "live"]) $(id).textContent = "";
+  $("shop").hidden = $("who").hidden = true;
+  $("sign-in").hidden = false;
+  $("token").focus();
+}
+
+async function enter(session) {
+  $("sign-in").hidden = true;
+  $("shop").hidden = false;
+  $("who").hidden = Boolean(session.semToken);
+  $("who-name").textContent = session.nome || "";
+  $("live").textContent = session.semToken ? "Sem tokens: só este computador é atendido." : "";
+  listen();
+  await Promise.all([showDocuments(), showSummary(), showChart()]);
+}
+
+$("sign-in-form").addEventListener("submit", async (event) => {
+  event.preventDefault();
+  $("sign-in-error").textContent = "";
+  try {
+    const session = await call("POST", "/v1/sessao", { token: $("token").value.trim() });
+    $("token").value = "";
+    await enter(session);
+  } catch (error) {
+    $("sign-in-error").textContent = error.message;
+  }
+});
+
+$("sign-out").addEventListener("click", async () => {
+  await call("DELETE", "/v1/sessao").catch(() => {});
+  showSignIn();
+});
+
+// ---- what is told as it happens ----
+
+function listen() {
+  events = new EventSource("/v1/eventos");
+  events.addEventListener("equipamento", (event) => showDevice(JSON.parse(event.data)));
+  events.addEventListener("documento", (event) => {
+    const doc = JSON.parse(event.data);
+    update(doc);
+    clearTimeout(summaryTimer);
+    summaryTimer = setTimeout(() => { showSummary(); showChart(); }, 300);
+  });
+  events.addEventListener("open", () => document.body.removeAttribute("data-lost"));
+  events.addEventListener("error", () => {
+    document.body.setAttribute("data-lost", "");
+    $("live").textContent = "Sem conexão com o serviço; tentando de novo…";
+    if (events && events.readyState === EventSource.CLOSED) setTimeout(start, 3000);
+  });
+}
+
+let shownState = "";
+function showDevice(device) {
+  const [name, colour, words] = DEVICE[device.estado] || [device.estado, "", ""];
+  $("device-state").textContent = name;
+  $("device-state").className = `pill ${colour}`;
+  $("device-words").textContent = words;
+  $("live").textContent = "";
+  $("queue").textContent = integer.format(device.fila);
+  const last = device.ultimaChamada;
+  facts($("device-facts"), [
+    ["Número de série", device.numeroDeSerie],
+    ["Último documento", device.ultimoDocumento],
+    ["Última chamada", last && `${last.operacao}, ${moment.format(new Date(last.inicio))}, ${integer.format(last.duracaoMs)} ms${last.EEEEE ? `, ${last.EEEEE}` : ""}`],
+    ["Resolvendo", device.resolvendo],
+  ]);
+  $("alarms").replaceChildren(...device.alarmes.map((text) => make("p", null, text)));
+  $("confirm-device").hidden = device.estado !== "divergente";
+  if (device.estado === "ausente" && shownState !== "ausente") showAdvice();
+  if (device.estado !== "ausente") $("device-advice").hidden = true;
+  shownState = device.estado;
+}
+
+async function showAdvice() {
+  try {
+    const { passos } = await call("GET", "/v1/equipamento/diagnostico");
+    $("advice").replaceChildren(...passos.filter((step) => step.resultado !== "ok" && step.resultado !== "pulado")
+      .map((step) => make("li", null, `${step.nome}: ${step.texto}`)));
+    $("device-advice").hidden = shownState !== "ausente" || !$("advice").childElementCount;
+  } catch (error) {
+    $("device-advice").hidden = true;
+  }
+}
+
+async function showSummary() {
+  const today = await call("GET", "/v1/resumo").catch(() => null);
+  if (!today) return;
+  $("sales").textContent = integer.format(today.emitidas);
+  $("total").textContent = money.format(Number(today.total));
+  $("refused").textContent = integer.format(today.recusadas);
+  $("queue").textContent = integer.format(today.fila);
+  $("undecided").textContent = integer.format(today.aDecidir);
+  $("undecided").parentElement.classList.toggle("alert", today.aDecidir > 0);
+}
+
+// ---- durations of the calls ----
+
+const SVG = "http://www.w3.org/2000/svg";
+function draw(tag, attributes, text) {
+  const element = document.createElementNS(SVG, tag);
+  for (const [name, value] of Object.entries(attributes)) element.setAttribute(name, value);
+  if (text !== undefined) element.textContent = text;
+  return element;
+}
+
+async function showChart() {
+  const hours = Number($("hours").value);
+  const answer = await call("GET", `/v1/chamadas?horas=${hours}`).catch(() => null);
+  if (!answer) return;
+  const calls = answer.chamadas;
+  const width = Math.max($("chart").clientWidth, 280);
+  const height = 152, left = 44, bottom = 22, top = 8, right = 10;
+  const end = Date.now(), begin = end - hours * 3600e3;
+  const most = Math.max(2000, ...calls.map((made) => made.duracaoMs));
+  const x = (time) => left + (width - left - right) * (time - begin) / (end - begin);
+  const y = (ms) => top + (height - top - bottom) * (1 - ms / most);
+  const svg = draw("svg", { viewBox: `0 0 ${width} ${height}`, role: "img", "aria-labelledby": "chart-title chart-words" });
+  for (const part of [0, 0.5, 1]) {
+    svg.append(draw("line", { class: "grid", x1: left, x2: width - right, y1: y(part * most), y2: y(part * most) }),
+      draw("text", { x: left - 6, y: y(part * most) + 4, "text-anchor": "end" }, `${(part * most / 1000).toLocaleString("pt-BR", { maximumFractionDigits: 1 })} s`),
+      draw("text", { x: x(begin + part * (end - begin)), y: height - 6, "text-anchor": ["start", "middle", "end"][part * 2] }, hourAndMinute.format(begin + part * (end - begin))));
+  }
+  for (const made of calls) {
+    const failed = made.status !== 0;
+    const dot = draw("circle", { class: failed ? "failed" : "ok", cx: x(Date.parse(made.inicio)), cy: y(made.duracaoMs), r: failed ? 4 : 3 });
+    dot.append(draw("title", {}, `${made.operacao}: ${integer.format(made.duracaoMs)} ms${failed ? `, status ${made.status}` : ""}`));
+    svg.append(dot);
+  }
+  $("chart").replaceChildren(svg);
+  const sorted = calls.map((made) => made.duracaoMs).sort((one, other) => one - other);
+  $("chart-words").textContent = sorted.length
+    ? `${integer.format(sorted.length)} chamadas, metade em até ${integer.format(sorted[sorted.length >> 1])} ms; ${integer.format(calls.filter((made) => made.status !== 0).length)} sem resposta válida.`
+    : "Nenhuma chamada neste período.";
+}
+$("hours").addEventListener("change", showChart);
+
+// ---- documents ----
+
+function row(doc) {
+  const actions = make("td", { class: "row-actions" });
+  if (doc.documento) actions.append(make("a", { href: doc.documento, download: `${doc.chaveConsulta}.xml` }, "XML"));
+  actions.append(make("button", { type: "button", onclick: () => showDetails(doc) }, "Detalhes"));
+  const state = make("td", null, pill(doc.estado));
+  if (doc.estado === "recusada") state.append(make("div", { class: "reason" }, `${doc.EEEEE || ""} ${doc.mensagem || ""}`));
+  const key = make("td", null, make("code", null, doc.chave));
+  if (doc.chaveConsulta) key.append(make("div", { class: "hint" }, doc.chaveConsulta));
+  const line = make("tr", { "data-key": doc.chave },
+    make("td", null, moment.format(new Date(doc.recebidaEm))), key, make("td", null, doc.caixa || ""), state,
+    make("td", { class: "number" }, valueOf(doc)), actions);
+  return line;
+}
+
+function query() {
+  const form = new FormData($("search"));
+  const words = new URLSearchParams({ limite: "30" });
+  for (const name of ["busca", "caixa", "estado"]) {
+    const value = (form.get(name) || "").trim();
+    if (value) words.set(name, value);
+  }
+  if (form.get("dia")) {
+    words.set("desde", form.get("dia"));
+    words.set("ate", form.get("dia"));
+  }
+  return { kind: form.get("tipo"), words };
+}
+
+async function showDocuments(after) {
+  const { kind, words } = query();
+  if (after) words.set("depois", after);
+  const page = await call("GET", `/v1/${kind}?${words}`);
+  const rows = page.documentos.map(row);
+  if (after) $("rows").append(...rows);
+  else $("rows").replaceChildren(...rows);
+  older = page.depois;
+  $("older").hidden = !older;
+  $("empty").hidden = $("rows").childElementCount > 0;
+}
+
+/** Puts a document that has changed where it stands, or on top if it is new and nothing is searched for. */
+function update(doc) {
+  const { kind, words } = query();
+  const fresh = row(doc);
+  const present = [...$("rows").children].find((line) => line.dataset.key === doc.chave);
+  if (present) present.replaceWith(fresh);
+  else if (kind === (doc.tipo === "venda" ? "vendas" : "cancelamentos") && [...words.keys()].length === 1) $("rows").prepend(fresh);
+  fresh.classList.add("fresh");
+  $("empty").hidden = $("rows").childElementCount > 0;
+  if ($("details").open && $("details").dataset.key === doc.chave) showDetails(doc);
+}
+
+const showOrSay = (after) => showDocuments(after).catch((error) => { $("live").textContent = error.message; });
+$("search").addEventListener("submit", (event) => { event.preventDefault(); showOrSay(); });
+$("search").addEventListener("reset", () => setTimeout(showOrSay));
+$("older").addEventListener("click", () => showOrSay(older));
+
+// ---- one document ----
+
+async function showDetails(doc) {
+  const told = await call("GET", `${pathOf(doc)}/tentativas`).catch((error) => { $("live").textContent = error.message; });
+  if (!told) return;
+  const now = told.documento;
+  const dialog = $("details");
+  dialog.dataset.key = now.chave;
+  $("details-title").textContent = `${now.tipo === "venda" ? "Venda" : "Cancelamento"} ${now.chave}`;
+  facts($("details-facts"), [
+    ["Estado", pill(now.estado)], ["Caixa", now.caixa], ["Valor", valueOf(now)], ["Chave de acesso", now.chaveConsulta],
+    ["Resposta", now.EEEEE && `${now.EEEEE} ${now.mensagem || ""}`], ["Sessão", now.sessao], ["Tentativas", String(now.tentativas)],
+    ["Recebida", moment.format(new Date(now.recebidaEm))], ["Concluída", now.concluidaEm && moment.format(new Date(now.concluidaEm))],
+  ]);
+  const steps = [
+    ...told.historico.map((step) => ({ at: step.em, state: step.estado, text: step.pessoa ? `${step.texto} — ${step.pessoa}: ${step.motivo}` : step.texto })),
+    ...told.tentativas.map((attempt) => ({ at: attempt.em, text: `tentativa na sessão ${attempt.sessao}, equipamento ${attempt.numeroDeSerie}; último documento antes dela: ${attempt.ultimoDocumento || "nenhum"}` })),
+  ].sort((one, other) => Date.parse(one.at) - Date.parse(other.at));
+  $("timeline").replaceChildren(...steps.map((step) => make("li", null,
+    make("time", { datetime: step.at }, moment.format(new Date(step.at))), step.text, ...(step.state ? [" ", pill(step.state)] : []))));
+  const evidence = steps.map((step) => step.text);
+  const actions = [];
+  if (now.documento) actions.push(make("a", { href: now.documento, download: `${now.chaveConsulta}.xml` }, "Baixar XML assinado"));
+  if (now.estado === "na-fila") actions.push(make("button", { type: "button", class: "danger", onclick: () => withdraw(now) }, "Retirar da fila"));
+  if (now.estado === "a-decidir" || now.estado === "incerta")
+    for (const [decision, label] of [["emitida", "Foi emitida…"], ["enviar-de-novo", "Enviar de novo…"], ["abandonada", "Abandonar…"]])
+      actions.push(make("button", { type: "button", onclick: () => decide(now, decision, evidence) }, label));
+  $("details-actions").replaceChildren(...actions);
+  if (!dialog.open) dialog.showModal();
+}
+$("details-close").addEventListener("click", () => $("details").close());
+
+// ---- what an administrator does, each after a confirmation ----
+
+let pending = null;
+function ask({ title, text, label, evidence = [], reason = false, accessKey = false, act }) {
+  pending = act;
+  $("confirmation-title").textContent = title;
+  $("confirmation-text").textContent = text;
+  $("confirmation-evidence").replaceChildren(...evidence.map((line) => make("li", null, line)));
+  $("confirmation-error").textContent = "";
+  $("reason").value = $("access-key").value = "";
+  $("reason-label").hidden = !reason;
+  $("reason").required = reason;
+  $("access-key-label").hidden = !accessKey;
+  $("access-key").required = accessKey;
+  $("confirmation-go").textContent = label;
+  $("confirmation").showModal();
+}
+$("confirmation-cancel").addEventListener("click", () => $("confirmation").close());
+$("confirmation-form").addEventListener("submit", async (event) => {
+  event.preventDefault();
+  $("confirmation-go").disabled = true;
+  $("confirmation-error").textContent = "";
+  try {
+    await pending({ reason: $("reason").value.trim(), accessKey: $("access-key").value.trim() });
+    $("confirmation").close();
+    showSummary();
+  } catch (error) {
+    $("confirmation-error").textContent = error.message;
+  } finally {
+    $("confirmation-go").disabled = false;
+  }
+});
+
+function withdraw(doc) {
+  ask({ title: "Retirar da fila?", text: `${doc.chave} não será enviada ao equipamento, nem se o caixa a reenviar.`, label: "Retirar",
+    act: async () => { await call("DELETE", pathOf(doc)); await showDetails(doc); } });
+}
+
+function decide(doc, decision, evidence) {
+  const texts = {
+    emitida: ["Registrar como emitida?", "Confira no equipamento ou na SEFAZ. Informe a chave de acesso do documento.", "Registrar"],
+    "enviar-de-novo": ["Enviar de novo?", "Se o equipamento já emitiu este documento, ele será emitido duas vezes.", "Enviar de novo"],
+    abandonada: ["Abandonar?", "O documento não será enviado nem resolvido. O caixa recebe “abandonada”.", "Abandonar"],
+  };
+  const [title, text, label] = texts[decision];
+  ask({ title, text, label, evidence, reason: true, accessKey: decision === "emitida",
+    act: async ({ reason, accessKey }) => {
+      const body = { decisao: decision, motivo: reason };
+      if (decision === "emitida") body.chaveConsulta = accessKey;
+      await call("POST", `${pathOf(doc)}/decisao`, body);
+      await showDetails(doc);
+    } });
+}
+
+$("ask").addEventListener("click", () => ask({
+  title: "Consultar o estado do equipamento?", text: "Faz um ConsultarStatusOperacional; uma venda que chegar agora espera cerca de um segundo.", label: "Consultar",
+  act: async () => {
+    const answer = await call("POST", "/v1/operacoes/ConsultarStatusOperacional", {});
+    $("live").textContent = `ConsultarStatusOperacional: status ${answer.status} ${answer.campos.mensagem || ""}`;
+    showChart();
+  } }));
+$("confirm-device").addEventListener("click", () => ask({
+  title: "Voltar a vender neste equipamento?", text: "O documento que ele mostra passa a valer como explicado.", label: "Confirmar", reason: true,
+  evidence: [...$("alarms").children].map((alarm) => alarm.textContent),
+  act: async ({ reason }) => showDevice(await call("POST", "/v1/equipamento/confirmacao", { motivo: reason })) }));
+
+async function start() {
+  try {
+    await enter(await call("GET", "/v1/sessao"));
+  } catch (error) {
+    $("sign-in-error").textContent = "";
+    showSignIn();
+  }
+}
+start();
