@@ -7,6 +7,7 @@
 #include <string_view>
 #include <utility>
 
+#include "dispatcher/diagnosis.h"
 #include "http/Query.h"
 #include "http/handlers.h"
 #include "http/problem.h"
@@ -175,6 +176,20 @@ void decide(Context& context, Call& call) {
     } catch (const std::invalid_argument& taken) {
         throw Rejection(problems::ACCESS_KEY, "A chave de acesso já é de outro documento.");
     }
+}
+
+void diagnoseDevice(Context& context, Call& call) {
+    // It looks at the port, which is the running call's alone.
+    if (context.service.device().condition != DeviceState::Condition::Absent)
+        throw Rejection(problems::PRESENT, "O diagnóstico é para quando o equipamento está ausente.");
+    const auto told = json::parse(diagnose(), nullptr, false);
+    json steps = json::array();
+    for (const json& finding : told.is_object() ? told.value("findings", json::array()) : json::array())
+        steps.push_back({{"passo", finding.value("step", "")},
+                         {"resultado", finding.value("verdict", "")},
+                         {"achado", finding.value("found", "")},
+                         {"conselho", finding.value("advice", "")}});
+    call.respond(jsonResponse(200, {{"passos", std::move(steps)}}));
 }
 
 void confirmDevice(Context& context, Call& call) {

@@ -62,6 +62,7 @@ void summarize(Context& context, Call& call);
 void showCalls(Context& context, Call& call);
 void showAttempts(Context& context, Call& call);
 void decide(Context& context, Call& call);
+void diagnoseDevice(Context& context, Call& call);
 void confirmDevice(Context& context, Call& call);
 
 void sendPage(Context& context, Call& call);

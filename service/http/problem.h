@@ -32,6 +32,7 @@ constexpr Problem NOT_FOUND{404, "nao-encontrado", "Não encontrado"};
 constexpr Problem METHOD{405, "metodo-nao-permitido", "Método não permitido"};
 constexpr Problem ALREADY_SENT{409, "ja-enviada", "O documento não está mais na fila"};
 constexpr Problem DECIDED{409, "nada-a-decidir", "Não há o que decidir sobre o documento"};
+constexpr Problem PRESENT{409, "equipamento-presente", "O equipamento está presente"};
 constexpr Problem IS_DOCUMENT{409, "operacao-de-documento", "Esta operação emite um documento"};
 constexpr Problem WITHDRAWN{410, "retirada", "Documento retirado"};
 constexpr Problem ABANDONED{410, "abandonada", "Documento abandonado"};

@@ -22,7 +22,7 @@ struct Route {
 
 // Handlers for tills hold a till's token to its own documents, and to the operations that tills may call.
 // clang-format off
-constexpr std::array<Route, 30> ROUTES{{
+constexpr std::array<Route, 31> ROUTES{{
     {"POST",   "/v1/vendas",                          Access::Till,   submit},
     {"GET",    "/v1/vendas",                          Access::Till,   list},
     {"GET",    "/v1/vendas/{chave}",                  Access::Till,   show},
@@ -40,6 +40,7 @@ constexpr std::array<Route, 30> ROUTES{{
     {"POST",   "/v1/operacoes/{nome}",                Access::Till,   operate},
     {"GET",    "/v1/equipamento",                     Access::Till,   showDevice},
     {"POST",   "/v1/equipamento/confirmacao",         Access::Administrator, confirmDevice},
+    {"GET",    "/v1/equipamento/diagnostico",         Access::Administrator, diagnoseDevice},
     {"GET",    "/v1/resumo",                          Access::Administrator, summarize},
     {"GET",    "/v1/chamadas",                        Access::Administrator, showCalls},
     {"GET",    "/",                                   Access::Public, sendPage},

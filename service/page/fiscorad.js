@@ -139,8 +139,8 @@ function showDevice(device) {
 async function showAdvice() {
   try {
     const { passos } = await call("GET", "/v1/equipamento/diagnostico");
-    $("advice").replaceChildren(...passos.filter((step) => step.resultado !== "ok" && step.resultado !== "pulado")
-      .map((step) => make("li", null, `${step.nome}: ${step.texto}`)));
+    $("advice").replaceChildren(...passos.filter((step) => step.resultado === "error" || step.resultado === "warning")
+      .map((step) => make("li", null, `${step.achado}. ${step.conselho}`)));
     $("device-advice").hidden = shownState !== "ausente" || !$("advice").childElementCount;
   } catch (error) {
     $("device-advice").hidden = true;

@@ -1,5 +1,6 @@
 #include "program/serve.h"
 
+#include <arpa/inet.h>
 #include <unistd.h>
 
 #include <array>
@@ -88,12 +89,18 @@ std::string nodeName() {
     return name.data();
 }
 
-bool isLoopback(const std::string& address) { return address == "::1" || address.rfind("127.", 0) == 0; }
+/// Also a name: the server refuses it for what it is.
+bool staysOnThisMachine(const std::string& address) {
+    in6_addr bytes{};
+    const bool isAddress =
+        inet_pton(AF_INET, address.c_str(), &bytes) == 1 || inet_pton(AF_INET6, address.c_str(), &bytes) == 1;
+    return !isAddress || address == "::1" || address.rfind("127.", 0) == 0;
+}
 
 /// Throws std::runtime_error unless what goes over the network is kept secret, or a person takes care of
 /// that.
 void requireSecrecy(const Settings& settings, const Endpoint& endpoint) {
-    if (isLoopback(endpoint.address) || !settings.certificate.empty() || settings.plainHttp) return;
+    if (staysOnThisMachine(endpoint.address) || !settings.certificate.empty() || settings.plainHttp) return;
     throw std::runtime_error(
         settings.listen + ": " +
         tool::tr(
