@@ -35,6 +35,7 @@ class Service {
     std::optional<std::string> signedDocument(std::int64_t id);
     std::vector<Document> list(const Filter& filter);
 
+    Tally tally() { return m_journal.tally(); }
     std::size_t count(const Filter& filter) { return m_journal.count(filter); }
     std::vector<Attempt> attempts(std::int64_t document) { return m_journal.attempts(document); }
     std::vector<HistoryEntry> history(std::int64_t document) { return m_journal.history(document); }

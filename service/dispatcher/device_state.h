@@ -1,5 +1,6 @@
 #pragma once
 
+#include <array>
 #include <chrono>
 #include <map>
 #include <optional>
@@ -41,6 +42,10 @@ struct DeviceState {
     std::optional<LastCall> lastCall;
     std::string resolving;  ///< key of the document being resolved
 };
+
+/// What the conditions are called outside, in their order.
+constexpr std::array<const char*, 7> CONDITION_NAMES{
+    "desconhecido", "respondendo", "ocupado", "resolvendo", "ausente", "codigo-recusado", "divergente"};
 
 /// An operation that is not a document, and what came of it.
 struct OperationRequest {

@@ -31,8 +31,9 @@ struct Server::Rooms {
           events(service, workers, settings.heartbeat),
           doorkeeper(service,
                      settings.certificate.empty() ? Doorkeeper::Cookies::Plain : Doorkeeper::Cookies::Secure),
-          context{service, workers,          waiting,           events,       doorkeeper, calls,
-                  stopped, maxDocumentBytes, settings.formWait, settings.warn},
+          context{service,      workers,          waiting, events,           doorkeeper,
+                  calls,        settings.metrics, stopped, maxDocumentBytes, settings.formWait,
+                  settings.warn},
           daemon({settings.address, settings.port, settings.certificate, settings.key, settings.patience,
                   [this] { return ESCAPED * maxDocumentBytes + OTHER_FIELDS_BYTES; }},
                  workers, [this](Request request, const Responder& respond) {

@@ -28,6 +28,7 @@ class Server {
         /// For a whole request to arrive, from the connection or the answer before on, and for a whole
         /// answer to leave; then the connection is closed.
         std::chrono::milliseconds patience = std::chrono::seconds(60);
+        std::function<std::string()> metrics = [] { return std::string(); };  ///< in Prometheus' text format
         std::function<void(const std::string&)> warn = [](const std::string&) {};  ///< one line for the log
     };
 

@@ -28,6 +28,13 @@ void showReadiness(Context& context, Call& call) {
     call.respond(jsonResponse(200, {{"pronto", true}}));
 }
 
+void showMetrics(Context& context, Call& call) {
+    Response response;
+    response.type = "text/plain; version=0.0.4; charset=utf-8";
+    response.body = context.metrics();
+    call.respond(std::move(response));
+}
+
 void sendDescription(Context& /*context*/, Call& call) {
     Response response;
     response.type = "application/yaml";

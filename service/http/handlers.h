@@ -31,6 +31,8 @@ struct Context {
     Events& events;
     Doorkeeper& doorkeeper;
     const CallHistory& calls;
+    /// In Prometheus' text format.
+    std::function<std::string()> metrics;
     std::atomic<bool>& stopped;  ///< no new documents
     std::atomic<std::size_t>& maxDocumentBytes;
     std::chrono::milliseconds formWait;  ///< how long the form API waits for an outcome
@@ -65,6 +67,7 @@ void decide(Context& context, Call& call);
 void diagnoseDevice(Context& context, Call& call);
 void confirmDevice(Context& context, Call& call);
 
+void showMetrics(Context& context, Call& call);
 void sendPage(Context& context, Call& call);
 void sendStyle(Context& context, Call& call);
 void sendScript(Context& context, Call& call);

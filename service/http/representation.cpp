@@ -1,7 +1,6 @@
 #include "http/representation.h"
 
 #include <algorithm>
-#include <array>
 
 #include "fields.h"
 #include "fiscal/operations.h"
@@ -17,10 +16,6 @@ using manipulaDados::Operation;
 using nlohmann::json;
 
 constexpr std::size_t CODE_FIELD = 1;
-
-/// In the order of DeviceState::Condition.
-constexpr std::array<const char*, 7> CONDITIONS{"desconhecido", "respondendo",     "ocupado",   "resolvendo",
-                                                "ausente",      "codigo-recusado", "divergente"};
 
 std::string alarmText(const Alarm& alarm) {
     const auto named = [](const std::string& document) { return document.empty() ? "nenhum" : document; };
@@ -87,7 +82,7 @@ json representationOf(const LastCall& call) {
 }
 
 json representationOf(const DeviceState& device, std::size_t queueLength, const std::vector<Alarm>& alarms) {
-    json result{{"estado", CONDITIONS.at(static_cast<std::size_t>(device.condition))},
+    json result{{"estado", CONDITION_NAMES.at(static_cast<std::size_t>(device.condition))},
                 {"fila", queueLength},
                 {"alarmes", json::array()}};
     if (!device.serial.empty()) result["numeroDeSerie"] = tool::toUtf8(device.serial);

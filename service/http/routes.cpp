@@ -22,7 +22,7 @@ struct Route {
 
 // Handlers for tills hold a till's token to its own documents, and to the operations that tills may call.
 // clang-format off
-constexpr std::array<Route, 31> ROUTES{{
+constexpr std::array<Route, 32> ROUTES{{
     {"POST",   "/v1/vendas",                          Access::Till,   submit},
     {"GET",    "/v1/vendas",                          Access::Till,   list},
     {"GET",    "/v1/vendas/{chave}",                  Access::Till,   show},
@@ -51,6 +51,7 @@ constexpr std::array<Route, 31> ROUTES{{
     {"GET",    "/v1/sessao",                          Access::Till,   showSession},
     {"DELETE", "/v1/sessao",                          Access::Till,   signOut},
     {"GET",    "/v1/openapi.yaml",                    Access::Public, sendDescription},
+    {"GET",    "/metrics",                            Access::Till,   showMetrics},
     {"GET",    "/saude",                              Access::Public, showHealth},
     {"GET",    "/pronto",                             Access::Public, showReadiness},
     {"POST",   "/hub/v1/{funcao}",                    Access::Till,   submitForm},

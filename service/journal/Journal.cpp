@@ -348,6 +348,30 @@ std::vector<Document> Journal::list(const Filter& filter) {
     });
 }
 
+void Journal::onCommit(std::function<void(std::chrono::nanoseconds)> committed) {
+    m_store->onCommit(std::move(committed));
+}
+
+Tally Journal::tally() {
+    return m_store->read([](session& sql) {
+        Tally tally;
+        int state = 0;
+        long long count = 0;
+        soci::statement rows =
+            (sql.prepare << "SELECT state, COUNT(*) FROM documents GROUP BY state", into(state), into(count));
+        rows.execute();
+        while (rows.fetch()) tally.documents[static_cast<State>(state)] = static_cast<std::size_t>(count);
+        for (const auto& [present, number] : tally.documents) {
+            if (isFinal(present)) continue;
+            const int open = static_cast<int>(present);
+            long long at = 0;
+            sql << "SELECT MIN(received_at) FROM documents WHERE state = :state", into(at), use(open);
+            if (!tally.oldestOpen || fromMs(at) < *tally.oldestOpen) tally.oldestOpen = fromMs(at);
+        }
+        return tally;
+    });
+}
+
 std::size_t Journal::count(const Filter& filter) {
     const Selection selection(filter);
     return m_store->read([&](session& sql) {

@@ -1,7 +1,10 @@
 #pragma once
 
+#include <chrono>
 #include <cstddef>
 #include <cstdint>
+#include <functional>
+#include <map>
 #include <memory>
 #include <mutex>
 #include <optional>
@@ -89,6 +92,12 @@ struct Alarm {
     bool halts = false;  ///< nothing is sent to that device until a person confirms it
 };
 
+/// How many documents there are, and how long one has been without an outcome.
+struct Tally {
+    std::map<State, std::size_t> documents;
+    std::optional<Time> oldestOpen;  ///< when the oldest one without a final state came
+};
+
 /// What an administrator did, other than a decision about a document, which stands in its history.
 struct Action {
     Time at;
@@ -111,6 +120,9 @@ class Journal {
     explicit Journal(const std::string& path, IfMissing ifMissing = IfMissing::Create);
     ~Journal();
 
+    /// Tells how long each commit takes, from any thread. Set before the journal is used.
+    void onCommit(std::function<void(std::chrono::nanoseconds)> committed);
+
     // ---- for the tills ----
 
     /// Puts a document into the queue, of at most `queueLimit` documents.
@@ -120,6 +132,7 @@ class Journal {
     std::vector<Document> list(const Filter& filter);
     /// How many documents the filter selects, whatever its `limit`.
     std::size_t count(const Filter& filter);
+    Tally tally();
     /// What the till sent, byte for byte; empty for a document withdrawn before it arrived.
     std::string body(std::int64_t id);
     /// The signed document, byte for byte as the device sent it; none if it is not there.

@@ -2,6 +2,7 @@
 
 #include <soci/soci.h>
 
+#include <chrono>
 #include <functional>
 #include <mutex>
 #include <string>
@@ -36,13 +37,18 @@ class Store {
             Transaction transaction(m_writer);
             if constexpr (std::is_void_v<decltype(work(m_writer))>) {
                 work(m_writer);
-                transaction.commit();
+                commit(transaction);
             } else {
                 auto result = work(m_writer);
-                transaction.commit();
+                commit(transaction);
                 return result;
             }
         });
+    }
+
+    /// See Journal::onCommit.
+    void onCommit(std::function<void(std::chrono::nanoseconds)> committed) {
+        m_committed = std::move(committed);
     }
 
     /// A number that changes when another process has written.
@@ -69,6 +75,12 @@ class Store {
         bool m_open = true;
     };
 
+    void commit(Transaction& transaction) {
+        const auto began = std::chrono::steady_clock::now();
+        transaction.commit();
+        m_committed(std::chrono::steady_clock::now() - began);
+    }
+
     template <typename Work>
     static auto guarded(Work work) {
         try {
@@ -78,6 +90,7 @@ class Store {
         }
     }
 
+    std::function<void(std::chrono::nanoseconds)> m_committed = [](std::chrono::nanoseconds) {};
     soci::connection_pool m_readers;
     std::mutex m_writing;
     soci::session m_writer;

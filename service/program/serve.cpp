@@ -12,6 +12,7 @@
 
 #include "CallHistory.h"
 #include "Changes.h"
+#include "Metrics.h"
 #include "Service.h"
 #include "dispatcher/ActivationCode.h"
 #include "dispatcher/Dispatcher.h"
@@ -132,6 +133,8 @@ int serve(const Settings& settings) {
     ActivationCode code(settings.activationCodeFile);
     const OwnerLock owner(settings.journal);
     Journal journal(settings.journal);
+    Metrics metrics;
+    journal.onCommit([&](std::chrono::nanoseconds duration) { metrics.committed(duration); });
     // The library keeps its daily log, logsDrs, in the working folder.
     std::filesystem::current_path(std::filesystem::path(settings.journal).parent_path());
 
@@ -141,7 +144,10 @@ int serve(const Settings& settings) {
     dispatching.node = nodeName();
     dispatching.warn = [&](const std::string& text) { log.warn(text); };
     CallHistory calls;
-    dispatching.called = [&](const LastCall& call) { calls.add(call); };
+    dispatching.called = [&](const LastCall& call) {
+        calls.add(call);
+        metrics.called(call);
+    };
     http::Server* tills = nullptr;
     dispatching.codeChanged = [&] { tills->setMaxDocumentBytes(maxDocumentBytes(code)); };
     Dispatcher dispatcher(journal, equipment, code, changes, dispatching);
@@ -153,6 +159,7 @@ int serve(const Settings& settings) {
     serving.maxDocumentBytes = maxDocumentBytes(code);
     serving.certificate = std::move(identification.certificate);
     serving.key = std::move(identification.key);
+    serving.metrics = [&] { return metrics.text(service, settings.journal); };
     serving.warn = dispatching.warn;
     http::Server server(service, calls, serving);
     tills = &server;

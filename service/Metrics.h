@@ -1,0 +1,30 @@
+#pragma once
+
+#include <chrono>
+#include <memory>
+#include <string>
+
+#include "Service.h"
+
+namespace fiscorad {
+
+/// What Prometheus is told. No code, no document and no key is in it. Safe for threads.
+class Metrics {
+  public:
+    Metrics();
+    ~Metrics();
+    Metrics(const Metrics&) = delete;
+    Metrics& operator=(const Metrics&) = delete;
+
+    void called(const LastCall& call);
+    void committed(std::chrono::nanoseconds duration);
+
+    /// All of them in Prometheus' text format. Reads the journal, which is at `journal`.
+    std::string text(Service& service, const std::string& journal);
+
+  private:
+    struct Families;
+    std::unique_ptr<Families> m_families;
+};
+
+}  // namespace fiscorad
