@@ -36,6 +36,7 @@ class Service {
     std::vector<Document> list(const Filter& filter);
 
     Tally tally() { return m_journal.tally(); }
+    Intake intake(Time since) { return m_journal.intake(since); }
     std::size_t count(const Filter& filter) { return m_journal.count(filter); }
     std::vector<Attempt> attempts(std::int64_t document) { return m_journal.attempts(document); }
     std::vector<HistoryEntry> history(std::int64_t document) { return m_journal.history(document); }

@@ -95,9 +95,12 @@ json historyOf(Service& service, const Document& document) {
     return history;
 }
 
-/// "12.30" in hundredths; 0 if it is none.
-long long centsOf(const json& representation) {
-    const std::string text = representation.value("valorTotalCFe", "");
+/// The total of a booked sale, in hundredths; 0 if its answer has none.
+long long centsOf(const std::string& answer) {
+    // valorTotalCFe, written as "12.30".
+    constexpr std::size_t TOTAL_FIELD = 9;
+    const rules::Fields fields(answer);
+    const std::string text(fields[TOTAL_FIELD]);
     const auto point = text.find('.');
     std::string digits = text.substr(0, point);
     digits += point == std::string::npos ? "00" : (text.substr(point + 1) + "00").substr(0, 2);
@@ -116,29 +119,21 @@ std::string decimalOf(long long cents) {
 
 void summarize(Context& context, Call& call) {
     const Span today = parseTime(localTimeText("%Y-%m-%d")).value();
-    Filter booked;
-    booked.kind = Kind::Sale;
-    booked.state = State::Booked;
-    booked.since = today.begin;
-    booked.limit = SIZE_MAX >> 1;
+    const Intake intake = context.service.intake(today.begin);
     long long cents = 0;
-    const auto sales = context.service.list(booked);
-    for (const Document& sale : sales) cents += centsOf(representationOf(sale));
-    const auto count = [&](State state, std::optional<Time> since, std::optional<Kind> kind) {
+    for (const std::string& answer : intake.bookedAnswers) cents += centsOf(answer);
+    const auto count = [&](State state) {
         Filter filter;
         filter.state = state;
-        filter.since = since;
-        filter.kind = kind;
         return context.service.count(filter);
     };
-    call.respond(
-        jsonResponse(200, {{"dia", localTimeText("%Y-%m-%d")},
-                           {"emitidas", sales.size()},
-                           {"total", decimalOf(cents)},
-                           {"recusadas", count(State::Refused, today.begin, Kind::Sale)},
-                           {"canceladas", count(State::Booked, today.begin, Kind::Cancellation)},
-                           {"fila", count(State::Queued, {}, {})},
-                           {"aDecidir", count(State::Undecided, {}, {}) + count(State::Uncertain, {}, {})}}));
+    call.respond(jsonResponse(200, {{"dia", localTimeText("%Y-%m-%d")},
+                                    {"emitidas", intake.bookedAnswers.size()},
+                                    {"total", decimalOf(cents)},
+                                    {"recusadas", intake.refusedSales},
+                                    {"canceladas", intake.cancellations},
+                                    {"fila", count(State::Queued)},
+                                    {"aDecidir", count(State::Undecided) + count(State::Uncertain)}}));
 }
 
 void showCalls(Context& context, Call& call) {

@@ -71,6 +71,7 @@ void showMetrics(Context& context, Call& call);
 void sendPage(Context& context, Call& call);
 void sendStyle(Context& context, Call& call);
 void sendScript(Context& context, Call& call);
+void sendIcon(Context& context, Call& call);
 void signIn(Context& context, Call& call);
 void showSession(Context& context, Call& call);
 void signOut(Context& context, Call& call);

@@ -23,5 +23,6 @@ void sendStyle(Context& /*context*/, Call& call) {
 void sendScript(Context& /*context*/, Call& call) {
     call.respond(fileResponse("text/javascript; charset=utf-8", SCRIPT));
 }
+void sendIcon(Context& /*context*/, Call& call) { call.respond(fileResponse("image/svg+xml", ICON)); }
 
 }  // namespace fiscorad::http

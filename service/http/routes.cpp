@@ -22,7 +22,7 @@ struct Route {
 
 // Handlers for tills hold a till's token to its own documents, and to the operations that tills may call.
 // clang-format off
-constexpr std::array<Route, 32> ROUTES{{
+constexpr std::array<Route, 33> ROUTES{{
     {"POST",   "/v1/vendas",                          Access::Till,   submit},
     {"GET",    "/v1/vendas",                          Access::Till,   list},
     {"GET",    "/v1/vendas/{chave}",                  Access::Till,   show},
@@ -46,6 +46,7 @@ constexpr std::array<Route, 32> ROUTES{{
     {"GET",    "/",                                   Access::Public, sendPage},
     {"GET",    "/fiscorad.css",                       Access::Public, sendStyle},
     {"GET",    "/fiscorad.js",                        Access::Public, sendScript},
+    {"GET",    "/fiscorad.svg",                       Access::Public, sendIcon},
     {"GET",    "/v1/eventos",                         Access::Administrator, streamEvents},
     {"POST",   "/v1/sessao",                          Access::Public, signIn},
     {"GET",    "/v1/sessao",                          Access::Till,   showSession},

@@ -109,8 +109,10 @@ class Selection {
           m_since(toMs(filter.since.value_or(Time{}))),
           m_until(toMs(filter.until.value_or(Time{}))),
           m_till(filter.till.value_or("")),
-          m_namedFrom(filter.named),
-          m_namedTo(filter.named + "~"),  // after all that a key is made of
+          m_keyFrom(filter.named),
+          m_keyTo(filter.named + AFTER_ALL),
+          m_accessKeyFrom((filter.named.substr(0, 3) == "CFe" ? "" : "CFe") + filter.named),
+          m_accessKeyTo(m_accessKeyFrom + AFTER_ALL),
           m_before(filter.before.value_or(0)) {}
 
     /// Of the table `documents`.
@@ -122,7 +124,10 @@ class Selection {
         if (m_filter.until) text += " AND received_at < :until";
         if (m_filter.till) text += " AND till = :till";
         if (!m_filter.named.empty())
-            text += " AND (key BETWEEN :from AND :to OR access_key BETWEEN :from2 AND :to2)";
+            // Not with OR, which the database might answer by reading all documents.
+            text +=
+                " AND id IN (SELECT id FROM documents WHERE key BETWEEN :key AND :keyEnd UNION ALL"
+                " SELECT id FROM documents WHERE access_key BETWEEN :access AND :accessEnd)";
         if (m_filter.before) text += " AND id < :before";
         return text;
     }
@@ -133,22 +138,22 @@ class Selection {
         if (m_filter.until) query.exchange(use(m_until));
         if (m_filter.till) query.exchange(use(m_till));
         if (!m_filter.named.empty())
-            for (int column = 0; column < 2; ++column) {
-                query.exchange(use(m_namedFrom));
-                query.exchange(use(m_namedTo));
-            }
+            for (const std::string* end : {&m_keyFrom, &m_keyTo, &m_accessKeyFrom, &m_accessKeyTo})
+                query.exchange(use(*end));
         if (m_filter.before) query.exchange(use(m_before));
     }
 
   private:
+    static constexpr char AFTER_ALL[] = "~";  ///< that keys and access keys are made of
+
     const Filter& m_filter;
     int m_kind;
     int m_state;
     long long m_since;
     long long m_until;
     std::string m_till;
-    std::string m_namedFrom;
-    std::string m_namedTo;
+    std::string m_keyFrom, m_keyTo;
+    std::string m_accessKeyFrom, m_accessKeyTo;
     long long m_before;
 };
 
@@ -369,6 +374,29 @@ Tally Journal::tally() {
             if (!tally.oldestOpen || fromMs(at) < *tally.oldestOpen) tally.oldestOpen = fromMs(at);
         }
         return tally;
+    });
+}
+
+Intake Journal::intake(Time since) {
+    return m_store->read([&](session& sql) {
+        const long long from = toMs(since);
+        int kind = 0, state = 0;
+        std::string answer;
+        // The "+" keeps the database from going by the state, in which nearly all documents of all years are.
+        soci::statement query =
+            (sql.prepare << "SELECT kind, state, answer FROM documents WHERE received_at >= :since"
+                            " AND +state IN (3, 4)",
+             into(kind), into(state), into(answer), use(from));
+        query.execute();
+        Intake intake;
+        while (query.fetch()) {
+            const bool sale = static_cast<Kind>(kind) == Kind::Sale;
+            const bool booked = static_cast<State>(state) == State::Booked;
+            if (sale && booked) intake.bookedAnswers.push_back(answer);
+            if (sale && !booked) ++intake.refusedSales;
+            if (!sale && booked) ++intake.cancellations;
+        }
+        return intake;
     });
 }
 

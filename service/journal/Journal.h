@@ -46,10 +46,17 @@ struct Filter {
     std::optional<Time> since;  ///< received at or after
     std::optional<Time> until;  ///< received before
     std::optional<std::string> till;
-    std::string named;  ///< if not empty: what its key or its access key begins with
+    std::string named;  ///< if not empty: what its key or its access key, with or without "CFe", begins with
     std::optional<std::int64_t>
         before;               ///< documents with a smaller id: those after the last page's last one
     std::size_t limit = 100;  ///< at least 1
+};
+
+/// Documents that came in from some moment on.
+struct Intake {
+    std::size_t refusedSales = 0;
+    std::size_t cancellations = 0;           ///< booked
+    std::vector<std::string> bookedAnswers;  ///< of each booked sale; empty if a person decided
 };
 
 /// How an attempt, or its document, goes on: the new state with all that must be on disk with it.
@@ -130,6 +137,8 @@ class Journal {
     std::optional<Document> find(std::string_view key);
     std::optional<Document> find(std::int64_t id);
     std::vector<Document> list(const Filter& filter);
+    /// What came in at `since` or later. Quick for a day, however long the journal is.
+    Intake intake(Time since);
     /// How many documents the filter selects, whatever its `limit`.
     std::size_t count(const Filter& filter);
     Tally tally();

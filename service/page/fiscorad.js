@@ -5,6 +5,8 @@ const $ = (id) => document.getElementById(id);
 const money = new Intl.NumberFormat("pt-BR", { style: "currency", currency: "BRL" });
 const integer = new Intl.NumberFormat("pt-BR");
 const moment = new Intl.DateTimeFormat("pt-BR", { dateStyle: "short", timeStyle: "medium" });
+const clock = new Intl.DateTimeFormat("pt-BR", { timeStyle: "medium" });
+const day = new Intl.DateTimeFormat("pt-BR", { dateStyle: "short" });
 const hourAndMinute = new Intl.DateTimeFormat("pt-BR", { hour: "2-digit", minute: "2-digit" });
 
 const DEVICE = {
@@ -16,10 +18,14 @@ const DEVICE = {
   "codigo-recusado": ["Código recusado", "bad", "O equipamento recusou o código de ativação. Nada é enviado até o arquivo do código mudar."],
   divergente: ["Divergente", "bad", "O equipamento mostra um documento que o registro não explica. Nada é enviado até alguém confirmar."],
 };
-const STATE = { emitida: "good", recusada: "bad", "a-decidir": "bad", incerta: "busy", enviada: "busy", "na-fila": "busy" };
+const STATE = {
+  "na-fila": ["Na fila", "busy"], enviada: ["Enviada", "busy"], incerta: ["Incerta", "busy"], emitida: ["Emitida", "good"],
+  recusada: ["Recusada", "bad"], retirada: ["Retirada", ""], "a-decidir": ["A decidir", "bad"], abandonada: ["Abandonada", ""],
+};
 
 let events = null;
 let older = null;  // where the next page of documents begins
+let lost = false;  // the stream of events
 let summaryTimer = 0;
 
 /** An element with a class, attributes and children; strings become text. */
@@ -38,8 +44,12 @@ function facts(list, pairs) {
     .map(([name, value]) => make("div", null, make("dt", null, name), make("dd", null, value))));
 }
 
-const pill = (state) => make("span", { class: `pill ${STATE[state] || ""}` }, state);
+const pill = (state) => make("span", { class: `pill ${(STATE[state] || [])[1] || ""}` }, (STATE[state] || [state])[0]);
+/** The time alone if it is today's. */
+const shortMoment = (date) => (day.format(date) === day.format(new Date()) ? clock.format(date) : moment.format(date));
 const pathOf = (doc) => `/v1/${doc.tipo === "venda" ? "vendas" : "cancelamentos"}/${encodeURIComponent(doc.chave)}`;
+const keyText = (digits) => make("span", { class: "access-key" }, digits);
+const refusalOf = (doc) => (doc.EEEEE ? `${doc.EEEEE} ${doc.mensagem || ""}` : "A biblioteca recusou o documento.");
 const valueOf = (doc) => (doc.valorTotalCFe ? money.format(Number(doc.valorTotalCFe)) : "");
 
 /** Answers of the service as JSON; throws an Error with its text for people. */
@@ -61,8 +71,8 @@ function showSignIn() {
   events = null;
   clearTimeout(summaryTimer);
   for (const dialog of [$("details"), $("confirmation")]) if (dialog.open) dialog.close();
-  for (const id of ["rows", "timeline", "details-facts", "device-facts", "alarms", "chart"]) $(id).replaceChildren();
-  for (const id of ["sales", "total", "refused", "queue", "undecided", "device-words", "live"]) $(id).textContent = "";
+  for (const id of ["rows", "timeline", "details-facts", "details-actions", "confirmation-evidence", "device-facts", "alarms", "advice", "chart"]) $(id).replaceChildren();
+  for (const id of ["sales", "total", "refused", "queue", "undecided", "device-state", "device-words", "details-title", "chart-words", "who-name", "live"]) $(id).textContent = "";
   $("shop").hidden = $("who").hidden = true;
   $("sign-in").hidden = false;
   $("token").focus();
@@ -106,45 +116,50 @@ function listen() {
     clearTimeout(summaryTimer);
     summaryTimer = setTimeout(() => { showSummary(); showChart(); }, 300);
   });
-  events.addEventListener("open", () => document.body.removeAttribute("data-lost"));
+  events.addEventListener("open", () => {
+    if (!lost) return;
+    lost = false;
+    $("live").textContent = "";
+    showOrSay();  // what changed meanwhile is not told again
+    showSummary();
+    showChart();
+  });
   events.addEventListener("error", () => {
-    document.body.setAttribute("data-lost", "");
+    lost = true;
     $("live").textContent = "Sem conexão com o serviço; tentando de novo…";
     if (events && events.readyState === EventSource.CLOSED) setTimeout(start, 3000);
   });
 }
 
-let shownState = "";
-function showDevice(device) {
+let device = { estado: "", alarmes: [] };  // as it was told last
+function showDevice(now) {
+  const before = device.estado;
+  device = now;
   const [name, colour, words] = DEVICE[device.estado] || [device.estado, "", ""];
   $("device-state").textContent = name;
   $("device-state").className = `pill ${colour}`;
   $("device-words").textContent = words;
-  $("live").textContent = "";
+  $("device").className = `card device ${colour}`;
   $("queue").textContent = integer.format(device.fila);
   const last = device.ultimaChamada;
   facts($("device-facts"), [
     ["Número de série", device.numeroDeSerie],
-    ["Último documento", device.ultimoDocumento],
-    ["Última chamada", last && `${last.operacao}, ${moment.format(new Date(last.inicio))}, ${integer.format(last.duracaoMs)} ms${last.EEEEE ? `, ${last.EEEEE}` : ""}`],
+    ["Último documento", device.ultimoDocumento && keyText(device.ultimoDocumento)],
+    ["Última chamada", last && `${last.operacao}, ${moment.format(new Date(last.inicio))}, ${integer.format(last.duracaoMs)} ms, ${last.EEEEE || "sem resposta"}`],
     ["Resolvendo", device.resolvendo],
   ]);
   $("alarms").replaceChildren(...device.alarmes.map((text) => make("p", null, text)));
   $("confirm-device").hidden = device.estado !== "divergente";
-  if (device.estado === "ausente" && shownState !== "ausente") showAdvice();
   if (device.estado !== "ausente") $("device-advice").hidden = true;
-  shownState = device.estado;
+  else if (before !== "ausente") showAdvice();
 }
 
 async function showAdvice() {
-  try {
-    const { passos } = await call("GET", "/v1/equipamento/diagnostico");
-    $("advice").replaceChildren(...passos.filter((step) => step.resultado === "error" || step.resultado === "warning")
-      .map((step) => make("li", null, `${step.achado}. ${step.conselho}`)));
-    $("device-advice").hidden = shownState !== "ausente" || !$("advice").childElementCount;
-  } catch (error) {
-    $("device-advice").hidden = true;
-  }
+  const told = await call("GET", "/v1/equipamento/diagnostico").catch(() => ({ passos: [] }));
+  const advice = told.passos.filter((step) => step.resultado === "error" || step.resultado === "warning")
+    .map((step) => make("li", null, `${step.achado}. ${step.conselho}`));
+  $("advice").replaceChildren(...(advice.length ? advice : [make("li", null, "Confira o cabo, a porta USB e a energia do equipamento.")]));
+  $("device-advice").hidden = device.estado !== "ausente";
 }
 
 async function showSummary() {
@@ -176,7 +191,8 @@ async function showChart() {
   const width = Math.max($("chart").clientWidth, 280);
   const height = 152, left = 44, bottom = 22, top = 8, right = 10;
   const end = Date.now(), begin = end - hours * 3600e3;
-  const most = Math.max(2000, ...calls.map((made) => made.duracaoMs));
+  const longest = calls.reduce((ms, made) => Math.max(ms, made.duracaoMs), 0);
+  const most = [2000, 4000, 10000, 20000, 60000, 120000].find((ms) => ms >= longest) || longest;
   const x = (time) => left + (width - left - right) * (time - begin) / (end - begin);
   const y = (ms) => top + (height - top - bottom) * (1 - ms / most);
   const svg = draw("svg", { viewBox: `0 0 ${width} ${height}`, role: "img", "aria-labelledby": "chart-title chart-words" });
@@ -205,12 +221,12 @@ function row(doc) {
   const actions = make("td", { class: "row-actions" });
   if (doc.documento) actions.append(make("a", { href: doc.documento, download: `${doc.chaveConsulta}.xml` }, "XML"));
   actions.append(make("button", { type: "button", onclick: () => showDetails(doc) }, "Detalhes"));
-  const state = make("td", null, pill(doc.estado));
-  if (doc.estado === "recusada") state.append(make("div", { class: "reason" }, `${doc.EEEEE || ""} ${doc.mensagem || ""}`));
-  const key = make("td", null, make("code", null, doc.chave));
-  if (doc.chaveConsulta) key.append(make("div", { class: "hint" }, doc.chaveConsulta));
+  const state = make("td", { class: "state" }, pill(doc.estado));
+  if (doc.estado === "recusada") state.append(make("div", { class: "reason" }, refusalOf(doc)));
+  const key = make("td", { class: "keys" }, make("code", null, doc.chave));
+  if (doc.chaveConsulta) key.append(make("div", null, keyText(doc.chaveConsulta)));
   const line = make("tr", { "data-key": doc.chave },
-    make("td", null, moment.format(new Date(doc.recebidaEm))), key, make("td", null, doc.caixa || ""), state,
+    make("td", { class: "when" }, shortMoment(new Date(doc.recebidaEm))), key, make("td", { class: "till" }, doc.caixa || ""), state,
     make("td", { class: "number" }, valueOf(doc)), actions);
   return line;
 }
@@ -268,7 +284,7 @@ async function showDetails(doc) {
   dialog.dataset.key = now.chave;
   $("details-title").textContent = `${now.tipo === "venda" ? "Venda" : "Cancelamento"} ${now.chave}`;
   facts($("details-facts"), [
-    ["Estado", pill(now.estado)], ["Caixa", now.caixa], ["Valor", valueOf(now)], ["Chave de acesso", now.chaveConsulta],
+    ["Estado", pill(now.estado)], ["Caixa", now.caixa], ["Valor", valueOf(now)], ["Chave de acesso", now.chaveConsulta && keyText(now.chaveConsulta)],
     ["Resposta", now.EEEEE && `${now.EEEEE} ${now.mensagem || ""}`], ["Sessão", now.sessao], ["Tentativas", String(now.tentativas)],
     ["Recebida", moment.format(new Date(now.recebidaEm))], ["Concluída", now.concluidaEm && moment.format(new Date(now.concluidaEm))],
   ]);
@@ -278,7 +294,9 @@ async function showDetails(doc) {
   ].sort((one, other) => Date.parse(one.at) - Date.parse(other.at));
   $("timeline").replaceChildren(...steps.map((step) => make("li", null,
     make("time", { datetime: step.at }, moment.format(new Date(step.at))), step.text, ...(step.state ? [" ", pill(step.state)] : []))));
-  const evidence = steps.map((step) => step.text);
+  $("timeline-title").hidden = false;
+  const evidence = steps.map((step) => `${moment.format(new Date(step.at))} — ${step.text}`);
+  if (device.ultimoDocumento) evidence.push(`agora o último documento do equipamento ${device.numeroDeSerie} é ${device.ultimoDocumento}`);
   const actions = [];
   if (now.documento) actions.push(make("a", { href: now.documento, download: `${now.chaveConsulta}.xml` }, "Baixar XML assinado"));
   if (now.estado === "na-fila") actions.push(make("button", { type: "button", class: "danger", onclick: () => withdraw(now) }, "Retirar da fila"));
@@ -323,6 +341,18 @@ $("confirmation-form").addEventListener("submit", async (event) => {
   }
 });
 
+/** The fields of an operation's answer, as the device named them. */
+function showAnswer(operation, answer) {
+  const dialog = $("details");
+  delete dialog.dataset.key;
+  $("details-title").textContent = operation;
+  facts($("details-facts"), [["Status da chamada", String(answer.status)], ["Sessão", answer.sessao], ...Object.entries(answer.campos)]);
+  $("timeline-title").hidden = true;
+  $("timeline").replaceChildren();
+  $("details-actions").replaceChildren();
+  if (!dialog.open) dialog.showModal();
+}
+
 function withdraw(doc) {
   ask({ title: "Retirar da fila?", text: `${doc.chave} não será enviada ao equipamento, nem se o caixa a reenviar.`, label: "Retirar",
     act: async () => { await call("DELETE", pathOf(doc)); await showDetails(doc); } });
@@ -348,7 +378,7 @@ $("ask").addEventListener("click", () => ask({
   title: "Consultar o estado do equipamento?", text: "Faz um ConsultarStatusOperacional; uma venda que chegar agora espera cerca de um segundo.", label: "Consultar",
   act: async () => {
     const answer = await call("POST", "/v1/operacoes/ConsultarStatusOperacional", {});
-    $("live").textContent = `ConsultarStatusOperacional: status ${answer.status} ${answer.campos.mensagem || ""}`;
+    showAnswer("ConsultarStatusOperacional", answer);
     showChart();
   } }));
 $("confirm-device").addEventListener("click", () => ask({
