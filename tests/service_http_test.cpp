@@ -286,6 +286,9 @@ TEST_F(Http, RefusesWhatItCannotUnderstandAndSaysWhy) {
         {"Limit1001", "GET", "/v1/vendas?limite=1001", "", "", 400, "parametro-invalido", "limite"},
         {"Twice", "GET", "/v1/vendas?caixa=1&caixa=2", "", "", 400, "parametro-invalido", "caixa"},
         {"Mistyped", "GET", "/v1/vendas?estdo=emitida", "", "", 400, "parametro-invalido", "estdo"},
+        {"NoHours", "GET", "/v1/chamadas?horas=0", "", "", 400, "parametro-invalido", "horas"},
+        {"UnexplainedConfirmation", "POST", "/v1/equipamento/confirmacao", "", "{}", 400,
+         "argumento-invalido", "motivo"},
         {"NoOperation", "POST", "/v1/operacoes/Vender", "", "", 404, "nao-encontrado", "Vender"},
         {"Document", "POST", "/v1/operacoes/EnviarDadosVenda", "", "", 409, "operacao-de-documento", ""},
         {"NoJson", "POST", "/v1/operacoes/ConsultarSAT", "", "{\"\xff\"", 400, "corpo-invalido", ""},
@@ -315,6 +318,47 @@ TEST_F(Http, RefusesWhatItCannotUnderstandAndSaysWhy) {
         EXPECT_NE((reply.head + reply.body).find(c.piece), string::npos) << reply.body;
     }
     EXPECT_FALSE(m_journal.find("k")) << "none of these is a submission";
+}
+
+TEST_F(Http, DecidesOnlyWithAReasonAndAKeyThatNoOtherHas) {
+    const string taken = "CFe35261114200166000166599000040190000011126480";
+    for (const char* key : {"vendida", "perdida"}) {
+        sell(key, "Prefer: wait=0\r\n");
+        leaveUndecided(key);
+    }
+    const auto decide = [&](const string& path, const string& body) {
+        return ask("POST", path + "/decisao", "Content-Type: application/json\r\n", body);
+    };
+    const string booked = R"({"motivo":"m","decisao":"emitida","chaveConsulta":")" + taken + "\"}";
+    ASSERT_EQ(decide("/v1/vendas/vendida", booked).status, 200);
+    struct Case {
+        const char* name;
+        string path, body;
+        int status;
+        const char* type;
+    };
+    const string lost = "/v1/vendas/perdida";
+    for (const Case& c : std::vector<Case>{
+             {"NoObject", lost, "[]", 400, "corpo-invalido"},
+             {"NoReason", lost, R"({"decisao":"abandonada"})", 400, "argumento-invalido"},
+             {"BlankReason", lost, R"({"decisao":"abandonada","motivo":" "})", 400, "argumento-invalido"},
+             {"ReasonOfOtherType", lost, R"({"decisao":"abandonada","motivo":1})", 400, "argumento-invalido"},
+             {"UnknownDecision", lost, R"({"decisao":"recusada","motivo":"m"})", 400, "argumento-invalido"},
+             {"NoAccessKey", lost, R"({"decisao":"emitida","motivo":"m"})", 400, "chave-de-acesso-invalida"},
+             {"AccessKeyOfAnother", lost, booked, 400, "chave-de-acesso-invalida"},
+             {"OtherKind", "/v1/cancelamentos/perdida", booked, 404, "nao-encontrado"},
+             {"DecidedBefore", "/v1/vendas/vendida", booked, 409, "nada-a-decidir"},
+         }) {
+        SCOPED_TRACE(c.name);
+        const Reply reply = decide(c.path, c.body);
+        EXPECT_EQ(reply.status, c.status);
+        EXPECT_EQ(reply.type(), string("/problemas/") + c.type);
+        EXPECT_EQ(m_journal.find("perdida")->state, State::Undecided);
+    }
+    EXPECT_EQ(decide(lost, R"({"motivo":"m","decisao":"abandonada"})").content().value("estado", ""),
+              "abandonada");
+    EXPECT_EQ(m_journal.history(m_journal.find("perdida")->id).back().person, "sem token");
+    EXPECT_EQ(ask("GET", "/v1/resumo").content().value("emitidas", 0), 1);
 }
 
 TEST_F(Http, BooksOnceAndTellsTheSameEverAfter) {

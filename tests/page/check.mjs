@@ -139,6 +139,7 @@ try {
         assert.equal(await sell(till, 'loja-2', '<CFe>'), 422);
         await row(desk, 'loja-2').getByText('Recusada').waitFor();
         assert.match(await row(desk, 'loja-2').locator('.reason').innerText(), /^06\d{3} .{5}/);
+        await desk.locator('#chart circle.ok').first().waitFor();
         await until('today\'s refusals count it', async () => (await text(desk, 'refused')) === '1');
     });
 
