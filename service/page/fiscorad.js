@@ -45,6 +45,8 @@ function facts(list, pairs) {
 }
 
 const pill = (state) => make("span", { class: `pill ${(STATE[state] || [])[1] || ""}` }, (STATE[state] || [state])[0]);
+/** `text` with its RFC 3339 times as people write them. */
+const withReadableTimes = (text) => text.replace(/\d{4}-\d\d-\d\dT[\d:]+(?:Z|[+-]\d\d:\d\d)/g, (time) => moment.format(new Date(time)));
 /** The time alone if it is today's. */
 const shortMoment = (date) => (day.format(date) === day.format(new Date()) ? clock.format(date) : moment.format(date));
 const pathOf = (doc) => `/v1/${doc.tipo === "venda" ? "vendas" : "cancelamentos"}/${encodeURIComponent(doc.chave)}`;
@@ -158,7 +160,7 @@ function showDevice(now) {
     ["Última chamada", last && `${last.operacao}, ${moment.format(new Date(last.inicio))}, ${integer.format(last.duracaoMs)} ms, ${last.EEEEE || "sem resposta"}`],
     ["Resolvendo", device.resolvendo],
   ]);
-  $("alarms").replaceChildren(...device.alarmes.map((text) => make("p", null, text)));
+  $("alarms").replaceChildren(...device.alarmes.map((text) => make("p", null, withReadableTimes(text))));
   $("confirm-device").hidden = device.estado !== "divergente";
   if (device.estado !== "ausente") $("device-advice").hidden = true;
   else if (before !== "ausente") showAdvice();
