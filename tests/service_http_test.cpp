@@ -147,8 +147,9 @@ class Till {
     }
     Reply ask(const string& method, const string& target, const string& headers = "",
               const string& body = "") {
+        const bool hasLength = headers.find("Content-Length: ") != string::npos;
         send(method + " " + target + " HTTP/1.1\r\nHost: x\r\n" + headers +
-             "Content-Length: " + std::to_string(body.size()) + "\r\n\r\n" + body);
+             (hasLength ? "" : "Content-Length: " + std::to_string(body.size()) + "\r\n") + "\r\n" + body);
         return reply(method);
     }
 
@@ -597,6 +598,157 @@ TEST_F(Http, ServesTillsBesideAThousandSilentConnections) {
     std::vector<std::unique_ptr<Till>> silent;
     for (int i = 0; i < 1000; ++i) silent.push_back(std::make_unique<Till>(server->port()));
     EXPECT_EQ(sell("one", "Prefer: wait=0\r\n").status, 202);
+}
+
+/// Who may do what: two tills, an administrator, and a token that was revoked.
+class Access : public Http {
+  protected:
+    Access() {
+        for (const auto& [name, role] :
+             {std::pair("caixa1", Role::Till), std::pair("caixa2", Role::Till),
+              std::pair("ana", Role::Administrator), std::pair("antigo", Role::Administrator)})
+            m_journal.addToken({name, role, hashOf(secretOf(name)), std::chrono::system_clock::now(), {}});
+        m_journal.revokeToken("antigo");
+    }
+    static string secretOf(const string& name) { return "segredo-" + name; }
+    static string as(const string& name) { return "Authorization: Bearer " + secretOf(name) + "\r\n"; }
+    /// The header with the session's cookie; empty if there is no session.
+    string signIn(const string& name) {
+        const Reply reply = ask("POST", "/v1/sessao", "", json{{"token", secretOf(name)}}.dump());
+        const auto cookie = reply.head.find("fiscorad=");
+        if (cookie == string::npos) return "";
+        EXPECT_NE(reply.head.find("; HttpOnly; SameSite=Strict;"), string::npos) << reply.head;
+        return "Cookie: " + reply.head.substr(cookie, reply.head.find(';', cookie) - cookie) + "\r\n";
+    }
+};
+
+TEST_F(Access, IsGivenToThoseWhoProveThatTheyMay) {
+    ASSERT_EQ(sell("one", as("caixa1") + "Prefer: wait=0\r\n").status, 202);
+    EXPECT_EQ(m_journal.find("one")->till, "caixa1");
+    const string session = signIn("ana");
+    const string page = session + "X-Fiscorad: pagina\r\n";
+    const string operation = "/v1/operacoes/ExtrairLogs";
+    const string decision = "/v1/vendas/one/decisao";
+    const struct {
+        const char* who;
+        string method, target, headers;
+        int status;
+        const char* type = "";
+    } cases[] = {
+        {"Nobody", "GET", "/v1/vendas", "", 401, "nao-autenticado"},
+        {"WrongToken", "GET", "/v1/vendas", as("x"), 401, "nao-autenticado"},
+        {"RevokedToken", "GET", "/v1/vendas", as("antigo"), 401, "nao-autenticado"},
+        {"OtherScheme", "GET", "/v1/vendas", "Authorization: Basic YTpi\r\n", 401, "nao-autenticado"},
+        {"TwoTokens", "GET", "/v1/vendas", as("caixa1") + as("caixa1"), 401, "nao-autenticado"},
+        {"InventedCookie", "GET", "/v1/vendas", "Cookie: fiscorad=" + string(64, 'a') + "\r\n", 401,
+         "nao-autenticado"},
+        {"NobodyByForm", "POST", "/hub/v1/consultarsat", FORM, 401, "nao-autenticado"},
+        {"NobodyReadingMetrics", "GET", "/metrics", "", 401, "nao-autenticado"},
+        {"Owner", "GET", "/v1/vendas/one", as("caixa1"), 200},
+        {"AnotherTill", "GET", "/v1/vendas/one", as("caixa2"), 404, "nao-encontrado"},
+        {"AnotherTillsDocument", "GET", "/v1/vendas/one/documento", as("caixa2"), 404, "nao-encontrado"},
+        {"AnotherTillWithdrawing", "DELETE", "/v1/vendas/one", as("caixa2"), 404, "nao-encontrado"},
+        {"Administrator", "GET", "/v1/vendas/one", as("ana"), 200},
+        {"TillCallingAnOperation", "POST", operation, as("caixa1"), 403, "sem-permissao"},
+        {"TillListening", "GET", "/v1/eventos", as("caixa1"), 403, "sem-permissao"},
+        {"TillSummarizing", "GET", "/v1/resumo", as("caixa1"), 403, "sem-permissao"},
+        {"TillSeeingEvidence", "GET", "/v1/vendas/one/tentativas", as("caixa1"), 403, "sem-permissao"},
+        {"TillDeciding", "POST", decision, as("caixa1"), 403, "sem-permissao"},
+        {"TillConfirming", "POST", "/v1/equipamento/confirmacao", as("caixa1"), 403, "sem-permissao"},
+        {"Page", "GET", "/v1/resumo", session, 200},
+        {"PageWithoutItsHeader", "POST", decision, session, 403, "origem-recusada"},
+        {"AnotherSitesPage", "POST", decision, page + "Origin: https://x.example\r\n", 403,
+         "origem-recusada"},
+        {"AnotherSitesFetch", "POST", decision, page + "Sec-Fetch-Site: cross-site\r\n", 403,
+         "origem-recusada"},
+        {"NothingToDecide", "POST", decision, page + "Origin: http://x\r\n", 409, "nada-a-decidir"},
+        {"PathTraversal", "GET", "/../../etc/passwd", as("ana"), 404, "nao-encontrado"},
+        {"EscapedPathTraversal", "GET", "/v1/vendas/..%2f..%2fetc", as("ana"), 400, "chave-invalida"},
+        {"Anybody", "GET", "/", "", 200},
+    };
+    for (const auto& c : cases) {
+        SCOPED_TRACE(c.who);
+        const string body =
+            c.target == decision ? R"({"decisao": "abandonada", "motivo": "x"})" : "numero_caixa=1";
+        const Reply reply = ask(c.method, c.target, c.headers, c.method == "POST" ? body : "");
+        EXPECT_EQ(reply.status, c.status) << reply.head << reply.body;
+        EXPECT_EQ(reply.type(), *c.type == '\0' ? "" : string("/problemas/") + c.type);
+        EXPECT_NE(reply.head.find("Content-Security-Policy: default-src 'none'; script-src 'self'"),
+                  string::npos);
+        EXPECT_NE(reply.head.find("X-Content-Type-Options: nosniff"), string::npos);
+    }
+    EXPECT_EQ(sell("one", as("caixa2")).type(), "/problemas/chave-reutilizada");
+    EXPECT_EQ(ask("GET", "/v1/vendas", as("caixa2")).content()["documentos"].size(), 0U);
+    EXPECT_EQ(ask("GET", "/v1/vendas?busca=on", as("ana")).content()["documentos"].size(), 1U);
+}
+
+TEST_F(Access, EndsWithTheTokenOrTheSession) {
+    EXPECT_EQ(signIn("caixa1"), "") << "a till's token";
+    EXPECT_EQ(signIn("antigo"), "") << "a revoked token";
+    const string first = signIn("ana");
+    const string second = signIn("ana");
+    EXPECT_EQ(ask("DELETE", "/v1/sessao", first + "X-Fiscorad: pagina\r\n").status, 204);
+    EXPECT_EQ(ask("GET", "/v1/resumo", first).status, 401);
+    EXPECT_EQ(ask("GET", "/v1/resumo", second).status, 200);
+    m_journal.revokeToken("ana");
+    EXPECT_EQ(ask("GET", "/v1/resumo", second).status, 401);
+    EXPECT_EQ(m_journal.actions(1).at(0).what, "entrada");
+}
+
+TEST_F(Access, OfAnAdministratorIsRecorded) {
+    ASSERT_EQ(sell("one", as("caixa1") + "Prefer: wait=0\r\n").status, 202);
+    leaveUndecided("one");
+    const string body = R"({"decisao": "abandonada", "motivo": "<b>sem cliente</b>"})";
+    EXPECT_EQ(ask("POST", "/v1/vendas/one/decisao", as("ana"), body).content()["estado"], "abandonada");
+    const json told = ask("GET", "/v1/vendas/one/tentativas", as("ana")).content();
+    EXPECT_EQ(told["historico"].back()["pessoa"], "ana");
+    EXPECT_EQ(told["historico"].back()["motivo"], "<b>sem cliente</b>");
+    EXPECT_EQ(told["tentativas"].size(), 1U);
+    ASSERT_EQ(sell("two", as("caixa1") + "Prefer: wait=0\r\n").status, 202);
+    EXPECT_EQ(ask("DELETE", "/v1/vendas/two", as("ana")).status, 204);
+    std::vector<string> done;
+    for (const Action& action : m_journal.actions(9))
+        done.push_back(action.person + " " + action.what + " " + action.subject);
+    EXPECT_EQ(done, (std::vector<string>{"ana retirada two", "ana decisão one"}));
+}
+
+TEST_F(Http, WithoutTokensServesOnlyThisMachineAndNoOtherSite) {
+    const struct {
+        const char* from;
+        string headers;
+        int status;
+    } cases[] = {
+        {"this machine's name", "Host: localhost:8059\r\n", 202},
+        {"its address", "Host: 127.0.0.1\r\n", 202},
+        {"its address of version 6", "Host: [::1]:8059\r\n", 202},
+        {"a name that another site lets point here", "Host: loja.example\r\n", 403},
+        {"an address that begins like its own", "Host: 127.0.0.1.example\r\n", 403},
+        {"a form on another site", "Host: localhost\r\nOrigin: https://loja.example\r\n", 403},
+        {"a sandboxed page", "Host: localhost\r\nOrigin: null\r\n", 403},
+    };
+    for (const auto& c : cases) {
+        SCOPED_TRACE(c.from);
+        Till sender(server->port());
+        sender.send("POST /v1/vendas HTTP/1.1\r\n" + c.headers + keyHeaders("key", "Prefer: wait=0\r\n") +
+                    "Content-Length: " + std::to_string(sale("x").size()) + "\r\n\r\n" + sale("x"));
+        EXPECT_EQ(sender.reply().status, c.status);
+    }
+}
+
+// What two programs on the way could read as two different requests.
+TEST_F(Http, RefusesARequestOfTwoLengths) {
+    for (const char* lengths :
+         {"Content-Length: 5\r\nContent-Length: 6\r\n", "Content-Length: 5\r\nTransfer-Encoding: chunked\r\n",
+          "Content-Length: -1\r\n", "Content-Length: 5x\r\n", "Transfer-Encoding: chunked, identity\r\n"}) {
+        SCOPED_TRACE(lengths);
+        Till sender(server->port());
+        sender.send("POST /v1/vendas HTTP/1.1\r\nHost: x\r\n" + keyHeaders("smuggled", "Prefer: wait=0\r\n") +
+                    lengths + "\r\n0\r\n\r\nDELETE /v1/vendas/other HTTP/1.1\r\nHost: x\r\n\r\n");
+        EXPECT_EQ(sender.reply().status, 400);
+        EXPECT_EQ(sender.reply().status, 0) << "the connection goes on";
+        EXPECT_FALSE(m_journal.find("other")) << "the second request was served";
+        EXPECT_FALSE(m_journal.find("smuggled"));
+    }
 }
 
 TEST_F(Http, SaysThatThePortIsTaken) {

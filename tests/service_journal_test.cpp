@@ -164,6 +164,20 @@ TEST(ASessionNumber, IsNeverTakenTwiceWhateverEndsTheProcess) {
     }
 }
 
+TEST(AJournal, OfTheFirstVersionIsBroughtUpToDate) {
+    const WorkingDirectory folder;
+    Journal(PATH).submit(sale("key"), 10);
+    for (const char* statement : {"DROP TABLE tokens", "DROP TABLE actions", "PRAGMA user_version = 1"})
+        execute(statement);
+    Journal journal(PATH);
+    EXPECT_TRUE(journal.find("key"));
+    EXPECT_FALSE(journal.hasTokens());
+    EXPECT_TRUE(
+        journal.addToken({"caixa1", Role::Till, hashOf("secret"), std::chrono::system_clock::now(), {}}));
+    EXPECT_EQ(journal.findToken(hashOf("secret"))->name, "caixa1");
+    EXPECT_THAT(problemsIn(PATH, ""), testing::IsEmpty());
+}
+
 TEST(AJournal, IsRefusedIfItIsNotWhole) {
     struct {
         const char* fault;

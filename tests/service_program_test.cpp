@@ -24,13 +24,15 @@ std::string script(const std::string& lines) {
            "fiscorad() { " FISCORAD
            " --journal j.db --activation-code-file code \"$@\"; }\n"
            "start() { rm -f log; " FISCORAD
-           " --listen 127.0.0.1:0 --journal j.db --activation-code-file code 2>log & pid=$!\n"
+           " --listen 127.0.0.1:0 --journal j.db --activation-code-file code \"$@\" 2>log & pid=$!\n"
            "  until grep -qs 'port' log; do sleep 0.05; done; url=http://127.0.0.1:$(sed -n 's/.*port \\([0-9]*\\).*/\\1/p' log); }\n"
            "sell() { curl -s -o answer -w '%{http_code} ' -H \"Idempotency-Key: $1\" -H \"Prefer: wait=${wait:-30}\" "
            "-H 'Content-Type: application/xml' -d '" +
            SALE +
            "' $url/v1/vendas; }\n"
            "state() { curl -s $url/v1/vendas/$1 | sed 's/.*\"estado\":\"\\([a-z-]*\\)\".*/\\1/'; echo; }\n"
+           "certify() { openssl req -x509 -newkey ec -pkeyopt ec_paramgen_curve:P-256 -nodes -subj /CN=loja -addext "
+           "subjectAltName=IP:127.0.0.1 -keyout key.pem -out c.pem 2>/dev/null; chmod 600 key.pem; }\n"
            "finish() { kill $pid; wait $pid; echo ended $?; }\n" +
            lines;
 }
@@ -68,6 +70,17 @@ TEST(Fiscorad, SaysInOneLineWhyItDoesNotStart) {
         {"a journal from a newer version",
          "start; kill $pid; wait $pid; printf '\\0\\0\\0\\11' | dd of=j.db bs=1 seek=60 conv=notrunc status=none; fiscorad",
          1, HasSubstr("from a newer version")},
+        {"a network without TLS", "fiscorad --listen 0.0.0.0:0", 1, HasSubstr("need TLS")},
+        {"a certificate without its key", "fiscorad --certificate c.pem", 2, HasSubstr("--key")},
+        {"a certificate that is none", "fiscorad --certificate code --key code", 1,
+         HasSubstr("code: no certificate")},
+        {"a key that others can read",
+         "certify; chmod 644 key.pem; fiscorad --certificate c.pem --key key.pem", 1,
+         HasSubstr("key.pem: readable by others")},
+        {"another certificate's key",
+         "certify; mv c.pem old.pem; certify; fiscorad --certificate old.pem --key key.pem", 1,
+         HasSubstr("not the key of the certificate")},
+        {"a token's name that is none", "fiscorad token add 'a b'", 2, HasSubstr("make a name")},
         {"no port", "fiscorad --listen 127.0.0.1", 1, HasSubstr("not an address and a port")},
         {"a configuration with a mistake", "echo 'listem = \"127.0.0.1:1\"' >c; fiscorad --config c", 2,
          HasSubstr("listem")},
@@ -92,6 +105,25 @@ TEST(Fiscorad, SaysInOneLineWhyItDoesNotStart) {
         EXPECT_EQ(result.exitStatus, row.exitStatus) << result.output;
         EXPECT_THAT(result.output, AllOf(row.output, Not(HasSubstr("12345678"))));
     }
+}
+
+TEST(Fiscorad, SpeaksTlsToThoseWithATokenAsSoonAsThereIsOne) {
+    const WorkingDirectory folder;
+    const ShellResult result = runUnderSimulation(
+        "",
+        "certify; start --certificate c.pem --key key.pem; url=https${url#http}\n"
+        "ask() { curl -s -o /dev/null -w '%{http_code} ' --cacert c.pem \"$@\"; }\n"
+        "ask $url/v1/equipamento; ask --tls-max 1.2 $url/saude; ask --tls-max 1.1 $url/saude; ask http${url#https}/saude\n"
+        "secret=$(fiscorad token add caixa1); fiscorad token add caixa1 2>&1; fiscorad token list | cut -f 1,2\n"
+        "ask $url/v1/equipamento; ask -H \"Authorization: Bearer $secret\" $url/v1/equipamento\n"
+        "finish; start --certificate c.pem --key key.pem; url=https${url#http}\n"
+        "ask -H \"Authorization: Bearer $secret\" $url/v1/equipamento\n"
+        "fiscorad token revoke caixa1; ask -H \"Authorization: Bearer $secret\" $url/v1/equipamento\n"
+        "finish; grep -c $secret j.db* log");
+    EXPECT_THAT(result.output, AllOf(HasSubstr("200 200 000 000 Keep it now"),
+                                     HasSubstr("has a token already\ncaixa1\ttill\n401 200 ended 0\n200 "),
+                                     HasSubstr("caixa1: revoked\n"), HasSubstr("\n401 ended 0\n"),
+                                     HasSubstr("j.db:0\n"), HasSubstr("log:0\n")));
 }
 
 TEST(Fiscorad, SellsAndLetsPeopleLookAfterItsJournalWhileItRuns) {

@@ -2,12 +2,14 @@
 
 #include <netdb.h>
 #include <netinet/in.h>
+#include <strings.h>
 #include <sys/socket.h>
 
 #include <algorithm>
 #include <array>
 #include <cctype>
 #include <cstdlib>
+#include <iterator>
 #include <memory>
 #include <string_view>
 #include <utility>
@@ -38,6 +40,19 @@ MHD_Result takeHeader(void* headers, MHD_ValueKind /*kind*/, const char* name, s
 bool hasHeader(const Response& response, std::string_view name) {
     return std::any_of(response.headers.begin(), response.headers.end(),
                        [&](const auto& header) { return header.first == name; });
+}
+
+/// Whether everybody on the way reads the same length of the body: one Content-Length of digits, or one
+/// Transfer-Encoding "chunked". Otherwise a request could be hidden in the body of another (RFC 9112, 11.2).
+bool hasOneLength(const Request& request) {
+    const auto [length, afterLengths] = request.headers.equal_range("content-length");
+    const auto [encoding, afterEncodings] = request.headers.equal_range("transfer-encoding");
+    const auto lengths = std::distance(length, afterLengths);
+    const auto encodings = std::distance(encoding, afterEncodings);
+    if (lengths + encodings > 1) return false;
+    if (lengths == 1)
+        return !length->second.empty() && length->second.find_first_not_of("0123456789") == std::string::npos;
+    return encodings == 0 || strcasecmp(encoding->second.c_str(), "chunked") == 0;
 }
 
 std::string addressOf(MHD_Connection* connection) {
@@ -74,17 +89,27 @@ MHD_Result Exchange::takeHead(const char* method) {
     m_hasHead = true;
     m_request.method = method;
     MHD_get_connection_values_n(m_connection, MHD_HEADER_KIND, takeHeader, &m_request.headers);
+    if (!hasOneLength(m_request)) {
+        Response refusal =
+            problemResponse(problems::MALFORMED, "O tamanho do corpo não está claro (RFC 9112, 6.3).");
+        refusal.headers.emplace_back("Connection", "close");
+        return answerNow(std::move(refusal));
+    }
     const auto length = m_request.headers.find("content-length");
     const bool known = length != m_request.headers.end();
     // Whoever asks before sending is told now; the others only when they have sent it, or they would not
     // read the answer.
     if (known && m_request.headers.count("expect") != 0 &&
-        std::strtoull(length->second.c_str(), nullptr, 10) > m_daemon.m_settings.maxBodyBytes()) {
-        m_handled = true;
-        m_response = tooLarge(m_daemon.m_settings.maxBodyBytes()).response();
-        return send();
-    }
+        std::strtoull(length->second.c_str(), nullptr, 10) > m_daemon.m_settings.maxBodyBytes())
+        return answerNow(tooLarge(m_daemon.m_settings.maxBodyBytes()).response());
     return MHD_YES;
+}
+
+/// Before the body has come.
+MHD_Result Exchange::answerNow(Response response) {
+    m_handled = true;
+    m_response = std::move(response);
+    return send();
 }
 
 MHD_Result Exchange::takeBody(const char* bytes, std::size_t size) {

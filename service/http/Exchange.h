@@ -37,6 +37,7 @@ class Exchange : public std::enable_shared_from_this<Exchange> {
     void respond(Response response);
 
   private:
+    MHD_Result answerNow(Response response);
     void refuse(Response response);
     void handle();
     void releaseBody();
