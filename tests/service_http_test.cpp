@@ -690,8 +690,14 @@ TEST_F(Access, EndsWithTheTokenOrTheSession) {
     EXPECT_EQ(ask("DELETE", "/v1/sessao", first + "X-Fiscorad: pagina\r\n").status, 204);
     EXPECT_EQ(ask("GET", "/v1/resumo", first).status, 401);
     EXPECT_EQ(ask("GET", "/v1/resumo", second).status, 200);
+    settings.heartbeat = 20ms;
+    start();
+    Till listener(server->port());
+    listener.send("GET /v1/eventos HTTP/1.1\r\nHost: x\r\n" + as("ana") + "\r\n");
+    EXPECT_NE(listener.readUntil(":\n\n"), "");
     m_journal.revokeToken("ana");
-    EXPECT_EQ(ask("GET", "/v1/resumo", second).status, 401);
+    EXPECT_NE(listener.readUntil("\r\n0\r\n\r\n"), "") << "the stream of events goes on";
+    EXPECT_EQ(ask("GET", "/v1/resumo", as("ana")).status, 401);
     EXPECT_EQ(m_journal.actions(1).at(0).what, "entrada");
 }
 

@@ -1,5 +1,6 @@
 #include "http/Events.h"
 
+#include <algorithm>
 #include <utility>
 
 #include "http/representation.h"
@@ -23,11 +24,11 @@ Events::Events(Service& service, Workers& workers, std::chrono::milliseconds hea
     m_workers.at(Workers::Clock::now() + m_heartbeat, [this] { beat(); });
 }
 
-std::shared_ptr<EventStream> Events::open() {
+std::shared_ptr<EventStream> Events::open(std::function<bool()> mayListen) {
     auto stream = std::make_shared<EventStream>();
     stream->push(std::make_shared<const std::string>(deviceEvent()));
     const std::lock_guard<std::mutex> lock(m_mutex);
-    m_streams.push_back(stream);
+    m_listeners.push_back({stream, std::move(mayListen)});
     if (m_stopped) stream->end();
     return stream;
 }
@@ -54,7 +55,21 @@ void Events::tellDevice() {
     }
 }
 
+/// Those whose session has ended, or whose token was revoked.
+void Events::endUninvited() {
+    std::vector<Listener> listeners;
+    {
+        const std::lock_guard<std::mutex> lock(m_mutex);
+        listeners = m_listeners;
+    }
+    for (const Listener& listener : listeners) {
+        const auto stream = listener.stream.lock();
+        if (stream && !listener.mayListen()) stream->end();
+    }
+}
+
 void Events::beat() {
+    endUninvited();
     send(":\n\n");
     m_workers.at(Workers::Clock::now() + m_heartbeat, [this] { beat(); });
 }
@@ -67,9 +82,11 @@ std::string Events::deviceEvent() {
 std::vector<std::shared_ptr<EventStream>> Events::streams() {
     const std::lock_guard<std::mutex> lock(m_mutex);
     std::vector<std::shared_ptr<EventStream>> alive;
-    for (const auto& stream : m_streams)
-        if (auto listener = stream.lock()) alive.push_back(std::move(listener));
-    m_streams.assign(alive.begin(), alive.end());
+    for (const Listener& listener : m_listeners)
+        if (auto stream = listener.stream.lock()) alive.push_back(std::move(stream));
+    m_listeners.erase(std::remove_if(m_listeners.begin(), m_listeners.end(),
+                                     [](const Listener& listener) { return listener.stream.expired(); }),
+                      m_listeners.end());
     return alive;
 }
 

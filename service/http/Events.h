@@ -2,6 +2,7 @@
 
 #include <atomic>
 #include <chrono>
+#include <functional>
 #include <memory>
 #include <mutex>
 #include <string>
@@ -20,8 +21,9 @@ class Events {
     /// Both outlive it, but `workers` must have stopped before it goes.
     Events(Service& service, Workers& workers, std::chrono::milliseconds heartbeat);
 
-    /// A listener's stream; the first event is how the device stands now. Reads the journal.
-    std::shared_ptr<EventStream> open();
+    /// A listener's stream; the first event is how the device stands now. With each comment `mayListen` is
+    /// asked again, and the stream ends if it says no. Reads the journal.
+    std::shared_ptr<EventStream> open(std::function<bool()> mayListen);
     /// Ends all streams.
     void stop();
 
@@ -31,6 +33,7 @@ class Events {
     void beat();
     std::string deviceEvent();
     std::vector<std::shared_ptr<EventStream>> streams();
+    void endUninvited();
     void send(std::string event);
 
     Service& m_service;
@@ -38,7 +41,11 @@ class Events {
     std::chrono::milliseconds m_heartbeat;
     std::mutex m_mutex;
     bool m_stopped = false;
-    std::vector<std::weak_ptr<EventStream>> m_streams;
+    struct Listener {
+        std::weak_ptr<EventStream> stream;
+        std::function<bool()> mayListen;
+    };
+    std::vector<Listener> m_listeners;
     std::atomic<bool> m_deviceToTell{false};
     Changes::Subscription m_subscription;  ///< last, so that it ends first
 };

@@ -16,7 +16,13 @@ void showDevice(Context& context, Call& call) {
 void streamEvents(Context& context, Call& call) {
     Response response;
     response.type = "text/event-stream";
-    response.events = context.events.open();
+    response.events = context.events.open([&doorkeeper = context.doorkeeper, request = call.request] {
+        try {
+            return std::holds_alternative<Identity>(doorkeeper.admit(request, Access::Administrator));
+        } catch (const JournalError&) {
+            return true;  // asked again soon
+        }
+    });
     call.respond(std::move(response));
 }
 
