@@ -152,7 +152,7 @@ std::vector<double> measureAnswers(const fs::path& journal, const fs::path& code
     std::vector<std::thread> tills;
     for (int till = 0; till < extent.tills; ++till) tills.emplace_back(sell, till);
     for (std::thread& till : tills) till.join();
-    if (seconds.size() != static_cast<std::size_t>(extent.tills * extent.salesEach))
+    if (seconds.size() != static_cast<std::size_t>(extent.tills) * static_cast<std::size_t>(extent.salesEach))
         throw std::runtime_error("a till was not told that its sale is booked");
     return seconds;
 }

@@ -1,6 +1,5 @@
 #include "Metrics.h"
 
-#include <prometheus/counter.h>
 #include <prometheus/gauge.h>
 #include <prometheus/histogram.h>
 #include <prometheus/registry.h>
@@ -17,7 +16,6 @@
 namespace fiscorad {
 namespace {
 
-using prometheus::BuildCounter;
 using prometheus::BuildGauge;
 using prometheus::BuildHistogram;
 using prometheus::Family;
