@@ -8,7 +8,6 @@ import java.nio.file.Files;
 import java.nio.file.Path;
 import java.time.Duration;
 import java.util.UUID;
-
 public class Servico {
     static final Path KEY = Path.of("chave.txt"); // of the sale in hand: on disk before the first attempt
 
@@ -25,7 +24,6 @@ public class Servico {
             }
         }
     }
-
     public static void main(String[] arguments) throws IOException, InterruptedException {
         if (Files.notExists(KEY)) Files.writeString(KEY, "caixa1-" + UUID.randomUUID());
         String key = Files.readString(KEY), sales = arguments[0] + "/v1/vendas";

@@ -17,13 +17,11 @@ public class Venda {
         Pointer EnviarDadosVenda(int session, byte[] code, byte[] sale);
         int CodigoErro();
     }
-
     static final Fiscora LIBRARY = Native.load("libfiscora.so.1", Fiscora.class);
     static final PrintStream OUT = new PrintStream(System.out, true, StandardCharsets.UTF_8);
     static final int OK = 0, BAD_REQUEST = 8, NOT_SOLD = 1, OUTCOME_UNKNOWN = 3;
     static final int EEEEE = 1, DOCUMENT = 6, KEY = 8; // fields of an answer
     static final Path PENDING = Path.of("pendente.txt");
-
     /** The answer's fields, copied; all are empty if it is not this call's, or only says that the device is busy. */
     static String[] receive(String operation, int session, Pointer result) {
         String answer = result.getString(0, "UTF-8"); // some devices answer in Latin-1
@@ -32,12 +30,10 @@ public class Venda {
         boolean own = status == OK && answer.matches(String.format("(?s)%06d\\|(?!..09[89])[0-9]{5}\\|.*", session));
         return ((own ? answer : "") + "|".repeat(KEY)).split("\\|", -1);
     }
-
     static int stop(int exitStatus, String why) {
         OUT.println(why);
         return exitStatus;
     }
-
     static int sell(byte[] code, byte[] sale) throws Exception {
         int session = ThreadLocalRandom.current().nextInt(999_999);
         if (!receive("ConsultarSAT", session, LIBRARY.ConsultarSAT(session))[EEEEE].equals("08000"))
@@ -50,8 +46,7 @@ public class Venda {
         boolean sold = fields[EEEEE].equals("06000");
         if (sold && !fields[KEY].matches("CFe[0-9]{44}")) // it becomes a file name
             return stop(OUTCOME_UNKNOWN, "A chave de acesso é inválida");
-        byte[] document = sold ? Base64.getDecoder().decode(fields[DOCUMENT]) : null;
-        if (sold) OUT.println("Gravado: " + Files.write(Path.of(fields[KEY] + ".xml"), document));
+        if (sold) OUT.println("Gravado: " + Files.write(Path.of(fields[KEY] + ".xml"), Base64.getDecoder().decode(fields[DOCUMENT])));
         Files.delete(PENDING);
         return sold ? 0 : NOT_SOLD;
     }

@@ -2,11 +2,9 @@
 program Servico;
 {$mode objfpc}{$H+}
 uses Classes, SysUtils, fphttpclient, fpjson, jsonparser;
-
 var
   Client: TFPHTTPClient;
-  Key: TStringStream;
-  Outcome: TJSONObject;
+  Key: TStringStream; Outcome: TJSONObject;
 
 { The body of the answer; asks again as long as there is none (status 0 or an exception) or it is no outcome. }
 function Ask(const Method, URL: AnsiString): TStringStream;
@@ -24,7 +22,6 @@ begin
     Sleep(2000);
   until False;
 end;
-
 begin
   Client := TFPHTTPClient.Create(nil);
   Client.IOTimeout := 90000; { ms }

@@ -11,7 +11,6 @@ from pathlib import Path
 SERVICE = sys.argv[1]  # its address
 KEY = Path("chave.txt")  # of the sale in hand: on disk before the first attempt
 
-
 def ask(path, sale=None, **headers):
     """Status and body of the answer; asks again as long as there is none or it is no outcome."""
     while True:

@@ -9,13 +9,11 @@
 
 enum { NOT_SOLD = 1, OUTCOME_UNKNOWN = 3 };
 enum { SESSION = 0, EEEEE = 1, KEY = 8, FIELDS = 32 };
-
 static char sale[2 * FISCORA_ANSWER_MAX_BYTES]; /* more than the library takes: it refuses what is too long */
 static char answer[FISCORA_ANSWER_MAX_BYTES + 1]; /* of the last call; missing fields are empty */
 static char* field[FIELDS];
 
-/* Copies the answer, which the next call overwrites. True if it is this call's, and not that the device is
- * busy. */
+/* Copies the answer, for the next call overwrites it. True if it is this call's, and no "busy". */
 static bool receive(const char* operation, int session, const char* result) {
     char* rest = strcpy(answer, result);
     printf("%s, sessão %06d: %s %.40s\n", operation, session, fiscora_status_text(CodigoErro()), result);
@@ -28,7 +26,6 @@ static bool receive(const char* operation, int session, const char* result) {
            atoi(field[SESSION]) == session && strspn(field[EEEEE], "0123456789") == 5 &&
            strcmp(field[EEEEE] + 2, "098") != 0 && strcmp(field[EEEEE] + 2, "099") != 0;
 }
-
 static int stop(int exit_status, const char* why) { return puts(why), exit_status; }
 
 int main(void) {
@@ -38,11 +35,9 @@ int main(void) {
     if (code == NULL || file == NULL || fread(sale, 1, sizeof sale - 1, file) == 0)
         return stop(NOT_SOLD, "Faltam CODIGO_DE_ATIVACAO ou venda.xml");
     fclose(file);
-    srand((unsigned)time(NULL));
-    int session = rand() % 1000000;
+    int session = (int)(time(NULL) % 500000 * 2); /* this and the next: others in each second */
     if (!receive("ConsultarSAT", session, ConsultarSAT(session)) || strcmp(field[EEEEE], "08000") != 0)
         return stop(NOT_SOLD, "O equipamento não está em operação");
-
     session = (session + 1) % 1000000;
     file = fopen("pendente.txt", "wx"); /* fails if the file exists: an earlier sale has no outcome yet */
     if (file == NULL || fprintf(file, "%06d\n", session) < 0 || fclose(file) != 0)

@@ -13,19 +13,14 @@
 #include <string>
 #include <vector>
 
-namespace {
-
 enum ExitStatus { NOT_SOLD = 1, OUTCOME_UNKNOWN = 3 };
 enum Field { EEEEE = 1, DOCUMENT = 6, KEY = 8, FIELDS = 32 };
-manipulaDados::ManipulaDadosSat device;
-
-int stop(ExitStatus status, const std::string& why) {
-    std::cout << why << std::endl;
-    return status;
-}
+static manipulaDados::ManipulaDadosSat device;
+static int stop(ExitStatus status, const char* why) { return std::cout << why << std::endl, status; }
 
 /// The answer's fields, copied; all are empty if it is not this call's, or only says that the device is busy.
-std::vector<std::string> receive(const std::string& operation, int session, const std::string& answer) {
+static std::vector<std::string> receive(const std::string& operation, int session,
+                                        const std::string& answer) {
     const std::string digits = std::to_string(1'000'000 + session).substr(1);
     const int status = device.CodigoErro();
     std::cout << operation << ", sessão " << digits << ": " << fiscora_status_text(status) << ' '
@@ -38,8 +33,6 @@ std::vector<std::string> receive(const std::string& operation, int session, cons
     return fields;
 }
 
-}  // namespace
-
 int main() {
     const char* const code = std::getenv("CODIGO_DE_ATIVACAO");
     std::ifstream file("venda.xml", std::ios::binary);
@@ -48,7 +41,6 @@ int main() {
     int session = static_cast<int>(std::random_device()() % 1'000'000);
     if (receive("ConsultarSAT", session, device.ConsultarSAT(session))[EEEEE] != "08000")
         return stop(NOT_SOLD, "O equipamento não está em operação");
-
     session = (session + 1) % 1'000'000;
     if (std::filesystem::exists("pendente.txt") || !(std::ofstream("pendente.txt") << session << std::endl))
         return stop(OUTCOME_UNKNOWN, "Resolva primeiro a venda de pendente.txt: veja README.md");

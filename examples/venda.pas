@@ -1,21 +1,16 @@
 { Queries the device and makes a sale, with the library. README.md says how to run it and what exit status 3 asks for. }
 program Venda;
-
 {$mode objfpc}{$H+}
 {$linklib c} { the C library must start the program: libfiscora needs it }
-
-uses
-  Base64, Classes, SysUtils;
+uses Base64, Classes, SysUtils;
 
 function ConsultarSAT(Session: LongInt): PAnsiChar; cdecl; external 'fiscora';
 function EnviarDadosVenda(Session: LongInt; Code, Sale: PAnsiChar): PAnsiChar; cdecl; external 'fiscora';
 function CodigoErro: LongInt; cdecl; external 'fiscora';
-
 const
-  NOT_SOLD = 1; OUTCOME_UNKNOWN = 3;
+  NOT_SOLD = 1; OUTCOME_UNKNOWN = 3; PENDING = 'pendente.txt';
   EEEEE = 1; DOCUMENT = 6; KEY = 8; { fields of an answer }
   OK = 0; BAD_REQUEST = 8;
-  PENDING = 'pendente.txt';
 
 procedure Stop(ExitStatus: Integer; const Why: AnsiString);
 begin
@@ -37,8 +32,7 @@ end;
 var
   Code: AnsiString;
   Session: LongInt;
-  Fields: TStringArray;
-  Sale: TStringStream;
+  Fields: TStringArray; Sale: TStringStream;
 begin
   Code := GetEnvironmentVariable('CODIGO_DE_ATIVACAO');
   if (Code = '') or not FileExists('venda.xml') then Stop(NOT_SOLD, 'Faltam CODIGO_DE_ATIVACAO ou venda.xml');
