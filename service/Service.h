@@ -53,8 +53,8 @@ class Service {
     bool hasTokens() { return m_journal.hasTokens(); }
     std::optional<Token> findToken(const std::string& hash) { return m_journal.findToken(hash); }
     /// Keeps what an administrator did.
-    void record(const std::string& person, const std::string& what, const std::string& subject) {
-        m_journal.record(person, what, subject);
+    void recordAction(const std::string& person, const std::string& what, const std::string& subject) {
+        m_journal.recordAction(person, what, subject);
     }
 
     /// Runs the operation when the device is free. `done` is called once: here if it cannot run, else on the

@@ -140,7 +140,7 @@ std::variant<Response, Doorkeeper::Refusal> Doorkeeper::signIn(const Request& re
     if (!token) return wrongToken(request);
     if (token->role != Role::Administrator)
         return refusal(problems::FORBIDDEN, "Este token é de um caixa; a página é para quem administra.");
-    m_service.record(token->name, "entrada", request.peer);
+    m_service.recordAction(token->name, "entrada", request.peer);
     Response response = session(identityOf(*token));
     response.headers.emplace_back("Set-Cookie", cookieWith(m_sessions.open(token->hash), Sessions::LIFE));
     return response;

@@ -166,7 +166,7 @@ void decide(Context& context, Call& call) {
         if (!after)
             throw Rejection(problems::DECIDED,
                             "O documento está no estado " + std::string(nameOf(document.state)) + ".");
-        context.service.record(call.who.person, "decisão", document.key);
+        context.service.recordAction(call.who.person, "decisão", document.key);
         call.respond(jsonResponse(200, representationOf(*after)));
     } catch (const std::invalid_argument& taken) {
         throw Rejection(problems::ACCESS_KEY, "A chave de acesso já é de outro documento.");
@@ -190,7 +190,7 @@ void diagnoseDevice(Context& context, Call& call) {
 void confirmDevice(Context& context, Call& call) {
     const std::string reason = reasonIn(json::parse(call.request.body, nullptr, false));
     context.service.confirmDevice(call.who.person, reason);
-    context.service.record(call.who.person, "confirmação do equipamento", reason);
+    context.service.recordAction(call.who.person, "confirmação do equipamento", reason);
     showDevice(context, call);
 }
 

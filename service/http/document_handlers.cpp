@@ -105,7 +105,7 @@ void withdraw(Context& context, Call& call) {
         return call.respond(problemResponse(problems::ALREADY_SENT, "Só se retira um documento na fila.",
                                             representationOf(withdrawal.document)));
     if (call.who.role == Role::Administrator && call.who.till)
-        context.service.record(call.who.person, "retirada", call.name);
+        context.service.recordAction(call.who.person, "retirada", call.name);
     Response response;
     response.status = 204;
     call.respond(std::move(response));

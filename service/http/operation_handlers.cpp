@@ -77,7 +77,7 @@ void requirePermission(const Call& call, const manipulaDados::Operation& operati
 /// Keeps that an administrator called the operation.
 void record(Context& context, const Call& call, const manipulaDados::Operation& operation) {
     if (call.who.role == Role::Administrator)
-        context.service.record(call.who.person, "operação", operation.command);
+        context.service.recordAction(call.who.person, "operação", operation.command);
 }
 
 }  // namespace

@@ -209,7 +209,7 @@ class Journal {
     bool hasTokens();
     /// The token in use that has the hash.
     std::optional<Token> findToken(const std::string& hash);
-    void record(const std::string& person, const std::string& what, const std::string& subject);
+    void recordAction(const std::string& person, const std::string& what, const std::string& subject);
     /// What administrators did, newest first.
     std::vector<Action> actions(std::size_t limit);
 

@@ -88,7 +88,7 @@ std::optional<Token> Journal::findToken(const std::string& hash) {
     });
 }
 
-void Journal::record(const std::string& person, const std::string& what, const std::string& subject) {
+void Journal::recordAction(const std::string& person, const std::string& what, const std::string& subject) {
     m_store->write([&](session& sql) {
         const long long at = toMs(std::chrono::system_clock::now());
         sql << "INSERT INTO actions (at, person, what, subject) VALUES (:at, :person, :what, :subject)",

@@ -23,7 +23,7 @@ int add(Journal& journal, const std::string& name, Role role) {
     const std::string secret = newSecret();
     const Token token{name, role, hashOf(secret), std::chrono::system_clock::now(), std::nullopt};
     if (!journal.addToken(token)) return fail(filled(tr("%s has a token already"), name.c_str()));
-    journal.record(person(), role == Role::Administrator ? "token de administração" : "token", name);
+    journal.recordAction(person(), role == Role::Administrator ? "token de administração" : "token", name);
     std::cout << secret << std::endl;
     std::cerr << tr("Keep it now: it is not shown again, and the journal has only its hash.") << "\n";
     return EXIT_SUCCESS;
@@ -31,7 +31,7 @@ int add(Journal& journal, const std::string& name, Role role) {
 
 int revoke(Journal& journal, const std::string& name) {
     if (!journal.revokeToken(name)) return fail(filled(tr("no token is named %s"), name.c_str()));
-    journal.record(person(), "token revogado", name);
+    journal.recordAction(person(), "token revogado", name);
     std::cout << filled(tr("%s: revoked"), name.c_str()) << "\n";
     if (!journal.hasTokens())
         std::cerr << tr("That was the last one: whoever is on this machine is an administrator now.") << "\n";
