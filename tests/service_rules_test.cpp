@@ -124,6 +124,8 @@ TEST(Content, IsThatWhichWasSentWhateverTheDeviceAdds) {
     EXPECT_FALSE(hasContentOf(device, "not XML", ""));
     const std::string latin1 = "<?xml version=\"1.0\" encoding=\"ISO-8859-1\"?><a><b>Caf\xE9</b></a>";
     EXPECT_TRUE(hasContentOf("<a><b>Café</b></a>", latin1, "")) << "the same text in another encoding";
+    EXPECT_TRUE(hasContentOf("<a><b>Caf\xE9</b></a>", latin1, "")) << "its bytes, without its declaration";
+    EXPECT_FALSE(hasContentOf("<a><b>Caf\xE8</b></a>", latin1, ""));
 }
 
 TEST(ADevice, StandsToTheJournalByItsLastDocument) {

@@ -8,6 +8,8 @@
 #include <sstream>
 #include <vector>
 
+#include "terminal_text.h"
+
 namespace fiscorad {
 namespace {
 
@@ -21,7 +23,7 @@ std::string withoutExtraBlanks(const char* text) {
     std::istringstream words(text);
     std::string result;
     for (std::string word; words >> word;) result += result.empty() ? word : " " + word;
-    return result;
+    return tool::toUtf8(result);
 }
 
 void collect(const pugi::xml_node& element, const std::string& path, Texts& texts) {
@@ -33,7 +35,8 @@ void collect(const pugi::xml_node& element, const std::string& path, Texts& text
 }
 
 struct Parsed {
-    explicit Parsed(std::string_view xml) : wellFormed(document.load_buffer(xml.data(), xml.size())) {
+    Parsed(std::string_view xml, pugi::xml_encoding encoding)
+        : wellFormed(document.load_buffer(xml.data(), xml.size(), pugi::parse_default, encoding)) {
         if (wellFormed) collect(document.document_element(), "", texts);
     }
 
@@ -42,11 +45,10 @@ struct Parsed {
     Texts texts;
 };
 
-}  // namespace
-
-bool hasContentOf(std::string_view signedDocument, std::string_view sent, std::string_view saleKey) {
-    const Parsed device(signedDocument);
-    const Parsed till(sent);
+bool hasContentOf(std::string_view signedDocument, std::string_view sent, std::string_view saleKey,
+                  pugi::xml_encoding encoding) {
+    const Parsed device(signedDocument, encoding);
+    const Parsed till(sent, encoding);
     if (!device.wellFormed || !till.wellFormed) return false;
     const bool mayBeCut = signedDocument.size() > MAY_BE_CUT;
     for (const auto& [path, given] : till.texts) {
@@ -62,6 +64,14 @@ bool hasContentOf(std::string_view signedDocument, std::string_view sent, std::s
     const std::string cancelled =
         device.document.document_element().child("infCFe").attribute("chCanc").value();
     return cancelled == saleKey;
+}
+
+}  // namespace
+
+bool hasContentOf(std::string_view signedDocument, std::string_view sent, std::string_view saleKey) {
+    // As both documents declare; or else as bytes, which a device may keep without their declaration.
+    return hasContentOf(signedDocument, sent, saleKey, pugi::encoding_auto) ||
+           hasContentOf(signedDocument, sent, saleKey, pugi::encoding_utf8);
 }
 
 }  // namespace fiscorad
