@@ -92,6 +92,7 @@ class Devices : public Equipment {
         manipulaDados::ManipulaDadosSat library;
         const auto request = library.makeRequest(operation, arguments);
         const auto began = now;
+        std::exchange(during, [] {})();
         now += 1200ms;
         if (plugged < 0) return {FISCORA_STATUS_NO_ANSWER, 0, ""};
         const Fault fault = nextFault(operation);
@@ -138,6 +139,7 @@ class Devices : public Equipment {
     bool cancellationsDoNotCount = false;
     std::deque<Fault> faults;  ///< of the next calls that book; then `random`
     std::function<Fault()> random = [] { return Fault::None; };
+    std::function<void()> during = [] {};  ///< the next call
     std::vector<Booked> ledger;
 
   private:
@@ -223,6 +225,7 @@ class Shop {
             devices.now += pause;
         }
     }
+    bool moves() { return m_dispatcher->moves(); }
     bool halted() { return m_dispatcher->device().condition == DeviceState::Condition::Divergent; }
     State stateOf(const std::string& key) { return journal().find(key).value().state; }
     std::size_t bookings(const std::string& key) {
@@ -294,6 +297,25 @@ INSTANTIATE_TEST_SUITE_P(
                     Ending{"KilledBeforeTheDeviceHadIt", {Fault::KilledBefore}, State::Booked, 1},
                     Ending{"KilledAfterTheDeviceHadIt", {Fault::KilledAfter}, State::Booked, 1}),
     [](const auto& info) { return info.param.name; });
+
+TEST(Dispatcher, MovesAsLongAsNothingHangs) {
+    Shop shop;
+    bool duringALongCall = false;
+    bool duringAnEndlessCall = true;
+    shop.devices.during = [&] {
+        shop.devices.now += 30s;
+        duringALongCall = shop.moves();
+        shop.devices.now += 30min;
+        duringAnEndlessCall = shop.moves();
+    };
+    shop.sell("one");
+    shop.work();
+    EXPECT_TRUE(duringALongCall) << "a slow device must not have the service killed";
+    EXPECT_FALSE(duringAnEndlessCall) << "nobody would restart a service that hangs";
+    EXPECT_TRUE(shop.moves()) << "it moves again after the call";
+    shop.devices.now += 2min;
+    EXPECT_FALSE(shop.moves()) << "a thread that takes no more steps has ended or hangs";
+}
 
 TEST(Cancellation, IsNeverTakenAsNotBooked) {
     Shop shop;

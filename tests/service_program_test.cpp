@@ -126,6 +126,25 @@ TEST(Fiscorad, SpeaksTlsToThoseWithATokenAsSoonAsThereIsOne) {
                                      HasSubstr("j.db:0\n"), HasSubstr("log:0\n")));
 }
 
+TEST(Fiscorad, TellsTheServiceManagerThatItWorks) {
+    for (const char* options : {"", "--certificate c.pem --key key.pem"}) {
+        SCOPED_TRACE(options);
+        const WorkingDirectory folder;
+        const ShellResult result = runUnderSimulation(
+            "",
+            "certify; python3 -c \"\n"
+            "import socket; s = socket.socket(socket.AF_UNIX, socket.SOCK_DGRAM); s.bind('manager')\n"
+            "while True: print(s.recv(4096).decode(), flush=True)\" >told & manager=$!\n"
+            "until [ -S manager ]; do sleep 0.05; done\n"
+            "NOTIFY_SOCKET=$PWD/manager WATCHDOG_USEC=400000 start " +
+                std::string(options) +
+                "\nuntil grep -q answers told && [ $(grep -c WATCHDOG told) -ge 3 ]; do sleep 0.05; done\n"
+                "finish; sleep 0.2; kill $manager; uniq told\n");
+        EXPECT_THAT(result.output, MatchesRegex("ended 0\nREADY=1\n(.|\n)*STATUS=device 900004019 answers\n"
+                                                "(.|\n)*WATCHDOG=1\nSTOPPING=1\n(WATCHDOG=1\n)?"));
+    }
+}
+
 TEST(Fiscorad, SellsAndLetsPeopleLookAfterItsJournalWhileItRuns) {
     const WorkingDirectory folder;
     const ShellResult result = runUnderSimulation(

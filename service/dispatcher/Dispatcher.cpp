@@ -25,6 +25,10 @@ constexpr milliseconds AT_ONCE{0};
 constexpr seconds IDLE{1};
 /// How old a reading may be when a document is sent.
 constexpr seconds FRESH{5};
+/// For what a step does besides its call and its pause, such as waiting for a slow disk.
+constexpr seconds LEEWAY{60};
+/// A call lasts that many times its timeout, if answers to something else restart it.
+constexpr int LONGEST_CALL = 6;
 /// Undecided documents that a device which has come back is asked about.
 constexpr std::size_t ASKED_AGAIN = 32;
 
@@ -53,6 +57,7 @@ Dispatcher::Dispatcher(Journal& journal, Equipment& equipment, ActivationCode& c
       m_code(code),
       m_changes(changes),
       m_settings(std::move(settings)) {
+    expect(seconds(0));
     Filter unsettled;
     unsettled.limit = std::numeric_limits<int>::max();
     for (const State state : {State::Uncertain, State::Undecided}) {
@@ -78,10 +83,12 @@ void Dispatcher::run() {
             if (failure.what() != lastFailure) m_settings.warn(failure.what());
             lastFailure = failure.what();
         }
+        expect(pause);
         lock.lock();
         m_news.wait_for(lock, pause, [&] { return m_stopped || m_awake; });
     }
     m_ended = true;
+    m_due = Clock::time_point::max();
     lock.unlock();
     failOperations(OperationResult::Result::Stopping);
 }
@@ -116,9 +123,15 @@ DeviceState Dispatcher::device() const {
     return m_state;
 }
 
+bool Dispatcher::moves() const { return m_settings.now() <= m_due.load(); }
+
+/// Says how long the thread may be busy or pause now.
+void Dispatcher::expect(Clock::duration duration) { m_due = m_settings.now() + duration + LEEWAY; }
+
 // ---- one step ----
 
 milliseconds Dispatcher::step() {
+    expect(seconds(0));
     publishForeignChanges();
     if (m_code.changed()) {
         m_codeRefused = false;
@@ -199,8 +212,10 @@ Dispatcher::Call Dispatcher::call(const fiscal::Operation& operation, int sessio
                                   const std::vector<Argument>& all) {
     LastCall last{operation.command, session, 0, "", std::chrono::system_clock::now(), milliseconds(0)};
     m_reading.reset();
+    expect(LONGEST_CALL * milliseconds(operation.timeoutMs));
     const auto began = Clock::now();
     Call call{m_equipment.call(operation, all), false};
+    expect(seconds(0));
     call.reply.session = session;
     call.sameConnection = m_equipment.connection() == m_connection;
 

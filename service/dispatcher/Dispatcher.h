@@ -52,6 +52,9 @@ class Dispatcher {
     /// `done` is called on the thread of `run`, or here if that has ended.
     void operate(OperationRequest request, Done done);
     DeviceState device() const;
+    /// Whether the thread of `run` does what it should: false if a step has taken longer than its call can
+    /// take, so that only a restart will help.
+    bool moves() const;
 
     /// One step, with one call to the device at most. Returns how long to pause before the next one, unless
     /// something new comes.
@@ -75,6 +78,7 @@ class Dispatcher {
 
     std::chrono::milliseconds dispatch();
     bool findsConnection();
+    void expect(Clock::duration duration);
 
     Call call(const char* command, int session, const std::vector<Argument>& arguments);
     Call call(const manipulaDados::Operation& operation, int session, const std::vector<Argument>& all);
@@ -127,6 +131,8 @@ class Dispatcher {
     bool m_operatedLast = false;  ///< the next turn is a document's
     std::int64_t m_foreignChanges = 0;
     std::set<std::int64_t> m_unsettled;  ///< documents that a person may decide about
+
+    std::atomic<Clock::time_point> m_due;  ///< by then the thread has moved on
 
     mutable std::mutex m_mutex;  ///< of what follows
     std::condition_variable m_news;

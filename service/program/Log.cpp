@@ -31,7 +31,9 @@ bool isNews(const DeviceState& before, const DeviceState& now) {
     return another || now.condition != before.condition;
 }
 
-std::string describe(const DeviceState& device) {
+}  // namespace
+
+std::string Log::describe(const DeviceState& device) {
     using Condition = DeviceState::Condition;
     switch (device.condition) {
         case Condition::Answering: return tool::filled(tool::tr("device %s answers"), device.serial.c_str());
@@ -49,8 +51,6 @@ std::string describe(const DeviceState& device) {
     }
     return "";
 }
-
-}  // namespace
 
 Log::Log() : m_forSystemJournal(isSystemJournal()) {}
 

@@ -21,6 +21,9 @@ class Log {
     /// Writes a line for each change of a document or of the device, until the subscription ends.
     [[nodiscard]] Changes::Subscription follow(Service& service);
 
+    /// How the device stands, as one line; empty while nothing is known.
+    static std::string describe(const DeviceState& device);
+
   private:
     // Priorities of syslog (RFC 5424), which the system's journal reads from the start of a line.
     static constexpr int WARNING = 4;

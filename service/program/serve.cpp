@@ -23,6 +23,7 @@
 #include "journal/Journal.h"
 #include "journal/OwnerLock.h"
 #include "program/Log.h"
+#include "program/Supervision.h"
 #include "program/tls.h"
 
 namespace fiscorad {
@@ -169,9 +170,15 @@ int serve(const Settings& settings) {
         log.info(
             tool::tr("there is no token (fiscorad token add): only requests from this machine are served"));
 
+    Supervision supervision({[&] {
+                                 return dispatcher.moves() && answers({endpoint.address, server.port()});
+                             },
+                             [&] { return Log::describe(service.device()); }, dispatching.warn});
     {
         const DispatcherThread running(dispatcher);
+        supervision.ready();
         signals.await();
+        supervision.stopping();
         service.stop();
         log.info(
             tool::tr("ending: no new documents; a running call ends first, unless another signal comes"));
