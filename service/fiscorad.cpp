@@ -85,6 +85,7 @@ int run(int argc, char** argv) {
     commands.push_back(std::make_unique<fiscorad::BackupCommand>(application, settings));
     commands.push_back(std::make_unique<fiscorad::RestoreCommand>(application, settings));
     commands.push_back(std::make_unique<fiscorad::ExportCommand>(application, settings));
+    commands.push_back(std::make_unique<fiscorad::PruneCommand>(application, settings));
     commands.push_back(std::make_unique<fiscorad::DecideCommand>(application, settings));
     commands.push_back(std::make_unique<fiscorad::ConfirmCommand>(application, settings));
     commands.push_back(std::make_unique<fiscorad::TokenCommand>(application, settings));

@@ -208,6 +208,45 @@ TEST(AJournal, IsRefusedIfItIsNotWhole) {
     }
 }
 
+TEST(AJournal, KnowsTheKeyOfARemovedDocumentAndGivesItsRoomBack) {
+    const WorkingDirectory folder;
+    std::mt19937 random(1);
+    std::string large(1'500'000, '\0');
+    for (char& c : large) c = static_cast<char>(random());
+    std::vector<std::int64_t> documents;
+    std::uintmax_t full = 0;
+    {
+        Journal journal(PATH);
+        for (const char* key : {"removed", "kept"}) {
+            documents.push_back(journal.submit(sale(key, key + large), 100).document.id);
+            const Attempt attempt =
+                journal.beginAttempt({0, documents.back(), journal.takeSession(), SERIAL, "", "host", Time{}})
+                    .value();
+            Outcome outcome;
+            outcome.state = State::Booked;
+            outcome.booking = {std::string("CFe") + key, large, ""};
+            ASSERT_TRUE(journal.settle(attempt, State::Sent, outcome));
+        }
+    }
+    full = fs::file_size(PATH);
+    {
+        Journal journal(PATH);
+        journal.removeTexts({documents.front(), documents.front()});
+        while (journal.shrink(10)) {
+        }
+        const Receipt again = journal.submit(sale("removed", "removed" + large), 100);
+        EXPECT_EQ(again.result, Receipt::Result::Known);
+        EXPECT_EQ(again.document.state, State::Booked);
+        EXPECT_TRUE(again.document.documentRemoved && !again.document.hasDocument);
+        EXPECT_EQ(journal.submit(sale("removed", "another"), 100).result, Receipt::Result::KeyReused);
+        EXPECT_TRUE(journal.isBooked("CFeremoved"))
+            << "the device's answer could be taken for another sale's";
+        EXPECT_EQ(journal.signedDocument(documents.front()), std::nullopt);
+        EXPECT_EQ(journal.signedDocument(documents.back()), large);
+    }
+    EXPECT_LT(fs::file_size(PATH), full * 6 / 10);
+}
+
 TEST(ACheck, NamesTheRowThatBreaksARule) {
     struct {
         const char* statement;
@@ -231,6 +270,7 @@ TEST(ACheck, NamesTheRowThatBreaksARule) {
         {"UPDATE texts SET request = (SELECT request FROM texts WHERE document = 2) WHERE document = 1",
          "belongs to its attempt"},
         {"UPDATE documents SET answer = '1|06000|12345678|' WHERE key = 'queued'", "no activation code"},
+        {"UPDATE documents SET has_document = 2 WHERE key = 'booked'", "half removed: booked"},
         {"DELETE FROM texts WHERE document = 3", "without its request: queued"},
     };
     for (const auto& row : cases) {

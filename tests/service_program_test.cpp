@@ -126,7 +126,7 @@ TEST(Fiscorad, SpeaksTlsToThoseWithATokenAsSoonAsThereIsOne) {
                                      HasSubstr("j.db:0\n"), HasSubstr("log:0\n")));
 }
 
-TEST(Fiscorad, TellsTheServiceManagerThatItWorks) {
+TEST(Fiscorad, TakesItsCodeFromTheServiceManagerAndTellsItThatItWorks) {
     for (const char* options : {"", "--certificate c.pem --key key.pem"}) {
         SCOPED_TRACE(options);
         const WorkingDirectory folder;
@@ -136,7 +136,7 @@ TEST(Fiscorad, TellsTheServiceManagerThatItWorks) {
             "import socket; s = socket.socket(socket.AF_UNIX, socket.SOCK_DGRAM); s.bind('manager')\n"
             "while True: print(s.recv(4096).decode(), flush=True)\" >told & manager=$!\n"
             "until [ -S manager ]; do sleep 0.05; done\n"
-            "NOTIFY_SOCKET=$PWD/manager WATCHDOG_USEC=400000 start " +
+            "chmod 440 code; export CREDENTIALS_DIRECTORY=$PWD NOTIFY_SOCKET=$PWD/manager WATCHDOG_USEC=400000; start " +
                 std::string(options) +
                 "\nuntil grep -q answers told && [ $(grep -c WATCHDOG told) -ge 3 ]; do sleep 0.05; done\n"
                 "finish; sleep 0.2; kill $manager; uniq told\n");
@@ -168,6 +168,25 @@ TEST(Fiscorad, SellsAndLetsPeopleLookAfterItsJournalWhileItRuns) {
                              "0 documents written\nfailed\n(.|\n)*"));
     EXPECT_THAT(result.output, AllOf(HasSubstr("Attempt of"), HasSubstr("one: abandonada\n2\nRestored: ")));
     EXPECT_EQ(result.exitStatus, 0) << result.output;
+}
+
+TEST(Fiscorad, RemovesOnlyDocumentsThatAPersonSaysMayGoAndThatWereExported) {
+    const WorkingDirectory folder;
+    const ShellResult result = runUnderSimulation(
+        "--ledger ledger",
+        "start; sell one; fiscorad export --dir out; sell two; sell three; fiscorad export --dir out\n"
+        "for file in $(ls -t out/*/*/* | head -n 1); do tr 0 1 <$file >x; mv x $file; done\n"
+        "prune() { fiscorad prune --dir out --reason 'six years' \"$@\" </dev/null; echo status $?; }\n"
+        "get() { curl -s -o /dev/null -w '%{http_code} ' $url/v1/vendas/$1/documento; }\n"
+        "prune --before 2100-01-01 2>/dev/null; prune --before 2026-01-01 --legal-time-over; get one\n"
+        "rm $(ls -t out/*/*/* | sed -n 2p); prune --before 2100-01-01 --legal-time-over; get one; get two; get three\n"
+        "sell one; wc -l <ledger; finish; fiscorad check\n");
+    EXPECT_THAT(
+        result.output,
+        MatchesRegex(
+            "201 1 document written\n201 201 2 documents written\nstatus 2\n0 documents removed\n"
+            "status 0\n200 (fiscorad prune: CFe[0-9]* stays: out .*\n){2}1 document removed\nstatus 1\n"
+            "410 200 200 200 3\nended 0\n3 documents: nothing wrong\n"));
 }
 
 TEST(Fiscorad, SellsAfterAnotherProgramOnlyWhenAPersonHasConfirmed) {

@@ -127,6 +127,11 @@ void list(Context& context, Call& call) {
 
 void sendSignedDocument(Context& context, Call& call) {
     const Document document = existing(context.service, call);
+    if (document.documentRemoved)
+        throw Rejection(problems::REMOVED,
+                        "O prazo legal de " + document.accessKey +
+                            " passou, e o XML foi removido do registro; ele está nos arquivos "
+                            "exportados.");
     auto xml = context.service.signedDocument(document.id);
     if (!xml) throw Rejection(problems::NOT_FOUND, "O documento ainda não foi emitido.");
     Response response;

@@ -34,6 +34,9 @@ Response formOutcomeOf(Service& service, const Document& document) {
         throw Rejection(problems::NO_OUTCOME, "O documento " + document.key + " está no estado " +
                                                   std::string(nameOf(document.state)) +
                                                   "; consulte-o ou reenvie com a mesma chave.");
+    if (document.documentRemoved)
+        throw Rejection(problems::REMOVED,
+                        "O documento " + document.accessKey + " foi removido do registro.");
     const auto signedDocument = service.signedDocument(document.id);
     if (document.answer.empty() || !signedDocument)
         throw Rejection(problems::NO_ANSWER, "Uma pessoa confirmou a emissão de " + document.accessKey + ".");

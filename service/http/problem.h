@@ -35,6 +35,7 @@ constexpr Problem DECIDED{409, "nada-a-decidir", "Não há o que decidir sobre o
 constexpr Problem PRESENT{409, "equipamento-presente", "O equipamento está presente"};
 constexpr Problem IS_DOCUMENT{409, "operacao-de-documento", "Esta operação emite um documento"};
 constexpr Problem WITHDRAWN{410, "retirada", "Documento retirado"};
+constexpr Problem REMOVED{410, "removido", "Documento removido do registro"};
 constexpr Problem ABANDONED{410, "abandonada", "Documento abandonado"};
 constexpr Problem TOO_LARGE{413, "grande-demais", "Documento grande demais"};
 constexpr Problem CONTENT_TYPE{415, "tipo-nao-suportado", "Tipo de conteúdo não suportado"};

@@ -8,6 +8,7 @@
 #include "journal/Store.h"
 #include "journal/packing.h"
 #include "rules/AccessKey.h"
+#include "sha256.h"
 #include "time_text.h"
 
 namespace fiscorad {
@@ -19,6 +20,8 @@ using soci::use;
 
 constexpr int SESSION_NUMBERS = 999999;  ///< 1 to this
 constexpr int SESSION_BLOCK = 100;
+/// Of documents.has_document.
+constexpr int REMOVED = 2;
 constexpr int SHORTEST_JUMP = 100000;  ///< what a device remembers
 constexpr int LONGEST_JUMP = SESSION_NUMBERS - SHORTEST_JUMP;
 
@@ -91,7 +94,8 @@ std::vector<Document> documentsWhere(session& sql, const std::string& conditions
         document.notBooked = notBooked;
         document.answer = answer;
         if (hasKey == soci::i_ok) document.accessKey = accessKey;
-        document.hasDocument = hasDocument != 0;
+        document.hasDocument = hasDocument == 1;
+        document.documentRemoved = hasDocument == REMOVED;
         document.receivedAt = fromMs(receivedAt);
         if (isConcluded == soci::i_ok) document.concludedAt = fromMs(concludedAt);
         documents.push_back(std::move(document));
@@ -208,6 +212,15 @@ std::string requestOf(session& sql, long long document) {
     return sql.got_data() ? unpack(contentOf(packed), static_cast<std::size_t>(size)) : std::string();
 }
 
+/// Whether the document came with that body. Of one that was removed the digest is left.
+bool cameWith(session& sql, const Document& known, const std::string& body) {
+    if (!known.documentRemoved) return requestOf(sql, known.id) == body;
+    soci::blob digest(sql);
+    const long long id = known.id;
+    sql << "SELECT request FROM texts WHERE document = :document", into(digest), use(id);
+    return sql.got_data() && contentOf(digest) == tool::sha256(body);
+}
+
 void addHistory(session& sql, long long document, std::optional<long long> attempt, State state,
                 const std::string& text, const std::string& person = "", const std::string& reason = "") {
     const long long number = attempt.value_or(0);
@@ -314,11 +327,10 @@ Receipt Journal::submit(const Submission& submission, std::size_t queueLimit) {
     const std::string request = pack(submission.body);  // large ones take a while: not while others wait
     return m_store->write([&](session& sql) -> Receipt {
         if (auto known = byKey(sql, submission.key)) {
-            const std::string body = requestOf(sql, known->id);
-            const bool withdrawnBefore = known->state == State::Withdrawn && body.empty();
-            const bool same =
-                isFor(*known, submission.till) && known->kind == submission.kind &&
-                (withdrawnBefore || (known->saleKey == submission.saleKey && body == submission.body));
+            const bool withdrawnBefore = known->state == State::Withdrawn && cameWith(sql, *known, "");
+            const bool same = isFor(*known, submission.till) && known->kind == submission.kind &&
+                              (withdrawnBefore || (known->saleKey == submission.saleKey &&
+                                                   cameWith(sql, *known, submission.body)));
             return {same ? Receipt::Result::Known : Receipt::Result::KeyReused, std::move(*known)};
         }
         long long waiting = 0;
@@ -682,6 +694,41 @@ std::optional<Document> Journal::rule(std::string_view key, const Ruling& ruling
         addHistory(sql, id, attempt ? std::optional<long long>(attempt->id) : std::nullopt, state, text,
                    ruling.person, ruling.reason);
         return byId(sql, id);
+    });
+}
+
+void Journal::removeTexts(const std::vector<std::int64_t>& documents) {
+    m_store->write([&](session& sql) {
+        for (const long long id : documents) {
+            const auto document = byId(sql, id);
+            if (!document || !document->hasDocument) continue;
+            soci::blob digest(sql);
+            fill(digest, tool::sha256(requestOf(sql, id)));
+            sql << "UPDATE texts SET request = :digest, signed = NULL, signed_size = NULL WHERE document = :id",
+                use(digest), use(id);
+            sql << "UPDATE documents SET has_document = :removed WHERE id = :id", use(REMOVED), use(id);
+        }
+    });
+}
+
+bool Journal::shrink(int pages) {
+    return m_store->write([&](session& sql) {
+        const auto freePages = [&] {
+            int count = 0;
+            sql << "PRAGMA freelist_count", into(count);
+            return count;
+        };
+        const int before = freePages();
+        // One step gives back one page.
+        soci::statement step(sql);
+        step.alloc();
+        step.prepare("PRAGMA incremental_vacuum(" + std::to_string(pages) + ")");
+        step.define_and_bind();
+        step.execute(true);
+        while (step.fetch()) {
+        }
+        const int after = freePages();
+        return after > 0 && after < before;
     });
 }
 

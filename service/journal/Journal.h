@@ -195,6 +195,12 @@ class Journal {
     /// Carries out a decision about a document that is Undecided or Uncertain. None if it is in another
     /// state; throws std::invalid_argument if the access key is in another row.
     std::optional<Document> rule(std::string_view key, const Ruling& ruling);
+    /// Removes what was sent and what came back of those documents that have both. Their keys, states and
+    /// access keys stay, and a digest (SHA-256, in hexadecimal) of what was sent, so that a key which is sent
+    /// again is still known.
+    void removeTexts(const std::vector<std::int64_t>& documents);
+    /// Gives up to `pages` pages that hold nothing any more back to the file system. False if none is left.
+    bool shrink(int pages);
     /// Takes what the device showed as explained from now on.
     void confirm(std::int64_t alarm, std::string_view person, std::string_view reason);
 

@@ -79,6 +79,14 @@ Problems brokenRows(session& sql) {
         problems,
         inEachRow(
             sql,
+            "SELECT d.key FROM documents d LEFT JOIN texts t ON t.document = d.id WHERE"
+            " d.has_document <> CASE WHEN t.signed IS NOT NULL THEN 1"
+            " WHEN t.signed_size IS NULL AND d.has_document = 2 AND LENGTH(t.request) = 64 THEN 2 ELSE 0 END",
+            tr("nothing is lost: without its signed document, or half removed")));
+    append(
+        problems,
+        inEachRow(
+            sql,
             "SELECT d.key FROM attempts a JOIN documents d ON d.id = a.document WHERE NOT EXISTS"
             " (SELECT 1 FROM history h WHERE h.document = a.document AND h.attempt = a.id AND h.state = 1)",
             tr("on disk before the call: an attempt without its beginning")));
@@ -183,6 +191,7 @@ Problems brokenProofs(session& sql, Journal& journal) {
             fail(tr("not later than the last document before it"));
         if (document.answer.find(accessKey->text()) == std::string::npos)
             fail(tr("the answer names another document"));
+        if (document.documentRemoved) continue;
         try {
             const std::string signedDocument = journal.signedDocument(id).value_or("");
             if (signedDocument.find(accessKey->text()) == std::string::npos)

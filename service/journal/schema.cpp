@@ -27,7 +27,8 @@ constexpr std::array TABLES = {
     "CREATE INDEX documents_till ON documents (till, id)",
     "CREATE INDEX documents_received ON documents (received_at)",
     // What was sent and what came back, apart from the rest so that lists stay quick. Packed; the sizes are
-    // those of the texts.
+    // those of the texts. Where has_document is 2, both were removed, and `request` is the digest of the
+    // former.
     "CREATE TABLE texts (document INTEGER PRIMARY KEY REFERENCES documents (id), request BLOB NOT NULL,"
     " request_size INTEGER NOT NULL, signed BLOB, signed_size INTEGER)",
     "CREATE TABLE attempts (id INTEGER PRIMARY KEY, document INTEGER NOT NULL REFERENCES documents (id),"
@@ -121,6 +122,8 @@ void prepareSchema(soci::session& sql, const std::string& path, Journal::IfMissi
     if (application == 0 && tables == 0 && ifMissing == Journal::IfMissing::Create) {
         // Large, since packed texts of 2 to 3 KB leave much of a small page empty.
         sql << "PRAGMA page_size = 16384";
+        // So that removing documents can make the file smaller, a few pages at a time.
+        sql << "PRAGMA auto_vacuum = INCREMENTAL";
         std::string mode;
         sql << "PRAGMA journal_mode = WAL", soci::into(mode);
         return bringUpToDate(sql);

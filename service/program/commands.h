@@ -59,6 +59,18 @@ class ExportCommand : public Command {
     std::string m_since;
 };
 
+class PruneCommand : public Command {
+  public:
+    PruneCommand(CLI::App& application, const Settings& settings);
+    int run(const std::vector<std::string>& operands) override;
+
+  private:
+    std::string m_before;
+    std::string m_folder;
+    bool m_legalTimeOver = false;
+    std::string m_reason;
+};
+
 class DecideCommand : public Command {
   public:
     DecideCommand(CLI::App& application, const Settings& settings);

@@ -1,12 +1,15 @@
-// The commands check, backup, restore and export.
+// The commands check, backup, restore, export and prune.
 #include <unistd.h>
 
+#include <chrono>
 #include <cstdlib>
 #include <filesystem>
 #include <fstream>
 #include <iostream>
 #include <iterator>
 #include <stdexcept>
+#include <thread>
+#include <vector>
 
 #include "Interruption.h"
 #include "OutputFile.h"
@@ -27,6 +30,11 @@ using tool::tr;
 
 /// Documents read from the journal at once.
 constexpr std::size_t PAGE = 500;
+/// Documents removed, and pages of the file given back, in one transaction, during which no till's document
+/// can be written; and the pause after it.
+constexpr std::size_t BATCH = 50;
+constexpr int PAGES = 64;
+constexpr std::chrono::milliseconds BREATH{20};
 
 /// The activation code that the journal must not hold; empty, and this user is told, if it cannot be read.
 std::string codeToLookFor(const std::string& path) {
@@ -96,6 +104,18 @@ class Bar {
     std::size_t m_done = 0;
     std::size_t m_filled = NOTHING;
 };
+
+/// Where the signed document with that access key is exported to.
+fs::path pathIn(const fs::path& folder, const AccessKey& key) {
+    return folder / key.year() / key.month() / (key.text() + ".xml");
+}
+
+/// The beginning of a day, or the moment; throws CLI::ValidationError if it is neither.
+Time momentOf(const std::string& day) {
+    const auto span = parseTime(day);
+    if (!span) throw CLI::ValidationError(tool::filled(tr("%s is no day, such as 2026-11-23"), day.c_str()));
+    return span->begin;
+}
 
 }  // namespace
 
@@ -170,12 +190,7 @@ int ExportCommand::run(const std::vector<std::string>& operands) {
     Filter filter;
     filter.state = State::Booked;
     filter.limit = PAGE;
-    if (!m_since.empty()) {
-        const auto since = parseTime(m_since);
-        if (!since)
-            throw CLI::ValidationError(tool::filled(tr("%s is no day, such as 2026-11-23"), m_since.c_str()));
-        filter.since = since->begin;
-    }
+    if (!m_since.empty()) filter.since = momentOf(m_since);
     Journal journal = openJournal();
     makeFolder(m_folder);
     std::size_t written = 0;
@@ -185,9 +200,9 @@ int ExportCommand::run(const std::vector<std::string>& operands) {
         for (auto page = journal.list(filter); !page.empty(); page = journal.list(filter)) {
             for (const Document& document : page) {
                 bar.advance();
-                if (!document.hasDocument) continue;  // booked by a person's decision
+                if (!document.hasDocument) continue;  // removed, or booked by a person's decision
                 const auto key = AccessKey::parse(document.accessKey).value();
-                const fs::path path = fs::path(m_folder) / key.year() / key.month() / (key.text() + ".xml");
+                const fs::path path = pathIn(m_folder, key);
                 try {
                     if (write(path, journal.signedDocument(document.id).value())) ++written;
                 } catch (const std::runtime_error& problem) {
@@ -201,6 +216,71 @@ int ExportCommand::run(const std::vector<std::string>& operands) {
         }
     }
     std::cout << tool::filled(tr("%zu document written", "%zu documents written", written), written) << "\n";
+    return failed == 0 ? EXIT_SUCCESS : EXIT_FAILURE;
+}
+
+PruneCommand::PruneCommand(CLI::App& application, const Settings& settings)
+    : Command(application, settings, "prune", tr("Remove exported documents whose legal time is over"),
+              tr("fiscorad prune --before DAY --dir DIR --legal-time-over --reason TEXT")) {
+    m_options->add_option("--before", m_before, tr("Only those received before this day"))
+        ->required()
+        ->type_name(tr("DAY"));
+    m_options->add_option("--dir", m_folder, tr("Where they were exported to; what is not there stays"))
+        ->required()
+        ->type_name(tr("DIR"));
+    m_options->add_flag("--legal-time-over", m_legalTimeOver, tr("The law no longer requires to keep them"))
+        ->required();
+    m_options->add_option("--reason", m_reason, tr("Why; kept in the journal with your name"))
+        ->required()
+        ->type_name(tr("TEXT"));
+    m_options->footer(tr(
+        "Keys, states and access keys stay, so that no sale can be booked again. It can be interrupted and run "
+        "again."));
+}
+
+int PruneCommand::run(const std::vector<std::string>& operands) {
+    tool::refuseExtras(operands);
+    Filter filter;
+    filter.state = State::Booked;
+    filter.until = momentOf(m_before);
+    filter.limit = BATCH;
+    Journal journal = openJournal();
+    if (!goesOn(tool::filled(
+            tr("Remove the documents received before %s from the journal? Only the files in %s are "
+               "left of them."),
+            m_before.c_str(), m_folder.c_str())))
+        return EXIT_FAILURE;
+    journal.recordAction(person(), "remoção de documentos",
+                         "anteriores a " + m_before + ", exportados em " + m_folder + ": " + m_reason);
+    std::size_t removed = 0;
+    std::size_t failed = 0;
+    {
+        Bar bar(journal.count(filter));
+        for (auto page = journal.list(filter); !page.empty(); page = journal.list(filter)) {
+            std::vector<std::int64_t> exported;
+            for (const Document& document : page) {
+                bar.advance();
+                if (!document.hasDocument) continue;
+                if (holds(pathIn(m_folder, AccessKey::parse(document.accessKey).value()),
+                          journal.signedDocument(document.id).value())) {
+                    exported.push_back(document.id);
+                    continue;
+                }
+                ++failed;
+                bar.wipe();
+                std::cerr << "fiscorad prune: "
+                          << tool::filled(tr("%s stays: %s does not hold it as it is in the journal"),
+                                          document.accessKey.c_str(), m_folder.c_str())
+                          << "\n";
+            }
+            journal.removeTexts(exported);
+            removed += exported.size();
+            std::this_thread::sleep_for(BREATH);
+            filter.before = page.back().id;
+        }
+        while (journal.shrink(PAGES)) std::this_thread::sleep_for(BREATH);
+    }
+    std::cout << tool::filled(tr("%zu document removed", "%zu documents removed", removed), removed) << "\n";
     return failed == 0 ? EXIT_SUCCESS : EXIT_FAILURE;
 }
 

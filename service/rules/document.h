@@ -64,6 +64,7 @@ struct Document {
     std::string answer;        ///< as the device sent it, without the document field; empty if there is none
     std::string accessKey;     ///< "CFe" and 44 digits; empty unless booked
     bool hasDocument = false;  ///< whether the signed document is in the journal
+    bool documentRemoved = false;  ///< it was, and its legal time is over
     Time receivedAt;
     std::optional<Time> concludedAt;  ///< when it reached a final state
 };
