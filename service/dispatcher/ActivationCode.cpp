@@ -7,6 +7,7 @@
 #include <array>
 #include <cerrno>
 #include <cstdio>
+#include <cstdlib>
 #include <cstring>
 #include <filesystem>
 
@@ -30,6 +31,13 @@ bool isCode(std::string_view text) {
                        [](unsigned char c) { return c >= ' ' && c != '|' && c != 0x7F; });
 }
 
+/// Whether systemd keeps the file for this service alone. Its mode may show what an access control list
+/// allows this user as if it were the group's.
+bool isCredential(const std::string& path) {
+    const char* const folder = std::getenv("CREDENTIALS_DIRECTORY");
+    return folder != nullptr && std::filesystem::path(path).parent_path() == folder;
+}
+
 bool same(const struct stat& left, const struct stat& right) {
     const auto key = [](const struct stat& file) {
         return std::array<long long, 7>{static_cast<long long>(file.st_dev),
@@ -51,7 +59,7 @@ std::string ActivationCode::read() {
     const tool::Descriptor file(open(m_path.c_str(), O_RDONLY | O_CLOEXEC | O_NONBLOCK));
     if (file.get() < 0 || fstat(file.get(), &m_seen) != 0) fail(m_path, tool::systemError(errno));
     if (!S_ISREG(m_seen.st_mode)) fail(m_path, tr("not a regular file"));
-    if ((m_seen.st_mode & (S_IRWXG | S_IRWXO)) != 0)
+    if ((m_seen.st_mode & (S_IRWXG | S_IRWXO)) != 0 && !isCredential(m_path))
         fail(m_path, tr("others may read the activation code; run: chmod 600 on it"));
     std::array<char, LONGEST + 3> bytes{};
     const ssize_t count = ::read(file.get(), bytes.data(), bytes.size());
