@@ -63,12 +63,13 @@ struct Booked {
 /// Two devices, of which one is plugged in or none, and the time that passes.
 class Devices : public Equipment {
   public:
-    explicit Devices(std::size_t memory = 32) {
+    Devices(std::size_t memory, sim::DeviceState state) {
         for (const char* serial : {"900004019", "900004020"}) {
             sim::DeviceSettings settings;
             settings.serialNumber = serial;
             settings.activationCode = CODE;
             settings.memory = memory;
+            settings.state = state;
             settings.booked = [this, serial](const sim::BookedDocument& document) {
                 ledger.push_back({serial, std::string(document.session), std::string(document.key),
                                   std::string(document.request)});
@@ -189,7 +190,8 @@ std::string cancellation(const std::string& key) {
 /// The service on one journal; it can be killed and started again.
 class Shop {
   public:
-    explicit Shop(std::size_t memory = 32) : devices(memory) {
+    explicit Shop(std::size_t memory = 32, sim::DeviceState state = sim::DeviceState::Active)
+        : devices(memory, state) {
         std::ofstream("code") << CODE << "\n";
         std::filesystem::permissions("code", std::filesystem::perms::owner_read);
         start();
@@ -224,6 +226,13 @@ class Shop {
             idle = pause >= 1s && waits ? idle + 1 : 0;
             devices.now += pause;
         }
+    }
+    OperationResult operate(const char* command, std::map<std::string, std::string> arguments = {}) {
+        std::optional<OperationResult> result;
+        m_dispatcher->operate({manipulaDados::findOperation(command), std::move(arguments)},
+                              [&](const OperationResult& done) { result = done; });
+        work(10s);
+        return result.value();
     }
     bool moves() { return m_dispatcher->moves(); }
     bool halted() { return m_dispatcher->device().condition == DeviceState::Condition::Divergent; }
@@ -356,7 +365,10 @@ TEST(Device, IsNotSoldOnWhileItShowsADocumentThatNobodyExplains) {
     shop.work();
     EXPECT_EQ(nameOf(shop.stateOf("waits")), "na-fila");
     EXPECT_TRUE(shop.halted());
+    EXPECT_EQ(shop.operate("ConsultarSAT").status, FISCORA_STATUS_OK);
+    EXPECT_TRUE(shop.halted());
     ASSERT_EQ(shop.journal().alarms().size(), 1U);
+    EXPECT_EQ("CFe" + shop.journal().alarms().front().shown, shop.devices.ledger.back().key);
     shop.journal().confirm(shop.journal().alarms().front().id, "Ana", "vendido pelo programa antigo");
     shop.work();
     EXPECT_EQ(nameOf(shop.stateOf("waits")), "emitida");
@@ -374,6 +386,24 @@ TEST(ActivationCode, StopsAllCallsWhenWrongUntilItsFileChanges) {
     EXPECT_GE(shop.devices.now - before, 60s);
     EXPECT_EQ(shop.devices.now.time_since_epoch() % 1s, before.time_since_epoch() % 1s) << "a call was made";
     EXPECT_EQ(nameOf(shop.stateOf("sale")), "na-fila");
+    EXPECT_EQ(shop.operate("ConsultarSAT").result, OperationResult::Result::CodeRefused);
+    const OperationResult reached = shop.operate("TrocarCodigoDeAtivacao", {{"opcao", "2"},
+                                                                            {"codigoDeAtivacao", "00000000"},
+                                                                            {"novoCodigo", "11112222"},
+                                                                            {"confNovoCodigo", "11112222"}});
+    EXPECT_EQ(reached.result, OperationResult::Result::Done) << "it brings the emergency code";
+}
+
+TEST(ActivationCode, IsSetThoughTheDeviceRefusesThePresentOne) {
+    Shop shop(32, sim::DeviceState::NotActivated);
+    shop.sell("sale");
+    shop.work(60s);
+    EXPECT_EQ(nameOf(shop.stateOf("sale")), "na-fila");
+    const OperationResult activated =
+        shop.operate("AtivarSAT", {{"subComando", "1"}, {"cnpj", "14200166000166"}, {"cUF", "35"}});
+    EXPECT_NE(activated.answer.find("|04000|"), std::string::npos) << activated.answer;
+    shop.work();
+    EXPECT_EQ(nameOf(shop.stateOf("sale")), "emitida");
 }
 
 // A day of tills, faults, crashes, unplugged and swapped devices, in an order that the seed decides.

@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <exception>
+#include <iterator>
 #include <limits>
 
 #include "fiscal/operations.h"
@@ -139,8 +140,9 @@ milliseconds Dispatcher::step() {
     }
     if (m_codeRefused) {
         become(Condition::CodeRefused);
-        failOperations(OperationResult::Result::CodeRefused);
-        return IDLE;
+        failOperations(OperationResult::Result::CodeRefused,
+                       [](const OperationRequest& r) { return !setsCode(r); });
+        if (!hasOperation()) return IDLE;
     }
     if (!findsConnection()) {
         become(Condition::Absent);
@@ -170,9 +172,13 @@ milliseconds Dispatcher::dispatch() {
     // While an attempt may still book, its device is only asked about it.
     if (const auto open = m_journal.open(); !open.empty()) {
         failOperations(OperationResult::Result::DocumentOpen);
-        return resolve(open);
+        return m_codeRefused ? IDLE : resolve(open);
     }
     m_open.reset();
+    if (m_codeRefused) {
+        operate();
+        return AT_ONCE;
+    }
 
     const auto document = m_journal.oldestQueued();
     if (hasOperation() && !(document && m_operatedLast)) {
@@ -183,7 +189,7 @@ milliseconds Dispatcher::dispatch() {
         become(Condition::Answering);
         return IDLE;
     }
-    if (!m_halted && !hasFreshReading()) {
+    if (!m_reading || (!m_halted && !hasFreshReading())) {
         read();
         return AT_ONCE;
     }
@@ -376,7 +382,7 @@ void Dispatcher::takeOver(const Document& document) {
 }
 
 milliseconds Dispatcher::judgeByReading(const Document& document, const std::vector<Document>& open) {
-    if (!m_halted && !read()) return AT_ONCE;
+    if ((!m_reading || !m_halted) && !read()) return AT_ONCE;
     const rules::Trial& trial = m_open->trial;
     if (m_reading->serial != trial.attempt.serial) {
         leaveToAPerson(document, "outro equipamento está no lugar: " + m_reading->serial);
@@ -537,9 +543,12 @@ void Dispatcher::alarm(const rules::DeviceRecord& record, Halts halts) {
     alarm.since = std::chrono::system_clock::now();
     alarm.halts = halts == Halts::Yes;
     if (!m_journal.raise(alarm)) return;
-    const std::string shown = alarm.shown.empty() ? tool::tr("no document") : "CFe" + alarm.shown;
-    m_settings.warn(tool::filled(tool::tr("device %s shows %s, which the journal does not explain"),
-                                 alarm.serial.c_str(), shown.c_str()));
+    m_settings.warn(
+        alarm.shown.empty()
+            ? tool::filled(tool::tr("device %s shows no document, which the journal does not explain"),
+                           alarm.serial.c_str())
+            : tool::filled(tool::tr("device %s shows CFe%s, which the journal does not explain"),
+                           alarm.serial.c_str(), alarm.shown.c_str()));
     m_changes.publishDevice();
 }
 
@@ -598,7 +607,9 @@ OperationResult Dispatcher::perform(const OperationRequest& request) {
     else
         unanswered();
     OperationResult result{OperationResult::Result::Done, reply.status, session, reply.body};
-    if (!changesCode || !own || !operation.succeededWith(rules::Fields(reply.body).code())) return result;
+    const bool succeeded = own && operation.succeededWith(rules::Fields(reply.body).code());
+    if (succeeded && setsCode(request)) m_codeRefused = false;
+    if (!succeeded || !changesCode) return result;
     try {
         m_code.commit();
         m_settings.codeChanged();
@@ -609,12 +620,16 @@ OperationResult Dispatcher::perform(const OperationRequest& request) {
     }
 }
 
-void Dispatcher::failOperations(OperationResult::Result result) {
+void Dispatcher::failOperations(OperationResult::Result result,
+                                const std::function<bool(const OperationRequest&)>& which) {
     std::unique_lock lock(m_mutex);
-    const auto operations = std::move(m_operations);
-    m_operations.clear();
+    const auto kept = std::stable_partition(m_operations.begin(), m_operations.end(),
+                                            [&](const auto& waiting) { return !which(waiting.first); });
+    const std::vector<std::pair<OperationRequest, Done>> failed(std::make_move_iterator(kept),
+                                                                std::make_move_iterator(m_operations.end()));
+    m_operations.erase(kept, m_operations.end());
     lock.unlock();
-    for (const auto& [request, done] : operations) done({result, 0, 0, ""});
+    for (const auto& [request, done] : failed) done({result, 0, 0, ""});
 }
 
 // ---- telling ----

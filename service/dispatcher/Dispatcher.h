@@ -106,7 +106,10 @@ class Dispatcher {
     bool hasOperation() const;
     void operate();
     OperationResult perform(const OperationRequest& request);
-    void failOperations(OperationResult::Result result);
+    /// Those of `which` alone.
+    void failOperations(
+        OperationResult::Result result, const std::function<bool(const OperationRequest&)>& which =
+                                            [](const OperationRequest&) { return true; });
 
     void publishForeignChanges();
     void become(DeviceState::Condition condition, const std::string& resolving = "");

@@ -54,12 +54,21 @@ struct OperationRequest {
     /// is there, and a number where the parameter is one.
     std::map<std::string, std::string> arguments;
 };
+/// The argument of TrocarCodigoDeAtivacao that holds the emergency code in place of the present one.
+constexpr char EMERGENCY_CODE[] = "codigoDeAtivacao";
+/// Whether the request needs it: opcao is 2.
+bool usesEmergencyCode(const OperationRequest& request);
+/// Whether the device takes a code by it although it refuses the present one: it is not activated yet, or the
+/// emergency code is at hand.
+bool setsCode(const OperationRequest& request);
+
 struct OperationResult {
     enum class Result {
         Done,
         DocumentOpen,  ///< a document without an outcome is being asked about
         NoDevice,      ///< or another program owns it
-        CodeRefused,   ///< the device has refused the activation code, and the code file has not changed
+        CodeRefused,   ///< the device has refused the activation code, and the code file has not changed;
+                       ///< not of a request that sets the code
         CodeNotKept,   ///< TrocarCodigoDeAtivacao: the new code cannot be written to the code file
         Stopping,
     };

@@ -58,13 +58,6 @@ const Operation& operationNamed(std::string_view name) {
     return *operation;
 }
 
-bool usesEmergencyCode(const OperationRequest& request) {
-    constexpr std::string_view BY_EMERGENCY_CODE = "2";
-    const auto option = request.arguments.find("opcao");
-    return request.operation->command == std::string_view(manipulaDados::CMD_TROCA_COD_ATIVACAO) &&
-           option != request.arguments.end() && option->second == BY_EMERGENCY_CODE;
-}
-
 OperationRequest operationRequestOf(const Operation& operation, const std::string& body) {
     OperationRequest request{&operation, {}};
     const json content = body.empty() ? json::object() : json::parse(body, nullptr, false);

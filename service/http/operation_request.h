@@ -14,11 +14,6 @@ namespace fiscorad::http {
 /// The operation of that name. Throws Rejection if there is none, or if it books a document.
 const manipulaDados::Operation& operationNamed(std::string_view name);
 
-/// The argument of TrocarCodigoDeAtivacao that holds the emergency code in place of the present one.
-constexpr char EMERGENCY_CODE[] = "codigoDeAtivacao";
-/// Whether the request needs it: opcao is 2.
-bool usesEmergencyCode(const OperationRequest& request);
-
 /// From {"argumentos": {...}} with the names of the operation's parameters; an empty body has no arguments.
 /// A number may be a JSON number or digits. Throws Rejection that names what is wrong.
 OperationRequest operationRequestOf(const manipulaDados::Operation& operation, const std::string& body);
