@@ -101,6 +101,8 @@ int run(int argc, char** argv) {
     try {
         application.parse(argc, argv);
         makeAbsolute("--journal", settings.journal);
+        // Whichever link leads to it: a journal has one lock, beside it.
+        settings.journal = std::filesystem::weakly_canonical(settings.journal).string();
         makeAbsolute("--activation-code-file", settings.activationCodeFile);
         if (!settings.certificate.empty()) {
             makeAbsolute("--certificate", settings.certificate);

@@ -124,11 +124,15 @@ TEST(AKey, BelongsToItsFirstDocumentAndTill) {
     }
     EXPECT_FALSE(journal.withdraw("key", Kind::Sale, till("caixa 2")).withdrawn) << "by another till";
     EXPECT_TRUE(journal.withdraw("key", Kind::Sale, till("caixa 1")).withdrawn);
-    EXPECT_TRUE(journal.withdraw("never came", Kind::Sale, {}).withdrawn);
-    const Receipt late = journal.submit(sale("never came"), 2);
-    EXPECT_EQ(late.result, Receipt::Result::Known);
-    EXPECT_EQ(nameOf(late.document.state), "retirada")
-        << "a delayed request of a withdrawn key must not be booked";
+    const Identity administrator{Role::Administrator, "Ana", "Ana"};
+    for (const Identity& who : {administrator, till("caixa 1")}) {
+        const std::string key = "never came to " + who.person;
+        EXPECT_TRUE(journal.withdraw(key, Kind::Sale, who).withdrawn);
+        const Receipt late = journal.submit({key, Kind::Sale, "caixa 1", "<a/>", ""}, 2);
+        EXPECT_EQ(late.result, Receipt::Result::Known);
+        EXPECT_EQ(nameOf(late.document.state), "retirada")
+            << "a delayed request of a withdrawn key must not be booked";
+    }
 }
 
 TEST(AJournal, ChangesADocumentOnlyFromTheStateThatTheChangeRestsOn) {
@@ -189,7 +193,9 @@ TEST(AJournal, IsRefusedIfItIsNotWhole) {
         {"from a newer version", [] { execute("PRAGMA user_version = 99"); }, "newer version"},
         {"cut off", [] { fs::resize_file(PATH, fs::file_size(PATH) - 16384); }, "malformed"},
         {"open without its attempt", [] { execute("UPDATE documents SET state = 2 WHERE key = 'queued'"); },
-         "damaged"},
+         "open documents without their attempts"},
+        {"without session numbers", [] { execute("DELETE FROM sessions"); }, "session number is missing"},
+        {"under two names", [] { fs::create_hard_link(PATH, "second"); }, "hard link"},
     };
     for (const auto& row : cases) {
         SCOPED_TRACE(row.fault);
@@ -254,7 +260,7 @@ TEST(ACheck, NamesTheRowThatBreaksARule) {
     } const cases[] = {
         {"", ""},
         {"UPDATE documents SET access_key = NULL WHERE key = 'booked'",
-         "state and access key differ: booked"},
+         "state and access key contradict each other: booked"},
         {"UPDATE documents SET state = 4 WHERE key = 'queued'", "history ends in another state: queued"},
         {"UPDATE documents SET concluded_at = NULL WHERE key = 'booked'",
          "final without its time, or the reverse: booked"},
@@ -263,15 +269,17 @@ TEST(ACheck, NamesTheRowThatBreaksARule) {
         {"DELETE FROM history WHERE state = 3", "sent while booked was open"},
         {"INSERT INTO attempts (document, session, serial, last_document, node, made_at) SELECT document, session, serial,"
          " last_document, node, made_at FROM attempts ORDER BY id DESC LIMIT 1",
-         "session numbers are used once"},
+         "was used twice"},
+        {"UPDATE sessions SET next = next - 150", "would be used again"},
         {"INSERT INTO attempts (document, session, serial, last_document, node, made_at) SELECT 3, 77, serial, '', '', 0"
          " FROM attempts UNION ALL SELECT 3, session, serial, '', '', 0 FROM attempts WHERE id = 1",
-         "session numbers are used once"},
+         "was used twice"},
         {"UPDATE texts SET request = (SELECT request FROM texts WHERE document = 2) WHERE document = 1",
-         "belongs to its attempt"},
-        {"UPDATE documents SET answer = '1|06000|12345678|' WHERE key = 'queued'", "no activation code"},
+         "booking without proof"},
+        {"UPDATE documents SET answer = '1|06000|12345678|' WHERE key = 'queued'",
+         "activation code found: table documents"},
         {"UPDATE documents SET has_document = 2 WHERE key = 'booked'", "half removed: booked"},
-        {"DELETE FROM texts WHERE document = 3", "without its request: queued"},
+        {"DELETE FROM texts WHERE document = 3", "the request is missing: queued"},
     };
     for (const auto& row : cases) {
         SCOPED_TRACE(row.statement);

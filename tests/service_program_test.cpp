@@ -61,8 +61,12 @@ TEST(Fiscorad, SaysInOneLineWhyItDoesNotStart) {
          1, HasSubstr("in use")},
         {"an owned journal", "start; fiscorad; status=$?; kill $pid; exit $status", 1,
          HasSubstr("another fiscorad")},
+        {"an owned journal under another name",
+         "start; ln -s j.db soft.db; " FISCORAD
+         " --journal soft.db --activation-code-file code; status=$?; kill $pid; exit $status",
+         1, HasSubstr("another fiscorad")},
         {"a journal in no folder", FISCORAD " --journal none/j.db --activation-code-file code", 1,
-         HasSubstr("No such file")},
+         HasSubstr("none/j.db: No such file")},
         {"a damaged journal", "head -c 9000 /dev/zero | tr '\\0' x >j.db; fiscorad", 1,
          HasSubstr("not a database")},
         {"a file name that is none", FISCORAD " --journal '' --activation-code-file code", 2,

@@ -18,7 +18,6 @@ using soci::into;
 using soci::session;
 using soci::use;
 
-constexpr int SESSION_NUMBERS = 999999;  ///< 1 to this
 constexpr int SESSION_BLOCK = 100;
 /// Of documents.has_document.
 constexpr int REMOVED = 2;
@@ -461,8 +460,9 @@ Journal::Withdrawal Journal::withdraw(std::string_view key, Kind kind, const Ide
     return m_store->write([&](session& sql) -> Withdrawal {
         auto known = byKey(sql, std::string(key));
         if (!known) {
-            const long long id =
-                insert(sql, {std::string(key), kind, who.till, "", ""}, "", State::Withdrawn);
+            // What an administrator withdraws may be any till's.
+            const auto till = who.role == Role::Administrator ? std::nullopt : who.till;
+            const long long id = insert(sql, {std::string(key), kind, till, "", ""}, "", State::Withdrawn);
             return {true, byId(sql, id).value()};
         }
         const bool theirs = who.role == Role::Administrator || isFor(*known, who.till);

@@ -113,6 +113,8 @@ struct Action {
     std::string subject;  ///< such as the document's key; may be empty
 };
 
+constexpr int SESSION_NUMBERS = 999999;  ///< 1 to this; then from 1 again
+
 /// What is on disk: documents, attempts, their history, devices, decisions, session numbers, tokens. Every
 /// change is one durable commit; it has happened when the method returns, and has not when it throws
 /// JournalError. A change that rests on a state happens only if the document is still in it. Safe for

@@ -51,30 +51,30 @@ Problems brokenRows(session& sql) {
     append(problems, inEachRow(sql,
                                "SELECT key FROM documents WHERE (state = 3) <> (access_key IS NOT NULL) OR"
                                " (has_document <> 0 AND access_key IS NULL)",
-                               tr("booked at most once: state and access key differ")));
+                               tr("state and access key contradict each other")));
     append(problems,
            inEachRow(sql,
                      "SELECT d.key FROM documents d JOIN history h ON h.document = d.id WHERE h.state = 3"
                      " GROUP BY d.id HAVING COUNT(*) > 1",
-                     tr("booked at most once: booked twice")));
+                     tr("booked twice")));
     append(problems,
            inEachRow(
                sql,
                "SELECT d.key FROM documents d WHERE d.state <> COALESCE((SELECT h.state FROM history h WHERE"
                " h.document = d.id ORDER BY h.id DESC LIMIT 1), -1)",
-               tr("told only what is on disk: history ends in another state")));
+               tr("the history ends in another state")));
     append(problems,
            inEachRow(sql,
                      "SELECT key FROM documents WHERE (state IN (3, 4, 5, 7)) <> (concluded_at IS NOT NULL)",
-                     tr("told only what is on disk: final without its time, or the reverse")));
+                     tr("final without its time, or the reverse")));
     append(problems, inEachRow(sql,
                                "SELECT d.key FROM documents d WHERE d.state IN (1, 2) AND NOT EXISTS"
                                " (SELECT 1 FROM attempts a WHERE a.document = d.id)",
-                               tr("on disk before the call: open without an attempt")));
+                               tr("open without an attempt")));
     append(problems, inEachRow(sql,
                                "SELECT d.key FROM documents d WHERE d.state <> 5 AND NOT EXISTS"
                                " (SELECT 1 FROM texts t WHERE t.document = d.id)",
-                               tr("nothing is lost: without its request")));
+                               tr("the request is missing")));
     append(
         problems,
         inEachRow(
@@ -82,14 +82,14 @@ Problems brokenRows(session& sql) {
             "SELECT d.key FROM documents d LEFT JOIN texts t ON t.document = d.id WHERE"
             " d.has_document <> CASE WHEN t.signed IS NOT NULL THEN 1"
             " WHEN t.signed_size IS NULL AND d.has_document = 2 AND LENGTH(t.request) = 64 THEN 2 ELSE 0 END",
-            tr("nothing is lost: without its signed document, or half removed")));
+            tr("the signed document is missing, or half removed")));
     append(
         problems,
         inEachRow(
             sql,
             "SELECT d.key FROM attempts a JOIN documents d ON d.id = a.document WHERE NOT EXISTS"
             " (SELECT 1 FROM history h WHERE h.document = a.document AND h.attempt = a.id AND h.state = 1)",
-            tr("on disk before the call: an attempt without its beginning")));
+            tr("an attempt without its beginning")));
     return problems;
 }
 
@@ -126,12 +126,11 @@ class DeviceAttempts {
     Problems add(const AttemptRow& attempt) {
         Problems problems;
         if (m_count > 0 && (m_last.ended == 0 || m_last.ended > attempt.begun))
-            problems.push_back(
-                filled(tr("only questions while an attempt is open: %s was sent while %s was open"),
-                       attempt.key.c_str(), m_last.key.c_str()));
+            problems.push_back(filled(tr("two attempts at once: %s was sent while %s was open"),
+                                      attempt.key.c_str(), m_last.key.c_str()));
         const auto before = m_sessions.find(attempt.session);
         if (before != m_sessions.end() && isTooSoon(before->second, attempt))
-            problems.push_back(filled(tr("session numbers are used once: %06d: %s and another before it"),
+            problems.push_back(filled(tr("session number %06d was used twice: %s and another before it"),
                                       attempt.session, attempt.key.c_str()));
         m_sessions[attempt.session] = {m_count++, attempt.madeAt};
         m_last = attempt;
@@ -165,6 +164,19 @@ Problems brokenOrder(session& sql) {
     return problems;
 }
 
+/// Whether the numbers that come next lead back to the last attempt's, as if an old copy had been put in
+/// place by hand.
+Problems sessionsAhead(session& sql) {
+    // What a copy may be behind; what `restore` leaves is ten times as far away.
+    constexpr int BEHIND = 10000;
+    int last = 0, next = 0;
+    sql << "SELECT a.session, s.next FROM attempts a, sessions s ORDER BY a.id DESC LIMIT 1", into(last),
+        into(next);
+    const int ahead = (last - 1 - next + SESSION_NUMBERS) % SESSION_NUMBERS;
+    if (!sql.got_data() || ahead >= BEHIND) return {};
+    return {filled(tr("session number %06d would be used again: the next one is %06d"), last, next + 1)};
+}
+
 /// Whether each booked document is proved to belong to its attempt.
 Problems brokenProofs(session& sql, Journal& journal) {
     long long id = 0;
@@ -175,8 +187,7 @@ Problems brokenProofs(session& sql, Journal& journal) {
     Problems problems;
     while (rows.fetch()) {
         const auto fail = [&](const std::string& why) {
-            problems.push_back(
-                filled(tr("an answer belongs to its attempt: %s: %s"), why.c_str(), key.c_str()));
+            problems.push_back(filled(tr("booking without proof: %s: %s"), why.c_str(), key.c_str()));
         };
         const Document document = journal.find(id).value();
         const auto accessKey = AccessKey::parse(document.accessKey);
@@ -234,7 +245,7 @@ Problems leakedCode(session& sql, const std::string& code) {
         rows.execute();
         while (rows.fetch())
             if (holdsWord(text, code))
-                problems.push_back(filled(tr("no activation code on disk: table %s, row %lld, column %s"),
+                problems.push_back(filled(tr("activation code found: table %s, row %lld, column %s"),
                                           table.c_str(), row, column.c_str()));
     }
     return problems;
@@ -251,6 +262,7 @@ std::vector<std::string> problemsIn(const std::string& path, const std::string& 
         if (!problems.empty()) return problems;
         append(problems, brokenRows(sql));
         append(problems, brokenOrder(sql));
+        append(problems, sessionsAhead(sql));
         append(problems, brokenProofs(sql, journal));
         append(problems, leakedCode(sql, code));
         return problems;

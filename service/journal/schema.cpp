@@ -90,6 +90,10 @@ void makePrivate(const std::string& path, Journal::IfMissing ifMissing) {
     // other connections of this process.
     struct stat present {};
     const bool exists = stat(path.c_str(), &present) == 0;
+    // SQLite keeps what is not yet in the file beside it, under the name by which it was opened.
+    if (exists && S_ISREG(present.st_mode) && present.st_nlink > 1)
+        throw JournalError(path + ": " +
+                           tool::tr("the file has a second name (a hard link); remove one of them"));
     if (exists && S_ISREG(present.st_mode) && isPrivate(present)) return;
 
     const int create = ifMissing == Journal::IfMissing::Create ? O_CREAT : 0;
@@ -145,8 +149,10 @@ void prepareSchema(soci::session& sql, const std::string& path, Journal::IfMissi
         soci::into(broken);
     int sessions = 0;
     sql << "SELECT COUNT(*) FROM sessions", soci::into(sessions);
-    if (broken > 0 || sessions != 1)
+    if (broken > 0)
         throw JournalError(path + ": " + tool::tr("damaged: open documents without their attempts"));
+    if (sessions != 1)
+        throw JournalError(path + ": " + tool::tr("damaged: the next session number is missing"));
 }
 
 }  // namespace fiscorad
