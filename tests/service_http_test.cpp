@@ -36,6 +36,7 @@ namespace {
 
 using namespace fiscorad;
 using namespace std::chrono_literals;
+using namespace std::string_literals;
 using nlohmann::json;
 using std::string;
 
@@ -256,6 +257,11 @@ TEST_F(Http, RefusesWhatItCannotUnderstandAndSaysWhy) {
         {"HalfQuoted", "POST", "/v1/vendas", keyHeaders("\"k"), document, 400, "chave-invalida", ""},
         {"TwoKeys", "POST", "/v1/vendas", keyHeaders("a") + keyHeaders("b"), document, 400, "chave-invalida",
          ""},
+        {"KeyCutAtNul", "POST", "/v1/vendas", keyHeaders("k\0x"s), document, 400, "requisicao-invalida",
+         "NUL"},
+        {"KeyWithNulAtItsEnd", "POST", "/v1/vendas", keyHeaders("k\0"s), document, 400, "requisicao-invalida",
+         "NUL"},
+        {"TargetCutAtNul", "GET", "/v1/vendas/k\0x"s, "", "", 400, "requisicao-invalida", "NUL"},
         {"OtherType", "POST", "/v1/vendas", "Idempotency-Key: k\r\nContent-Type: text/plain\r\n", document,
          415, "tipo-nao-suportado", ""},
         {"Empty", "POST", "/v1/vendas", keyHeaders("k"), "", 400, "corpo-invalido", "vazio"},
@@ -301,6 +307,8 @@ TEST_F(Http, RefusesWhatItCannotUnderstandAndSaysWhy) {
          400, "argumento-invalido", "codigoDeAtivacao"},
         {"NoFunction", "POST", "/hub/v1/vender", FORM, "numero_caixa=1", 404, "nao-encontrado", "vender"},
         {"NoTill", "POST", "/hub/v1/consultarsat", FORM, "", 400, "argumento-invalido", "numero_caixa"},
+        {"TillOf65", "POST", "/hub/v1/consultarsat", FORM, "numero_caixa=" + string(65, '1'), 400,
+         "argumento-invalido", "64"},
         {"NoField", "POST", "/hub/v1/enviardadosvenda", FORM, "numero_caixa=1", 400, "argumento-invalido",
          "dados_venda"},
         {"NoForm", "POST", "/hub/v1/consultarsat", xml, "numero_caixa=1", 415, "tipo-nao-suportado", ""},
@@ -310,9 +318,10 @@ TEST_F(Http, RefusesWhatItCannotUnderstandAndSaysWhy) {
     Till till(server->port());  // one connection for all: none may spoil it for the next
     for (const Case& c : cases) {
         SCOPED_TRACE(c.name);
-        const bool announced = c.headers.find("Expect") != string::npos;
-        const Reply reply = announced ? ask(c.method, c.target, c.headers, c.body)
-                                      : till.ask(c.method, c.target, c.headers, c.body);
+        const bool closes =
+            c.headers.find("Expect") != string::npos || (c.target + c.headers).find('\0') != string::npos;
+        const Reply reply = closes ? ask(c.method, c.target, c.headers, c.body)
+                                   : till.ask(c.method, c.target, c.headers, c.body);
         EXPECT_EQ(reply.status, c.status);
         EXPECT_NE(reply.head.find("Content-Type: application/problem+json"), string::npos);
         EXPECT_EQ(reply.type(), string("/problemas/") + c.type);
@@ -360,6 +369,8 @@ TEST_F(Http, DecidesOnlyWithAReasonAndAKeyThatNoOtherHas) {
               "abandonada");
     EXPECT_EQ(m_journal.history(m_journal.find("perdida")->id).back().person, "sem token");
     EXPECT_EQ(ask("GET", "/v1/resumo").content().value("emitidas", 0), 1);
+    EXPECT_NE(ask("GET", "/v1/vendas/vendida/documento").body.find("SEFAZ"), string::npos)
+        << "the document is booked, though its XML is not here";
 }
 
 TEST_F(Http, BooksOnceAndTellsTheSameEverAfter) {
@@ -555,6 +566,7 @@ struct Nuisance {
     string bytes;
     int status;  ///< 0: closed without a response
 };
+void PrintTo(const Nuisance& nuisance, std::ostream* out) { *out << nuisance.name; }
 class NuisanceOf : public Http, public testing::WithParamInterface<Nuisance> {};
 
 TEST_P(NuisanceOf, IsAnsweredOrClosedAndHurtsNobody) {

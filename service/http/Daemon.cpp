@@ -93,10 +93,10 @@ struct Daemon::Callbacks {
     }
 
     static MHD_Result step(void* /*self*/, MHD_Connection* /*connection*/, const char* /*url*/,
-                           const char* method, const char* /*version*/, const char* bytes, std::size_t* size,
+                           const char* method, const char* version, const char* bytes, std::size_t* size,
                            void** context) noexcept {
         const std::shared_ptr<Exchange> exchange = exchangeIn(*context);
-        if (!exchange->hasHead()) return exchange->takeHead(method);
+        if (!exchange->hasHead()) return exchange->takeHead(method, version);
         if (*size == 0) return exchange->proceed();
         return exchange->takeBody(bytes, std::exchange(*size, 0));
     }

@@ -8,7 +8,9 @@
 #include <algorithm>
 #include <array>
 #include <cctype>
+#include <cstddef>
 #include <cstdlib>
+#include <cstring>
 #include <iterator>
 #include <memory>
 #include <string_view>
@@ -28,13 +30,43 @@ constexpr std::size_t LARGE_BODIES_BYTES = std::size_t{48} * 1024 * 1024;
 
 constexpr std::size_t EVENT_BLOCK_BYTES = std::size_t{8} * 1024;
 
-MHD_Result takeHeader(void* headers, MHD_ValueKind /*kind*/, const char* name, std::size_t nameSize,
+/// The head of a request in the HTTP library's memory, from its first byte to its last.
+struct Head {
+    decltype(Request::headers) headers;
+    const char* end;      ///< of the piece taken last
+    bool isWhole = true;  ///< whether nothing but line ends lies between the pieces
+};
+
+/// Up to here, the HTTP library ends each piece of a head at its first NUL: two keys would become one.
+constexpr bool CUTS_AT_NUL = MHD_VERSION < 0x01000000;
+
+void skipLineEnds(Head& head, const char* next, std::ptrdiff_t lines) {
+    constexpr std::ptrdiff_t LINE_END = 2;
+    if (CUTS_AT_NUL && next - head.end > lines * LINE_END) head.isWhole = false;
+}
+
+MHD_Result takeHeader(void* context, MHD_ValueKind /*kind*/, const char* name, std::size_t nameSize,
                       const char* value, std::size_t valueSize) noexcept {
+    Head& head = *static_cast<Head*>(context);
+    skipLineEnds(head, name, 1);
+    if (value == nullptr) value = name + nameSize;
+    head.end = value + valueSize;
     std::string key(name, nameSize);
     for (char& c : key) c = static_cast<char>(std::tolower(static_cast<unsigned char>(c)));
-    static_cast<decltype(Request::headers)*>(headers)->emplace(std::move(key),
-                                                               std::string(value, value ? valueSize : 0));
+    head.headers.emplace(std::move(key), std::string(value, valueSize));
     return MHD_YES;
+}
+
+/// The connection's head, which begins with `method`.
+Head headOf(MHD_Connection* connection, const char* method, const std::string& target, const char* version) {
+    Head head{{}, version + std::strlen(version)};
+    const auto requestLine = static_cast<std::ptrdiff_t>(std::strlen(method) + target.size() + 2);
+    if (CUTS_AT_NUL && version - method != requestLine) head.isWhole = false;
+    MHD_get_connection_values_n(connection, MHD_HEADER_KIND, takeHeader, &head);
+    const auto size =
+        MHD_get_connection_info(connection, MHD_CONNECTION_INFO_REQUEST_HEADER_SIZE)->header_size;
+    skipLineEnds(head, method + size, 2);
+    return head;
 }
 
 bool hasHeader(const Response& response, std::string_view name) {
@@ -85,24 +117,29 @@ Exchange::Exchange(Daemon& daemon, MHD_Connection* connection, std::string targe
     m_request.peer = addressOf(connection);
 }
 
-MHD_Result Exchange::takeHead(const char* method) {
+MHD_Result Exchange::takeHead(const char* method, const char* version) {
     m_hasHead = true;
     m_request.method = method;
-    MHD_get_connection_values_n(m_connection, MHD_HEADER_KIND, takeHeader, &m_request.headers);
-    if (!hasOneLength(m_request)) {
-        Response refusal =
-            problemResponse(problems::MALFORMED, "O tamanho do corpo não está claro (RFC 9112, 6.3).");
-        refusal.headers.emplace_back("Connection", "close");
-        return answerNow(std::move(refusal));
-    }
+    Head head = headOf(m_connection, method, m_request.target, version);
+    m_request.headers = std::move(head.headers);
+    if (!head.isWhole)
+        return hangUp("O cabeçalho da requisição tem um byte NUL ou uma linha partida (RFC 9112, 5).");
+    if (!hasOneLength(m_request)) return hangUp("O tamanho do corpo não está claro (RFC 9112, 6.3).");
     const auto length = m_request.headers.find("content-length");
     const bool known = length != m_request.headers.end();
     // Whoever asks before sending is told now; the others only when they have sent it, or they would not
     // read the answer.
     if (known && m_request.headers.count("expect") != 0 &&
         std::strtoull(length->second.c_str(), nullptr, 10) > m_daemon.m_settings.maxBodyBytes())
-        return answerNow(tooLarge(m_daemon.m_settings.maxBodyBytes()).response());
+        return answerNow(bodyTooLarge(m_daemon.m_settings.maxBodyBytes()).response());
     return MHD_YES;
+}
+
+/// Refuses a request of which it is not clear where it ends, and the next one begins.
+MHD_Result Exchange::hangUp(const char* detail) {
+    Response refusal = problemResponse(problems::MALFORMED, detail);
+    refusal.headers.emplace_back("Connection", "close");
+    return answerNow(std::move(refusal));
 }
 
 /// Before the body has come.
@@ -118,7 +155,7 @@ MHD_Result Exchange::takeBody(const char* bytes, std::size_t size) {
     if (m_received > 2 * most) return MHD_NO;
     if (m_refusal) return MHD_YES;
     if (m_received > most) {
-        refuse(tooLarge(most).response());
+        refuse(bodyTooLarge(most).response());
         return MHD_YES;
     }
     if (m_received > SMALL_BODY_BYTES) {

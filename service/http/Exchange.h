@@ -23,7 +23,7 @@ class Exchange : public std::enable_shared_from_this<Exchange> {
     // On the network's thread, called by the HTTP library:
 
     /// The head has arrived.
-    MHD_Result takeHead(const char* method);
+    MHD_Result takeHead(const char* method, const char* version);
     /// A piece of the body has arrived. MHD_NO closes the connection.
     MHD_Result takeBody(const char* bytes, std::size_t size);
     /// The request is complete, or its response is there.
@@ -37,6 +37,7 @@ class Exchange : public std::enable_shared_from_this<Exchange> {
     void respond(Response response);
 
   private:
+    MHD_Result hangUp(const char* detail);
     MHD_Result answerNow(Response response);
     void refuse(Response response);
     void handle();

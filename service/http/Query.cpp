@@ -51,4 +51,8 @@ Rejection tooLarge(std::size_t maxBytes) {
     return {problems::TOO_LARGE, "O documento pode ter até " + std::to_string(maxBytes) + " bytes."};
 }
 
+Rejection bodyTooLarge(std::size_t maxBytes) {
+    return {problems::TOO_LARGE, "O corpo da requisição passa de " + std::to_string(maxBytes) + " bytes."};
+}
+
 }  // namespace fiscorad::http

@@ -35,5 +35,7 @@ std::string_view trimmed(std::string_view text);
 
 /// For a document of more than `maxBytes`.
 Rejection tooLarge(std::size_t maxBytes);
+/// For a body of more than `maxBytes`, whatever it holds.
+Rejection bodyTooLarge(std::size_t maxBytes);
 
 }  // namespace fiscorad::http

@@ -102,7 +102,10 @@ void withdraw(Context& context, Call& call) {
     const auto withdrawal = context.service.withdraw(call.name, call.kind, call.who);
     if (!maySee(call, withdrawal.document)) throw notFound(call.name);
     if (!withdrawal.withdrawn)
-        return call.respond(problemResponse(problems::ALREADY_SENT, "Só se retira um documento na fila.",
+        return call.respond(problemResponse(problems::ALREADY_SENT,
+                                            withdrawal.document.kind == call.kind
+                                                ? "Só se retira um documento na fila."
+                                                : "A chave é de um documento de outro tipo.",
                                             representationOf(withdrawal.document)));
     if (call.who.role == Role::Administrator && call.who.till)
         context.service.recordAction(call.who.person, "retirada", call.name);
@@ -132,6 +135,9 @@ void sendSignedDocument(Context& context, Call& call) {
                         "O prazo legal de " + document.accessKey +
                             " passou, e o XML foi removido do registro; ele está nos arquivos "
                             "exportados.");
+    if (document.state == State::Booked && !document.hasDocument)
+        throw Rejection(problems::NOT_FOUND, "Uma pessoa confirmou a emissão de " + document.accessKey +
+                                                 "; o XML não está no registro. Busque-o na SEFAZ.");
     auto xml = context.service.signedDocument(document.id);
     if (!xml) throw Rejection(problems::NOT_FOUND, "O documento ainda não foi emitido.");
     Response response;

@@ -20,6 +20,8 @@ namespace {
 
 namespace fiscal = manipulaDados;
 
+constexpr std::size_t TILL_BYTES = 64;
+
 /// A field of the form, and the parameter of the operation that it fills.
 struct Field {
     const char* name = nullptr;
@@ -100,7 +102,9 @@ std::variant<Submission, OperationRequest> formRequestOf(std::string_view name, 
     if (!form) throw Rejection(problems::BODY, "Há um \"%\" sem dois dígitos hexadecimais.");
 
     const std::string till = take(*form, "numero_caixa");
-    if (till.empty()) throw Rejection(problems::ARGUMENT, "O campo numero_caixa está vazio.");
+    if (till.empty() || till.size() > TILL_BYTES)
+        throw Rejection(problems::ARGUMENT,
+                        "O campo numero_caixa deve ter de 1 a " + std::to_string(TILL_BYTES) + " bytes.");
     OperationRequest operation{fiscal::findOperation(function.operation), {}};
     for (const Field& field : function.fields)
         if (field.name != nullptr) operation.arguments[field.parameter] = take(*form, field.name);

@@ -18,10 +18,11 @@ using nlohmann::json;
 constexpr std::size_t CODE_FIELD = 1;
 
 std::string alarmText(const Alarm& alarm) {
-    const auto named = [](const std::string& document) { return document.empty() ? "nenhum" : document; };
-    std::string text = "Desde " + timeText(alarm.since) + ", o equipamento " + alarm.serial +
-                       " mostra como último documento " + named(alarm.shown) +
-                       "; o último que o registro explica é " + named(alarm.explained) + ".";
+    std::string text = "Desde " + timeText(alarm.since) + ", o equipamento " + alarm.serial;
+    text += alarm.shown.empty() ? " não mostra nenhum documento; "
+                                : " mostra como último documento " + alarm.shown + "; ";
+    text += alarm.explained.empty() ? "o registro não explica nenhum."
+                                    : "o último que o registro explica é " + alarm.explained + ".";
     if (alarm.halts) text += " Nada é enviado a ele até que uma pessoa confirme.";
     return tool::toUtf8(text);
 }
