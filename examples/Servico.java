@@ -4,12 +4,11 @@ import java.net.URI;
 import java.net.http.HttpClient;
 import java.net.http.HttpRequest;
 import java.net.http.HttpResponse;
-import java.nio.file.Files;
-import java.nio.file.Path;
+import java.nio.file.*;
 import java.time.Duration;
 import java.util.UUID;
 public class Servico {
-    static final Path KEY = Path.of("chave.txt"); // of the sale in hand: on disk before the first attempt
+    static final Path KEY = Path.of("chave.txt"); // of the sale in hand
 
     /** The answer; asks again as long as there is none or it is no outcome. */
     static HttpResponse<byte[]> ask(HttpRequest.Builder request) throws InterruptedException {
@@ -25,7 +24,8 @@ public class Servico {
         }
     }
     public static void main(String[] arguments) throws IOException, InterruptedException {
-        if (Files.notExists(KEY)) Files.writeString(KEY, "caixa1-" + UUID.randomUUID());
+        if (Files.notExists(KEY) || Files.size(KEY) == 0) // on disk before the first attempt
+            Files.writeString(KEY, "caixa1-" + UUID.randomUUID(), StandardOpenOption.CREATE, StandardOpenOption.DSYNC);
         String key = Files.readString(KEY), sales = arguments[0] + "/v1/vendas";
         var answer = ask(HttpRequest.newBuilder(URI.create(sales)).header("Idempotency-Key", key)
                 .header("Content-Type", "application/xml").POST(HttpRequest.BodyPublishers.ofFile(Path.of("venda.xml"))));

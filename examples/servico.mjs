@@ -1,10 +1,10 @@
 // Makes a sale through fiscorad: the same key goes out until the outcome is known, and the next run goes on with it.
 import { randomUUID } from 'node:crypto';
-import { existsSync, readFileSync, unlinkSync, writeFileSync } from 'node:fs';
+import { fstatSync, fsyncSync, openSync, readFileSync, unlinkSync, writeFileSync, writeSync } from 'node:fs';
 import { setTimeout as pause } from 'node:timers/promises';
 
 const SERVICE = process.argv[2]; // its address
-const KEY = 'chave.txt'; // of the sale in hand: on disk before the first attempt
+const KEY = 'chave.txt'; // of the sale in hand
 
 /** Status and body of the answer; asks again as long as there is none or it is no outcome. */
 async function ask(path, options) {
@@ -23,7 +23,9 @@ async function ask(path, options) {
     }
 }
 
-if (!existsSync(KEY)) writeFileSync(KEY, `caixa1-${randomUUID()}`);
+const file = openSync(KEY, 'a');
+if (fstatSync(file).size === 0) writeSync(file, `caixa1-${randomUUID()}`);
+fsyncSync(file); // before the first attempt
 const headers = { 'Idempotency-Key': readFileSync(KEY, 'utf8'), 'Content-Type': 'application/xml' };
 const { ok, body } = await ask('/v1/vendas', { method: 'POST', headers, body: readFileSync('venda.xml') });
 const outcome = JSON.parse(body);

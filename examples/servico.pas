@@ -1,10 +1,8 @@
 { Makes a sale through fiscorad: the same key goes out until the outcome is known, and the next run goes on with it. }
 program Servico;
 {$mode objfpc}{$H+}
-uses Classes, SysUtils, fphttpclient, fpjson, jsonparser;
-var
-  Client: TFPHTTPClient;
-  Key: TStringStream; Outcome: TJSONObject;
+uses {$ifdef unix} cwstring, {$endif} Classes, SysUtils, fphttpclient, fpjson, jsonparser;
+var Client: TFPHTTPClient; Key: TStringStream; Outcome: TJSONObject;
 
 { The body of the answer; asks again as long as there is none (status 0 or an exception) or it is no outcome. }
 function Ask(const Method, URL: AnsiString): TStringStream;
@@ -18,15 +16,17 @@ begin
     except
       on Problem: Exception do Result.WriteString(Problem.Message);
     end;
-    WriteLn('Ainda sem desfecho: ', Result.DataString);
-    Sleep(2000);
+    WriteLn('Ainda sem desfecho: ', Result.DataString); Sleep(2000);
   until False;
 end;
 begin
-  Client := TFPHTTPClient.Create(nil);
-  Client.IOTimeout := 90000; { ms }
-  Key := TStringStream.Create('caixa1-' + TGUID.NewGuid.ToString(True)); { on disk before the first attempt }
-  if FileExists('chave.txt') then Key.LoadFromFile('chave.txt') else Key.SaveToFile('chave.txt');
+  Client := TFPHTTPClient.Create(nil); Client.IOTimeout := 90000; { ms }
+  Key := TStringStream.Create('');
+  if FileExists('chave.txt') then Key.LoadFromFile('chave.txt');
+  if Key.Size = 0 then begin { on disk before the first attempt }
+    Key.WriteString('caixa1-' + TGUID.NewGuid.ToString(True));
+    with TFileStream.Create('chave.txt', fmCreate) do begin CopyFrom(Key, 0); FileFlush(Handle); Free; end;
+  end;
   Client.RequestBody := TFileStream.Create('venda.xml', fmOpenRead);
   Client.AddHeader('Idempotency-Key', Key.DataString);
   Client.AddHeader('Content-Type', 'application/xml');

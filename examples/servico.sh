@@ -18,6 +18,7 @@ ask() {
 
 # The key of the sale in hand: on disk before the first attempt.
 [ -s chave.txt ] || echo "caixa1-$(cat /proc/sys/kernel/random/uuid)" >chave.txt || exit 1
+sync chave.txt
 key=$(cat chave.txt)
 status=$(ask resposta.json --header "Idempotency-Key: $key" --header 'Content-Type: application/xml' \
     --data-binary @venda.xml "$service/v1/vendas")
