@@ -358,7 +358,15 @@ TEST(ABackup, TakesThePlaceOfTheJournalOnlyWhileNobodyServes) {
         const OwnerLock serving(PATH);
         EXPECT_THROW(restore("copy.db", PATH), JournalError);
     }
+    if (geteuid() == 0) {
+        ASSERT_EQ(chown(PATH, 1, 1), 0);
+    }
     EXPECT_TRUE(Journal(restore("copy.db", PATH)).find("later")) << "the journal of before must not be lost";
+    for (const char* path : {PATH, "journal.db.lock"}) {
+        struct stat file {};
+        ASSERT_EQ(stat(path, &file), 0);
+        EXPECT_EQ(file.st_uid, geteuid() == 0 ? 1U : geteuid()) << path << ": the service could not open it";
+    }
     EXPECT_FALSE(Journal(PATH).find("later"));
     std::ofstream("copy.db", std::ios::trunc) << "x";
     EXPECT_THROW(restore("copy.db", PATH), JournalError);

@@ -75,7 +75,11 @@ TEST(Fiscorad, SaysInOneLineWhyItDoesNotStart) {
          "start; kill $pid; wait $pid; printf '\\0\\0\\0\\11' | dd of=j.db bs=1 seek=60 conv=notrunc status=none; fiscorad",
          1, HasSubstr("from a newer version")},
         {"a network without TLS", "fiscorad --listen 0.0.0.0:0", 1, HasSubstr("need TLS")},
-        {"a certificate without its key", "fiscorad --certificate c.pem", 2, HasSubstr("--key")},
+        {"a certificate without its key", "fiscorad --certificate c.pem", 2,
+         HasSubstr("--certificate needs --key")},
+        {"a certificate beside plain HTTP, in Portuguese",
+         "LC_ALL=pt_BR.UTF-8 fiscorad --certificate c.pem --key k.pem --plain-http", 2,
+         HasSubstr("usados juntos")},
         {"a certificate that is none", "fiscorad --certificate code --key code", 1,
          HasSubstr("code: no certificate")},
         {"a key that others can read",
@@ -155,7 +159,8 @@ TEST(Fiscorad, SellsAndLetsPeopleLookAfterItsJournalWhileItRuns) {
         "--ledger ledger --fault restart=1@4",
         "start; sell zero; wait=1; sell one; until grep -q incerta log; do sleep 0.1; done; finish; cat log\n"
         "fiscorad check; fiscorad backup b.db; stat -c %a j.db b.db\n"
-        "fiscorad export --dir out; fiscorad export --dir out; find out -name 'CFe*.xml' | wc -l\n"
+        "fiscorad export --dir out; touch out/CFe$(printf %044d 1).xml.999999999.part\n"
+        "fiscorad export --dir out; find out -type f ! -perm /077 | wc -l\n"
         "year=$(ls out); rm -r out; mkdir out; : >out/$year; fiscorad export --dir out || echo failed\n"
         "fiscorad decide one --abandon --reason x </dev/null; wc -l <ledger\n"
         "fiscorad restore b.db </dev/null; fiscorad check\n");

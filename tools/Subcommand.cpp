@@ -54,6 +54,11 @@ std::string nameOf(const CLI::Option& option) {
     return option.get_option_text().empty() ? option.get_name() : option.get_option_text();
 }
 
+/// The two options that CLI11 says something about, such as "--key requires --certificate".
+std::pair<std::string, std::string> twoOptionsIn(const std::string& text) {
+    return {text.substr(0, text.find(' ')), text.substr(text.rfind(' ') + 1)};
+}
+
 /// The name in the configuration file that CLI11 complains about.
 std::string nameIn(const CLI::ConfigError& error) {
     constexpr std::string_view UNKNOWN = "INI was not able to parse ";
@@ -75,17 +80,32 @@ Subcommand::Subcommand(CLI::App& application, const std::string& name, const std
     m_options->set_help_flag("-h,--help", tr("Show this help"));
 }
 
+HelpFormatter::HelpFormatter(std::string usage) : m_usage(std::move(usage)) {
+    label("REQUIRED", tr("(required)"));
+    label("Needs", tr("Needs"));
+    label("Excludes", tr("Excludes"));
+}
+
+std::string HelpFormatter::make_description(const CLI::App* app) const {
+    std::string text;
+    for (const auto& line : linesOf(app->get_description(), TERMINAL_COLUMNS)) text += line + "\n";
+    return text;
+}
+
 std::string HelpFormatter::make_usage(const CLI::App* /*app*/, std::string /*name*/) const {
     return filled(tr("Usage: %s"), m_usage.c_str()) + "\n";
 }
 
 std::string HelpFormatter::make_group(std::string /*group*/, bool isPositional,
                                       std::vector<const CLI::Option*> options) const {
-    return Formatter::make_group(tr("Options"), isPositional, std::move(options));
+    return Formatter::make_group(isPositional ? tr("Arguments") : tr("Options"), isPositional,
+                                 std::move(options));
 }
 
 std::string HelpFormatter::make_option(const CLI::Option* option, bool isPositional) const {
-    return entry(make_option_name(option, isPositional) + make_option_opts(option), make_option_desc(option));
+    const std::string name =
+        isPositional ? nameOf(*option) : make_option_name(option, false) + make_option_opts(option);
+    return entry(name, make_option_desc(option));
 }
 
 std::string HelpFormatter::make_subcommand(const CLI::App* subcommand) const {
@@ -135,6 +155,11 @@ std::string reasonOf(const CLI::ParseError& error, const CLI::App& application, 
                       application.get_config_ptr()->as<std::string>().c_str());
     if (const auto* const name = dynamic_cast<const CLI::ConfigError*>(&error); name != nullptr)
         return filled(tr("unknown name in the configuration file: %s"), nameIn(*name).c_str());
+    const auto [first, second] = twoOptionsIn(error.what());
+    if (dynamic_cast<const CLI::RequiresError*>(&error) != nullptr)
+        return filled(tr("%s needs %s"), first.c_str(), second.c_str());
+    if (dynamic_cast<const CLI::ExcludesError*>(&error) != nullptr)
+        return filled(tr("%s and %s do not go together"), first.c_str(), second.c_str());
     if (option == nullptr) return error.what();
     const std::string name = nameOf(*option);
     if (dynamic_cast<const CLI::RequiredError*>(&error) != nullptr)

@@ -36,9 +36,10 @@ class Subcommand {
 class HelpFormatter : public CLI::Formatter {
   public:
     /// `usage` is the form of the command line.
-    explicit HelpFormatter(std::string usage) : m_usage(std::move(usage)) {}
+    explicit HelpFormatter(std::string usage);
 
     std::string make_usage(const CLI::App* app, std::string name) const override;
+    std::string make_description(const CLI::App* app) const override;
     std::string make_group(std::string group, bool isPositional,
                            std::vector<const CLI::Option*> options) const override;
     std::string make_option(const CLI::Option* option, bool isPositional) const override;

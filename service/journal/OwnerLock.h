@@ -13,6 +13,9 @@ class OwnerLock {
     /// Throws JournalError if another process has it, or if the file cannot be made.
     explicit OwnerLock(const std::string& journal);
 
+    /// The file of that lock.
+    static std::string pathFor(const std::string& journal) { return journal + ".lock"; }
+
   private:
     tool::Descriptor m_file;
 };

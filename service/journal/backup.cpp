@@ -43,6 +43,14 @@ void nameAlso(const std::string& path, const std::string& name) {
         fail(name, error);
 }
 
+/// Makes `file` the user's whose journal `path` is, or is to be: root may restore it, but does not serve.
+void giveToUserOf(const std::string& path, const std::string& file) {
+    struct stat user {};
+    if (geteuid() != 0 || (stat(path.c_str(), &user) != 0 && stat(folderOf(path).c_str(), &user) != 0))
+        return;
+    if (chown(file.c_str(), user.st_uid, user.st_gid) != 0) fail(file, errno);
+}
+
 /// A file beside `to`, readable by its user alone, that goes again unless it is kept.
 class Draft {
   public:
@@ -63,8 +71,9 @@ class Draft {
         nameAlso(m_path, to);
         syncToDisk(folderOf(to));
     }
-    /// Puts the file, complete and on disk, in place of `to`.
+    /// Puts the file, complete and on disk, in place of `to`, of the same user as that.
     void replace(const std::string& to) {
+        giveToUserOf(to, m_path);
         syncToDisk(m_path);
         if (std::rename(m_path.c_str(), to.c_str()) != 0) fail(to, errno);
         syncToDisk(folderOf(to));
@@ -114,6 +123,7 @@ std::string restore(const std::string& from, const std::string& path) {
         throw JournalError(from + ": " + problems.front());
     Journal(draft.path(), Journal::IfMissing::Refuse).goOnFromCopy(nextSessionOf(path));
 
+    giveToUserOf(path, OwnerLock::pathFor(path));
     std::string kept = keepAside(path);
     draft.replace(path);
     return kept;

@@ -3,6 +3,7 @@
 #include <fcntl.h>
 #include <soci/sqlite3/soci-sqlite3.h>
 #include <sys/stat.h>
+#include <unistd.h>
 
 #include <array>
 #include <cerrno>
@@ -90,6 +91,8 @@ void makePrivate(const std::string& path, Journal::IfMissing ifMissing) {
     // other connections of this process.
     struct stat present {};
     const bool exists = stat(path.c_str(), &present) == 0;
+    if (exists && access(path.c_str(), R_OK | W_OK) != 0)
+        throw JournalError(path + ": " + tool::systemError(errno));
     // SQLite keeps what is not yet in the file beside it, under the name by which it was opened.
     if (exists && S_ISREG(present.st_mode) && present.st_nlink > 1)
         throw JournalError(path + ": " +

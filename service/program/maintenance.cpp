@@ -1,12 +1,16 @@
 // The commands check, backup, restore, export and prune.
+#include <sys/stat.h>
 #include <unistd.h>
 
+#include <cerrno>
 #include <chrono>
+#include <csignal>
 #include <cstdlib>
 #include <filesystem>
 #include <fstream>
 #include <iostream>
 #include <iterator>
+#include <regex>
 #include <stdexcept>
 #include <thread>
 #include <vector>
@@ -70,6 +74,21 @@ bool write(const fs::path& path, const std::string& content) {
     const std::string problem = file.save(content);
     if (!problem.empty()) throw std::runtime_error(problem);
     return true;
+}
+
+/// Removes what exports that were cut off have left in the folders: documents that they had not finished.
+void removeUnfinished(const fs::path& folder) {
+    const std::regex unfinished("CFe[0-9]{44}\\.xml\\.([0-9]{1,9})\\.part");
+    std::error_code unreadable;
+    for (fs::recursive_directory_iterator entry(folder, fs::directory_options::skip_permission_denied,
+                                                unreadable);
+         !unreadable && entry != fs::recursive_directory_iterator(); entry.increment(unreadable)) {
+        std::smatch process;
+        const std::string name = entry->path().filename().string();
+        if (!std::regex_match(name, process, unfinished)) continue;
+        const bool ended = kill(std::stoi(process[1]), 0) != 0 && errno == ESRCH;
+        if (std::error_code kept; ended) fs::remove(entry->path(), kept);
+    }
 }
 
 /// How far a command is, on a terminal; nothing elsewhere.
@@ -192,7 +211,9 @@ int ExportCommand::run(const std::vector<std::string>& operands) {
     filter.limit = PAGE;
     if (!m_since.empty()) filter.since = momentOf(m_since);
     Journal journal = openJournal();
+    umask(S_IRWXG | S_IRWXO);  // customers' tax numbers are in them
     makeFolder(m_folder);
+    removeUnfinished(m_folder);
     std::size_t written = 0;
     std::size_t failed = 0;
     {

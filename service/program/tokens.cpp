@@ -57,8 +57,10 @@ TokenCommand::TokenCommand(CLI::App& application, const Settings& settings)
               tr("fiscorad token add NAME [--admin] | list | revoke NAME")) {
     m_options->add_option("ACTION", m_action, tr("add, list or revoke"))
         ->required()
-        ->check(tool::oneOf({"add", "list", "revoke"}));
-    m_options->add_option("NAME", m_name, tr("Of a till or of a person: 1 to 64 of A-Z a-z 0-9 . _ -"));
+        ->check(tool::oneOf({"add", "list", "revoke"}))
+        ->option_text(tr("ACTION"));
+    m_options->add_option("NAME", m_name, tr("Of a till or of a person: 1 to 64 of A-Z a-z 0-9 . _ -"))
+        ->option_text(tr("NAME"));
     m_options->add_flag("--admin", m_administrates,
                         tr("For a person who administers the service, and the page"));
 }
