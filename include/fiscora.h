@@ -51,9 +51,9 @@
  *
  * Texts: bytes, passed on unchanged in both directions. Documents are UTF-8, as their XML declares.
  *
- * Files: a debug log, logsDrs/logDrsYYYYMMDD.log in the working directory of the moment. The process makes
+ * Files: a debug log, logsDrs/logDrsYYYYMMDD.log in the current working directory. The process makes
  * the folder once, at its first call; a line that cannot be written is dropped. If a process runs past
- * midnight, its first call of the new day archives the previous log with tar and prints some lines on the
+ * midnight, its first call of the new day archives the previous log with tar and prints some lines on
  * standard output. If there are eight files or more then, the oldest is removed.
  */
 #ifndef FISCORA_H

@@ -13,7 +13,7 @@
 /**
  * A sentence or two in Portuguese for the status `status` of CodigoErro(): what happened and what to do.
  * UTF-8, at most 80 characters, no line break. Constant: valid as long as the program runs. Never null; a
- * number that is no FiscoraStatus has a text too. No text says whether the device booked a document: ask
+ * number that is not a FiscoraStatus has a text too. No text says whether the device booked a document: ask
  * ConsultarNumeroSessao.
  */
 static inline const char* fiscora_status_text(int status) {

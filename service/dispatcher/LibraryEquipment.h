@@ -12,7 +12,7 @@
 
 namespace fiscorad {
 
-/// The real device, by way of the library. It owns the device from when it is found until it is unplugged: a
+/// The real device, through the library. It owns the device from when it is found until it is unplugged: a
 /// lock (flock) on the device's node, which `fiscora call` and other services respect. Not safe for threads.
 class LibraryEquipment : public Equipment {
   public:

@@ -7,7 +7,7 @@
 class __attribute__((visibility("hidden"))) LogFile {
   public:
     /// Opens `path` with flags of `open`, a new file with mode 0666 less the umask. Not open afterwards, with
-    /// `errno` set, if that failed or `path` is no regular file.
+    /// `errno` set, if that failed or `path` is not a regular file.
     LogFile(const std::string& path, int flags);
     LogFile(LogFile&& other) noexcept;
     LogFile& operator=(LogFile&&) = delete;

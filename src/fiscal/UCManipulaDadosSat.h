@@ -77,7 +77,8 @@ class ManipulaDadosSat {
     void cleanEmptyFields(std::string& text);
     /// Replaces the first "<CNPJ/>" by "<CNPJ></CNPJ>", then the first "<CPF/>" by "<CPF></CPF>".
     void replaceTag(std::string& text);
-    /// Splits as the free function of this name does, and prints each piece on a line of the standard output.
+    /// Splits as the free function of this name does, and prints each piece on a line of its own on standard
+    /// output.
     std::vector<std::string> split(const std::string& text, char delimiter);
 
     /// Appends a row with the answer's timing headers and the differences between neighbouring stages to

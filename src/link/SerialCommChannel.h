@@ -54,7 +54,7 @@ class SerialCommChannel {
     /// freed by the caller; null if there is none. The library itself does not search this way.
     char* findUsbDeviceByVendorId();
     /// Opens and configures `path`. 0 if done; -1 for an empty path; else the `errno` of `isatty`. A file
-    /// that is no terminal stays open until the channel is disconnected.
+    /// that is not a terminal stays open until the channel is disconnected.
     int openSerial(const std::string& path);
 
     /// Whether the port is open; takes one second if not.
