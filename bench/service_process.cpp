@@ -1,11 +1,12 @@
 // Measures fiscorad as a process of its own, and prints the figure. Under `fiscora sim`, which gives it a
 // device.
 //
-//     service_process waiting FOLDER            MiB that were resident at most while 256 tills wait for the
-//     device at once service_process start FOLDER JOURNAL      seconds from its start until it answers, with
-//     that journal service_process look-up FOLDER JOURNAL    seconds of the median look-up of a key, each a
-//     request of its own; the keys
-//                                               come from standard input, a line each
+// clang-format off
+//     service_process waiting FOLDER           prints the peak resident MiB while 256 tills wait at once
+//     service_process start FOLDER JOURNAL     prints the seconds from its start until it answers
+//     service_process look-up FOLDER JOURNAL   prints the median seconds to look up a key; reads keys from
+//                                              standard input, one per line
+// clang-format on
 
 #include <CLI/CLI.hpp>
 #include <algorithm>

@@ -8,7 +8,7 @@
 
 namespace fiscorad {
 
-/// What Prometheus is told. No code, no document and no key is in it. Safe for threads.
+/// The metrics for Prometheus. They contain no activation code, document or key. Safe for threads.
 class Metrics {
   public:
     Metrics();

@@ -17,8 +17,8 @@ namespace fiscorad {
 
 class Dispatcher;
 
-/// What the tills are served with: the journal, the dispatcher and who waits for them, behind one door. HTTP
-/// only translates to and from this. Safe for threads; JournalError may come out of each method.
+/// The service as tills use it: one interface to the journal, the dispatcher and the notifications of
+/// changes. HTTP only translates to and from it. Safe for threads; every method may throw JournalError.
 class Service {
   public:
     /// All three outlive the service. `queueLimit`: documents that may wait in the queue.

@@ -38,8 +38,9 @@ void addOptions(CLI::App& application, Settings& settings) {
                        "/etc/fiscorad/activation-code)"))
         ->type_name(tr("FILE"));
     application
-        .add_option("--queue-limit", settings.queueLimit,
-                    tr("Documents that may wait; more are refused for the moment (default 1000)"))
+        .add_option(
+            "--queue-limit", settings.queueLimit,
+            tr("Documents that may wait in the queue; while it is full, new ones are refused (default 1000)"))
         ->type_name("N")
         ->check(tool::numberFrom(1, 1000000));
     auto* const certificate =

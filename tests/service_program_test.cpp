@@ -81,14 +81,14 @@ TEST(Fiscorad, SaysInOneLineWhyItDoesNotStart) {
          "LC_ALL=pt_BR.UTF-8 fiscorad --certificate c.pem --key k.pem --plain-http", 2,
          HasSubstr("usados juntos")},
         {"a certificate that is none", "fiscorad --certificate code --key code", 1,
-         HasSubstr("code: no certificate")},
+         HasSubstr("code: contains no PEM certificate")},
         {"a key that others can read",
          "certify; chmod 644 key.pem; fiscorad --certificate c.pem --key key.pem", 1,
-         HasSubstr("key.pem: readable by others")},
+         HasSubstr("key.pem: readable by other users")},
         {"another certificate's key",
          "certify; mv c.pem old.pem; certify; fiscorad --certificate old.pem --key key.pem", 1,
          HasSubstr("not the key of the certificate")},
-        {"a token's name that is none", "fiscorad token add 'a b'", 2, HasSubstr("make a name")},
+        {"a token's name that is none", "fiscorad token add 'a b'", 2, HasSubstr("is not a name")},
         {"no port", "fiscorad --listen 127.0.0.1", 1, HasSubstr("not an address and a port")},
         {"a configuration with a mistake", "echo 'listem = \"127.0.0.1:1\"' >c; fiscorad --config c", 2,
          HasSubstr("listem")},
@@ -194,7 +194,7 @@ TEST(Fiscorad, RemovesOnlyDocumentsThatAPersonSaysMayGoAndThatWereExported) {
         result.output,
         MatchesRegex(
             "201 1 document written\n201 201 2 documents written\nstatus 2\n0 documents removed\n"
-            "status 0\n200 (fiscorad prune: CFe[0-9]* stays: out .*\n){2}1 document removed\nstatus 1\n"
+            "status 0\n200 (fiscorad prune: CFe[0-9]* is kept: out .*\n){2}1 document removed\nstatus 1\n"
             "410 200 200 200 3\nended 0\n3 documents: nothing wrong\n"));
 }
 

@@ -209,7 +209,7 @@ SimCommand::SimCommand(CLI::App& application)
         ->allow_extra_args(false);
     m_options
         ->add_option("--seed", m_port.seed,
-                     tr("Choose the random faults: the same N brings the same ones (default 1)"))
+                     tr("Seed for random faults: the same N gives the same faults (default 1)"))
         ->type_name("N")
         ->check(numberFrom(0, 999999999));
     m_options

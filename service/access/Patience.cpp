@@ -18,7 +18,7 @@ std::chrono::milliseconds Patience::afterWrong(const std::string& address, Clock
         failures =
             now - failures->second.last > REMEMBERED ? m_failures.erase(failures) : std::next(failures);
     const auto known = m_failures.find(address);
-    // Whoever has so many addresses waits as long as can be.
+    // With that many addresses remembered, a new one waits the maximum.
     if (known == m_failures.end() && m_failures.size() >= MOST) return FIRST * (1 << DOUBLED_AT_MOST);
     Failures& failures = m_failures[address];
     failures.last = now;

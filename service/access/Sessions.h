@@ -9,8 +9,8 @@
 
 namespace fiscorad {
 
-/// Who is signed in on the page. In memory only: whoever starts the service again signs in again. Safe for
-/// threads.
+/// Who is signed in on the page. In memory only: after a restart of the service, everybody must sign in
+/// again. Safe for threads.
 class Sessions {
   public:
     using Clock = std::chrono::steady_clock;

@@ -13,8 +13,8 @@ enum class Role {
     Administrator,  ///< sees everything, decides, and calls any operation
 };
 
-/// What a till or a person proves itself with. The secret is shown once, when the token is made; kept is
-/// only its hash.
+/// What a till or a person proves itself with. The secret is shown once, when the token is made; only its
+/// hash is kept.
 struct Token {
     std::string name;  ///< of the till (`caixa`) or of the person
     Role role = Role::Till;

@@ -22,15 +22,15 @@ using Condition = DeviceState::Condition;
 using Proof = rules::Proof;
 
 constexpr milliseconds AT_ONCE{0};
-/// Between two looks at whether a device has come, the code file has changed or a person has decided.
+/// How often to look whether a device has come, the code file has changed or a person has decided.
 constexpr seconds IDLE{1};
 /// How old a reading may be when a document is sent.
 constexpr seconds FRESH{5};
-/// For what a step does besides its call and its pause, such as waiting for a slow disk.
+/// Time allowed for what a step does besides its call and its pause, such as waiting for a slow disk.
 constexpr seconds LEEWAY{60};
-/// A call lasts that many times its timeout, if answers to something else restart it.
+/// How many timeouts a call can last, since answers to something else restart it.
 constexpr int LONGEST_CALL = 6;
-/// Undecided documents that a device which has come back is asked about.
+/// How many undecided documents a reconnected device is asked about.
 constexpr std::size_t ASKED_AGAIN = 32;
 
 /// What came of a call, for the attempt's history.
@@ -80,7 +80,7 @@ void Dispatcher::run() {
             pause = step();
             lastFailure.clear();
         } catch (const std::exception& failure) {  // the journal, or memory
-            // What a call has led to and is not on disk is asked for again.
+            // If a call's result did not reach the disk, the device is asked for it again.
             if (failure.what() != lastFailure) m_settings.warn(failure.what());
             lastFailure = failure.what();
         }
@@ -242,8 +242,8 @@ Dispatcher::Call Dispatcher::ask(const char* command, const std::vector<Argument
     return call(command, m_journal.takeSession(), more);
 }
 
-/// A call went without an answer of its own. The next one waits, or it may take this one's answer, and the
-/// one after that its own, for ever.
+/// A call got no answer of its own. The next one waits; otherwise it could receive this one's answer, and
+/// every later call the answer of the one before.
 void Dispatcher::unanswered() {
     m_nextCall = m_settings.now() + m_pause;
     m_pause = rules::longer(m_pause);
@@ -458,7 +458,7 @@ void Dispatcher::askForLastFiscal(const Document& document) {
                   evidenceOf(fiscal::CMD_CONSULTA_ULTIMA_SESSAO_FISCAL, answer.reply));
 }
 
-/// Asks a device that has come about one of the documents that a person is to decide about: proof may turn
+/// Asks a newly connected device about one of the documents that a person is to decide about: proof may turn
 /// up.
 void Dispatcher::askAboutUndecided() {
     const Document document = m_undecided.back();
@@ -520,8 +520,8 @@ bool Dispatcher::settleByProof(const rules::Trial& trial, State from, const Proo
     return true;
 }
 
-/// No proof can be had. What the device shows now counts as explained, so that it goes on with other
-/// documents; that no row shows it stays an alarm.
+/// No proof can be had. What the device shows now counts as explained, so that it can go on with other
+/// documents; an alarm remains, because no row has that document.
 void Dispatcher::leaveToAPerson(const Document& document, const std::string& why) {
     const Attempt& attempt = m_open->trial.attempt;
     Outcome outcome;

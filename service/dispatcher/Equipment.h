@@ -14,10 +14,10 @@ class Equipment {
   public:
     virtual ~Equipment() = default;
 
-    /// A number for the terminal on which the device is now; another one as soon as it was unplugged or
-    /// another device came. None while there is no device, or while another program owns it.
+    /// A number for the terminal that the device is on now; it changes when the device is unplugged or
+    /// another one takes its place. None while there is no device, or while another program owns it.
     virtual std::optional<std::uint64_t> connection() = 0;
-    /// Makes one call. The arguments are the operation's; the session number stands first.
+    /// Makes one call. The arguments are the operation's; the session number comes first.
     virtual rules::Reply call(const manipulaDados::Operation& operation,
                               const std::vector<manipulaDados::Argument>& arguments) = 0;
 };

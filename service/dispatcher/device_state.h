@@ -24,7 +24,7 @@ struct LastCall {
     std::chrono::milliseconds duration{0};
 };
 
-/// How the device stands.
+/// The device's state.
 struct DeviceState {
     enum class Condition {
         Unknown,      ///< not asked yet

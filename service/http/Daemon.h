@@ -21,12 +21,12 @@ namespace fiscorad::http {
 
 class Exchange;
 
-/// HTTP itself: requests come in whole, responses go out, and whoever is too slow or too large is shown the
-/// door. It knows nothing of documents.
+/// HTTP itself: requests come in whole, responses go out, and a client that is too slow or sends too much is
+/// cut off. It knows nothing of documents.
 ///
-/// It stands on GNU libmicrohttpd. A till that waits costs no thread there, since its connection is
-/// suspended, and the memory of a connection is limited. cpp-httplib gives each connection a thread, lets
-/// five wait to be accepted, and reads header lines without end.
+/// It uses GNU libmicrohttpd, in which a waiting till costs no thread, because its connection is suspended,
+/// and the memory of a connection is limited. cpp-httplib gives each connection a thread, lets five wait to
+/// be accepted, and reads header lines without end.
 class Daemon {
   public:
     struct Settings {

@@ -21,7 +21,7 @@ class Events {
     /// Both outlive it, but `workers` must have stopped before it goes.
     Events(Service& service, Workers& workers, std::chrono::milliseconds heartbeat);
 
-    /// A listener's stream; the first event is how the device stands now. With each comment `mayListen` is
+    /// A listener's stream; the first event is the device's state now. With each comment `mayListen` is
     /// asked again, and the stream ends if it says no. Reads the journal.
     std::shared_ptr<EventStream> open(std::function<bool()> mayListen);
     /// Ends all streams.

@@ -24,7 +24,7 @@
 namespace fiscorad::http {
 namespace {
 
-/// What each body may have; beyond that, all of them share the next.
+/// A body up to this size is always taken; larger ones share LARGE_BODIES_BYTES.
 constexpr std::size_t SMALL_BODY_BYTES = std::size_t{64} * 1024;
 constexpr std::size_t LARGE_BODIES_BYTES = std::size_t{48} * 1024 * 1024;
 
@@ -127,8 +127,8 @@ MHD_Result Exchange::takeHead(const char* method, const char* version) {
     if (!hasOneLength(m_request)) return hangUp("O tamanho do corpo não está claro (RFC 9112, 6.3).");
     const auto length = m_request.headers.find("content-length");
     const bool known = length != m_request.headers.end();
-    // Whoever asks before sending is told now; the others only when they have sent it, or they would not
-    // read the answer.
+    // A client that sent Expect: 100-continue is refused now; others only after they have sent the body,
+    // since until then they would not read the answer.
     if (known && m_request.headers.count("expect") != 0 &&
         std::strtoull(length->second.c_str(), nullptr, 10) > m_daemon.m_settings.maxBodyBytes())
         return answerNow(bodyTooLarge(m_daemon.m_settings.maxBodyBytes()).response());

@@ -25,8 +25,8 @@ class Server {
         std::chrono::milliseconds formWait = std::chrono::seconds(120);
         /// Between two comments in a stream of events.
         std::chrono::milliseconds heartbeat = std::chrono::seconds(15);
-        /// For a whole request to arrive, from the connection or the answer before on, and for a whole
-        /// answer to leave; then the connection is closed.
+        /// Time for a whole request to arrive, counted from the connection or the previous answer, and for a
+        /// whole answer to leave; after that the connection is closed.
         std::chrono::milliseconds patience = std::chrono::seconds(60);
         std::function<std::string()> metrics = [] { return std::string(); };  ///< in Prometheus' text format
         std::function<void(const std::string&)> warn = [](const std::string&) {};  ///< one line for the log
@@ -39,9 +39,10 @@ class Server {
     ~Server();
 
     std::uint16_t port() const;
-    /// What the library takes: it depends on the activation code's length.
+    /// The longest document that the library accepts, which depends on the activation code's length.
     void setMaxDocumentBytes(std::size_t bytes);
-    /// From now on new documents get 503, and who waits for a document gets it as it is. Goes on listening.
+    /// From now on new documents get 503, and requests that wait for a document get it as it is. Goes on
+    /// listening.
     void stop();
 
   private:

@@ -39,8 +39,8 @@ class WaitingRoom {
     Workers& m_workers;
     std::mutex m_mutex;
     bool m_closed = false;
-    /// Each with its listening, which must end on another thread than the one that listens; so no guest
-    /// owns its own.
+    /// Each guest with its subscription. A guest does not own it, since a subscription must not end on the
+    /// thread that is calling its listener.
     std::map<std::shared_ptr<Guest>, Changes::Subscription> m_guests;
 };
 

@@ -11,8 +11,8 @@
 
 namespace fiscorad::http {
 
-/// A few threads that do what may take a while, such as waiting for the disk, so that the network's thread
-/// never does; and what is due at a given time. Safe for threads.
+/// A few threads for work that may block, such as disk access, so that the network's thread never does; also
+/// for work due at a given time. Safe for threads.
 class Workers {
   public:
     using Clock = std::chrono::steady_clock;
@@ -25,7 +25,7 @@ class Workers {
 
     /// `work` throws nothing. In the order in which they are posted.
     void post(Work work) { at(Clock::now(), std::move(work)); }
-    /// Before all that waits.
+    /// Ahead of everything that is queued.
     void postFirst(Work work) { at(Clock::time_point::min(), std::move(work)); }
     /// Not before `when`.
     void at(Clock::time_point when, Work work);

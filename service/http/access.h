@@ -17,7 +17,7 @@ namespace fiscorad::http {
 enum class Access { Public, Till, Administrator };
 
 /// Says who makes a request, by its token (Authorization: Bearer, RFC 6750) or by the page's session cookie.
-/// As long as there is no token, whoever is on this machine is an administrator, and nobody else is anything.
+/// As long as there is no token, anyone on this machine is an administrator, and nobody else has access.
 class Doorkeeper {
   public:
     /// Whether the page's cookie goes over TLS only.

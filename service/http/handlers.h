@@ -89,7 +89,7 @@ void refuse(Context& context, const Responder& respond, Doorkeeper::Refusal refu
 void answerOr(const Warn& warn, const Responder& respond, const std::function<void()>& answer);
 /// Takes the submission into the queue, and returns its document. Throws Rejection if that cannot be.
 Document accept(Context& context, const Submission& submission);
-/// Answers with the problem that a document with that end is, if it is one.
+/// The problem to answer with if the document ended in a failure; none if it did not.
 std::optional<Response> failureOf(const Document& document);
 /// Throws Rejection unless the operation was called.
 void requireDone(const OperationResult& result);

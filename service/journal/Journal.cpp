@@ -211,7 +211,7 @@ std::string requestOf(session& sql, long long document) {
     return sql.got_data() ? unpack(contentOf(packed), static_cast<std::size_t>(size)) : std::string();
 }
 
-/// Whether the document came with that body. Of one that was removed the digest is left.
+/// Whether the document came with that body. Of a removed one, only the digest is left.
 bool cameWith(session& sql, const Document& known, const std::string& body) {
     if (!known.documentRemoved) return requestOf(sql, known.id) == body;
     soci::blob digest(sql);
@@ -560,8 +560,8 @@ bool Journal::settle(const Attempt& attempt, State from, const Outcome& outcome)
         if (!now || now->state != from || !last || last->id != attempt.id) return false;
         if (outcome.state == State::Booked) {
             if (holdsKey(sql, outcome.booking.accessKey))
-                throw JournalError(
-                    tool::filled(tool::tr("%s is another document's"), outcome.booking.accessKey.c_str()));
+                throw JournalError(tool::filled(tool::tr("%s belongs to another document"),
+                                                outcome.booking.accessKey.c_str()));
             writeBooking(sql, document, outcome.booking, signedDocument);
         }
         writeState(sql, document, outcome.state);
@@ -671,10 +671,10 @@ std::optional<Document> Journal::rule(std::string_view key, const Ruling& ruling
                 const auto accessKey = AccessKey::parse(ruling.accessKey);
                 if (!accessKey)
                     throw std::invalid_argument(
-                        tool::filled(tool::tr("%s is no access key"), ruling.accessKey.c_str()));
+                        tool::filled(tool::tr("%s is not an access key"), ruling.accessKey.c_str()));
                 if (holdsKey(sql, accessKey->text()))
                     throw std::invalid_argument(
-                        tool::filled(tool::tr("%s is another document's"), accessKey->text().c_str()));
+                        tool::filled(tool::tr("%s belongs to another document"), accessKey->text().c_str()));
                 const std::string given = accessKey->text();
                 sql << "UPDATE documents SET access_key = :key WHERE id = :id", use(given), use(id);
                 recordRuling(sql, *document, *accessKey);
@@ -766,7 +766,7 @@ int Journal::nextSession() {
 }
 
 void Journal::goOnFromCopy(std::optional<int> nextSession) {
-    // By chance and not always as far: whoever restores the same copy again must not get the same numbers.
+    // Random, so that restoring the same copy twice does not reuse the same numbers.
     std::random_device random;
     const int jump = std::uniform_int_distribution(SHORTEST_JUMP, LONGEST_JUMP)(random);
     m_store->write([&](session& sql) {

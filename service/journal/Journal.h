@@ -32,7 +32,7 @@ struct Receipt {
         Accepted,   ///< on disk, in the queue
         Known,      ///< the same document was submitted before: `document` is that one
         KeyReused,  ///< the key was used with another body, for another kind of document or by another till;
-                    ///< one that no till used, since there were no tokens, belongs to all
+                    ///< a key used before there were tokens belongs to every till
         QueueFull,
     };
     Result result = Result::Accepted;
@@ -59,7 +59,7 @@ struct Intake {
     std::vector<std::string> bookedAnswers;  ///< of each booked sale; empty if a person decided
 };
 
-/// How an attempt, or its document, goes on: the new state with all that must be on disk with it.
+/// The outcome of an attempt: its document's new state, with everything that must be committed along with it.
 struct Outcome {
     State state = State::Uncertain;
     std::string answer;      ///< of the device, without the document field; empty: none
@@ -116,8 +116,8 @@ struct Action {
 constexpr int SESSION_NUMBERS = 999999;  ///< 1 to this; then from 1 again
 
 /// What is on disk: documents, attempts, their history, devices, decisions, session numbers, tokens. Every
-/// change is one durable commit; it has happened when the method returns, and has not when it throws
-/// JournalError. A change that rests on a state happens only if the document is still in it. Safe for
+/// change is one durable commit; it is on disk when the method returns, and undone if it throws JournalError.
+/// A change that depends on a document's state is made only if the document is still in that state. Safe for
 /// threads, and for several processes at once (the maintenance commands work while the service runs).
 class Journal {
   public:
@@ -187,7 +187,7 @@ class Journal {
     void record(const rules::DeviceRecord& device);
     /// Raises an alarm. False, and nothing is written, if it stands already, for that device and document.
     bool raise(const Alarm& alarm);
-    /// Alarms that nobody has confirmed and no row has come to explain, oldest first.
+    /// Alarms that nobody has confirmed and that no later row explains, oldest first.
     std::vector<Alarm> alarms();
 
     // ---- for people ----
@@ -201,7 +201,7 @@ class Journal {
     /// access keys stay, and a digest (SHA-256, in hexadecimal) of what was sent, so that a key which is sent
     /// again is still known.
     void removeTexts(const std::vector<std::int64_t>& documents);
-    /// Gives up to `pages` pages that hold nothing any more back to the file system. False if none is left.
+    /// Returns up to `pages` unused pages to the file system. False if none is left.
     bool shrink(int pages);
     /// Takes what the device showed as explained from now on.
     void confirm(std::int64_t alarm, std::string_view person, std::string_view reason);
@@ -227,10 +227,10 @@ class Journal {
     void copyTo(const std::string& path);
     /// What the next block of session numbers begins with, counted from 0.
     int nextSession();
-    /// Makes a copy fit to go on with, since the device and the tills may know more than it does: goes on
-    /// with session number `nextSession` of the journal before it, or else with one that is 100,000 to
-    /// 899,999 further at random, and lets a person decide about each document that had no
-    /// outcome: it may have got one since.
+    /// Prepares a restored copy for use. The device and the tills may know more than it does, so its session
+    /// numbers continue at `nextSession` of the replaced journal or, if that is not known, at a random
+    /// 100,000 to 899,999 further on, and a person must decide about each document that had no outcome: it
+    /// may have got one since.
     void goOnFromCopy(std::optional<int> nextSession);
 
   private:

@@ -61,7 +61,7 @@ class Store {
 
   private:
     /// Takes the right to write at its beginning, not at the first change: two that read first could block
-    /// each other for ever.
+    /// each other forever.
     class Transaction {
       public:
         explicit Transaction(soci::session& sql);

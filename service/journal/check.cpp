@@ -41,7 +41,7 @@ Problems damage(session& sql) {
     Problems problems = inEachRow(sql, "PRAGMA integrity_check", damaged);
     if (problems == Problems{damaged + ": ok"}) problems.clear();
     append(problems, inEachRow(sql, "SELECT \"table\" || ' ' || rowid FROM pragma_foreign_key_check",
-                               tr("row without the one it belongs to")));
+                               tr("row that refers to a missing row")));
     return problems;
 }
 

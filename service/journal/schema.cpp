@@ -22,14 +22,14 @@ constexpr std::array TABLES = {
     "CREATE TABLE documents (id INTEGER PRIMARY KEY, key TEXT NOT NULL UNIQUE, kind INTEGER NOT NULL,"
     " state INTEGER NOT NULL, till TEXT, sale_key TEXT NOT NULL, access_key TEXT UNIQUE, answer TEXT NOT NULL,"
     " not_booked INTEGER NOT NULL, has_document INTEGER NOT NULL, received_at BIGINT NOT NULL, concluded_at BIGINT)",
-    // Not for the open states alone: a database cannot tell that a bound state is one of them, and would read
-    // all.
+    // Not a partial index on the open states: SQLite cannot tell that a bound state is one of them, and would
+    // scan the table.
     "CREATE INDEX documents_state ON documents (state, id)",
     "CREATE INDEX documents_till ON documents (till, id)",
     "CREATE INDEX documents_received ON documents (received_at)",
     // What was sent and what came back, apart from the rest so that lists stay quick. Packed; the sizes are
-    // those of the texts. Where has_document is 2, both were removed, and `request` is the digest of the
-    // former.
+    // those of the texts. If has_document is 2, both were removed, and `request` is the digest of what was
+    // sent.
     "CREATE TABLE texts (document INTEGER PRIMARY KEY REFERENCES documents (id), request BLOB NOT NULL,"
     " request_size INTEGER NOT NULL, signed BLOB, signed_size INTEGER)",
     "CREATE TABLE attempts (id INTEGER PRIMARY KEY, document INTEGER NOT NULL REFERENCES documents (id),"

@@ -1,5 +1,5 @@
 /* The rules of fiscorad, with everything around it that can go wrong, for the model checker spin: scripts/model tries every
- * order of events with a few crashes and faults, and shows the way to a mistake if there is one.
+ * order of events with a few crashes and faults, and shows the steps that lead to a mistake, if there is one.
  * The properties are the assertions, each with its name on its line, and `settles` at the end.
  *
  *   here                                   in the code

@@ -21,7 +21,7 @@ class Log {
     /// Writes a line for each change of a document or of the device, until the subscription ends.
     [[nodiscard]] Changes::Subscription follow(Service& service);
 
-    /// How the device stands, as one line; empty while nothing is known.
+    /// The device's state, as one line; empty while nothing is known.
     static std::string describe(const DeviceState& device);
 
   private:

@@ -69,8 +69,7 @@ void Supervision::tellStatus() {
 void Supervision::feedWatchdog() {
     const bool works = m_settings.works();
     if (works) service_manager::tell("WATCHDOG=1");
-    if (!works && m_worked)
-        m_settings.warn(tool::tr("the service does not move: the watchdog may restart it"));
+    if (!works && m_worked) m_settings.warn(tool::tr("the service hangs: the watchdog may restart it"));
     m_worked = works;
 }
 

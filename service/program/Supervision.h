@@ -12,8 +12,8 @@
 
 namespace fiscorad {
 
-/// Tells the system's service manager, if there is one, that the service is ready, how the device stands, and
-/// that the service works. It kills and starts again a service that no longer says the last.
+/// Tells the system's service manager, if there is one, that the service is ready and works, and what state
+/// the device is in. The manager kills and restarts a service that stops reporting that it works.
 class Supervision {
   public:
     struct Settings {

@@ -53,7 +53,7 @@ DecideCommand::DecideCommand(CLI::App& application, const Settings& settings)
     m_options->add_option("--booked", m_accessKey, tr("The device has booked it, under this access key"))
         ->type_name("CFe...");
     m_options->add_flag("--send-again", m_sendAgain, tr("The device has not booked it: send it again"));
-    m_options->add_flag("--abandon", m_abandon, tr("It will not be resolved"));
+    m_options->add_flag("--abandon", m_abandon, tr("Give up: nobody will find out whether it was booked"));
     m_options->add_option("--reason", m_reason, tr("Why; kept in the journal with your name"))
         ->required()
         ->type_name(tr("TEXT"));
@@ -62,7 +62,7 @@ DecideCommand::DecideCommand(CLI::App& application, const Settings& settings)
 int DecideCommand::run(const std::vector<std::string>& operands) {
     tool::refuseExtras(operands);
     const int decisions = (m_accessKey.empty() ? 0 : 1) + (m_sendAgain ? 1 : 0) + (m_abandon ? 1 : 0);
-    if (decisions != 1) throw CLI::ValidationError(tr("give one of --booked, --send-again and --abandon"));
+    if (decisions != 1) throw CLI::ValidationError(tr("give one of --booked, --send-again or --abandon"));
     Ruling ruling;
     ruling.person = person();
     ruling.reason = m_reason;
@@ -72,7 +72,7 @@ int DecideCommand::run(const std::vector<std::string>& operands) {
         question = tr("Send it again? If the device has booked it, it is then booked twice.");
     } else if (!m_abandon) {
         const auto key = AccessKey::parse(m_accessKey);
-        if (!key) throw CLI::ValidationError(filled(tr("%s is no access key"), m_accessKey.c_str()));
+        if (!key) throw CLI::ValidationError(filled(tr("%s is not an access key"), m_accessKey.c_str()));
         ruling.kind = Ruling::Kind::Booked;
         ruling.accessKey = key->text();
         question = filled(tr("Record it as booked under %s?"), ruling.accessKey.c_str());

@@ -132,7 +132,8 @@ fs::path pathIn(const fs::path& folder, const AccessKey& key) {
 /// The beginning of a day, or the moment; throws CLI::ValidationError if it is neither.
 Time momentOf(const std::string& day) {
     const auto span = parseTime(day);
-    if (!span) throw CLI::ValidationError(tool::filled(tr("%s is no day, such as 2026-11-23"), day.c_str()));
+    if (!span)
+        throw CLI::ValidationError(tool::filled(tr("%s is not a date such as 2026-11-23"), day.c_str()));
     return span->begin;
 }
 
@@ -189,7 +190,7 @@ int RestoreCommand::run(const std::vector<std::string>& operands) {
         return EXIT_FAILURE;
     const std::string kept = restore(m_file, settings().journal);
     std::cout << tool::filled(tr("Restored: %s"), settings().journal.c_str()) << "\n";
-    if (!kept.empty()) std::cout << tool::filled(tr("The journal of before: %s"), kept.c_str()) << "\n";
+    if (!kept.empty()) std::cout << tool::filled(tr("The previous journal: %s"), kept.c_str()) << "\n";
     return EXIT_SUCCESS;
 }
 
@@ -201,7 +202,7 @@ ExportCommand::ExportCommand(CLI::App& application, const Settings& settings)
         ->type_name(tr("DIR"));
     m_options->add_option("--since", m_since, tr("Only those received on this day or later"))
         ->type_name(tr("DAY"));
-    m_options->footer(tr("Files that are there already stay, so it can be interrupted and run again."));
+    m_options->footer(tr("Existing files are kept, so the export can be interrupted and run again."));
 }
 
 int ExportCommand::run(const std::vector<std::string>& operands) {
@@ -241,15 +242,16 @@ int ExportCommand::run(const std::vector<std::string>& operands) {
 }
 
 PruneCommand::PruneCommand(CLI::App& application, const Settings& settings)
-    : Command(application, settings, "prune", tr("Remove exported documents whose legal time is over"),
+    : Command(application, settings, "prune", tr("Remove exported documents that no longer have to be kept"),
               tr("fiscorad prune --before DAY --dir DIR --legal-time-over --reason TEXT")) {
     m_options->add_option("--before", m_before, tr("Only those received before this day"))
         ->required()
         ->type_name(tr("DAY"));
-    m_options->add_option("--dir", m_folder, tr("Where they were exported to; what is not there stays"))
+    m_options
+        ->add_option("--dir", m_folder, tr("Folder they were exported to; documents missing there are kept"))
         ->required()
         ->type_name(tr("DIR"));
-    m_options->add_flag("--legal-time-over", m_legalTimeOver, tr("The law no longer requires to keep them"))
+    m_options->add_flag("--legal-time-over", m_legalTimeOver, tr("The law no longer requires keeping them"))
         ->required();
     m_options->add_option("--reason", m_reason, tr("Why; kept in the journal with your name"))
         ->required()
@@ -267,8 +269,7 @@ int PruneCommand::run(const std::vector<std::string>& operands) {
     filter.limit = BATCH;
     Journal journal = openJournal();
     if (!goesOn(tool::filled(
-            tr("Remove the documents received before %s from the journal? Only the files in %s are "
-               "left of them."),
+            tr("Remove the documents received before %s from the journal? Only the files in %s will remain."),
             m_before.c_str(), m_folder.c_str())))
         return EXIT_FAILURE;
     journal.recordAction(person(), "remoção de documentos",
@@ -290,7 +291,7 @@ int PruneCommand::run(const std::vector<std::string>& operands) {
                 ++failed;
                 bar.wipe();
                 std::cerr << "fiscorad prune: "
-                          << tool::filled(tr("%s stays: %s does not hold it as it is in the journal"),
+                          << tool::filled(tr("%s is kept: %s does not match the journal"),
                                           document.accessKey.c_str(), m_folder.c_str())
                           << "\n";
             }

@@ -91,7 +91,7 @@ std::string nodeName() {
     return name.data();
 }
 
-/// Also a name: the server refuses it for what it is.
+/// True for a host name too: the server then refuses it as not being an address.
 bool staysOnThisMachine(const std::string& address) {
     in6_addr bytes{};
     const bool isAddress =
@@ -99,8 +99,7 @@ bool staysOnThisMachine(const std::string& address) {
     return !isAddress || address == "::1" || address.rfind("127.", 0) == 0;
 }
 
-/// Throws std::runtime_error unless what goes over the network is kept secret, or a person takes care of
-/// that.
+/// Throws std::runtime_error unless network traffic is encrypted, or the user has said that a proxy does it.
 void requireSecrecy(const Settings& settings, const Endpoint& endpoint) {
     if (staysOnThisMachine(endpoint.address) || !settings.certificate.empty() || settings.plainHttp) return;
     throw std::runtime_error(
@@ -180,11 +179,11 @@ int serve(const Settings& settings) {
         signals.await();
         supervision.stopping();
         service.stop();
-        log.info(
-            tool::tr("ending: no new documents; a running call ends first, unless another signal comes"));
+        log.info(tool::tr(
+            "stopping: no new documents are accepted; a running call is finished first, unless another signal arrives"));
         server.stop();
     }
-    log.info(tool::tr("ended"));
+    log.info(tool::tr("stopped"));
     return EXIT_SUCCESS;
 }
 

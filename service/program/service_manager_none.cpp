@@ -1,4 +1,4 @@
-// Built where systemd's library is missing.
+// Built if systemd's library is missing.
 #include "program/service_manager.h"
 
 namespace fiscorad::service_manager {

@@ -42,15 +42,14 @@ Identification readIdentification(const std::string& certificateFile, const std:
     Identification found{contentOf(certificateFile), contentOf(keyFile)};
     struct stat file {};
     if (stat(keyFile.c_str(), &file) != 0) fail(keyFile, tool::systemError(errno));
-    if ((file.st_mode & (S_IRWXG | S_IRWXO)) != 0)
-        fail(keyFile, tr("readable by others than its user (chmod 600)"));
+    if ((file.st_mode & (S_IRWXG | S_IRWXO)) != 0) fail(keyFile, tr("readable by other users (chmod 600)"));
 
     const std::unique_ptr<X509, decltype(&X509_free)> certificate(
         PEM_read_bio_X509(memoryOf(found.certificate).get(), nullptr, noPassphrase, nullptr), X509_free);
-    if (!certificate) fail(certificateFile, tr("no certificate in PEM"));
+    if (!certificate) fail(certificateFile, tr("contains no PEM certificate"));
     const std::unique_ptr<EVP_PKEY, decltype(&EVP_PKEY_free)> key(
         PEM_read_bio_PrivateKey(memoryOf(found.key).get(), nullptr, noPassphrase, nullptr), EVP_PKEY_free);
-    if (!key) fail(keyFile, tr("no private key in PEM, or it has a passphrase"));
+    if (!key) fail(keyFile, tr("contains no PEM private key, or the key has a passphrase"));
     if (X509_check_private_key(certificate.get(), key.get()) != 1)
         fail(keyFile, tr("not the key of the certificate"));
     return found;

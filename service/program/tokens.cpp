@@ -34,7 +34,7 @@ int revoke(Journal& journal, const std::string& name) {
     journal.recordAction(person(), "token revogado", name);
     std::cout << filled(tr("%s: revoked"), name.c_str()) << "\n";
     if (!journal.hasTokens())
-        std::cerr << tr("That was the last one: whoever is on this machine is an administrator now.") << "\n";
+        std::cerr << tr("That was the last token: anyone on this machine is now an administrator.") << "\n";
     return EXIT_SUCCESS;
 }
 
@@ -53,13 +53,14 @@ int list(Journal& journal) {
 }  // namespace
 
 TokenCommand::TokenCommand(CLI::App& application, const Settings& settings)
-    : Command(application, settings, "token", tr("Say who may use the service"),
+    : Command(application, settings, "token", tr("Manage tokens for tills and administrators"),
               tr("fiscorad token add NAME [--admin] | list | revoke NAME")) {
     m_options->add_option("ACTION", m_action, tr("add, list or revoke"))
         ->required()
         ->check(tool::oneOf({"add", "list", "revoke"}))
         ->option_text(tr("ACTION"));
-    m_options->add_option("NAME", m_name, tr("Of a till or of a person: 1 to 64 of A-Z a-z 0-9 . _ -"))
+    m_options
+        ->add_option("NAME", m_name, tr("Name of a till or person: 1 to 64 characters of A-Z a-z 0-9 . _ -"))
         ->option_text(tr("NAME"));
     m_options->add_flag("--admin", m_administrates,
                         tr("For a person who administers the service, and the page"));
@@ -70,10 +71,10 @@ int TokenCommand::run(const std::vector<std::string>& operands) {
     const bool lists = m_action == "list";
     if (lists != m_name.empty())
         throw CLI::ValidationError(lists ? tr("list takes no name") : tr("a name is missing"));
-    if (m_administrates && m_action != "add") throw CLI::ValidationError(tr("--admin goes with add"));
+    if (m_administrates && m_action != "add") throw CLI::ValidationError(tr("--admin is only for add"));
     if (!lists && !isTokenName(m_name))
         throw CLI::ValidationError(
-            filled(tr("%s: 1 to 64 of A-Z a-z 0-9 . _ - make a name"), m_name.c_str()));
+            filled(tr("%s is not a name: expected 1 to 64 characters of A-Z a-z 0-9 . _ -"), m_name.c_str()));
     Journal journal = openJournal();
     if (lists) return list(journal);
     if (m_action == "revoke") return revoke(journal, m_name);

@@ -14,7 +14,7 @@ using Time = std::chrono::system_clock::time_point;
 /// A document's kind. The numbers are those of the journal.
 enum class Kind { Sale = 0, Cancellation = 1 };
 
-/// Where a document stands. The numbers are those of the journal.
+/// A document's state. The numbers are those of the journal.
 enum class State {
     Queued = 0,     ///< accepted and on disk, not sent yet
     Sent = 1,       ///< its attempt is on disk; the call is running, or was when the process ended

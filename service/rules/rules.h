@@ -9,11 +9,11 @@
 
 #include "rules/document.h"
 
-/// What follows from what is known. Pure functions: no input or output, no clock, no journal. The same
-/// rules stand in model/fiscorad.pml, where they are checked exhaustively; keep the two together.
+/// The rules that decide a document's outcome. Pure functions: no input or output, no clock, no journal.
+/// model/fiscorad.pml states the same rules, for exhaustive checking; change both together.
 namespace fiscorad::rules {
 
-/// Of this process; it never goes back.
+/// Monotonic, and only meaningful within this process.
 using Clock = std::chrono::steady_clock;
 
 /// What came of one call to the device.
@@ -78,8 +78,8 @@ struct Proof {
 /// From the call of the attempt itself. NothingSent: the library refused the arguments (status 8).
 Proof proofInCall(const Trial& trial, const Reply& reply);
 /// From a question: ConsultarNumeroSessao for the attempt's session, or ConsultarUltimaSessaoFiscal. Only a
-/// booking bears marks of its own; a stored refusal may be another program's that took the same number, while
-/// the device is still at work on ours (see afterStoredAnswer).
+/// booking can be recognised as ours: a stored refusal may belong to another program that used the same
+/// number, while the device is still working on our request (see afterStoredAnswer).
 Proof proofInStoredAnswer(const Trial& trial, const Reply& reply);
 
 /// What the journal knows of a device.
@@ -90,7 +90,7 @@ struct DeviceRecord {
         lastCancellation;  ///< booked after it; the device may or may not count it. 44 digits or empty
 };
 
-/// How a device's last document stands to the journal.
+/// How a device's last document relates to the journal.
 enum class Standing {
     Explained,       ///< it is the journal's
     PerhapsAttempt,  ///< it is the next number, and exactly one attempt is open: that one may have booked it

@@ -15,7 +15,7 @@ struct Process {
 /// Whether the process is a modem manager, which opens new serial nodes and talks to them.
 bool isModemManager(const Process& process);
 
-/// Other processes, as far as /proc shows them to this user.
+/// Other processes that /proc shows to this user.
 struct Holders {
     std::vector<Process> holding{};  ///< have the node open
     std::vector<Process> unread{};   ///< do not show their files
