@@ -360,7 +360,7 @@ milliseconds Dispatcher::resolve(const std::vector<Document>& open) {
     if (!m_open || m_open->trial.attempt.document != document.id) takeOver(document);
     if (document.state == State::Sent) {
         Outcome uncertain;
-        uncertain.evidence = "o serviço terminou durante a chamada";
+        uncertain.evidence = "o serviço parou durante a chamada";
         settle(m_open->trial.attempt, State::Sent, uncertain);
         return AT_ONCE;
     }

@@ -123,7 +123,7 @@ MHD_Result Exchange::takeHead(const char* method, const char* version) {
     Head head = headOf(m_connection, method, m_request.target, version);
     m_request.headers = std::move(head.headers);
     if (!head.isWhole)
-        return hangUp("O cabeçalho da requisição tem um byte NUL ou uma linha partida (RFC 9112, 5).");
+        return hangUp("O cabeçalho da requisição tem um byte zero ou uma linha partida (RFC 9112, 5).");
     if (!hasOneLength(m_request)) return hangUp("O tamanho do corpo não está claro (RFC 9112, 6.3).");
     const auto length = m_request.headers.find("content-length");
     const bool known = length != m_request.headers.end();

@@ -89,8 +89,9 @@ void requireDone(const OperationResult& result) {
     switch (result.result) {
         case OperationResult::Result::Done: return;
         case OperationResult::Result::DocumentOpen:
-            throw Rejection(problems::DOCUMENT_OPEN,
-                            "O equipamento está respondendo sobre um documento sem desfecho. Tente depois.");
+            throw Rejection(
+                problems::DOCUMENT_OPEN,
+                "O serviço ainda está apurando o desfecho de um documento. Tente de novo em alguns segundos.");
         case OperationResult::Result::NoDevice:
             throw Rejection(problems::NO_DEVICE,
                             "O equipamento não foi encontrado, ou outro programa o está usando.");

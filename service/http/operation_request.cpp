@@ -37,7 +37,7 @@ void checkNumber(const Parameter& parameter, const std::string& text) {
 
 void checkText(const Parameter& parameter, const std::string& text) {
     if (text.find('\0') != std::string::npos)
-        throw Rejection(problems::ARGUMENT, std::string(parameter.name) + " contém um byte NUL.");
+        throw Rejection(problems::ARGUMENT, std::string(parameter.name) + "  contém um byte zero.");
 }
 
 std::string argumentText(const std::string& name, const json& value) {

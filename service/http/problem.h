@@ -47,7 +47,7 @@ constexpr Problem CALL_FAILED{502, "falha-na-chamada", "A chamada ao equipamento
 constexpr Problem NO_ANSWER{502, "sem-retorno", "Documento emitido sem retorno do equipamento"};
 constexpr Problem QUEUE_FULL{503, "fila-cheia", "Fila cheia", 5};
 constexpr Problem NOT_READY{503, "indisponivel", "Sem condições de aceitar documentos", 5};
-constexpr Problem OVERLOADED{503, "sobrecarga", "Documentos grandes demais ao mesmo tempo", 5};
+constexpr Problem OVERLOADED{503, "sobrecarga", "Muitos documentos grandes ao mesmo tempo", 5};
 constexpr Problem DOCUMENT_OPEN{503, "documento-em-aberto", "Um documento está sem desfecho", 5};
 constexpr Problem NO_DEVICE{503, "sem-equipamento", "Equipamento ausente", 10};
 constexpr Problem CODE_REFUSED{503, "codigo-recusado", "Código de ativação recusado", 30};

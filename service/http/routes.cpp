@@ -134,7 +134,7 @@ void answerOr(const Warn& warn, const Responder& respond, const std::function<vo
                                 "O registro não pode ser lido ou gravado. Reenvie a mesma chave."));
     } catch (const std::exception& failure) {
         warn(std::string("cannot answer a request: ") + failure.what());
-        respond(problemResponse(problems::INTERNAL, "O serviço falhou; o motivo está no diário do sistema."));
+        respond(problemResponse(problems::INTERNAL, "O serviço falhou; o motivo está no log dele."));
     }
 }
 

@@ -78,7 +78,7 @@ Submission checked(Submission submission, std::size_t maxBytes) {
     if (submission.body.empty()) throw Rejection(problems::BODY, "O documento está vazio.");
     if (submission.body.size() > maxBytes) throw tooLarge(maxBytes);
     if (submission.body.find('\0') != std::string::npos)
-        throw Rejection(problems::BODY, "O documento contém um byte NUL.");
+        throw Rejection(problems::BODY, "O documento contém um byte zero.");
     if (submission.kind == Kind::Sale) return submission;
 
     const auto key = AccessKey::parse(submission.saleKey);

@@ -15,7 +15,7 @@ const DEVICE = {
   ocupado: ["Em uma chamada", "busy", "O equipamento está trabalhando."],
   resolvendo: ["Resolvendo uma venda", "busy", "Uma chamada terminou sem resposta; o serviço pergunta ao equipamento o que aconteceu."],
   ausente: ["Ausente", "bad", "O equipamento não foi encontrado ou não responde."],
-  "codigo-recusado": ["Código recusado", "bad", "O equipamento recusou o código de ativação. Nada é enviado até o arquivo do código mudar."],
+  "codigo-recusado": ["Código recusado", "bad", "O equipamento recusou o código de ativação. Corrija o arquivo do código; se o serviço veio do pacote, reinicie-o depois. Até lá, nada é enviado."],
   divergente: ["Divergente", "bad", "O equipamento mostra um documento que o registro não explica. Nada é enviado até alguém confirmar."],
 };
 const STATE = {
@@ -228,7 +228,7 @@ async function showChart() {
   $("chart").replaceChildren(svg);
   const sorted = calls.map((made) => made.duracaoMs).sort((one, other) => one - other);
   $("chart-words").textContent = sorted.length
-    ? `${integer.format(sorted.length)} chamadas, metade em até ${integer.format(sorted[sorted.length >> 1])} ms; ${integer.format(calls.filter((made) => made.status !== 0).length)} sem resposta válida.`
+    ? `Chamadas: ${integer.format(sorted.length)}. Metade em até ${integer.format(sorted[sorted.length >> 1])} ms; ${integer.format(calls.filter((made) => made.status !== 0).length)} sem resposta válida.`
     : "Nenhuma chamada neste período.";
 }
 $("hours").addEventListener("change", showChart);
@@ -400,7 +400,7 @@ $("ask").addEventListener("click", () => ask({
     showChart();
   } }));
 $("confirm-device").addEventListener("click", () => ask({
-  title: "Voltar a vender neste equipamento?", text: "O documento que ele mostra passa a valer como explicado.", label: "Confirmar", reason: true,
+  title: "Voltar a vender neste equipamento?", text: "O serviço aceita o equipamento como está, com o último documento que ele mostra.", label: "Confirmar", reason: true,
   evidence: [...$("alarms").children].map((alarm) => alarm.textContent),
   act: async ({ reason }) => showDevice(await call("POST", "/v1/equipamento/confirmacao", { motivo: reason })) }));
 
