@@ -773,7 +773,8 @@ TEST_F(Http, RefusesAHeadWithANul) {
           "DELETE /v1/vendas/k\0x HTTP/1.1\r\nHost: x\r\n"s}) {
         Till sender(server->port());
         sender.send(head + "Content-Length: 1\r\n\r\nx");
-        EXPECT_EQ(sender.reply().status, 400) << head;
+        const int status = sender.reply().status;  // 0: the connection is closed
+        EXPECT_TRUE(status == 400 || status == 0) << status << " to " << head;
         EXPECT_FALSE(m_journal.find("k")) << head;
     }
 }
